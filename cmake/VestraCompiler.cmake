@@ -1,0 +1,19 @@
+# Warnings and sanitizers that everything of ours is built with; link `vestra_compile` to get them.
+add_library(vestra_compile INTERFACE)
+target_compile_options(vestra_compile INTERFACE -Wall -Wextra -Wshadow -Wconversion -Wformat=2)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # The log texts are literals with arguments by design; what this warns of beyond -Wformat=2 is their truncation by
+  # snprintf into the fixed buffers, which is intended everywhere it happens.
+  target_compile_options(vestra_compile INTERFACE -Wno-format-truncation -Wno-psabi)
+endif()
+if(VESTRA_WERROR)
+  target_compile_options(vestra_compile INTERFACE -Werror)
+endif()
+
+if(VESTRA_SANITIZE)
+  add_compile_options(-fsanitize=${VESTRA_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${VESTRA_SANITIZE})
+  if(VESTRA_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()

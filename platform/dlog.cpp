@@ -1,0 +1,121 @@
+#include "platform/dlog.h"
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+static constexpr size_t kTextSize = 1920;  // formatted text, terminator included
+static constexpr size_t kLineSize = 4096;  // a whole line, control characters written out; one atomic append
+
+static int threshold_from_environment() {
+    const char *level = getenv("VESTRA_DLOG_LEVEL");
+    if (level == nullptr) return DLOG_INFO;
+    static const struct {
+        const char *name;
+        int prio;
+    } kLevels[] = {{"debug", DLOG_DEBUG}, {"info", DLOG_INFO}, {"warning", DLOG_WARN}, {"error", DLOG_ERROR},
+                   {"3", DLOG_DEBUG},     {"4", DLOG_INFO},    {"5", DLOG_WARN},       {"6", DLOG_ERROR}};
+    for (const auto &known : kLevels) {
+        if (strcmp(level, known.name) == 0) return known.prio;
+    }
+    return DLOG_INFO;
+}
+
+static int log_descriptor() {
+    const char *path = getenv("VESTRA_DLOG_FILE");
+    if (path == nullptr || *path == '\0') return STDERR_FILENO;
+    const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
+    return fd < 0 ? STDERR_FILENO : fd;
+}
+
+int dlog_threshold = threshold_from_environment();
+
+void dlog_set_threshold(int prio) {
+    dlog_threshold = prio;
+}
+
+// Appends `text` with control characters written out. Returns the new length, which leaves room for a line end.
+static size_t append_escaped(char *line, size_t used, const char *text, size_t length) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    for (size_t i = 0; i < length && used + 5 < kLineSize; ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (byte >= 0x20 && byte != 0x7f) {
+            line[used++] = text[i];
+            continue;
+        }
+        line[used++] = '\\';
+        line[used++] = 'x';
+        line[used++] = kHex[byte >> 4];
+        line[used++] = kHex[byte & 15];
+    }
+    return used;
+}
+
+struct UtcTime {
+    int year, month, day, hour, minute, second;
+};
+
+// By hand, because the C library's conversion takes a lock that a forked child may find held.
+static UtcTime utc_time(time_t seconds) {
+    const int64_t days = seconds / 86400;
+    const auto of_day = static_cast<int>(seconds % 86400);
+    // Days since 0000-03-01 in eras of 400 years, so that the leap day is a year's last.
+    const int64_t shifted = days + 719468;
+    const int64_t era = shifted / 146097;
+    const int64_t day_of_era = shifted % 146097;
+    const int64_t year_of_era = (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
+    const int64_t day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
+    const int64_t month = (5 * day_of_year + 2) / 153;  // 0 = March
+    UtcTime utc;
+    utc.day = static_cast<int>(day_of_year - (153 * month + 2) / 5 + 1);
+    utc.month = static_cast<int>(month < 10 ? month + 3 : month - 9);
+    utc.year = static_cast<int>(year_of_era + era * 400 + (utc.month <= 2 ? 1 : 0));
+    utc.hour = of_day / 3600;
+    utc.minute = of_day / 60 % 60;
+    utc.second = of_day % 60;
+    return utc;
+}
+
+int __dlog_print(log_id_t /*id*/, int prio, const char *tag, const char *fmt, ...) {
+    if (!dlog_wants(prio)) return 0;
+    const int saved = errno;
+    static const int fd = log_descriptor();
+
+    char text[kTextSize];
+    va_list arguments;
+    va_start(arguments, fmt);
+    errno = saved;  // for %m
+    const int formatted = vsnprintf(text, sizeof(text), fmt, arguments);
+    va_end(arguments);
+    if (formatted < 0) {
+        errno = saved;
+        return -1;
+    }
+    size_t length = std::min(static_cast<size_t>(formatted), sizeof(text) - 1);
+    if (length > 0 && text[length - 1] == '\n') --length;
+
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const UtcTime utc = utc_time(now.tv_sec);
+    const char letter = prio >= DLOG_DEBUG && prio <= DLOG_ERROR ? "DIWE"[prio - DLOG_DEBUG] : '?';
+    char line[kLineSize];
+    const int head =
+        snprintf(line, kLineSize / 4, "%04d-%02d-%02d %02d:%02d:%02d.%03dZ %c %d:%d %s: ", utc.year, utc.month, utc.day,
+                 utc.hour, utc.minute, utc.second, static_cast<int>(now.tv_nsec / 1000000), letter,
+                 static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)), tag == nullptr ? "" : tag);
+    size_t used = std::min(static_cast<size_t>(std::max(head, 0)), kLineSize / 4 - 1);
+    used = append_escaped(line, used, text, length);
+    line[used++] = '\n';
+    const ssize_t written = write(fd, line, used);
+    errno = saved;
+    return written < 0 ? -1 : static_cast<int>(length);
+}

@@ -1,0 +1,82 @@
+#include "platform/notification.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <new>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "platform/fault.h"
+#include "platform/guarded.h"
+#include "platform/state_dir.h"
+
+struct notification_s {
+    int type = 0;
+    int hide_timeout = 0;
+    bool auto_remove = true;
+    int applist = 0;
+    std::string text;
+};
+
+static constexpr int kContentText = 1;
+
+notification_h notification_create(int type) {
+    if (platform_fault(FAULT_NOTIFICATION_CREATE)) return nullptr;
+    auto *notification = new (std::nothrow) notification_s;
+    if (notification != nullptr) notification->type = type;
+    return notification;
+}
+
+int notification_set_hide_timeout(notification_h notification, int seconds) {
+    if (notification == nullptr || platform_fault(FAULT_NOTIFICATION_HIDE_TIMEOUT)) return -1;
+    notification->hide_timeout = seconds;
+    return 0;
+}
+
+int notification_set_auto_remove(notification_h notification, bool auto_remove) {
+    if (notification == nullptr || platform_fault(FAULT_NOTIFICATION_AUTO_REMOVE)) return -1;
+    notification->auto_remove = auto_remove;
+    return 0;
+}
+
+int notification_set_text(notification_h notification, int text_type, const char *text, const char * /*key*/,
+                          int /*args_type*/, ...) {
+    if (notification == nullptr || text == nullptr || platform_fault(FAULT_NOTIFICATION_TEXT)) return -1;
+    return guarded(-1, [&] {
+        if (text_type == kContentText) notification->text = text;
+        return 0;
+    });
+}
+
+int notification_set_display_applist(notification_h notification, int applist) {
+    if (notification == nullptr || platform_fault(FAULT_NOTIFICATION_APPLIST)) return -1;
+    notification->applist = applist;
+    return 0;
+}
+
+int notification_post(notification_h notification) {
+    if (notification == nullptr || platform_fault(FAULT_NOTIFICATION_POST)) return -1;
+    return guarded(-1, [&] {
+        using nlohmann::json;
+        const json notice = {{"time", static_cast<int64_t>(time(nullptr))},
+                             {"type", notification->type},
+                             {"text", notification->text},
+                             {"hide_timeout", notification->hide_timeout},
+                             {"auto_remove", notification->auto_remove},
+                             {"applist", notification->applist}};
+        const std::string line = notice.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+        const std::string path = state_path("notifications.jsonl");
+        const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+        const bool written = fd >= 0 && write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+        if (!written) PLATFORM_LOGW("cannot write %s (%d:%m)", path.c_str(), errno);
+        if (fd >= 0) close(fd);
+        return written ? 0 : -1;
+    });
+}
+
+int notification_free(notification_h notification) {
+    delete notification;
+    return notification == nullptr ? -1 : 0;
+}

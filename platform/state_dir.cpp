@@ -1,0 +1,108 @@
+#include "platform/state_dir.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "platform/platform_log.h"
+
+static constexpr char kDefaultDirectory[] = "/run/vestra-set";
+
+namespace {
+struct Descriptor {
+    int fd;
+    ~Descriptor() {
+        if (fd >= 0) close(fd);
+    }
+};
+}  // namespace
+
+std::string state_path(std::string_view relative) {
+    const char *directory = getenv("VESTRA_SET_DIR");
+    std::string path = directory != nullptr && *directory != '\0' ? directory : kDefaultDirectory;
+    path += '/';
+    path += relative;
+    return path;
+}
+
+std::optional<std::string> read_state_file(const std::string &path, size_t limit, bool quiet_when_missing) {
+    // Not waiting for a pipe that someone put in a file's place.
+    const Descriptor file{open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
+    if (file.fd < 0) {
+        if (!(quiet_when_missing && errno == ENOENT)) PLATFORM_LOGW("cannot open %s (%d:%m)", path.c_str(), errno);
+        return std::nullopt;
+    }
+    struct stat info;
+    if (fstat(file.fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        PLATFORM_LOGW("not a file: %s", path.c_str());
+        return std::nullopt;
+    }
+    std::string contents(limit + 1, '\0');
+    size_t used = 0;
+    while (used < contents.size()) {
+        const ssize_t count = read(file.fd, &contents[used], contents.size() - used);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) {
+            PLATFORM_LOGW("cannot read %s (%d:%m)", path.c_str(), errno);
+            return std::nullopt;
+        }
+        if (count == 0) break;
+        used += static_cast<size_t>(count);
+    }
+    if (used > limit) {
+        PLATFORM_LOGW("%s holds more than %zu bytes", path.c_str(), limit);
+        return std::nullopt;
+    }
+    contents.resize(used);
+    return contents;
+}
+
+bool replace_state_file(const std::string &path, std::string_view contents) {
+    static std::atomic<unsigned> serial{0};
+    const size_t slash = path.rfind('/');
+    // Named so that no reader takes it for an entry: it begins with a point.
+    std::string temporary =
+        path.substr(0, slash + 1) + ".new-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
+    {
+        const Descriptor file{open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)};
+        bool written = file.fd >= 0;
+        while (written && !contents.empty()) {
+            const ssize_t count = write(file.fd, contents.data(), contents.size());
+            if (count < 0 && errno == EINTR) continue;
+            written = count >= 0;
+            if (written) contents.remove_prefix(static_cast<size_t>(count));
+        }
+        if (!written) {
+            PLATFORM_LOGW("cannot write %s (%d:%m)", temporary.c_str(), errno);
+            if (file.fd >= 0) unlink(temporary.c_str());
+            return false;
+        }
+    }
+    if (rename(temporary.c_str(), path.c_str()) != 0) {
+        PLATFORM_LOGW("cannot replace %s (%d:%m)", path.c_str(), errno);
+        unlink(temporary.c_str());
+        return false;
+    }
+    return true;
+}
+
+std::string encode_name(std::string_view key) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string name;
+    for (const char c : key) {
+        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+                           c == '-' || (c == '.' && !name.empty());
+        if (plain) {
+            name += c;
+        } else {
+            const auto byte = static_cast<unsigned char>(c);
+            name += {'%', kHex[byte >> 4], kHex[byte & 15]};
+        }
+    }
+    return name.empty() ? "%" : name;
+}
