@@ -1,6 +1,10 @@
 #include "platform/directory_watch.h"
 
 #include <gio/gio.h>
+#include <sys/stat.h>
+
+#include <map>
+#include <mutex>
 
 #include "platform/guarded.h"
 #include "platform/state_dir.h"
@@ -8,6 +12,16 @@
 namespace {
 
 using Handler = void (*)(const std::string &name);
+
+struct Watch {
+    std::string path;
+    dev_t device = 0;
+    ino_t inode = 0;
+    GFileMonitor *monitor = nullptr;
+};
+
+std::mutex watches_lock;               // guards the next
+std::map<std::string, Watch> watches;  // by the directory's relative name
 
 void on_event(GFileMonitor * /*monitor*/, GFile *file, GFile *other, GFileMonitorEvent event, gpointer handler) {
     GFile *changed = nullptr;
@@ -24,14 +38,7 @@ void on_event(GFileMonitor * /*monitor*/, GFile *file, GFile *other, GFileMonito
     g_free(name);
 }
 
-}  // namespace
-
-bool watch_state_directory(const char *relative, Handler changed) {
-    const std::string path = state_path(relative);
-    if (!g_file_test(path.c_str(), G_FILE_TEST_IS_DIR)) {
-        PLATFORM_LOGW("no directory %s", path.c_str());
-        return false;
-    }
+GFileMonitor *start_monitor(const std::string &path, Handler changed) {
     GFile *directory = g_file_new_for_path(path.c_str());
     GError *error = nullptr;
     GFileMonitor *monitor = g_file_monitor_directory(directory, G_FILE_MONITOR_WATCH_MOVES, nullptr, &error);
@@ -39,9 +46,32 @@ bool watch_state_directory(const char *relative, Handler changed) {
     if (monitor == nullptr) {
         PLATFORM_LOGW("cannot watch %s: %s", path.c_str(), error == nullptr ? "?" : error->message);
         g_clear_error(&error);
-        return false;
+        return nullptr;
     }
     g_file_monitor_set_rate_limit(monitor, 0);
     g_signal_connect(monitor, "changed", G_CALLBACK(on_event), reinterpret_cast<gpointer>(changed));
+    return monitor;
+}
+
+}  // namespace
+
+bool watch_state_directory(const char *relative, Handler changed) {
+    const std::string path = state_path(relative);
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+        PLATFORM_LOGW("no directory %s", path.c_str());
+        return false;
+    }
+    const std::lock_guard<std::mutex> hold(watches_lock);
+    Watch &watch = watches[relative];
+    const bool same = watch.path == path && watch.device == info.st_dev && watch.inode == info.st_ino;
+    if (same && watch.monitor != nullptr) return true;
+    GFileMonitor *monitor = start_monitor(path, changed);
+    if (monitor == nullptr) return false;
+    if (watch.monitor != nullptr) {
+        g_file_monitor_cancel(watch.monitor);
+        g_object_unref(watch.monitor);
+    }
+    watch = {path, info.st_dev, info.st_ino, monitor};
     return true;
 }

@@ -15,6 +15,10 @@
 
 static constexpr size_t kTextSize = 1920;  // formatted text, terminator included
 static constexpr size_t kLineSize = 4096;  // a whole line, control characters written out; one atomic append
+static constexpr size_t kTagKept = 64;     // bytes of a tag that are written
+
+int dlog_threshold = DLOG_INFO;
+static int log_descriptor = STDERR_FILENO;  // constant after load
 
 static int threshold_from_environment() {
     const char *level = getenv("VESTRA_DLOG_LEVEL");
@@ -30,14 +34,14 @@ static int threshold_from_environment() {
     return DLOG_INFO;
 }
 
-static int log_descriptor() {
+// At load and not at the first line: a forked child, or a thread that logs first, finds everything in place.
+[[gnu::constructor]] static void read_environment() {
+    dlog_threshold = threshold_from_environment();
     const char *path = getenv("VESTRA_DLOG_FILE");
-    if (path == nullptr || *path == '\0') return STDERR_FILENO;
+    if (path == nullptr || *path == '\0') return;
     const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
-    return fd < 0 ? STDERR_FILENO : fd;
+    if (fd >= 0) log_descriptor = fd;
 }
-
-int dlog_threshold = threshold_from_environment();
 
 void dlog_set_threshold(int prio) {
     dlog_threshold = prio;
@@ -88,12 +92,10 @@ static UtcTime utc_time(time_t seconds) {
 int __dlog_print(log_id_t /*id*/, int prio, const char *tag, const char *fmt, ...) {
     if (!dlog_wants(prio)) return 0;
     const int saved = errno;
-    static const int fd = log_descriptor();
 
     char text[kTextSize];
     va_list arguments;
     va_start(arguments, fmt);
-    errno = saved;  // for %m
     const int formatted = vsnprintf(text, sizeof(text), fmt, arguments);
     va_end(arguments);
     if (formatted < 0) {
@@ -108,14 +110,16 @@ int __dlog_print(log_id_t /*id*/, int prio, const char *tag, const char *fmt, ..
     const UtcTime utc = utc_time(now.tv_sec);
     const char letter = prio >= DLOG_DEBUG && prio <= DLOG_ERROR ? "DIWE"[prio - DLOG_DEBUG] : '?';
     char line[kLineSize];
-    const int head =
-        snprintf(line, kLineSize / 4, "%04d-%02d-%02d %02d:%02d:%02d.%03dZ %c %d:%d %s: ", utc.year, utc.month, utc.day,
-                 utc.hour, utc.minute, utc.second, static_cast<int>(now.tv_nsec / 1000000), letter,
-                 static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)), tag == nullptr ? "" : tag);
-    size_t used = std::min(static_cast<size_t>(std::max(head, 0)), kLineSize / 4 - 1);
+    const int head = snprintf(line, sizeof(line), "%04d-%02d-%02d %02d:%02d:%02d.%03dZ %c %d:%d ", utc.year, utc.month,
+                              utc.day, utc.hour, utc.minute, utc.second, static_cast<int>(now.tv_nsec / 1000000),
+                              letter, static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)));
+    size_t used = static_cast<size_t>(std::max(head, 0));
+    if (tag != nullptr) used = append_escaped(line, used, tag, strnlen(tag, kTagKept));
+    line[used++] = ':';
+    line[used++] = ' ';
     used = append_escaped(line, used, text, length);
     line[used++] = '\n';
-    const ssize_t written = write(fd, line, used);
+    const ssize_t written = write(log_descriptor, line, used);
     errno = saved;
     return written < 0 ? -1 : static_cast<int>(length);
 }

@@ -3,11 +3,11 @@
 // The set promises: one call, one line in the log, tagged; errno is as it was; "%m" in the format is the caller's
 // errno. The stand-in: one line is one write() to the log file (O_APPEND) or to standard error:
 //     2026-11-24 21:30:53.123Z I 4711:4712 VESTRA: text
-// wall-clock time (UTC), priority letter, process and thread id, tag, text. A text longer than about 1900 bytes is cut.
-// Control characters inside the text are written as \xNN, so that nobody can forge a line; one line end at the end is
-// dropped. Environment, read once when the program is loaded: VESTRA_DLOG_LEVEL (3..6, or debug, info, warning, error;
-// default info) and VESTRA_DLOG_FILE (default, and when it cannot be opened: standard error). Differs from the set:
-// there the threshold is the service's own.
+// wall-clock time (UTC), priority letter, process and thread id, tag, text. A text is cut at 1919 bytes, a tag at 64,
+// and the whole line, whose control characters are written as \xNN so that nobody can forge a line, at 4096; one line
+// end at the text's end is dropped. Environment, read once when the program is loaded: VESTRA_DLOG_LEVEL (3..6, or
+// debug, info, warning, error; default info) and VESTRA_DLOG_FILE (default, and when it cannot be opened: standard
+// error). Differs from the set: there the threshold is the service's own.
 #pragma once
 
 extern "C" {

@@ -20,8 +20,10 @@ void platform_faults_reset() {
 }
 
 bool platform_fault(platform_operation operation) {
-    const int left = countdown[operation].load(std::memory_order_relaxed);
-    if (left == 0) return false;
-    if (left == kAlways) return true;
-    return countdown[operation].fetch_sub(1) == 1;
+    int left = countdown[operation].load(std::memory_order_relaxed);
+    do {
+        if (left == 0) return false;
+        if (left == kAlways) return true;
+    } while (!countdown[operation].compare_exchange_weak(left, left - 1));
+    return left == 1;
 }

@@ -1,27 +1,40 @@
 // fault.h -- makes stand-in operations fail on purpose. For tests only; nothing is switched on unless a test does it.
 #pragma once
 
-// One entry for each operation that can fail. The failing result is the one that the operation's header gives.
+// One entry for each operation that can fail. The failing result is the one that the operation's header gives. What the
+// launcher alone calls (key_combination_drop, usb_device_plug, usb_device_unplug) has none.
 enum platform_operation {
     FAULT_VCONF_NOTIFY,
-    FAULT_VCONF_GET,
-    FAULT_VCONF_SET,
+    FAULT_VCONF_IGNORE,
+    FAULT_VCONF_GET,  // vconf_get_int
+    FAULT_VCONF_SET,  // vconf_set_int
+    FAULT_VCONF_GET_STR,
+    FAULT_VCONF_SET_STR,
+    FAULT_VCONF_NODE_NAME,
+    FAULT_VCONF_NODE_STR,  // a change of type string without a string
     FAULT_NOTIFICATION_CREATE,
     FAULT_NOTIFICATION_HIDE_TIMEOUT,
     FAULT_NOTIFICATION_AUTO_REMOVE,
     FAULT_NOTIFICATION_TEXT,
     FAULT_NOTIFICATION_APPLIST,
     FAULT_NOTIFICATION_POST,
+    FAULT_NOTIFICATION_FREE,  // the handle is freed all the same
     FAULT_USB_INIT,
     FAULT_USB_LIST,
     FAULT_USB_FIRST,
     FAULT_USB_MOUNTPATH,
+    FAULT_USB_FINI,
     FAULT_SYSTEM_INFO,
     FAULT_INSMOD,
     FAULT_RMMOD,
     FAULT_KEY_INITIALIZE,
     FAULT_KEY_ADD_HANDLER,
     FAULT_GET_SHM,
+    FAULT_CHECK_SHM,  // says that the segment is gone
+    FAULT_REQUEST_WAIT,
+    FAULT_READY_POST,
+    FAULT_API_OPEN,
+    FAULT_API_ASK,    // VESTRA_API_NO_DAEMON
     FAULT_OPERATIONS  // their number
 };
 

@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -23,9 +25,18 @@ namespace {
 
 constexpr char kDirectory[] = "keys";
 constexpr char kSuffix[] = ".press";
+constexpr size_t kPressLimit = 32;  // bytes
 
-// Main loop's thread and the thread that registers; the set registers before its loop runs.
-std::vector<std::pair<_KeyComb, KeyCombination_Handler>> handlers;
+using Registration = std::pair<_KeyComb, KeyCombination_Handler>;
+
+std::mutex handlers_lock;  // guards the two below; not held while a handler runs
+std::vector<Registration> handlers;
+bool connected;
+
+std::vector<Registration> current_handlers() {
+    const std::lock_guard<std::mutex> hold(handlers_lock);
+    return handlers;
+}
 
 std::vector<std::string> waiting_presses() {
     std::vector<std::string> names;
@@ -39,22 +50,32 @@ std::vector<std::string> waiting_presses() {
     return names;
 }
 
-// Takes a press away and reads it. Nothing when it was not one.
+// Takes a press away and reads it. Nothing when it was not one, or when it cannot be taken away: it would come for
+// ever.
 std::optional<_KeyComb> consume(const std::string &path) {
-    const auto text = read_state_file(path, 32);
-    if (unlink(path.c_str()) != 0) return std::nullopt;  // taken by another; also keeps a press from coming for ever
+    auto text = read_state_file(path, kPressLimit, true);
+    if (remove(path.c_str()) != 0) {
+        if (errno != ENOENT) PLATFORM_LOGW("cannot remove %s (%d:%m)", path.c_str(), errno);
+        return std::nullopt;
+    }
+    if (text && !text->empty() && text->back() == '\n') text->pop_back();
     _KeyComb combination = 0;
-    const char *end = text ? text->data() + text->size() : nullptr;
-    if (text && std::from_chars(text->data(), end, combination).ec == std::errc()) return combination;
-    PLATFORM_LOGW("not a key press: %s", path.c_str());
+    if (text) {
+        const char *end = text->data() + text->size();
+        const auto parsed = std::from_chars(text->data(), end, combination);
+        if (parsed.ec == std::errc() && parsed.ptr == end) return combination;
+    }
+    PLATFORM_LOGW("not a key press, removed: %s", path.c_str());
     return std::nullopt;
 }
 
+// Main loop's thread.
 void deliver_presses(const std::string & /*name*/) {
+    if (current_handlers().empty()) return;
     for (const std::string &path : waiting_presses()) {
         const auto combination = consume(path);
         if (!combination) continue;
-        for (const auto &[wanted, handler] : handlers) {
+        for (const auto &[wanted, handler] : current_handlers()) {
             if (wanted == *combination) handler(*combination, nullptr);
         }
     }
@@ -71,16 +92,23 @@ gboolean deliver_early_presses(gpointer /*unused*/) {
 }  // namespace
 
 int KeyCombination_Initialize(void) {
-    static bool watching = false;
     if (platform_fault(FAULT_KEY_INITIALIZE)) return 0;
-    if (!watching) watching = guarded(false, [] { return watch_state_directory(kDirectory, deliver_presses); });
-    return watching ? 1 : 0;
+    return guarded(0, [] {
+        const std::lock_guard<std::mutex> hold(handlers_lock);
+        connected = watch_state_directory(kDirectory, deliver_presses);
+        return connected ? 1 : 0;
+    });
 }
 
 int KeyCombination_Add_Handler(_KeyComb combination, KeyCombination_Handler handler) {
     if (handler == nullptr || platform_fault(FAULT_KEY_ADD_HANDLER)) return 0;
     return guarded(0, [&] {
-        const std::pair<_KeyComb, KeyCombination_Handler> entry(combination, handler);
+        const std::lock_guard<std::mutex> hold(handlers_lock);
+        if (!connected) {
+            PLATFORM_LOGW("no handler for %d: not initialised", combination);
+            return 0;
+        }
+        const Registration entry(combination, handler);
         if (std::find(handlers.begin(), handlers.end(), entry) == handlers.end()) handlers.push_back(entry);
         g_idle_add(deliver_early_presses, nullptr);
         return 1;

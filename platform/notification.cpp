@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <ctime>
 #include <new>
 #include <nlohmann/json.hpp>
@@ -68,7 +69,7 @@ int notification_post(notification_h notification) {
                              {"applist", notification->applist}};
         const std::string line = notice.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
         const std::string path = state_path("notifications.jsonl");
-        const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+        const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
         const bool written = fd >= 0 && write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
         if (!written) PLATFORM_LOGW("cannot write %s (%d:%m)", path.c_str(), errno);
         if (fd >= 0) close(fd);
@@ -77,6 +78,7 @@ int notification_post(notification_h notification) {
 }
 
 int notification_free(notification_h notification) {
+    const bool failed = notification == nullptr || platform_fault(FAULT_NOTIFICATION_FREE);
     delete notification;
-    return notification == nullptr ? -1 : 0;
+    return failed ? -1 : 0;
 }

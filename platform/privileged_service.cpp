@@ -3,8 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "platform/fault.h"
 #include "platform/guarded.h"
@@ -14,13 +16,15 @@ namespace {
 
 enum Result : int { kDone = 0, kRefused = -1, kNotLoaded = -2, kNoService = -3 };
 
+// Where a loaded module stands. Empty for a file or name that names none.
 std::string module_file(std::string name) {
     name.erase(0, name.rfind('/') + 1);
-    static constexpr char kExtension[] = ".ko";
-    const size_t end = name.size() < 3 ? 0 : name.size() - 3;
-    if (name.compare(end, 3, kExtension) == 0) name.resize(end);
+    static constexpr std::string_view kExtension = ".ko";
+    if (name.size() >= kExtension.size() && name.substr(name.size() - kExtension.size()) == kExtension) {
+        name.resize(name.size() - kExtension.size());
+    }
     std::replace(name.begin(), name.end(), '-', '_');
-    return state_path("modules/" + encode_name(name));
+    return name.empty() ? std::string() : state_path("modules/" + encode_name(name));
 }
 
 int report(int result, int *retValue) {
@@ -31,22 +35,25 @@ int report(int result, int *retValue) {
 }  // namespace
 
 int PS_Insmod_Fast(const char *path, size_t length, int /*flags*/, int *retValue) {
-    if (path == nullptr || length == 0 || platform_fault(FAULT_INSMOD)) return report(kRefused, retValue);
+    if (path == nullptr || platform_fault(FAULT_INSMOD)) return report(kRefused, retValue);
     return report(guarded<int>(kNoService,
                                [&] {
                                    const std::string file(path, strnlen(path, length));
-                                   return replace_state_file(module_file(file), file) ? kDone : kNoService;
+                                   const std::string module = module_file(file);
+                                   if (module.empty()) return kRefused;
+                                   return replace_state_file(module, file) ? kDone : kNoService;
                                }),
                   retValue);
 }
 
 int PS_Rmmod(const char *name, size_t length, int /*flags*/, int *retValue) {
-    if (name == nullptr || length == 0 || platform_fault(FAULT_RMMOD)) return report(kRefused, retValue);
+    if (name == nullptr || platform_fault(FAULT_RMMOD)) return report(kRefused, retValue);
     return report(guarded<int>(kNoService,
                                [&] {
-                                   const std::string file = module_file(std::string(name, strnlen(name, length)));
-                                   if (unlink(file.c_str()) == 0) return kDone;
-                                   PLATFORM_LOGW("cannot unload %s (%d:%m)", name, errno);
+                                   const std::string module = module_file(std::string(name, strnlen(name, length)));
+                                   if (module.empty()) return kRefused;
+                                   if (unlink(module.c_str()) == 0) return kDone;
+                                   PLATFORM_LOGW("cannot unload %s (%d:%m)", module.c_str(), errno);
                                    return errno == ENOENT ? kNotLoaded : kNoService;
                                }),
                   retValue);

@@ -10,8 +10,8 @@
 
 extern "C" {
 
-// Loads the module in the file `path` (`length` characters); flags is 0. Returns 0 and *retValue 0, or a negative
-// result and the same in *retValue. Any thread.
+// Loads the module in the file `path` (`length` characters, fewer where a NUL comes first; no NUL is needed); flags is
+// 0. Returns 0 and *retValue 0, or a negative result and the same in *retValue, which may be null. Any thread.
 int PS_Insmod_Fast(const char *path, size_t length, int flags, int *retValue);
 
 // Unloads the module `name`; fails when it is not loaded. Results as above.

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -63,14 +62,12 @@ std::optional<std::string> read_state_file(const std::string &path, size_t limit
 }
 
 bool replace_state_file(const std::string &path, std::string_view contents) {
-    static std::atomic<unsigned> serial{0};
-    const size_t slash = path.rfind('/');
-    // Named so that no reader takes it for an entry: it begins with a point.
-    std::string temporary =
-        path.substr(0, slash + 1) + ".new-" + std::to_string(getpid()) + "-" + std::to_string(serial++);
+    // A name that no reader takes for an entry (it begins with a point) and that nothing left behind by a killed
+    // process is in the way of.
+    std::string temporary = path.substr(0, path.rfind('/') + 1) + ".new-XXXXXX";
     {
-        const Descriptor file{open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)};
-        bool written = file.fd >= 0;
+        const Descriptor file{mkostemp(temporary.data(), O_CLOEXEC)};
+        bool written = file.fd >= 0 && fchmod(file.fd, 0644) == 0;
         while (written && !contents.empty()) {
             const ssize_t count = write(file.fd, contents.data(), contents.size());
             if (count < 0 && errno == EINTR) continue;
@@ -78,14 +75,18 @@ bool replace_state_file(const std::string &path, std::string_view contents) {
             if (written) contents.remove_prefix(static_cast<size_t>(count));
         }
         if (!written) {
-            PLATFORM_LOGW("cannot write %s (%d:%m)", temporary.c_str(), errno);
+            const int error = errno;
+            PLATFORM_LOGW("cannot write %s for %s (%d:%m)", temporary.c_str(), path.c_str(), error);
             if (file.fd >= 0) unlink(temporary.c_str());
+            errno = error;
             return false;
         }
     }
     if (rename(temporary.c_str(), path.c_str()) != 0) {
-        PLATFORM_LOGW("cannot replace %s (%d:%m)", path.c_str(), errno);
+        const int error = errno;
+        PLATFORM_LOGW("cannot replace %s (%d:%m)", path.c_str(), error);
         unlink(temporary.c_str());
+        errno = error;
         return false;
     }
     return true;

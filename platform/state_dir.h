@@ -16,8 +16,10 @@ std::string state_path(std::string_view relative);
 // file. `quiet_when_missing`: a missing file is no news.
 std::optional<std::string> read_state_file(const std::string &path, size_t limit, bool quiet_when_missing = false);
 
-// Replaces the file in one step: a reader sees the old contents or the new ones. False, with a log line, on failure.
+// Replaces the file (mode 0644) in one step: a reader sees the old contents or the new ones. A link in its place is
+// replaced, not followed. False, with a log line and errno, on failure; the old file is as it was then.
 bool replace_state_file(const std::string &path, std::string_view contents);
 
-// A key as a file name: letters, digits, '.', '_' and '-' stay, every other byte becomes %XX. Never empty, "." or "..".
+// A key as a file name: letters, digits, '.', '_' and '-' stay, every other byte becomes %XX, and so does a '.' at the
+// beginning, because files in the making begin with one. An empty key becomes "%".
 std::string encode_name(std::string_view key);

@@ -1,20 +1,22 @@
 #include "platform/usb_device.h"
 
-#include <glib.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/fault.h"
 #include "platform/guarded.h"
-#include "platform/state_dir.h"
+#include "platform/key_file.h"
 
 struct usb_device_s {
     std::string mount;
@@ -31,51 +33,70 @@ namespace fs = std::filesystem;
 constexpr char kDirectory[] = "usb";
 constexpr char kGroup[] = "device";
 constexpr size_t kEntryLimit = 8192;
+constexpr uint32_t kLastOrder = 999999999;
 
-struct KeyFileFree {
-    void operator()(GKeyFile *file) const { g_key_file_free(file); }
+// A device's file, NNNN-LABEL.
+struct Entry {
+    uint32_t order;
+    std::string label;  // encoded
+    std::string path;
 };
 
-// The entries' file names in order of plugging. Nothing when the directory cannot be read.
-std::optional<std::vector<std::string>> entry_names() {
+std::optional<Entry> parse_entry(const fs::path &path) {
+    const std::string name = path.filename().native();
+    Entry entry = {};
+    const char *end = name.data() + name.size();
+    const auto parsed = std::from_chars(name.data(), end, entry.order);
+    if (parsed.ec != std::errc() || parsed.ptr == end || *parsed.ptr != '-') return std::nullopt;
+    entry.label = std::string(parsed.ptr + 1, end);
+    entry.path = path.native();
+    return entry;
+}
+
+// The entries in order of plugging. Nothing, with a log line, when the directory cannot be read.
+std::optional<std::vector<Entry>> plugged_entries() {
     std::error_code error;
-    std::vector<std::string> names;
-    for (const auto &entry : fs::directory_iterator(state_path(kDirectory), error)) {
-        std::string name = entry.path().filename().native();
-        if (name[0] != '.') names.push_back(std::move(name));
+    std::vector<Entry> entries;
+    for (const auto &file : fs::directory_iterator(state_path(kDirectory), error)) {
+        if (file.path().filename().native()[0] == '.') continue;
+        if (auto entry = parse_entry(file.path())) {
+            entries.push_back(std::move(*entry));
+        } else {
+            PLATFORM_LOGW("not a device: %s", file.path().c_str());
+        }
     }
     if (error) {
         PLATFORM_LOGW("cannot list %s: %s", state_path(kDirectory).c_str(), error.message().c_str());
         return std::nullopt;
     }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-std::string entry_path(const std::string &name) {
-    return state_path(std::string(kDirectory) + "/" + name);
+    std::sort(entries.begin(), entries.end(), [](const Entry &a, const Entry &b) {
+        return a.order != b.order ? a.order < b.order : a.label < b.label;
+    });
+    return entries;
 }
 
 // The device behind an entry when it is one of `device_class`.
-std::optional<usb_device_s> read_entry(const std::string &name, int device_class) {
-    const auto text = read_state_file(entry_path(name), kEntryLimit);
-    const std::unique_ptr<GKeyFile, KeyFileFree> file(g_key_file_new());
-    if (!text || !g_key_file_load_from_data(file.get(), text->data(), text->size(), G_KEY_FILE_NONE, nullptr)) {
-        PLATFORM_LOGW("no device entry: %s", name.c_str());
+std::optional<usb_device_s> read_entry(const Entry &entry, int device_class) {
+    const KeyFile file = read_key_file(entry.path, kEntryLimit);
+    if (file == nullptr) return std::nullopt;
+    GError *error = nullptr;
+    const int found = g_key_file_get_integer(file.get(), kGroup, "class", &error);
+    if (error != nullptr) {
+        PLATFORM_LOGW("%s: %s", entry.path.c_str(), error->message);
+        g_clear_error(&error);
         return std::nullopt;
     }
-    if (g_key_file_get_integer(file.get(), kGroup, "class", nullptr) != device_class) return std::nullopt;
-    usb_device_s device;
-    char *mount = g_key_file_get_string(file.get(), kGroup, "mount", nullptr);
-    if (mount != nullptr) device.mount = mount;
-    g_free(mount);
-    return device;
+    if (found != device_class) return std::nullopt;
+    return usb_device_s{key_file_text(file.get(), kGroup, "mount").value_or("")};
 }
 
-// Label of an entry named NNNN-LABEL.
-std::string_view label_of(std::string_view name) {
-    const size_t dash = name.find('-');
-    return dash == std::string_view::npos ? std::string_view() : name.substr(dash + 1);
+std::string entry_text(const char *mount, int device_class) {
+    const KeyFile file(g_key_file_new());
+    g_key_file_set_integer(file.get(), kGroup, "class", device_class);
+    if (mount != nullptr) g_key_file_set_string(file.get(), kGroup, "mount", mount);
+    gsize length = 0;
+    const std::unique_ptr<char, decltype(&g_free)> data(g_key_file_to_data(file.get(), &length, nullptr), g_free);
+    return {data.get(), length};
 }
 
 }  // namespace
@@ -84,17 +105,17 @@ int usb_device_init(void) {
     return platform_fault(FAULT_USB_INIT) ? -1 : 0;
 }
 int usb_device_fini(void) {
-    return 0;
+    return platform_fault(FAULT_USB_FINI) ? -1 : 0;
 }
 
 int usb_device_get_device_list(int device_class, usb_device_list_h *list) {
     if (list == nullptr || platform_fault(FAULT_USB_LIST)) return -1;
     return guarded(-1, [&] {
-        const auto names = entry_names();
-        if (!names) return -1;
+        const auto entries = plugged_entries();
+        if (!entries) return -1;
         auto found = std::make_unique<usb_device_list_s>();
-        for (const std::string &name : *names) {
-            if (auto device = read_entry(name, device_class)) found->devices.push_back(std::move(*device));
+        for (const Entry &entry : *entries) {
+            if (auto device = read_entry(entry, device_class)) found->devices.push_back(std::move(*device));
         }
         *list = found.release();
         return 0;
@@ -124,25 +145,33 @@ void usb_device_free_device_list(usb_device_list_h list) {
 int usb_device_plug(const char *label, const char *mount, int device_class) {
     if (label == nullptr || *label == '\0') return -1;
     return guarded(-1, [&] {
-        const auto names = entry_names();
-        if (!names) return -1;
-        const int order = names->empty() ? 1 : std::atoi(names->back().c_str()) + 1;
-        char number[16];
-        snprintf(number, sizeof(number), "%04d-", order);
-        std::string text = "[device]\nclass=" + std::to_string(device_class) + "\n";
-        if (mount != nullptr) text += "mount=" + std::string(mount) + "\n";
-        return replace_state_file(entry_path(number + encode_name(label)), text) ? 0 : -1;
+        const auto entries = plugged_entries();
+        if (!entries) return -1;
+        const uint32_t last = entries->empty() ? 0 : entries->back().order;
+        if (last >= kLastOrder) {
+            PLATFORM_LOGW("no number left behind %s", entries->back().path.c_str());
+            return -1;
+        }
+        char number[32];
+        snprintf(number, sizeof(number), "%s/%04u-", kDirectory, last + 1);
+        return replace_state_file(state_path(number + encode_name(label)), entry_text(mount, device_class)) ? 0 : -1;
     });
 }
 
 int usb_device_unplug(const char *label) {
     if (label == nullptr) return -1;
     return guarded(-1, [&] {
-        const auto names = entry_names();
-        if (!names) return -1;
+        const auto entries = plugged_entries();
+        if (!entries) return -1;
+        const std::string wanted = encode_name(label);
         int result = -1;
-        for (const std::string &name : *names) {
-            if (label_of(name) == encode_name(label) && unlink(entry_path(name).c_str()) == 0) result = 0;
+        for (const Entry &entry : *entries) {
+            if (entry.label != wanted) continue;
+            if (unlink(entry.path.c_str()) != 0) {
+                PLATFORM_LOGW("cannot unplug %s (%d:%m)", entry.path.c_str(), errno);
+                return -1;
+            }
+            result = 0;
         }
         return result;
     });

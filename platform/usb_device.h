@@ -6,8 +6,7 @@
 //     [device]
 //     class=8
 //     mount=/media/usb1        (missing while it is not mounted)
-// An entry that cannot be read is left out with a log line.
-// Differs from the set: nothing known.
+// An entry that cannot be read is left out with a log line. Differs from the set: listing works without init.
 //
 // 0 is success and a negative value failure unless said otherwise. Any thread; a list or handle belongs to one thread.
 #pragma once
@@ -33,8 +32,11 @@ const char *usb_device_get_mountpath(usb_device_h device);
 void free_usb_device_h(usb_device_h device);
 void usb_device_free_device_list(usb_device_list_h list);
 
-// The launcher's side: plugs a device in behind the others (`mount` null: not mounted), or pulls every device of that
-// label. `label` is a plain name. 0, or -1 with a log line or when there is no such device.
+/* ------------------------------ The stand-in's remote side ------------------------------ */
+
+// For the launcher and for tests; no set has it. Plugs a device in behind the others (`mount` null: not mounted;
+// UTF-8), or pulls every device of that label. `label` is any text but the empty one; it is percent-encoded in the
+// file's name. 0, or -1 with a log line, or when there is no such device. Any process, one at a time.
 int usb_device_plug(const char *label, const char *mount, int device_class);
 int usb_device_unplug(const char *label);
 

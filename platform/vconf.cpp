@@ -23,7 +23,7 @@ struct keynode_t {
 
 namespace {
 
-constexpr size_t kValueLimit = 64 * 1024;
+constexpr size_t kValueLimit = size_t{64} * 1024;
 constexpr std::string_view kIntHead = "int\n";
 constexpr std::string_view kStringHead = "string\n";
 
@@ -34,10 +34,9 @@ struct Registration {
     void *user_data;
 };
 
-std::mutex registrations_lock;  // guards the three below
+std::mutex registrations_lock;  // guards the two below
 std::vector<Registration> registrations;
 unsigned last_id;
-bool watching;
 
 std::string key_path(const char *key) {
     return state_path("vconf/" + encode_name(key));
@@ -54,7 +53,11 @@ keynode_t read_node(const char *key, bool quiet_when_missing) {
         std::string_view digits = value.substr(kIntHead.size());
         if (!digits.empty() && digits.back() == '\n') digits.remove_suffix(1);
         const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), node.number);
-        if (parsed.ec == std::errc() && parsed.ptr == digits.data() + digits.size()) node.type = VCONF_TYPE_INT;
+        if (parsed.ec == std::errc() && parsed.ptr == digits.data() + digits.size()) {
+            node.type = VCONF_TYPE_INT;
+        } else {
+            node.number = 0;
+        }
     } else if (value.substr(0, kStringHead.size()) == kStringHead) {
         node.text = value.substr(kStringHead.size());
         node.type = VCONF_TYPE_STRING;
@@ -85,7 +88,6 @@ void on_changed(const std::string &file) {
 }
 
 int write_value(const char *key, std::string_view head, std::string_view value) {
-    if (platform_fault(FAULT_VCONF_SET)) return -1;
     if (value.size() > kValueLimit - head.size()) {
         PLATFORM_LOGW("the value for %s is too long", key);
         return -1;
@@ -99,8 +101,7 @@ int vconf_notify_key_changed(const char *key, vconf_callback_fn cb, void *user_d
     if (key == nullptr || cb == nullptr || platform_fault(FAULT_VCONF_NOTIFY)) return -1;
     return guarded(-1, [&] {
         const std::lock_guard<std::mutex> hold(registrations_lock);
-        if (!watching && !watch_state_directory("vconf", on_changed)) return -1;
-        watching = true;
+        if (!watch_state_directory("vconf", on_changed)) return -1;
         for (const Registration &known : registrations) {
             if (known.key == key && known.callback == cb) return -1;
         }
@@ -110,7 +111,7 @@ int vconf_notify_key_changed(const char *key, vconf_callback_fn cb, void *user_d
 }
 
 int vconf_ignore_key_changed(const char *key, vconf_callback_fn cb) {
-    if (key == nullptr) return -1;
+    if (key == nullptr || platform_fault(FAULT_VCONF_IGNORE)) return -1;
     return guarded(-1, [&] {
         const std::lock_guard<std::mutex> hold(registrations_lock);
         const auto found = std::find_if(registrations.begin(), registrations.end(),
@@ -132,12 +133,12 @@ int vconf_get_int(const char *key, int *value) {
 }
 
 int vconf_set_int(const char *key, int value) {
-    if (key == nullptr) return -1;
+    if (key == nullptr || platform_fault(FAULT_VCONF_SET)) return -1;
     return guarded(-1, [&] { return write_value(key, kIntHead, std::to_string(value)); });
 }
 
 char *vconf_get_str(const char *key) {
-    if (key == nullptr || platform_fault(FAULT_VCONF_GET)) return nullptr;
+    if (key == nullptr || platform_fault(FAULT_VCONF_GET_STR)) return nullptr;
     return guarded(static_cast<char *>(nullptr), [&]() -> char * {
         const keynode_t node = read_node(key, false);
         return node.type == VCONF_TYPE_STRING ? strdup(node.text.c_str()) : nullptr;
@@ -145,12 +146,12 @@ char *vconf_get_str(const char *key) {
 }
 
 int vconf_set_str(const char *key, const char *value) {
-    if (key == nullptr || value == nullptr) return -1;
+    if (key == nullptr || value == nullptr || platform_fault(FAULT_VCONF_SET_STR)) return -1;
     return guarded(-1, [&] { return write_value(key, kStringHead, value); });
 }
 
 char *vconf_keynode_get_name(keynode_t *node) {
-    return node == nullptr ? nullptr : node->name.data();
+    return node == nullptr || platform_fault(FAULT_VCONF_NODE_NAME) ? nullptr : node->name.data();
 }
 int vconf_keynode_get_type(keynode_t *node) {
     return node == nullptr ? VCONF_TYPE_NONE : node->type;
@@ -159,5 +160,6 @@ int vconf_keynode_get_int(keynode_t *node) {
     return node == nullptr ? 0 : node->number;
 }
 char *vconf_keynode_get_str(keynode_t *node) {
-    return node == nullptr || node->type != VCONF_TYPE_STRING ? nullptr : node->text.data();
+    if (node == nullptr || node->type != VCONF_TYPE_STRING || platform_fault(FAULT_VCONF_NODE_STR)) return nullptr;
+    return node->text.data();
 }

@@ -5,8 +5,10 @@
 // one step. Contents are the type on the first line, "int" or "string", then the value: "int\n5", "string\nTEXT".
 // Larger than 64 KiB is no value. Callbacks run on the thread of GLib's default main context, for changes by any
 // process, also when the new value equals the old one. Reading and writing work without a loop; changes that happen
-// between registration and the loop's start are delivered when it runs. Two quick changes are delivered as two calls
-// that may both see the later value. Differs from the set: nothing known.
+// between registration and the loop's start are delivered when it runs. A callback gets the value as it is when the
+// callback runs: of two quick changes both calls may see the later value, which is never missed. A text that holds a
+// NUL byte ends there for its readers. Differs from the set: the callbacks need the default context's loop; a key is
+// never removed.
 //
 // All return 0 for success and a negative value for failure unless said otherwise. Any thread.
 #pragma once

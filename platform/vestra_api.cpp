@@ -7,35 +7,61 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
-#include <memory>
 #include <mutex>
 #include <new>
-#include <string>
 
 #include "platform/fault.h"
 #include "platform/guarded.h"
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define VESTRA_CLANG_TSAN
+#endif
+#endif
+
 namespace {
 
+using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC
+using std::chrono::milliseconds;
+
 constexpr char kDefaultName[] = "/vestra_api";
-constexpr uint32_t kMagic = 0x31415356;  // the library's part is initialised
+constexpr uint32_t kMagic = 0x32415356;      // the library's part is initialised
+constexpr milliseconds kRequestWait{1000};   // the daemon's, so that its thread can end
+constexpr milliseconds kLookForDaemon{100};  // while a client waits
+constexpr int kStaleSignals = 1000;          // more than that are no leftovers of ours
+constexpr size_t kServedAddresses = 4;
+
+// Of Segment::stage; the header says who moves it.
+enum Stage : uint32_t { kFree = 0, kPosted = 1, kTaken = 2 };
 
 // The whole segment: the daemon's record, then the library's own part.
 struct Segment {
     vestra_shm_record record;
-    sem_t request;             // posted by clients
-    pthread_mutex_t turn;      // robust; held by the client whose turn it is
-    uint32_t magic;            // kMagic once everything is initialised
-    uint32_t posted_sequence;  // of the newest request; written by the client whose turn it is
-    uint32_t taken_sequence;   // of the request that the daemon works on; written by the daemon
-    uint32_t answered_sequence;
+    sem_t request;         // rings when a request was posted
+    pthread_mutex_t turn;  // robust; held by the client whose turn it is
+    uint32_t magic;        // kMagic once everything is initialised
+    uint32_t stage;
 };
 static_assert(offsetof(Segment, request) == 912, "the library's part begins behind the record");
+
+// One mapping of a segment and the file that it is of. A plain record: the daemon's must outlive its static objects.
+struct Mapped {
+    Segment *segment;
+    int fd;
+    dev_t device;
+    ino_t inode;
+
+    bool is_file(const struct stat &info) const {
+        return segment != nullptr && fd >= 0 && info.st_dev == device && info.st_ino == inode;
+    }
+};
 
 const char *segment_name() {
     const char *name = getenv("VESTRA_API_SHM");
@@ -46,59 +72,27 @@ const char *segment_name() {
 bool stat_segment(struct stat *info) {
     char path[128];
     const int length = snprintf(path, sizeof(path), "/dev/shm%s", segment_name());
-    return length > 0 && length < static_cast<int>(sizeof(path)) && stat(path, info) == 0;
+    return length > 0 && length < static_cast<int>(sizeof(path)) && lstat(path, info) == 0;
 }
 
-// One mapping of a segment and the file that it is of.
-class Mapping {
-  public:
-    Mapping() = default;
-    Mapping(const Mapping &) = delete;
-    Mapping &operator=(const Mapping &) = delete;
-    Mapping(Mapping &&other) noexcept { swap(other); }
-    Mapping &operator=(Mapping &&other) noexcept {
-        Mapping moved(std::move(other));
-        swap(moved);
-        return *this;
-    }
-    ~Mapping() {
-        if (segment_ != nullptr) munmap(segment_, sizeof(Segment));
-        if (fd_ >= 0) close(fd_);
-    }
+// Maps the segment `fd` where the record's old mapping is, if it has one, or anywhere. The descriptor is the record's
+// then; on failure it is still the caller's.
+bool map_segment(int fd, const struct stat &info, Mapped *mapped) {
+    const int fixed = mapped->segment != nullptr ? MAP_FIXED : 0;
+    void *address = mmap(mapped->segment, sizeof(Segment), PROT_READ | PROT_WRITE, MAP_SHARED | fixed, fd, 0);
+    if (address == MAP_FAILED) return false;
+    *mapped = {static_cast<Segment *>(address), fd, info.st_dev, info.st_ino};
+    return true;
+}
 
-    // Takes the descriptor over. False when the file is not a whole segment of ours.
-    bool map(int fd) {
-        fd_ = fd;
-        struct stat info;
-        if (fstat(fd, &info) != 0 || info.st_size != static_cast<off_t>(sizeof(Segment))) return false;
-        if (info.st_uid != geteuid() && info.st_uid != 0 && getenv("VESTRA_API_GROUP") == nullptr) return false;
-        void *address = mmap(nullptr, sizeof(Segment), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (address == MAP_FAILED) return false;
-        segment_ = static_cast<Segment *>(address);
-        device_ = info.st_dev;
-        inode_ = info.st_ino;
-        return true;
-    }
-
-    bool is_file(const struct stat &info) const {
-        return segment_ != nullptr && info.st_dev == device_ && info.st_ino == inode_;
-    }
-    Segment *segment() const { return segment_; }
-    int fd() const { return fd_; }
-
-  private:
-    void swap(Mapping &other) noexcept {
-        std::swap(fd_, other.fd_);
-        std::swap(segment_, other.segment_);
-        std::swap(device_, other.device_);
-        std::swap(inode_, other.inode_);
-    }
-
-    int fd_ = -1;
-    Segment *segment_ = nullptr;
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
-};
+// The group that may use the segment beside its owner.
+bool group_from_environment(gid_t *group) {
+    const char *name = getenv("VESTRA_API_GROUP");
+    const struct group *found = name == nullptr ? nullptr : getgrnam(name);
+    if (found == nullptr) return false;
+    *group = found->gr_gid;
+    return true;
+}
 
 // The daemon's lock on the segment's first byte: held as long as a daemon lives, also when it is killed.
 struct flock first_byte(short type) {
@@ -119,19 +113,53 @@ bool daemon_lives(int fd) {
     return fcntl(fd, F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
 }
 
+uint32_t stage_of(const Segment *segment) {
+    return __atomic_load_n(&segment->stage, __ATOMIC_ACQUIRE);
+}
+
+bool move_stage(Segment *segment, uint32_t from, uint32_t to) {
+    return __atomic_compare_exchange_n(&segment->stage, &from, to, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+}
+
+timespec to_timespec(Clock::time_point moment) {
+    const int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(moment.time_since_epoch()).count();
+    timespec when = {};
+    when.tv_sec = static_cast<time_t>(ns / 1000000000);
+    when.tv_nsec = static_cast<decltype(when.tv_nsec)>(ns % 1000000000);
+    return when;
+}
+
+int wait_until(sem_t *semaphore, Clock::time_point deadline) {
+    const timespec when = to_timespec(deadline);
+    return sem_clockwait(semaphore, CLOCK_MONOTONIC, &when);
+}
+
+// Locks by a deadline. 0, EOWNERDEAD (locked all the same), or another error number.
+int lock_until(pthread_mutex_t *mutex, Clock::time_point deadline) {
+#if defined(__SANITIZE_THREAD__) || defined(VESTRA_CLANG_TSAN)
+    // The thread sanitizer does not know the call below and would take everything behind it for unlocked.
+    int result;
+    while ((result = pthread_mutex_trylock(mutex)) == EBUSY && Clock::now() < deadline) usleep(200);
+    return result;
+#else
+    const timespec when = to_timespec(deadline);
+    return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &when);
+#endif
+}
+
 /* ------------------------------ The daemon's side ------------------------------ */
 
-std::mutex server_lock;  // guards the two below
-Mapping serving;         // the segment that get_shm hands out
-// Replaced segments, the newest last: another thread may still use their address.
-std::array<Mapping, 4> replaced;
+std::mutex server_lock;                         // guards the two below
+std::array<Mapped, kServedAddresses> served{};  // used in turn and never unmapped: a thread may know an old address
+size_t current;                                 // the one that get_shm hands out
 
 void set_group(int fd) {
-    const char *name = getenv("VESTRA_API_GROUP");
-    if (name == nullptr) return;
-    const struct group *group = getgrnam(name);
-    if (group == nullptr || fchown(fd, static_cast<uid_t>(-1), group->gr_gid) != 0 || fchmod(fd, 0660) != 0) {
-        PLATFORM_LOGW("group %s does not get the segment (%d:%m)", name, errno);
+    gid_t group = 0;
+    if (getenv("VESTRA_API_GROUP") == nullptr) return;
+    if (!group_from_environment(&group)) {
+        PLATFORM_LOGW("there is no group %s", getenv("VESTRA_API_GROUP"));
+    } else if (fchown(fd, static_cast<uid_t>(-1), group) != 0 || fchmod(fd, 0660) != 0) {
+        PLATFORM_LOGW("the group does not get segment %s (%d:%m)", segment_name(), errno);
     }
 }
 
@@ -151,41 +179,69 @@ bool initialise(Segment *segment) {
 // Removes what an earlier daemon left under the name. False when a living daemon serves it or it is not ours to remove.
 bool remove_old_segment() {
     const int fd = shm_open(segment_name(), O_RDWR, 0);
-    if (fd < 0) return errno == ENOENT;
-    struct stat info;
-    const bool ours = fstat(fd, &info) == 0 && info.st_uid == geteuid();
-    const bool served = daemon_lives(fd);
-    close(fd);
-    if (!ours || served) {
-        PLATFORM_LOGW("segment %s %s", segment_name(),
-                      served ? "is served by another daemon" : "belongs to another user");
+    if (fd < 0) {
+        if (errno == ENOENT) return true;
+        PLATFORM_LOGW("cannot open segment %s (%d:%m)", segment_name(), errno);
         return false;
     }
-    return shm_unlink(segment_name()) == 0;
+    struct stat info;
+    struct stat named;
+    bool removed = false;
+    if (fstat(fd, &info) != 0 || info.st_uid != geteuid()) {
+        PLATFORM_LOGW("segment %s belongs to another user", segment_name());
+    } else if (!take_daemon_lock(fd)) {
+        PLATFORM_LOGW("segment %s is served by another daemon", segment_name());
+    } else if (stat_segment(&named) && named.st_dev == info.st_dev && named.st_ino == info.st_ino) {
+        removed = shm_unlink(segment_name()) == 0;
+    }
+    close(fd);
+    return removed;
 }
 
-// A new segment under the name, served by this process. Removed again when it cannot be completed.
-bool create_segment(Mapping *mapping) {
+// Makes a segment under the name, served by this process, at the address that *mapped may have. Removed again when it
+// cannot be completed.
+bool create_segment(Mapped *mapped) {
     if (!remove_old_segment()) return false;
     const int fd = shm_open(segment_name(), O_RDWR | O_CREAT | O_EXCL, 0600);
     if (fd < 0) {
         PLATFORM_LOGW("cannot make segment %s (%d:%m)", segment_name(), errno);
         return false;
     }
-    const bool sized = ftruncate(fd, sizeof(Segment)) == 0;
-    if (!sized || !mapping->map(fd) || !take_daemon_lock(mapping->fd()) || !initialise(mapping->segment())) {
+    struct stat info;
+    if (!take_daemon_lock(fd) || ftruncate(fd, sizeof(Segment)) != 0 || fstat(fd, &info) != 0 ||
+        !map_segment(fd, info, mapped) || !initialise(mapped->segment)) {
         PLATFORM_LOGW("cannot set up segment %s (%d:%m)", segment_name(), errno);
-        if (!sized) close(fd);
+        mapped->fd = -1;
+        close(fd);
         shm_unlink(segment_name());
         return false;
     }
-    set_group(mapping->fd());
+    set_group(fd);
     return true;
 }
 
-Segment *serving_segment() {
+// A segment that replaces another is served by a daemon that is up already, and says so, also when the daemon was
+// writing the marker into the old one just now.
+void carry_marker_over() {
+    int32_t *marker = &served[current].segment->record.marker;
+    if (__atomic_load_n(marker, __ATOMIC_ACQUIRE) != 0) return;
+    for (const Mapped &mapped : served) {
+        if (mapped.segment == nullptr) continue;
+        const int32_t known = __atomic_load_n(&mapped.segment->record.marker, __ATOMIC_ACQUIRE);
+        if (known != 0) __atomic_store_n(marker, known, __ATOMIC_RELEASE);
+    }
+}
+
+Segment *served_segment() {
     const std::lock_guard<std::mutex> hold(server_lock);
-    return serving.segment();
+    return served[current].segment;
+}
+
+// The daemon is not, or no longer, at work on a request. Other values than ours are damage; clients would wait for
+// ever.
+void settle(Segment *segment) {
+    const uint32_t stage = stage_of(segment);
+    if (stage != kFree && stage != kPosted) move_stage(segment, stage, kFree);
 }
 
 }  // namespace
@@ -195,100 +251,109 @@ void *get_shm(void) {
     return guarded(static_cast<void *>(nullptr), []() -> void * {
         const std::lock_guard<std::mutex> hold(server_lock);
         struct stat info;
-        if (stat_segment(&info) && serving.is_file(info)) return serving.segment();
-        Mapping fresh;
-        if (!create_segment(&fresh)) return nullptr;
-        // A segment that replaces one that was removed is served by a daemon that is up already.
-        if (serving.segment() != nullptr) {
-            const int32_t marker = __atomic_load_n(&serving.segment()->record.marker, __ATOMIC_ACQUIRE);
-            __atomic_store_n(&fresh.segment()->record.marker, marker, __ATOMIC_RELEASE);
+        if (!stat_segment(&info) || !served[current].is_file(info)) {
+            const size_t next = (current + 1) % served.size();
+            if (!create_segment(&served[next])) return nullptr;
+            if (served[current].segment != nullptr && served[current].fd >= 0) {
+                close(served[current].fd);  // with the lock: who still waits there learns that it is over
+                served[current].fd = -1;
+            }
+            current = next;
         }
-        std::move(replaced.begin() + 1, replaced.end(), replaced.begin());
-        replaced.back() = std::move(serving);
-        serving = std::move(fresh);
-        return serving.segment();
+        carry_marker_over();
+        return served[current].segment;
     });
 }
 
 int check_if_valid_shm(void **shm) {
-    if (shm == nullptr || *shm == nullptr) return 0;
+    if (shm == nullptr || *shm == nullptr || platform_fault(FAULT_CHECK_SHM)) return 0;
     const std::lock_guard<std::mutex> hold(server_lock);
     struct stat info;
-    return *shm == serving.segment() && stat_segment(&info) && serving.is_file(info) ? 1 : 0;
-}
-
-static timespec monotonic_after_ms(int64_t milliseconds) {
-    timespec when = {};
-    clock_gettime(CLOCK_MONOTONIC, &when);
-    when.tv_sec += static_cast<time_t>(milliseconds / 1000);
-    when.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000;
-    if (when.tv_nsec >= 1000000000) {
-        when.tv_nsec -= 1000000000;
-        ++when.tv_sec;
-    }
-    return when;
+    return *shm == served[current].segment && stat_segment(&info) && served[current].is_file(info) ? 1 : 0;
 }
 
 int vestra_request_sem_lock_func(const char * /*caller*/, int /*n*/) {
-    Segment *segment = serving_segment();
-    if (segment == nullptr) return -1;
-    const timespec deadline = monotonic_after_ms(1000);
-    if (sem_clockwait(&segment->request, CLOCK_MONOTONIC, &deadline) != 0) return -1;
-    const uint32_t sequence = __atomic_load_n(&segment->posted_sequence, __ATOMIC_ACQUIRE);
-    __atomic_store_n(&segment->taken_sequence, sequence, __ATOMIC_RELEASE);
-    return 0;
+    Segment *segment = served_segment();
+    if (segment == nullptr || platform_fault(FAULT_REQUEST_WAIT)) return -1;
+    settle(segment);  // the pass before is over, answered or not
+    if (wait_until(&segment->request, Clock::now() + kRequestWait) != 0) return -1;
+    return move_stage(segment, kPosted, kTaken) ? 0 : -1;  // a ring without a request: it was withdrawn
 }
 
 int vestra_ready_sem_unlock_func(const char * /*caller*/) {
-    Segment *segment = serving_segment();
-    if (segment == nullptr) return -1;
-    const uint32_t sequence = __atomic_load_n(&segment->taken_sequence, __ATOMIC_ACQUIRE);
-    __atomic_store_n(&segment->answered_sequence, sequence, __ATOMIC_RELEASE);
+    Segment *segment = served_segment();
+    if (segment == nullptr || platform_fault(FAULT_READY_POST)) return -1;
+    settle(segment);  // before the signal: who is woken by it must find the request answered
     return sem_post(&segment->record.ready);
 }
 
 /* ------------------------------ The clients' side ------------------------------ */
 
 struct vestra_api_client {
+    vestra_api_client() = default;
+    vestra_api_client(const vestra_api_client &) = delete;
+    vestra_api_client &operator=(const vestra_api_client &) = delete;
+    ~vestra_api_client() { drop(); }
+
+    void drop() {
+        if (mapped.segment == nullptr) return;
+        munmap(mapped.segment, sizeof(Segment));
+        close(mapped.fd);
+        mapped = {};
+    }
+
     std::mutex lock;  // one question at a time with one handle
-    Mapping mapping;
+    Mapped mapped{};  // the segment that was there last
 };
 
 namespace {
+
+bool may_use(const struct stat &info) {
+    gid_t group = 0;
+    if (!S_ISREG(info.st_mode) || info.st_size != static_cast<off_t>(sizeof(Segment))) return false;
+    if (info.st_uid == geteuid() || info.st_uid == 0) return true;
+    return group_from_environment(&group) && info.st_gid == group;
+}
 
 // Makes the handle's mapping the segment that is there now, served and ready. False when there is none.
 bool connect(vestra_api_client *client) {
     struct stat info;
     if (!stat_segment(&info)) return false;
-    if (!client->mapping.is_file(info)) {
-        client->mapping = Mapping();
+    if (!client->mapped.is_file(info)) {
+        client->drop();
         const int fd = shm_open(segment_name(), O_RDWR, 0);
-        if (fd < 0) return false;
-        Mapping found;
-        if (!found.map(fd)) return false;
-        client->mapping = std::move(found);
+        if (fd < 0) {
+            PLATFORM_LOGW("cannot open segment %s (%d:%m)", segment_name(), errno);
+            return false;
+        }
+        const bool known = fstat(fd, &info) == 0;
+        if (known && info.st_size != 0 && !may_use(info)) {
+            PLATFORM_LOGW("segment %s is refused: another size, or another user's", segment_name());
+        }
+        if (!known || !may_use(info) || !map_segment(fd, info, &client->mapped)) {
+            close(fd);
+            return false;
+        }
     }
-    const Segment *segment = client->mapping.segment();
+    const Segment *segment = client->mapped.segment;
     return __atomic_load_n(&segment->magic, __ATOMIC_ACQUIRE) == kMagic &&
-           __atomic_load_n(&segment->record.marker, __ATOMIC_ACQUIRE) == 1 && daemon_lives(client->mapping.fd());
+           __atomic_load_n(&segment->record.marker, __ATOMIC_ACQUIRE) == 1 && daemon_lives(client->mapped.fd);
 }
 
 bool valid(const vestra_api_data *requests, int count) {
     if (requests == nullptr || count < 1 || count > kVestraVitals) return false;
-    for (int i = 0; i < count; ++i) {
-        const vestra_api_data &request = requests[i];
-        if (request.packet_type < 0 || request.packet_type >= kVestraVitals) return false;
-        if (request.window < 0 || request.window > kVestraWindowMax) return false;
-    }
-    return true;
+    return std::all_of(requests, requests + count, [](const vestra_api_data &request) {
+        return request.packet_type >= 0 && request.packet_type < kVestraVitals && request.window >= 0 &&
+               request.window <= kVestraWindowMax;
+    });
 }
 
 // The turn, for as long as it is held.
 class Turn {
   public:
-    Turn(Segment *segment, const timespec &deadline) : segment_(segment) {
-        const int result = pthread_mutex_clocklock(&segment->turn, CLOCK_MONOTONIC, &deadline);
-        // The holder before died: whatever it left behind is overwritten now.
+    Turn(Segment *segment, Clock::time_point deadline) : segment_(segment) {
+        const int result = lock_until(&segment->turn, deadline);
+        // The holder before died; each turn begins by clearing up what may be left, so there is nothing else to mend.
         if (result == EOWNERDEAD) pthread_mutex_consistent(&segment->turn);
         taken_ = result == 0 || result == EOWNERDEAD;
     }
@@ -301,19 +366,30 @@ class Turn {
 
   private:
     Segment *segment_;
-    bool taken_;
+    bool taken_ = false;
 };
 
-void store_state(Segment *segment, int32_t state) {
-    __atomic_store_n(&segment->record.state, state, __ATOMIC_RELEASE);
+// Waits until no request is posted or taken.
+int wait_until_free(const Mapped &mapped, Clock::time_point deadline) {
+    for (;;) {
+        if (stage_of(mapped.segment) == kFree) return VESTRA_API_OK;
+        if (!daemon_lives(mapped.fd)) return VESTRA_API_NO_DAEMON;
+        const auto now = Clock::now();
+        if (now >= deadline) return VESTRA_API_TIMEOUT;
+        // Woken or not, the stage decides.
+        (void)wait_until(&mapped.segment->record.ready, std::min(deadline, now + Clock::duration(kLookForDaemon)));
+    }
 }
 
-// Writes the entries and posts the request. Returns its sequence number.
-uint32_t post(Segment *segment, const vestra_api_data *requests, int count) {
-    while (sem_trywait(&segment->request) == 0) {
+void drain(sem_t *semaphore) {
+    for (int i = 0; i < kStaleSignals && sem_trywait(semaphore) == 0; ++i) {
     }
-    while (sem_trywait(&segment->record.ready) == 0) {
-    }
+}
+
+// Writes the entries and posts the request. The daemon is not at work and has nothing to begin with.
+void post(Segment *segment, const vestra_api_data *requests, int count) {
+    drain(&segment->request);
+    drain(&segment->record.ready);
     for (int i = 0; i < kVestraVitals; ++i) {
         vestra_api_data entry = {};
         entry.packet_type = i < count ? requests[i].packet_type : kVestraUnused;
@@ -321,42 +397,22 @@ uint32_t post(Segment *segment, const vestra_api_data *requests, int count) {
         entry.answer_type = kVestraUnused;
         segment->record.request[i] = entry;
     }
-    store_state(segment, VESTRA_REQUEST_POSTED);
-    const uint32_t sequence = segment->posted_sequence + 1;
-    __atomic_store_n(&segment->posted_sequence, sequence, __ATOMIC_RELEASE);
+    __atomic_store_n(&segment->record.state, static_cast<int32_t>(VESTRA_REQUEST_POSTED), __ATOMIC_RELEASE);
+    move_stage(segment, kFree, kPosted);
     sem_post(&segment->request);
-    return sequence;
 }
 
-// Waits for the answer to request `sequence`.
-int wait_for_answer(const Mapping &mapping, uint32_t sequence, const timespec &deadline) {
-    Segment *segment = mapping.segment();
-    for (;;) {
-        if (sem_clockwait(&segment->record.ready, CLOCK_MONOTONIC, &deadline) != 0) {
-            if (errno == EINTR) continue;
-            return daemon_lives(mapping.fd()) ? VESTRA_API_TIMEOUT : VESTRA_API_NO_DAEMON;
-        }
-        const int32_t state = __atomic_load_n(&segment->record.state, __ATOMIC_ACQUIRE);
-        if (__atomic_load_n(&segment->answered_sequence, __ATOMIC_ACQUIRE) == sequence) {
-            return state == VESTRA_REQUEST_ANSWERED ? VESTRA_API_OK : VESTRA_API_TIMEOUT;
-        }
-        // The end of an answer to someone who has given up; it overwrote our state.
-        store_state(segment, VESTRA_REQUEST_POSTED);
-    }
-}
-
-int ask(vestra_api_client *client, vestra_api_data *requests, int count, int timeout_ms) {
-    const timespec deadline = monotonic_after_ms(timeout_ms < 0 ? 0 : timeout_ms);
-    const std::lock_guard<std::mutex> hold(client->lock);
-    if (!connect(client)) return VESTRA_API_NO_DAEMON;
-    Segment *segment = client->mapping.segment();
-    const Turn turn(segment, deadline);
-    if (!turn.taken()) return VESTRA_API_TIMEOUT;
-    const uint32_t sequence = post(segment, requests, count);
-    const int result = wait_for_answer(client->mapping, sequence, deadline);
-    if (result != VESTRA_API_OK) return result;
+// Copies the answers out of the record. The requests are untouched when one is missing.
+int fetch(const Segment *segment, vestra_api_data *requests, int count) {
+    if (__atomic_load_n(&segment->record.state, __ATOMIC_ACQUIRE) != VESTRA_REQUEST_ANSWERED) return VESTRA_API_TIMEOUT;
+    std::array<vestra_api_data, kVestraVitals> answers;
     for (int i = 0; i < count; ++i) {
-        const vestra_api_data answer = segment->record.request[i];
+        const auto index = static_cast<size_t>(i);
+        answers[index] = segment->record.request[i];
+        if (answers[index].answer_type != requests[i].packet_type) return VESTRA_API_REFUSED;
+    }
+    for (int i = 0; i < count; ++i) {
+        const vestra_api_data &answer = answers[static_cast<size_t>(i)];
         requests[i].maximum = answer.maximum;
         requests[i].minimum = answer.minimum;
         requests[i].average = answer.average;
@@ -366,14 +422,35 @@ int ask(vestra_api_client *client, vestra_api_data *requests, int count, int tim
     return VESTRA_API_OK;
 }
 
+int ask(vestra_api_client *client, vestra_api_data *requests, int count, int timeout_ms) {
+    const auto deadline = Clock::now() + milliseconds(std::max(timeout_ms, 0));
+    if (lock_until(client->lock.native_handle(), deadline) != 0) return VESTRA_API_TIMEOUT;
+    const std::lock_guard<std::mutex> hold(client->lock, std::adopt_lock);
+    if (!connect(client)) return VESTRA_API_NO_DAEMON;
+    const Mapped &mapped = client->mapped;
+    const Turn turn(mapped.segment, deadline);
+    if (!turn.taken()) return daemon_lives(mapped.fd) ? VESTRA_API_TIMEOUT : VESTRA_API_NO_DAEMON;
+
+    move_stage(mapped.segment, kPosted, kFree);  // of someone who has gone
+    int result = wait_until_free(mapped, deadline);
+    if (result != VESTRA_API_OK) return result;
+    post(mapped.segment, requests, count);
+    result = wait_until_free(mapped, deadline);
+    if (result == VESTRA_API_OK) return fetch(mapped.segment, requests, count);
+    move_stage(mapped.segment, kPosted, kFree);
+    return result;
+}
+
 }  // namespace
 
 vestra_api_h vestra_api_open(void) {
+    if (platform_fault(FAULT_API_OPEN)) return nullptr;
     return new (std::nothrow) vestra_api_client;
 }
 
 int vestra_api_ask(vestra_api_h client, vestra_api_data *requests, int count, int timeout_ms) {
     if (client == nullptr || !valid(requests, count)) return VESTRA_API_REFUSED;
+    if (platform_fault(FAULT_API_ASK)) return VESTRA_API_NO_DAEMON;
     return guarded<int>(VESTRA_API_NO_MEMORY, [&] { return ask(client, requests, count, timeout_ms); });
 }
 

@@ -2,15 +2,20 @@
 //
 // The set promises the daemon's four calls below and the record's first 912 bytes. The stand-in: POSIX shared memory
 // "/vestra_api" (environment VESTRA_API_SHM: another name), mode 0600, or 0660 with the group that VESTRA_API_GROUP
-// names. The daemon makes it, new at every start; a segment of someone else's or of a wrong size is refused. Differs
-// from the set: the calls' inner workings, and everything behind offset 912.
+// names. The daemon makes it, new at every start. A client refuses a segment of a wrong size and one that belongs
+// neither to its own user nor to root nor to that group. Who may open the segment is trusted not to cut it short.
+// Differs from the set: the calls' inner workings, and everything behind offset 912.
 //
-// How a request travels. A client takes the turn (a robust mutex: a holder that dies does not lock others out), empties
-// both semaphores of what others left behind, writes the entries, state 1 and a new sequence number, posts `request`
-// and waits for `ready`. The daemon answers and posts `ready`. The library notes which sequence number the daemon took
-// and which it answered, so that a late answer to a client that has given up is not taken for the next client's: that
-// one puts its state back to 1 and waits on. A client knows that a daemon is there by a lock on the segment that only a
-// living daemon holds, and by the marker.
+// Whose answer it is. A client asks while it has the turn, a robust mutex: a holder that dies does not lock others out.
+// The word `stage` (behind the record) goes from free to posted (client), taken (daemon, when its wait for a request
+// succeeds) and back to free (daemon, when it signals ready or waits for the next request). The turn's holder withdraws
+// a request that was posted and not taken, waits while one is taken, and only then, when the daemon is certainly not at
+// work and cannot begin, empties both semaphores, writes its entries and state 1, and posts. So nothing that the daemon
+// writes late, nor a late signal, can meet another client's request, whenever a client died or gave up; the semaphores
+// only wake. A client that dies or gives up leaves its state as it is, so that the daemon is done with it at once.
+//
+// Whether a daemon is there: it holds a lock on the segment's first byte, which goes when it ends however it ends, and
+// has set the marker. A client looks again every 0.1 s while it waits.
 #pragma once
 
 #include <semaphore.h>
@@ -34,7 +39,12 @@ struct vestra_api_data {
     int32_t padding;      // 44
 };
 static_assert(sizeof(vestra_api_data) == 48, "the layout is fixed");
+static_assert(offsetof(vestra_api_data, packet_type) == 0, "the layout is fixed");
+static_assert(offsetof(vestra_api_data, window) == 4, "the layout is fixed");
 static_assert(offsetof(vestra_api_data, maximum) == 8, "the layout is fixed");
+static_assert(offsetof(vestra_api_data, minimum) == 16, "the layout is fixed");
+static_assert(offsetof(vestra_api_data, average) == 24, "the layout is fixed");
+static_assert(offsetof(vestra_api_data, variance) == 32, "the layout is fixed");
 static_assert(offsetof(vestra_api_data, answer_type) == 40, "the layout is fixed");
 
 // Values of vestra_shm_record::state.
@@ -55,6 +65,7 @@ struct vestra_shm_record {
     uint8_t reserved_state[4];               //  92
     vestra_api_data request[kVestraVitals];  //  96
 };
+static_assert(offsetof(vestra_shm_record, marker) == 0, "the layout is fixed");
 static_assert(offsetof(vestra_shm_record, ready) == 40, "the layout is fixed");
 static_assert(offsetof(vestra_shm_record, state) == 88, "the layout is fixed");
 static_assert(offsetof(vestra_shm_record, request) == 96, "the layout is fixed");
@@ -65,27 +76,29 @@ extern "C" {
 /* ------------------------------ The daemon's side ------------------------------ */
 
 // The mapped segment, made where there is none; null when it cannot be had (log line), or when another living daemon
-// serves it. Cheap when nothing has changed. A segment that was replaced stays mapped for a while, so that an address
-// handed out before is still memory. Any thread of one process.
+// serves it. One system call when nothing has changed. A segment that was removed is replaced, with the marker as it
+// was; an address once handed out stays mapped for good (it is used again for a later replacement, after three others).
+// Any thread of one process.
 void *get_shm(void);
 
-// Non-zero while the segment at *shm is the one that clients find under the name.
+// 1 while the segment at *shm is the one that clients find under the name, else 0. Any thread.
 int check_if_valid_shm(void **shm);
 
-// Waits until a client signals a request, at most 1 s. 0, or negative when none came. `caller` and `n` are not used.
-// One thread.
+// Waits until a client signals a request, at most 1 s. 0, or negative when none came; at once when there is no segment.
+// `caller` and `n` are not used. One thread.
 int vestra_request_sem_lock_func(const char *caller, int n);
 
-// Signals the client that answers (or the give-up state) are there. 0 or negative.
+// Signals the client that answers (or the give-up state) are there. 0 or negative. The same thread; the record is the
+// client's again after it.
 int vestra_ready_sem_unlock_func(const char *caller);
 
 /* ------------------------------ The clients' side ------------------------------ */
 
 enum vestra_api_result : int {
     VESTRA_API_OK = 0,
-    VESTRA_API_NO_DAEMON = -1,  // no segment, nobody serves it, or it ended meanwhile
+    VESTRA_API_NO_DAEMON = -1,  // no segment that may be used, nobody serves it, or its daemon ended meanwhile
     VESTRA_API_TIMEOUT = -2,    // no answer in time, or the daemon gave up
-    VESTRA_API_REFUSED = -3,    // an argument out of range: count, packet type, window, null
+    VESTRA_API_REFUSED = -3,    // count, packet type or window out of range, null; or the daemon left a type unanswered
     VESTRA_API_NO_MEMORY = -4,
 };
 
@@ -95,8 +108,9 @@ typedef struct vestra_api_client *vestra_api_h;
 vestra_api_h vestra_api_open(void);
 
 // Answers `count` (1 to 17) requests in place: packet_type 0..16 and window 0..180 s in; the four figures and
-// answer_type out. An empty window gives NaN for average and variance. Waits at most `timeout_ms` in all. The requests
-// are untouched on failure. Any thread; calls with one handle take turns, and so do processes.
+// answer_type out. An empty window gives NaN for average and variance. Waits at most `timeout_ms` in all, turns
+// included; below 0 counts as 0. The requests are untouched on failure. Any thread; calls with one handle take turns,
+// and so do processes: a client that is stopped in its turn makes the others time out.
 int vestra_api_ask(vestra_api_h client, vestra_api_data *requests, int count, int timeout_ms);
 
 void vestra_api_close(vestra_api_h client);

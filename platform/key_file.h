@@ -1,0 +1,41 @@
+// key_file.h -- GLib's key files, as the stand-ins read and write them.
+#pragma once
+
+#include <glib.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/platform_log.h"
+#include "platform/state_dir.h"
+
+struct KeyFileFree {
+    void operator()(GKeyFile *file) const { g_key_file_free(file); }
+};
+using KeyFile = std::unique_ptr<GKeyFile, KeyFileFree>;
+
+// The key file at `path`, of at most `limit` bytes; null, with a log line, when it cannot be read.
+inline KeyFile read_key_file(const std::string &path, size_t limit) {
+    const auto text = read_state_file(path, limit);
+    if (!text) return nullptr;
+    KeyFile file(g_key_file_new());
+    GError *error = nullptr;
+    if (g_key_file_load_from_data(file.get(), text->data(), text->size(), G_KEY_FILE_NONE, &error)) return file;
+    PLATFORM_LOGW("%s: %s", path.c_str(), error == nullptr ? "?" : error->message);
+    g_clear_error(&error);
+    return nullptr;
+}
+
+// A text of the file; nothing when it has none of that name, or one that is no text (*problem says which).
+inline std::optional<std::string> key_file_text(GKeyFile *file, const char *group, const char *name,
+                                                std::string *problem = nullptr) {
+    GError *error = nullptr;
+    char *found = g_key_file_get_string(file, group, name, &error);
+    std::optional<std::string> text;
+    if (found != nullptr) text = found;
+    if (problem != nullptr && error != nullptr) *problem = error->message;
+    g_clear_error(&error);
+    g_free(found);
+    return text;
+}
