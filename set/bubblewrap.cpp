@@ -1,0 +1,121 @@
+#include "set/bubblewrap.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "set/files.h"
+#include "set/layout.h"
+
+namespace vestra_set {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Directories that a set has of its own: never replaced by the host's, though what lies below them may be bound.
+constexpr const char *kOwnDirectories[] = {"/",    "/tmp",  "/opt",   "/run", "/dev/shm", "/tv",
+                                           "/var", "/home", "/media", "/mnt", "/srv"};
+// Trees that a set has of its own, or sees anyway.
+constexpr const char *kOwnTrees[] = {"/usr",    "/bin", "/sbin", "/lib", "/lib32", "/lib64",
+                                     "/libx32", "/etc", "/proc", "/sys", "/dev"};
+
+bool lies_below(const std::string &path, const std::string &directory) {
+    return path == directory || path.compare(0, directory.size() + 1, directory + "/") == 0;
+}
+
+// The build tree that this program lies in, and the source tree it was built from; nothing for an installed program.
+std::vector<std::string> own_trees() {
+    for (fs::path directory = fs::path(own_program()).parent_path(); directory != directory.root_path();
+         directory = directory.parent_path()) {
+        const auto cache = read_file(directory / "CMakeCache.txt");
+        if (!cache) continue;
+        std::vector<std::string> trees{directory};
+        constexpr std::string_view kKey = "\nCMAKE_HOME_DIRECTORY:INTERNAL=";
+        const size_t start = cache->find(kKey);
+        if (start != std::string::npos) {
+            const size_t value = start + kKey.size();
+            trees.push_back(cache->substr(value, cache->find('\n', value) - value));
+        }
+        return trees;
+    }
+    return {};
+}
+
+// What is bound writable at its own path, outer directories first and without those that lie below another.
+std::vector<std::string> bound_directories(const LaunchPlan &plan, const std::string &program) {
+    std::vector<std::string> wanted = own_trees();
+    std::error_code ignored;
+    wanted.push_back(fs::path(program).parent_path());
+    wanted.push_back(fs::canonical(program, ignored).parent_path());  // where a link leads
+    wanted.push_back(plan.options.directory);
+    wanted.insert(wanted.end(), plan.binds.begin(), plan.binds.end());
+    std::sort(wanted.begin(), wanted.end());
+    std::vector<std::string> bound;
+    for (const std::string &path : wanted) {
+        if (!may_be_bound(path) || !fs::exists(path, ignored)) continue;
+        if (std::none_of(bound.begin(), bound.end(), [&](const std::string &b) { return lies_below(path, b); })) {
+            bound.push_back(path);
+        }
+    }
+    return bound;
+}
+
+}  // namespace
+
+bool may_be_bound(const std::string &path) {
+    return std::find(std::begin(kOwnDirectories), std::end(kOwnDirectories), path) == std::end(kOwnDirectories) &&
+           std::none_of(std::begin(kOwnTrees), std::end(kOwnTrees),
+                        [&](const char *tree) { return lies_below(path, tree); });
+}
+
+std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std::string &program) {
+    std::vector<std::string> args{"bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--as-pid-1"};
+    const auto add = [&](std::initializer_list<std::string> more) { args.insert(args.end(), more); };
+
+    // Root needs no user namespace, and in a container often cannot have one. Anyone else must be root in one: the
+    // control node's file system cannot be mounted otherwise.
+    if (geteuid() != 0) add({"--unshare-user", "--uid", "0", "--gid", "0", "--cap-add", "ALL"});
+
+    add({"--ro-bind", "/usr", "/usr"});
+    for (const char *name : {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32"}) {
+        std::error_code ignored;
+        if (fs::is_symlink(name, ignored)) {
+            add({"--symlink", fs::read_symlink(name, ignored), name});
+        } else if (fs::is_directory(name, ignored)) {
+            add({"--ro-bind", name, name});
+        }
+    }
+    add({"--proc", kRealProc, "--tmpfs", "/proc", "--ro-bind", "/proc/uptime", "/proc/uptime"});
+    // The rest of /proc comes once the first process runs; a sanitizer's start in that process looks at itself before.
+    add({"--symlink", std::string(kRealProc) + "/self", "/proc/self"});
+    add({"--ro-bind", "/etc", kRealEtc, "--tmpfs", "/etc"});
+    add({"--dev", "/dev", "--tmpfs", "/dev/shm"});
+    if (plan.options.node) add({"--dev-bind", "/dev/fuse", "/dev/fuse"});
+    for (const char *path : {"/opt", "/tmp", "/run", "/sys"}) add({"--tmpfs", path});
+
+    add({"--ro-bind", own_program(), kLauncher});
+    if (!plan.state_dir.empty()) add({"--bind", plan.state_dir, kStateDir});
+    if (!plan.log_file.empty()) add({"--bind", plan.log_file, kLogFile});
+    for (const auto &[label, directory] : plan.stick_dirs) add({"--bind", directory, "/media/" + label});
+
+    const std::vector<std::string> bound = bound_directories(plan, program);
+    for (const std::string &path : bound) add({"--bind", path, path});
+    // A program straight in /tmp, or a recorded dump somewhere else: the file alone.
+    for (const std::string &file : {program, plan.options.source.file}) {
+        if (file.empty() || lies_below(file, "/usr") ||
+            std::any_of(bound.begin(), bound.end(), [&](const std::string &b) { return lies_below(file, b); })) {
+            continue;
+        }
+        add({"--ro-bind", file, file});
+    }
+
+    add({"--setenv", "VESTRA_SET_INSIDE", "1", "--setenv", "HOME", "/root"});
+    for (const char *name : {"VESTRA_SET_DIR", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "TMPDIR"}) {
+        add({"--unsetenv", name});
+    }
+    add({"--chdir", "/"});
+    return args;
+}
+
+}  // namespace vestra_set

@@ -1,0 +1,19 @@
+// The command line that makes bubblewrap build a set's namespace.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "set/launcher.h"
+
+namespace vestra_set {
+
+// False for a directory that a set has of its own, or sees anyway. `path` is absolute and without links.
+bool may_be_bound(const std::string &path);
+
+// bubblewrap's arguments (its own name first) up to the program that it is to run. `program` is where the set's program
+// lies on the host; its directory, the working directory and the tree this program was built in are bound at their own
+// paths.
+std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std::string &program);
+
+}  // namespace vestra_set

@@ -1,0 +1,19 @@
+// Small whole files: read, written, replaced. Failures are reported by the result, with errno set.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vestra_set {
+
+// The whole file, or nothing when it cannot be read or is longer than `limit` bytes.
+std::optional<std::string> read_file(const std::string &path, size_t limit = 16 * 1024 * 1024);
+
+// Writes a file in place, made where it is missing.
+bool write_file(const std::string &path, std::string_view text);
+
+// Makes a directory and those above it; true when it is there afterwards.
+bool make_directories(const std::string &path);
+
+}  // namespace vestra_set

@@ -1,0 +1,167 @@
+#include "set/module_state.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+
+namespace vestra_set {
+namespace {
+
+constexpr size_t kRecentLimit = 256;
+constexpr size_t kFilterNames = 5;    // the daemon sends no more at a time
+constexpr size_t kRefusedShown = 64;  // bytes of a refused text that are kept
+
+double now() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+// Counts a block's frames by type. False when the block is not a whole number of frames.
+bool count_frames(const uint8_t *block, size_t size, std::array<uint64_t, 256> *frames) {
+    size_t offset = 0;
+    while (size - offset >= 4) {
+        const size_t length = block[offset] | static_cast<size_t>(block[offset + 1]) << 8 |
+                              static_cast<size_t>(block[offset + 2]) << 16 |
+                              static_cast<size_t>(block[offset + 3]) << 24;
+        offset += 4;
+        if (length > size - offset) return false;
+        if (length > 0) ++(*frames)[block[offset]];
+        offset += length;
+    }
+    return offset == size;
+}
+
+}  // namespace
+
+void ModuleState::reset() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    control_ = ModuleControl();
+    temperature_known_ = false;
+    ++loads_;
+    ++control_version_;
+    ++version_;
+}
+
+int ModuleState::write(std::string_view text) {
+    const auto command = parse_node_command(text);
+    const std::lock_guard<std::mutex> guard(mutex_);
+    ++writes_;
+    ++version_;
+    if (!command) {
+        ++refused_;
+        last_refused_ = text.substr(0, kRefusedShown);
+        return EINVAL;
+    }
+    if (text.back() == '\n') text.remove_suffix(1);
+    recent_.push_back({now(), std::string(text)});
+    if (recent_.size() > kRecentLimit) recent_.pop_front();
+    apply(*command);
+    return 0;
+}
+
+void ModuleState::apply(const NodeCommand &command) {
+    ++control_version_;
+    if (command.kind == NodeCommand::kTracing) {
+        control_.tracing = command.number == 1;
+        return;
+    }
+    Tally &tally = commands_[command.number];
+    ++tally.count;
+    tally.payload = command.payload;
+    switch (command.number) {
+        case 0:
+            control_.temperature = command.value;
+            temperature_known_ = true;
+            break;
+        case 1:
+            control_.disk_read = true;
+            break;
+        case 2:
+            control_.disk_read = false;
+            break;
+        case 3:
+            control_.disk_write = true;
+            break;
+        case 4:
+            control_.disk_write = false;
+            break;
+        case 5:
+            control_.pids = command.pids;
+            break;
+        default: {
+            // One command carries one name and none says where a list begins: the newest five different names are the
+            // list.
+            auto &names = control_.names;
+            names.erase(std::remove(names.begin(), names.end(), command.name), names.end());
+            names.push_back(command.name);
+            if (names.size() > kFilterNames) names.erase(names.begin());
+        }
+    }
+}
+
+void ModuleState::count_read(const uint8_t *block, size_t size) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    ++reads_;
+    ++version_;
+    if (size == 0) {
+        ++empty_reads_;
+        return;
+    }
+    ++blocks_;
+    bytes_ += size;
+    if (!count_frames(block, size, &frames_)) ++damaged_blocks_;
+}
+
+void ModuleState::count_failed_read() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    ++reads_;
+    ++failed_reads_;
+    ++version_;
+}
+
+ModuleControl ModuleState::control() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return control_;
+}
+
+uint64_t ModuleState::control_version() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return control_version_;
+}
+
+uint64_t ModuleState::version() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return version_;
+}
+
+nlohmann::json ModuleState::status() const {
+    using nlohmann::json;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    json frames = json::object();
+    for (size_t type = 0; type < frames_.size(); ++type) {
+        if (frames_[type] != 0) frames[std::to_string(type)] = frames_[type];
+    }
+    json commands = json::object();
+    for (const auto &[number, tally] : commands_) {
+        commands[std::to_string(number)] = {{"count", tally.count}, {"payload", tally.payload}};
+    }
+    json recent = json::array();
+    for (const Recent &entry : recent_) recent.push_back({{"time", entry.time}, {"command", entry.text}});
+    return {{"loads", loads_},
+            {"tracing", control_.tracing},
+            {"disk_read", control_.disk_read},
+            {"disk_write", control_.disk_write},
+            {"temperature", temperature_known_ ? json(control_.temperature) : json(nullptr)},
+            {"filter", {{"names", control_.names}, {"pids", control_.pids}}},
+            {"reads", {{"total", reads_}, {"empty", empty_reads_}, {"failed", failed_reads_}}},
+            {"blocks", blocks_},
+            {"bytes", bytes_},
+            {"frames", frames},
+            {"damaged_blocks", damaged_blocks_},
+            {"writes", writes_},
+            {"refused", refused_},
+            {"last_refused", last_refused_},
+            {"commands", commands},
+            {"recent", recent}};
+}
+
+}  // namespace vestra_set

@@ -1,0 +1,118 @@
+#include "set/set_directory.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "set/files.h"
+
+namespace vestra_set {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char *kLockSuffix = ".lock";
+
+std::string base_directory() {
+    const char *runtime = std::getenv("XDG_RUNTIME_DIR");
+    const std::string parent = runtime != nullptr && runtime[0] == '/' ? runtime : "/tmp";
+    return parent + "/vestra-set-" + std::to_string(geteuid());
+}
+
+// In /tmp anybody can make the name first: only a directory of our own that nobody else can enter will do.
+bool make_private(const std::string &path, std::string *error) {
+    struct stat info;
+    if ((mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) || lstat(path.c_str(), &info) != 0) {
+        *error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (!S_ISDIR(info.st_mode) || info.st_uid != geteuid() || (info.st_mode & 077) != 0) {
+        *error = path + " is not a directory of yours that only you can enter; remove it";
+        return false;
+    }
+    return true;
+}
+
+struct flock whole_file() {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return lock;
+}
+
+// Opens and locks a lock file, as long as it is the one that is found under its path. Not valid when somebody else
+// holds it.
+UniqueFd take_lock(const std::string &path) {
+    for (;;) {
+        UniqueFd fd(open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC | O_NOFOLLOW, 0600));
+        struct flock lock = whole_file();
+        if (!fd.valid() || fcntl(fd.get(), F_OFD_SETLK, &lock) != 0) return {};
+        struct stat mine;
+        struct stat found;
+        if (fstat(fd.get(), &mine) == 0 && stat(path.c_str(), &found) == 0 && mine.st_ino == found.st_ino) return fd;
+        // A set that ended just now has removed it.
+    }
+}
+
+bool is_locked(const std::string &path) {
+    const UniqueFd fd(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    struct flock lock = whole_file();
+    return fd.valid() && fcntl(fd.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+pid_t lock_owner(const std::string &path) {
+    return std::atoi(read_file(path).value_or("0").c_str());
+}
+
+}  // namespace
+
+std::string set_directory(const std::string &name) {
+    return base_directory() + "/" + name;
+}
+
+std::vector<RunningSet> running_sets() {
+    std::vector<RunningSet> sets;
+    std::error_code ignored;
+    for (const auto &entry : fs::directory_iterator(base_directory(), ignored)) {
+        const fs::path &path = entry.path();
+        if (path.extension() != kLockSuffix || !is_locked(path)) continue;
+        sets.push_back({path.stem(), lock_owner(path)});
+    }
+    std::sort(sets.begin(), sets.end(), [](const RunningSet &a, const RunningSet &b) { return a.name < b.name; });
+    return sets;
+}
+
+std::unique_ptr<ClaimedDirectory> ClaimedDirectory::claim(const std::string &name, std::string *error) {
+    if (!make_private(base_directory(), error)) return nullptr;
+    const std::string path = set_directory(name);
+    UniqueFd lock = take_lock(path + kLockSuffix);
+    if (!lock.valid()) {
+        *error = "a set \"" + name + "\" is running already (process " +
+                 std::to_string(lock_owner(path + kLockSuffix)) + "); end it with \"vestra-set stop --name " + name +
+                 "\", or give this one another --name";
+        return nullptr;
+    }
+    const std::string owner = std::to_string(getpid()) + "\n";
+    std::error_code problem;
+    fs::remove_all(path, problem);
+    if (problem || ftruncate(lock.get(), 0) != 0 || write(lock.get(), owner.data(), owner.size()) < 0) {
+        *error = path + ": " + (problem ? problem.message() : std::strerror(errno));
+        return nullptr;
+    }
+    if (!make_private(path, error)) return nullptr;
+    return std::unique_ptr<ClaimedDirectory>(new ClaimedDirectory(path, std::move(lock)));
+}
+
+ClaimedDirectory::~ClaimedDirectory() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+    fs::remove(path_ + kLockSuffix, ignored);
+    fs::remove(fs::path(path_).parent_path(), ignored);  // goes with its last set
+}
+
+}  // namespace vestra_set
