@@ -1,0 +1,282 @@
+// decoder.h -- the trace decoder and what it keeps: vitals ring, CPU history, per-process memory list, history
+// database.
+//
+// Everything here runs on the reader thread ("QXReadData") without a lock unless a comment names another thread. The
+// byte layout of a block is in docs/trace-format.md. All times are nanoseconds unless a comment says otherwise; CPU
+// counters are clock ticks, 250 a second on each of 4 cores.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "platform/vestra_api.h"
+
+struct sqlite3;
+
+/* ------------------------------ Limits ------------------------------ */
+
+constexpr int kCoreCount = 4;
+constexpr uint32_t kFrameMax = 0x20000;   // bytes of a frame, header included
+constexpr int kSlotCount = 180;           // seconds that the vitals ring holds
+constexpr int kVitalCount = 17;           // doubles of a slot that a packet type names
+constexpr int kCpuSampleCount = 500;      // total CPU usage samples behind the peak average
+constexpr int kHistRecords = 0x8000;      // records of the CPU history that are used
+constexpr int32_t kListLimit = 204800;    // accounted bytes of the per-process memory list
+constexpr int32_t kListNodeCharge = 20;   // accounted bytes of a node beside its two texts
+constexpr uint32_t kFlagSwitch = 0x80;    // the slot holds a switch sample
+constexpr uint32_t kFlagMeminfo = 0x100;  // the slot holds a CPU and memory sample
+
+/* ------------------------------ Records ------------------------------ */
+
+// Result of one varint read, and of a frame or message decoder.
+struct retIntStruct {
+    int32_t status;  // 0: read. The caller presets -1 and a failed read leaves it so
+    int32_t length;  // bytes consumed: 1 to 10 for a varint, those of the body for a message, 0 for a frame
+    uint64_t value;  // the number; preset all ones
+};
+
+// Result of one byte-string read.
+struct retCharStruct {
+    int32_t status;  // 0: read; preset -1
+    int32_t length;  // bytes consumed: with the terminator of a terminated string, without the count of a counted one
+    char *data;      // heap block, the caller's from then on (free); null when there is none
+};
+
+// One decoded sample, and one slot of the vitals ring.
+struct _SYSDATA_ {
+    int64_t timestamp;                // 0    of the latest sample in the slot
+    int64_t switch_timestamp;         // 8    of the switch sample
+    int64_t aux_time;                 // 16   always 0
+    int32_t element1;                 // 24   as carried by the switch message
+    int32_t pid;                      // 28   above 0: the process that the CPU history is updated for
+    int64_t cpu_time_a;               // 32   ticks, first counter of the process
+    int64_t cpu_time_b;               // 40   ticks, second
+    int64_t utime[kCoreCount];        // 48   ticks since start, per core
+    int64_t stime[kCoreCount];        // 80
+    int64_t idletime[kCoreCount];     // 112
+    int64_t temperature[kCoreCount];  // 144  degrees C
+    int64_t iowaittime[kCoreCount];   // 176  ticks since start
+    // The seventeen vitals. A packet type is the place in this row; read it with vital().
+    double element10;                     // 208  type 0
+    double element11;                     //      1
+    double cpu_total_percent;             //      2
+    double cpu_system_percent;            //      3
+    double cpu_user_percent;              //      4
+    double core_temperature[kCoreCount];  //      5 to 8
+    double avg_temperature;               //      9
+    double iowait_percent;                //      10
+    double meminfo[6];                    // 296  11 to 16: three decimal figures, three plain ones
+    uint32_t flags;                       // 344  kFlagSwitch, kFlagMeminfo
+};
+static_assert(offsetof(_SYSDATA_, element1) == 24 && offsetof(_SYSDATA_, utime) == 48, "the layout is fixed");
+static_assert(offsetof(_SYSDATA_, element10) == 208, "the layout is fixed");
+static_assert(offsetof(_SYSDATA_, core_temperature) == 208 + 5 * sizeof(double), "the vitals are one row");
+static_assert(offsetof(_SYSDATA_, meminfo) == 208 + 11 * sizeof(double), "the vitals are one row");
+static_assert(offsetof(_SYSDATA_, flags) == 208 + kVitalCount * sizeof(double), "the vitals are one row");
+
+// One statistic over a window.
+struct _VestraData_ {
+    double maximum, minimum, average, variance;
+};
+static_assert(sizeof(_VestraData_) == 4 * sizeof(double), "the layout is fixed");
+
+// The last sample that a process's CPU usage was computed from, and that usage.
+struct __VestraProcCPUUsageHist__ {
+    int64_t timestamp;
+    int32_t pid;           // -1: the record was never used
+    int32_t element1;      // of the sample when the slot writer stored it, else -1
+    int64_t cpu_time_a;    // ticks
+    int64_t cpu_time_b;    // ticks
+    double total_percent;  // of all cores, from both counters, over the last interval
+    double percent_a;
+    double percent_b;
+    std::string name;  // empty: the record may be used for another process
+};
+
+// One per-process sample of a switch message.
+struct process_mem {
+    int64_t timestamp;
+    int32_t pid;
+    std::string name;  // at most 14 bytes
+    int32_t rss;       // memory figures as the frame carries them
+    int32_t swap;
+};
+
+// Node of the per-process memory list. Owned by the list; made with new.
+struct circ_buf_shm {
+    std::string timestamp;  // decimal
+    int32_t pid;
+    std::string name;
+    int32_t rss;
+    int32_t swap;
+    double cpu;          // percent
+    circ_buf_shm *next;  // older; null at the tail
+    circ_buf_shm *prev;  // newer; null at the head
+};
+
+/* ------------------------------ State ------------------------------ */
+// What each is for, who writes it and what guards it stands with the definitions in decoder.cpp.
+
+extern unsigned char frameData[kFrameMax + 1];
+extern retIntStruct retIs, utimeIs, stimeIs, idletimeIs, temperatureIs, iowaittimeIs;
+extern retCharStruct retCs;
+
+extern _SYSDATA_ collectedData[kSlotCount];
+extern int64_t timestampToIndex[kSlotCount], indexToTimestamp[kSlotCount];
+extern int32_t last_index, valid_index, pos, maxTimeIndex;
+extern int64_t maxTimeValue;
+extern double g_CPUTotalPer[kCpuSampleCount];
+extern int32_t g_CPUSampleCnt, g_CPUValidSample;
+extern double g_CPUTotalPercent;
+
+extern __VestraProcCPUUsageHist__ gProcCpuUsageHist[kHistRecords + 1];
+
+extern pthread_mutex_t shm_lock;  // guards the list; taken after `lock` where both are held
+extern circ_buf_shm *ghead_shm, *last_node;
+extern int32_t shm_list_size;
+
+extern sqlite3 *db;
+extern char *dbPath, *zErrMsg;
+extern const char *sql;
+
+/* ------------------------------ Field readers ------------------------------ */
+// None reads at or beyond `frame_len`. A failed read leaves *ret as it is and logs a warning.
+
+// The varint at `offset`: at most 10 bytes, bits beyond 64 are lost.
+void get_unpackedInt(int frame_len, int offset, char *frame, retIntStruct *ret);
+
+// The zero-terminated string at `offset`, in a zero-filled block of 20 bytes: its first 19 bytes are kept.
+void get_unpackedBytes(int frame_len, int offset, char *frame, retCharStruct *ret);
+
+// The `count` bytes at `offset`, in a block of that size without a terminator. A count below 1 fails without a message.
+void get_unpackedBytesWithLength(int frame_len, int offset, char *frame, int count, retCharStruct *ret);
+
+// Four bytes at `p`, little-endian.
+uint32_t get_frame_len(unsigned char *p);
+
+// Presets a result: `kind` 0 a retIntStruct, else a retCharStruct.
+void initiailizeRet(int kind, void *ret);
+
+// Does nothing; a result's block is the caller's to free.
+void deallocateRetStruct(int kind, void *ret);
+
+// Length of a zero-terminated string.
+int getBufLen(char *text);
+
+// `integer` with the decimal digits of `fraction` after the point: (36, 25) is 36.25. 36.05 cannot be said. A fraction
+// below 1 adds nothing.
+double covert_intfrac_double(int integer, int fraction);
+
+/* ------------------------------ Walkers and message decoders ------------------------------ */
+
+// Walks one block of `total` bytes and stores what it finds. Returns the type (signed first byte) of the last frame of
+// two bytes or more, -1 when there was none. `buf` is only read.
+int decode_file(unsigned char *buf, unsigned int total);
+
+// Walk the messages of a frame of type 7 or 8. `file_index` is the frame's offset in its block, for messages only. *ret
+// has status 0 and length 0 after a walk to the frame's end, else -1; it is untouched when the frame is refused for its
+// header. decode_frame ignores other types, decode_frame_8 reports them.
+void decode_frame(int frame_len, char *frame, int file_index, retIntStruct *ret);
+void decode_frame_8(int frame_len, char *frame, int file_index, retIntStruct *ret);
+
+// Decode one message whose body begins at `offset` and store it. *ret gets status 0 and the bytes of the body; a
+// message that cannot be read leaves it as it is and stores nothing. The switch decoder takes shm_lock.
+void decode_switchFrame(int frame_type, int frame_len, int offset, char *frame, int message_type, int core_id,
+                        retIntStruct *ret);
+void decode_cpumeminfoFrame(int frame_type, int frame_len, int offset, char *frame, int message_type, int core_id,
+                            retIntStruct *ret);
+
+/* ------------------------------ Vitals store ------------------------------ */
+// Written by the reader thread, read by the client thread ("QXClientProcess") without a lock: a reader may see a slot
+// in the middle of an update, never an index out of range.
+
+// Empties ring, samples and CPU history. Once, before the threads start.
+void init_collected_data();
+
+// Stores a sample of frame type 7 or 8. One with a negative time stamp is refused with an error line.
+void groupData(_SYSDATA_ *sample, int frame_type, int message_type);
+
+// Writes a sample into `slot` (0 to 179). Returns the slot of the newest complete second: `slot` when it holds switch
+// data, else last_index.
+int fillData(int slot, _SYSDATA_ *sample, int frame_type, int message_type);
+
+// Sets valid_index to the oldest slot of the unbroken run of switch samples that ends at last_index. Reader and client.
+void find_valid_index();
+
+// Computes the percentages and temperatures of the slots from valid_index to last_index.
+void calculateCPUAvgValues();
+
+// Logs all slots at priority 4. Any thread.
+void printCollectedData();
+
+// The vital that a packet type of 0 to 16 names. Any thread.
+double vital(const _SYSDATA_ &slot, unsigned type);
+
+/* ------------------------------ Window statistics ------------------------------ */
+// Client thread. The window holds the slots, from `end` back to valid_index, whose time stamp is not more than `window`
+// seconds before `end`.
+
+// -1.0 when the window is empty. The minimum leaves out values of 0 and below behind the first value.
+double calculateMax(int type, int window, long long end);
+double calculateMin(int type, int window, long long end);
+
+// Over the values above 0; NaN when there are none. The variance is the population's.
+float calculateAvg(int type, int window, long long end);
+float calculateVariance(int type, int window, long long end);
+
+// Fills *out; window 0 gives the value in `slot` (0 to 179). A type beyond 16 or below 0 is logged and leaves *out as
+// it is.
+void getTypeResult(_VestraData_ *out, int type, int window, long long end, int slot);
+
+// The same with the request's own type and window into its four figures.
+void getResult(vestra_api_data *req, long long end, int slot);
+
+// Answers the requests up to now. `count` 1 (or less): request 0. More: request t for each type t found in the array,
+// which is therefore indexed by packet type; a type of `count` or more is refused.
+void process_request(vestra_api_data *reqs, int count);
+
+/* ------------------------------ CPU history ------------------------------ */
+// An open-addressing table: home index pid & 0x7fff, then the next ones. pid -1 is never found nor stored.
+
+// Makes all records unused. Always 0.
+int vesrta_hash_init_hist();
+
+// Index of a record to hold `pid`, a never used one (which is given the pid) or one without a name; -1 when all are
+// taken.
+int vesrta_gethash_hist(int pid);
+
+// Index of `pid`'s record, or -1 when there is none or it has no name. The second copies it into *out unless null.
+int vesrta_checkhash_hist(int pid);
+int vesrta_get_process_data_hist(int pid, int unused, __VestraProcCPUUsageHist__ *out);
+
+// Stores *rec under its pid. The index, or -1 (null, pid -1, or, with an error line, a full table).
+int vestra_vital_update_cpuusage_hist(__VestraProcCPUUsageHist__ *rec);
+
+/* ------------------------------ Per-process memory list ------------------------------ */
+
+// A new node from the record, linked nowhere; the caller's. Throws std::bad_alloc without memory.
+circ_buf_shm *GetShmNode(process_mem *record, double cpu);
+
+// Decimal text of `value`. Any thread.
+std::string ToString(long long value);
+
+/* ------------------------------ Process history database ------------------------------ */
+// Main thread. Every failure is logged and nothing is retried.
+
+// Sets the trigger key "memory/SHM/trigger_db_write" to 0. Any thread.
+void set_shm_default_vconf();
+
+// Kept as they stand: 0 also when the database cannot be opened, closed or changed. Only the log tells.
+int openDB();
+int closeDB();
+int createTables();
+
+// Resets the trigger key, sets dbPath and makes the table anew. Always 0.
+int ProcessDbInit();
+
+// Replaces the table's rows by the list's samples, newest first, and then resets the trigger key; a failure leaves the
+// key as it is. The caller holds `lock`; takes shm_lock for the whole of the writing. Always 0.
+int Process_Info_fill();
