@@ -180,7 +180,7 @@ std::string find_daemon(const std::string &given) {
     if (!given.empty()) return find_program(given);
     const fs::path here = fs::path(own_program()).parent_path();
     for (const fs::path &candidate : {here / "../vestra-daemon/vestrad", here / "vestrad", here / "../sbin/vestrad"}) {
-        const std::string found = find_program(candidate);
+        std::string found = find_program(candidate);
         if (!found.empty()) return found;
     }
     return find_program("vestrad");

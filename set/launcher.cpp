@@ -218,7 +218,7 @@ std::string find_program(const std::string &name) {
     while (!rest.empty()) {
         const std::string_view directory = rest.substr(0, rest.find(':'));
         rest.remove_prefix(std::min(rest.size(), directory.size() + 1));
-        const std::string found = usable((directory.empty() ? "." : std::string(directory)) + "/" + name);
+        std::string found = usable((directory.empty() ? "." : std::string(directory)) + "/" + name);
         if (!found.empty()) return found;
     }
     return {};

@@ -13,7 +13,6 @@
 using namespace decoder_test;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 namespace fs = std::filesystem;
 
 static int page_limit;  // pages that a database which the daemon opens may have; 0: no limit

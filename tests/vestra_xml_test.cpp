@@ -9,7 +9,6 @@ namespace vestra_test {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 constexpr char kFile[] = "/tmp/config.xml";
 

@@ -14,7 +14,6 @@ namespace vestra_test {
 namespace {
 
 using ::testing::AllOf;
-using ::testing::Contains;
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;

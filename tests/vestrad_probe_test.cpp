@@ -15,7 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 constexpr char kThermal[] = "/sys/devices/platform/soc/thermal";
 constexpr char kDdr[] = "/sys/devices/platform/soc/ddrphy";

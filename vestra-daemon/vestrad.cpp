@@ -552,7 +552,7 @@ static constexpr char kNoticeFailed[] = "File Dump Failed!!!\nFilePath:";
 static constexpr char kNoticeNoUsb[] = "File Dump Failed!!!\nUSB Error:";
 static constexpr char kHeadUserKey[] = "VESTRA : USERKEY\n";
 
-int vestra_Display_GlobalNotification(std::string text) {
+int vestra_Display_GlobalNotification(std::string text) {  // NOLINT(performance-unnecessary-value-param): its interface
     static constexpr int kPlainNotice = 0;
     static constexpr int kHideSeconds = 30;
     static constexpr int kContentText = 1;

@@ -36,7 +36,6 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
-using ::testing::Not;
 using ::testing::SizeIs;
 
 constexpr char kLog[] = "/tmp/vestrad.log";
