@@ -10,6 +10,9 @@ if(VESTRA_WERROR)
   target_compile_options(vestra_compile INTERFACE -Werror)
 endif()
 
+# A set has 32-bit file sizes and inodes otherwise, and a large or foreign file system would fail every stat.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
+
 if(VESTRA_SANITIZE)
   add_compile_options(-fsanitize=${VESTRA_SANITIZE} -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${VESTRA_SANITIZE})

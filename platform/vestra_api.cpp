@@ -178,6 +178,10 @@ bool initialise(Segment *segment) {
 
 // Removes what an earlier daemon left under the name. False when a living daemon serves it or it is not ours to remove.
 bool remove_old_segment() {
+    // The directory is open to everyone. What another user put under the name must not keep root's daemon from its
+    // clients.
+    struct stat planted;
+    if (geteuid() == 0 && stat_segment(&planted) && planted.st_uid != 0) return shm_unlink(segment_name()) == 0;
     const int fd = shm_open(segment_name(), O_RDWR, 0);
     if (fd < 0) {
         if (errno == ENOENT) return true;
@@ -208,7 +212,8 @@ bool create_segment(Mapped *mapped) {
         return false;
     }
     struct stat info;
-    if (!take_daemon_lock(fd) || ftruncate(fd, sizeof(Segment)) != 0 || fstat(fd, &info) != 0 ||
+    // With its pages: a full file system is an error here, not a SIGBUS at the first store.
+    if (!take_daemon_lock(fd) || (errno = posix_fallocate(fd, 0, sizeof(Segment))) != 0 || fstat(fd, &info) != 0 ||
         !map_segment(fd, info, mapped) || !initialise(mapped->segment)) {
         PLATFORM_LOGW("cannot set up segment %s (%d:%m)", segment_name(), errno);
         mapped->fd = -1;

@@ -187,7 +187,7 @@ TEST_F(VestradProbe, OddDdrFilesGiveNoRate) {
         {"NoNumber", "refresh rate\n5\n", 0, 0},
         {"NumberBeforeTheLabel", "4 refresh rate\n", 0, 0},
         {"TooLarge", "refresh rate 99999999999999\n", 0, 0},
-        {"LaterLineCounts", "refresh rate ?\nrefresh rate 2\n", 1, 2},
+        {"FirstLineDecides", "refresh rate ?\nrefresh rate 2\n", 0, 0},
         {"Binary", std::string(3000, '\0') + "\xff\n", 0, 0},
     };
     for (const auto &row : kRows) {

@@ -896,10 +896,14 @@ static bool account_process(const _SYSDATA_ &sample, uint64_t rss, uint64_t swap
         const size_t kept = std::min(kNameKept, static_cast<size_t>(retCs.length));
         process_mem record = {sample.timestamp, sample.pid, std::string(retCs.data, strnlen(retCs.data, kept)),
                               static_cast<int32_t>(rss), static_cast<int32_t>(swap)};
+        // First, because it alone can fail: a message that is dropped leaves nothing in the history.
+        circ_buf_shm *node = GetShmNode(&record, 0);
         const double percent =
             update_history({sample.timestamp, sample.pid, sample.cpu_time_a, sample.cpu_time_b}, &record.name, -1);
-        circ_buf_shm *node = GetShmNode(&record, percent);
-        if (node != nullptr) insert_node(node);
+        if (node != nullptr) {
+            node->cpu = percent;
+            insert_node(node);
+        }
         return true;
     } catch (const std::exception &) {
         set_shm_default_vconf();

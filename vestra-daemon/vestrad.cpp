@@ -31,8 +31,8 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
-#include <fstream>
 #include <sstream>
+#include <stdexcept>
 
 #include "platform/notification.h"
 #include "platform/privileged_service.h"
@@ -245,23 +245,24 @@ struct FileCloser {
 };
 
 int FileReadOneString(const char *path, std::string &text) {
-    try {
-        std::ifstream file(path);
-        if (!file.is_open()) {
-            LOGE("[vestra]:open file failed.(%s)\n", path);
-            return 0;
-        }
-        if (!std::getline(file, text)) {
-            LOGE("[vestra]:cannot read contents(%s)\n", path);
-            return 0;
-        }
-        const size_t line_end = text.find('\n');
-        if (line_end != std::string::npos) text.resize(line_end);
-        return 1;
-    } catch (const std::exception &) {
-        LOGE("[vestra]:cannot read contents(%s)\n", path);
+    const FileCloser file{fopen(path, "re")};  // a C++ stream cannot be close-on-exec
+    if (file.file == nullptr) {
+        LOGE("[vestra]:open file failed.(%s)\n", path);
         return 0;
     }
+    int result = 0;
+    char *line = nullptr;
+    size_t line_size = 0;
+    try {
+        if (getline(&line, &line_size, file.file) >= 0) {
+            text.assign(line, strcspn(line, "\n"));
+            result = 1;
+        }
+    } catch (const std::exception &) {  // no memory for the text
+    }
+    free(line);
+    if (result == 0) LOGE("[vestra]:cannot read contents(%s)\n", path);
+    return result;
 }
 
 /* ------------------------------ 4. Kernel module and control node ------------------------------ */
@@ -507,6 +508,7 @@ int vestra_system_exec_argv(int *status, const char *program, int argc, ...) {
     va_list arguments;
     va_start(arguments, argc);
     for (int i = 0; i < argc && i < kArgumentSlots; ++i) {
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it is begun above
         snprintf(slots[i], sizeof(slots[i]), "%s", va_arg(arguments, const char *));
     }
     va_end(arguments);
@@ -737,7 +739,12 @@ static const char *after_last_slash(const char *path) {
 
 // A temporary file in a directory that everyone may write to: a planted link is not followed.
 static int open_temporary(const char *path) {
-    return open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666);
+    const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666);
+    struct stat info;
+    if (fd < 0 || (fstat(fd, &info) == 0 && S_ISREG(info.st_mode))) return fd;
+    close(fd);  // a planted pipe would block the writer while it holds the lock
+    errno = EINVAL;
+    return -1;
 }
 
 // Writes the whole of `data` in one call. A short write is a failure like any other.
@@ -1437,27 +1444,28 @@ static bool refresh_rate_in(const std::string &line, int *rate) {
     const size_t label = line.find(kLabel);
     if (label == std::string::npos) return false;
     const size_t digit = line.find_first_of("0123456789", label + sizeof(kLabel) - 1);
-    if (digit == std::string::npos) return false;
+    if (digit == std::string::npos) throw std::invalid_argument("no number");  // as a number that cannot be converted
     const bool hexadecimal = line.compare(digit, 2, "0x") == 0 || line.compare(digit, 2, "0X") == 0;
     *rate = std::stoi(line.substr(digit), nullptr, hexadecimal ? 16 : 10);
     return true;
 }
 
 int m_CheckDDRRefreshRate(const std::string &path, int *rate) {
-    try {
-        std::ifstream file(path);
-        if (!file.is_open()) {
-            LOGW("[vestra]:node does not exists (%s)\n", path.c_str());
-            return 0;
-        }
-        std::string line;
-        while (std::getline(file, line)) {
-            if (refresh_rate_in(line, rate)) return 1;
-        }
-    } catch (const std::exception &) {
-        *rate = 0;  // a number too large to convert
+    const FileCloser file{fopen(path.c_str(), "re")};
+    if (file.file == nullptr) {
+        LOGW("[vestra]:node does not exists (%s)\n", path.c_str());
+        return 0;
     }
-    return 0;
+    bool found = false;
+    char *line = nullptr;
+    size_t line_size = 0;
+    try {
+        while (!found && getline(&line, &line_size, file.file) >= 0) found = refresh_rate_in(line, rate);
+    } catch (const std::exception &) {
+        *rate = 0;  // a number too large to convert, or none
+    }
+    free(line);
+    return found ? 1 : 0;
 }
 
 int GetDdrTemperature(std::string &description, unsigned int *rates) {
@@ -1726,6 +1734,23 @@ void updateFilterProcessNames(const char *name) {
     LOGE("File name recieved [%s], it should be [processes.txt], removing file [%s]", name, command);
 }
 
+// Makes sure that nobody else can put another directory in the list directory's place, whose files we would remove
+// then: it is no link, and it is ours, so that the sticky bit of /tmp holds it. One that another user made first is
+// taken over.
+static bool own_list_dir() {
+    static constexpr char kDir[] = "/tmp/vestra_processes";  // no slash behind it: a link is not followed
+    const int fd = open(kDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return false;
+    struct stat held, named;
+    bool own = fstat(fd, &held) == 0;
+    if (own && held.st_uid != geteuid()) {
+        own = fchown(fd, geteuid(), static_cast<gid_t>(-1)) == 0 && fchmod(fd, 0777) == 0;
+    }
+    own = own && lstat(kDir, &named) == 0 && held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+    close(fd);
+    return own;
+}
+
 // Sets up the watch. False with a message.
 static bool watch_list_dir() {
     inotify_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -1733,7 +1758,7 @@ static bool watch_list_dir() {
         LOGE("inotify_init failed");
         return false;
     }
-    inotify_wd = inotify_add_watch(inotify_fd, kListDir, IN_CREATE);
+    inotify_wd = own_list_dir() ? inotify_add_watch(inotify_fd, kListDir, IN_CREATE) : -1;
     if (inotify_wd < 0) {
         LOGE("inotify_add_watch failed");
         close(inotify_fd);
@@ -1765,8 +1790,8 @@ static void watch_list_once() {
     usleep(100000);
     struct stat info;
     if (stat(kListDir, &info) != 0) {
-        mkdir(kListDir, 0777);
-        chmod(kListDir, 0777);  // whatever the umask left out
+        // Only what was made just now is opened up: what else may stand there is not ours.
+        if (mkdir(kListDir, 0777) == 0) chmod(kListDir, 0777);  // whatever the umask left out
     }
     if (inotify_fd < 0 && !watch_list_dir()) return;
     const ssize_t size = read(inotify_fd, events, sizeof(events));
@@ -2057,7 +2082,7 @@ static gboolean quit_if_stopped(gpointer /*unused*/) {
 
 static void run_main_loop() {
     g_loop = g_main_loop_new(nullptr, TRUE);
-    g_idle_add(quit_if_stopped, nullptr);
+    g_timeout_add(0, quit_if_stopped, nullptr);
     g_main_loop_run(g_loop);
 }
 
