@@ -125,8 +125,8 @@ TEST_F(Service, ClientGetsAllSeventeenAtOnce) {
         EXPECT_EQ(answer.answer_type, answer.packet_type);
     }
     EXPECT_EQ(requests[16].maximum, 30);
-    EXPECT_TRUE(take_line(
-        {kDebug, "log_request", "[client_request_process] 0 16 30.000000 20.000000, 25.000000, 10.000000\n"}));
+    EXPECT_TRUE(take_line({kDebug, "client_request_process",
+                           "[client_request_process] 0 16 30.000000 20.000000, 25.000000, 10.000000\n"}));
 }
 
 TEST_F(Service, UnusedEntriesAreLeftAlone) {

@@ -13,6 +13,9 @@
 #include "vestra-daemon/vestra_log.h"
 #include "vestra-daemon/vestrad.h"
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "client_request_process"  // of which everything here is a step
+
 static constexpr char kCaller[] = "client_request_process";
 static constexpr int kWaitNumber = 6;  // what the client library wants to be told; its own business
 static constexpr int kPauseUs = 200000;

@@ -275,21 +275,18 @@ void vestrad_usleep(int usec) {
     nanosleep(&pause, nullptr);
 }
 
-// Waits until the control node is there (`present`) or gone. Returns 0, or -1 when it changed at the very last look.
+// Waits until the control node is there (`present`) or gone. Returns 0, or -1 when it changed at the very last look:
+// the caller reports that.
 //
 // Kept as it stands: a node that does not change ends in success after 401 looks (400 pauses, about 4 s); only one that
 // changes at the 401st look counts as a failure. Start-up must go on without the module, and callers depend on the 0.
-static int wait_for_node(bool present, const char *failure) {
+static int wait_for_node(bool present) {
     int count = 0;
     while ((access(kControlNode, F_OK) == 0) != present) {
         if (++count == kNodeLooks) return 0;
         vestrad_usleep(kNodeLookPauseUs);
     }
-    if (count == kNodeLooks - 1) {
-        LOGE("%s", failure);
-        return -1;
-    }
-    return 0;
+    return count == kNodeLooks - 1 ? -1 : 0;
 }
 
 int loadVestraDriver(void) {
@@ -302,8 +299,9 @@ int loadVestraDriver(void) {
         LOGE("PS_Insmod error, result:[%d] retValue:[%s]\n", retValue, PS_ErrorToString(result));
         return -1;
     }
-    return wait_for_node(true,
-                         "ERROR: loadVestraDriver: insmod failed for /lib/modules/linux/kernel/orna-vestra-kmod.ko\n");
+    if (wait_for_node(true) == 0) return 0;
+    LOGE("ERROR: loadVestraDriver: insmod failed for /lib/modules/linux/kernel/orna-vestra-kmod.ko\n");
+    return -1;
 }
 
 int unloadVestraDriver(void) {
@@ -316,9 +314,10 @@ int unloadVestraDriver(void) {
         LOGE("PS_Rmmod error, result:[%d] retValue:[%s]\n", retValue, PS_ErrorToString(result));
         return -1;
     }
+    if (wait_for_node(false) == 0) return 0;
     // Kept as it stands: the text names the load function; log filters know it so.
-    return wait_for_node(false,
-                         "ERROR: loadVestraDriver: rmmod failed for /lib/modules/linux/kernel/orna-vestra-kmod.ko\n");
+    LOGE("ERROR: loadVestraDriver: rmmod failed for /lib/modules/linux/kernel/orna-vestra-kmod.ko\n");
+    return -1;
 }
 
 int vestra_open(const char *path, int flags) {
@@ -414,6 +413,8 @@ int check_path(char *path, int size, int retries) {
     return -1;
 }
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "search_usb_device_path"
 // The mount path of the list's first device into `buf`. 0 or -1.
 static int first_mount_path(usb_device_list_h list, char *buf, int size) {
     usb_device_h device = nullptr;
@@ -421,7 +422,7 @@ static int first_mount_path(usb_device_list_h list, char *buf, int size) {
     int result = -1;
     const char *path = usb_device_get_mountpath(device);
     if (path == nullptr || path[0] == '\0') {
-        LOGE("[%s][%s:%d] failed to get USB path", kDaemonName, "search_usb_device_path", __LINE__);
+        LOGE("[%s][%s:%d] failed to get USB path", kDaemonName, VESTRA_LOG_OPERATION, __LINE__);
     } else {
         snprintf(buf, static_cast<size_t>(size), "%s", path);
         result = 0;
@@ -429,6 +430,8 @@ static int first_mount_path(usb_device_list_h list, char *buf, int size) {
     if (device != nullptr) free_usb_device_h(device);
     return result;
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 int search_usb_device_path(char *buf, int size) {
     if (buf == nullptr || size < 1) return -1;
@@ -488,6 +491,8 @@ int get_usb_path(char *buf, int size, int retries) {
     return result;
 }
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "vestra_system_exec_argv"
 // The child's half of the command runner.
 [[noreturn]] static void execute(const char *program, int argc, char (*slots)[kPathSize], int *status) {
     if (argc == 3) {
@@ -501,6 +506,8 @@ int get_usb_path(char *buf, int size, int retries) {
     LOGD("[vestra] :EXITING ............................................................(%d:%m)", errno);
     _exit(1);
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 int vestra_system_exec_argv(int *status, const char *program, int argc, ...) {
     *status = 0;
@@ -643,6 +650,8 @@ void free_bufs_shm(circ_buf_shm **head) {
     *head = nullptr;
 }
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "read_data"
 // One block from the device into `buffer`. The count that read() gave, or 0 when there was none or the daemon stops.
 static ssize_t read_block(int fd, unsigned char *buffer) {
     for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
@@ -653,6 +662,8 @@ static ssize_t read_block(int fd, unsigned char *buffer) {
     }
     return 0;
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 // Drops the oldest blocks until the chain fits its budget. The caller holds `lock`.
 static void trim_chain(circ_buf_s **head, unsigned int *total) {
@@ -761,6 +772,8 @@ struct VersionTexts {
     size_t model_size;
 };
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "append_image_version"
 // Reads the version file's lines. 0, or -1 when the file counts as one without a version.
 static int read_version_lines(FILE *file, VersionTexts *texts) {
     static constexpr size_t kKey = 6;  // "Model=" and "Build=" are six characters both
@@ -801,6 +814,8 @@ static int read_version_lines(FILE *file, VersionTexts *texts) {
     }
     return 0;
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 int append_image_version(int fd) {
     if (!checkForRealPath(kVersionFile)) {
@@ -840,6 +855,8 @@ int append_image_version(int fd) {
     return 0;
 }
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "write_data"
 // Writes one chain node and brings it to the disk. 0, or -1 with a message.
 static int write_node(int fd, const circ_buf_s &node) {
     uint32_t written = 0;
@@ -968,6 +985,8 @@ static int produce_dump(int fd, circ_buf_s **head, const char *temporary, const 
     if (is_continuous(reason)) rotate_slots(final_path, dir, name, pid);
     return status;
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 int write_data(circ_buf_s **head, const char *dir, const char *name, int pid, _vestra_write_reason reason) {
     if (dir == nullptr || strnlen(dir, kPathSize - 1) == 0) return -1;
@@ -1018,6 +1037,8 @@ int write_data(circ_buf_s **head, const char *dir, const char *name, int pid, _v
 
 /* ------------------------------ 9. Live upload ------------------------------ */
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "send_live_data"
 // Writes the block into the open file. 0, or -1 with a message.
 static int write_live_block(int fd, const unsigned char *data, unsigned int size) {
     if (exit_flag) return 0;
@@ -1065,6 +1086,8 @@ static void upload(const char *final_path) {
     vestra_system_exec_argv(&status, "/bin/curl", 3, "-F", form, address);
     LOGD("vestra: data sent to server %s..", address);
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 int send_live_data(unsigned char *data, unsigned int size) {
     const char *name = after_last_slash(process_name);
@@ -1105,6 +1128,8 @@ int send_live_data(unsigned char *data, unsigned int size) {
 
 /* ------------------------------ 10. Reader thread ------------------------------ */
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "thread_read_func"
 // Writes a continuous dump when one is due. Returns the new time of the last dump, in the reader's seconds.
 static int32_t write_if_due(int32_t curtime, int32_t prevtime, uint32_t min_req_data) {
     const bool continuous = g_vestra_config.cont_data_collect == 1, dod = dod_mode_flag == 1;
@@ -1160,6 +1185,8 @@ static bool read_rounds(int fd) {
     }
     return true;
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 void *thread_read_func(void * /*arg*/) {
     const int fd = open(kControlNode, O_RDONLY | O_CLOEXEC);
@@ -1177,6 +1204,8 @@ void *thread_read_func(void * /*arg*/) {
 
 /* ------------------------------ 11. Triggers ------------------------------ */
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "Handler_Cb"
 // Waits, a second a look, until `flag` is zero (`wanted` false) or not, the daemon stops, or `seconds` have passed.
 // False when the time ran out.
 static bool wait_for_flag(const int32_t &flag, bool wanted, int seconds) {
@@ -1190,6 +1219,8 @@ static bool wait_for_flag(const int32_t &flag, bool wanted, int seconds) {
     LOGE("[vestra] Timeout %d sec in func %s", kFillWaitSeconds, "Handler_Cb");
     return false;
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 void Handler_Cb(_KeyComb combination, void * /*user_data*/) {
     LOGI("INFO:[KeyCombination] %d hit sucessfully !!", combination);
@@ -1388,6 +1419,8 @@ unsigned long vestra_get_system_uptime() {
     return seconds;
 }
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "vestra_get_temperature"
 // Logs the alarm of a temperature above the limit.
 static void raise_temperature_alarm(int temperature) {
     static constexpr char kMessage[] = "{stemperature=%d;du=%lu}";
@@ -1403,6 +1436,8 @@ static void raise_temperature_alarm(int temperature) {
     // Kept as it stands: the limit is 125, the text says 90; the set's log filters know the text.
     LOGD("ERR: Temperature exceeded 90. Current Temperature = %d. UpTime = %lu\n", temperature, uptime);
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 int vestra_get_temperature(int *temperature) {
     *temperature = -1;
@@ -1604,6 +1639,8 @@ static bool next_line(FILE *file, char *line, size_t size) {
     return true;
 }
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "updateFilterProcessNames"
 // Reads the names into the configuration record. The count is the file's number of lines, though only six are stored.
 static void load_names(FILE *file) {
     char line[kLongPath];
@@ -1657,6 +1694,8 @@ static void send_pids(char *buffer, size_t size) {
     LOGI("cmd : %d, pBuf = %s, len = %d", kPidFilter, buffer, length);
     write_userdata(kPidFilter, buffer, length);
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 void updateFilterProcessNames() {
     static constexpr size_t kTextSize = 1024;
@@ -1751,6 +1790,8 @@ static bool own_list_dir() {
     return own;
 }
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "thread_user_process_func"
 // Sets up the watch. False with a message.
 static bool watch_list_dir() {
     inotify_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -1799,6 +1840,8 @@ static void watch_list_once() {
     handle_list_events(events, static_cast<size_t>(size));
     LOGE("End of readVestraProcessEvents");
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 // Kept as it stands: without an exit test. The join at shut-down waits for this thread for ever, and the set's service
 // manager ends the process; it relies on the daemon not vanishing on its own.
@@ -1819,6 +1862,8 @@ void exit_handler(int /*signo*/) {
     errno = saved;
 }
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "main"
 static void set_initial_values() {
     sleep_time_usec_buf = 1000000;
     g_current_new_data = 0;
@@ -2161,6 +2206,8 @@ static bool start_up(int argc, char **argv) {
     init_collected_data();
     return start_workers(argc > 0 ? argv[0] : "") && mark_shared_memory();
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 int main(int argc, char **argv) {
     // Into a file or pipe, too, what is printed must not wait in a buffer for an end that may come by force.
