@@ -25,6 +25,8 @@
 #include <cstring>
 #include <exception>
 #include <limits>
+#include <string_view>
+#include <utility>
 
 #include "platform/vconf.h"
 #include "vestra-daemon/vestra_log.h"
@@ -42,7 +44,7 @@ static constexpr int64_t kStaleAfter = 8 * kNsPerSecond;  // a slot that much ol
 // Results of the walkers' reads and of the message decoders; reader thread. The five of the per-core block hold the
 // core read last.
 retIntStruct retIs, utimeIs, stimeIs, idletimeIs, temperatureIs, iowaittimeIs;
-retCharStruct retCs;  // the byte string read last; its block belongs to the message decoder
+retCharStruct retCs;  // of the byte string that could not be read last; one that can is used where it stands
 
 void initiailizeRet(int kind, void *ret) {
     if (kind != 0) {
@@ -245,7 +247,9 @@ static double update_history(const ProcessSample &sample, const std::string *nam
 pthread_mutex_t shm_lock = PTHREAD_MUTEX_INITIALIZER;
 circ_buf_shm *ghead_shm;  // newest node; null when the list is empty
 circ_buf_shm *last_node;  // oldest node
-int32_t shm_list_size;    // bytes: sum of node_charge over the list. The reader adds a node's before it takes the lock
+static circ_buf_shm
+    *spare_node;  // the node that fell off last, for the next one: at its bound the list allocates nothing. Reader only
+int32_t shm_list_size;  // bytes: sum of node_charge over the list. The reader adds a node's before it takes the lock
 
 static int32_t node_charge(const circ_buf_shm &node) {
     return kListNodeCharge + static_cast<int32_t>(node.timestamp.length() + node.name.length());
@@ -256,8 +260,17 @@ std::string ToString(long long value) {
 }
 
 circ_buf_shm *GetShmNode(process_mem *record, double cpu) {
-    return new circ_buf_shm{
-        ToString(record->timestamp), record->pid, record->name, record->rss, record->swap, cpu, nullptr, nullptr};
+    std::string timestamp = ToString(record->timestamp);
+    circ_buf_shm *node = spare_node != nullptr ? spare_node : new circ_buf_shm;
+    spare_node = nullptr;
+    node->timestamp = std::move(timestamp);
+    node->pid = record->pid;
+    node->name = record->name;
+    node->rss = record->rss;
+    node->swap = record->swap;
+    node->cpu = cpu;
+    node->next = node->prev = nullptr;
+    return node;
 }
 
 static void drop_oldest_node() {
@@ -269,7 +282,11 @@ static void drop_oldest_node() {
     } else {
         __atomic_store_n(&ghead_shm, nullptr, __ATOMIC_RELEASE);
     }
-    delete oldest;
+    if (spare_node == nullptr) {
+        spare_node = oldest;
+    } else {
+        delete oldest;
+    }
 }
 
 // Links a node at the head and lets the oldest fall off. The list owns the node from here on.
@@ -717,22 +734,26 @@ static inline bool read_next(const MessagePlace &place, int *consumed, retIntStr
     return true;
 }
 
-// Reads a string into retCs: its length, then its bytes. *consumed counts what could be read of it.
-static bool read_string(const MessagePlace &place, const MessageFormat &format, int *consumed) {
+// Reads a string: its length, then its bytes, which stay where they are in the frame. *consumed counts what could be
+// read of it.
+static bool read_string(const MessagePlace &place, const MessageFormat &format, int *consumed, std::string_view *text) {
     retIntStruct length;
     if (!read_next(place, consumed, &length)) {
         log_message(place, format.length_check, __LINE__, *consumed, 0);
         return false;
     }
-    // A length beyond an int is longer than any frame, which is all that matters of it.
-    constexpr uint64_t kMost = std::numeric_limits<int>::max();
-    const int count = static_cast<int>(length.value < kMost ? length.value : kMost);
-    get_unpackedBytesWithLength(place.frame_len, place.offset + *consumed, place.frame, count, &retCs);
-    if (retCs.status != 0) {
+    const int at = place.offset + *consumed;
+    if (length.value == 0 || length.value > static_cast<uint64_t>(place.frame_len - at)) {
+        // A length beyond an int is longer than any frame, which is all that matters of it.
+        constexpr uint64_t kMost = std::numeric_limits<int>::max();
+        initiailizeRet(1, &retCs);
+        get_unpackedBytesWithLength(place.frame_len, at, place.frame, static_cast<int>(std::min(length.value, kMost)),
+                                    &retCs);
         log_message(place, format.bytes_check, __LINE__, *consumed, 0);
         return false;
     }
-    *consumed += retCs.length;
+    *text = std::string_view(place.frame + at, static_cast<size_t>(length.value));
+    *consumed += static_cast<int>(length.value);
     return true;
 }
 
@@ -742,15 +763,15 @@ struct ElementsRead {
     bool intact;   // none was damaged
 };
 
-// Reads a message's elements into `value`, its string into retCs.
+// Reads a message's elements into `value`, its string into *text.
 template <const MessageFormat &format>
-static inline ElementsRead read_elements(const MessagePlace &place, uint64_t *value) {
+static inline ElementsRead read_elements(const MessagePlace &place, uint64_t *value, std::string_view *text) {
     int consumed = 0;
     for (int element = 0; element < format.elements; ++element) {
         if (consumed >= place.frame_len - place.offset) return {element, consumed, true};
         if (format.kinds[element] == kString) {
             int behind = consumed;  // a copy, so that `consumed` itself can stay in a register
-            const bool read = read_string(place, format, &behind);
+            const bool read = read_string(place, format, &behind, text);
             consumed = behind;
             if (!read) return {element, consumed, false};
             continue;
@@ -780,17 +801,6 @@ static inline int read_core_block(const MessagePlace &place, int consumed, _SYSD
     return consumed;
 }
 
-// Frees the string in retCs on every way out of a message decoder.
-struct StringOwner {
-    StringOwner() { initiailizeRet(1, &retCs); }
-    StringOwner(const StringOwner &) = delete;
-    StringOwner &operator=(const StringOwner &) = delete;
-    ~StringOwner() {
-        free(retCs.data);
-        retCs.data = nullptr;
-    }
-};
-
 // Fetches what accounting is about to touch, the process's record and the node that may fall off, while the rest of the
 // message is read.
 static inline void prefetch_process(int32_t pid) {
@@ -800,12 +810,12 @@ static inline void prefetch_process(int32_t pid) {
     __builtin_prefetch(last_node);
 }
 
-// Takes a sample of a process into CPU history and memory list; its name is in retCs. False without memory: the message
-// is dropped, and whoever waits for the database is told not to.
-static bool account_process(const _SYSDATA_ &sample, uint64_t rss, uint64_t swap) {
+// Takes a sample of a process into CPU history and memory list. False without memory: the message is dropped, and
+// whoever waits for the database is told not to.
+static bool account_process(const _SYSDATA_ &sample, std::string_view name, uint64_t rss, uint64_t swap) {
     try {
-        const size_t kept = std::min(kNameKept, static_cast<size_t>(retCs.length));
-        process_mem record = {sample.timestamp, sample.pid, std::string(retCs.data, strnlen(retCs.data, kept)),
+        const size_t kept = std::min(kNameKept, name.length());
+        process_mem record = {sample.timestamp, sample.pid, std::string(name.data(), strnlen(name.data(), kept)),
                               static_cast<int32_t>(rss), static_cast<int32_t>(swap)};
         // First, because it alone can fail: a message that is dropped leaves nothing in the history.
         circ_buf_shm *node = GetShmNode(&record, 0);
@@ -825,9 +835,9 @@ static bool account_process(const _SYSDATA_ &sample, uint64_t rss, uint64_t swap
 void decode_switchFrame(int /*frame_type*/, int frame_len, int offset, char *frame, int message_type, int /*core_id*/,
                         retIntStruct *ret) {
     const MessagePlace place = {__func__, frame, frame_len, offset, message_type};
-    const StringOwner name;
+    std::string_view name;
     uint64_t value[kSwitchElements];
-    const ElementsRead read = read_elements<kSwitchMessage>(place, value);
+    const ElementsRead read = read_elements<kSwitchMessage>(place, value, &name);
     if (read.count < kSwitchElements) return log_message(place, kSwitchCount, __LINE__, read.consumed, read.count);
     prefetch_process(static_cast<int32_t>(value[kSwitchPid]));
     _SYSDATA_ sample;  // of which the store takes what is set here
@@ -844,7 +854,7 @@ void decode_switchFrame(int /*frame_type*/, int frame_len, int offset, char *fra
     sample.element11 = plain_figure(value[kSwitchElement11]);
 
     const bool accounted = value[kSwitchPid] != 0 && value[kSwitchRss] != 0 && value[kSwitchSwap] != 0;
-    if (accounted && !account_process(sample, value[kSwitchRss], value[kSwitchSwap])) return;
+    if (accounted && !account_process(sample, name, value[kSwitchRss], value[kSwitchSwap])) return;
     ret->status = 0;
     ret->length = consumed;
     groupData(&sample, kSwitchFrame, message_type);
@@ -853,9 +863,9 @@ void decode_switchFrame(int /*frame_type*/, int frame_len, int offset, char *fra
 void decode_cpumeminfoFrame(int /*frame_type*/, int frame_len, int offset, char *frame, int message_type,
                             int /*core_id*/, retIntStruct *ret) {
     const MessagePlace place = {__func__, frame, frame_len, offset, message_type};
-    const StringOwner name;
+    std::string_view name;  // nobody wants it
     uint64_t value[kMeminfoElements];
-    const ElementsRead read = read_elements<kMeminfoMessage>(place, value);
+    const ElementsRead read = read_elements<kMeminfoMessage>(place, value, &name);
     if (read.count != kMeminfoElements) return log_message(place, kMeminfoCount, __LINE__, read.consumed, read.count);
     // Kept as it stands: for a reader that goes on behind a damaged element. This one stops there.
     if (!read.intact) return log_message(place, kMeminfoGuard, __LINE__, read.consumed, read.count);

@@ -113,18 +113,24 @@ constexpr bool is_message_type(uint64_t type) {
 // The varint at `at`, of which `left` bytes may be read. Returns its length, 0 when it does not end within them or
 // within ten bytes. Bits beyond 64 are lost.
 inline int take_varint(const unsigned char *at, int left, uint64_t *value) {
-    if (left > 0 && at[0] < 0x80) {
-        *value = at[0];
-        return 1;
-    }
-    const int most = left < kVarintMax ? left : kVarintMax;
-    uint64_t number = 0;
-    for (int i = 0; i < most; ++i) {
-        number |= uint64_t{at[i] & 0x7fU} << (7 * i);
-        if (at[i] < 0x80) {
-            *value = number;
-            return i + 1;
+    if (left >= kVarintMax) {  // nearly every number: no bound to look at
+        uint64_t number = at[0];
+        if (at[0] < 0x80) return *value = number, 1;
+        // What is added takes the top bit of the byte before off again.
+        number += (uint64_t{at[1]} - 1) << 7;
+        if (at[1] < 0x80) return *value = number, 2;
+        number += (uint64_t{at[2]} - 1) << 14;
+        if (at[2] < 0x80) return *value = number, 3;
+        for (int i = 3; i < kVarintMax; ++i) {
+            number += (uint64_t{at[i]} - 1) << (7 * i);
+            if (at[i] < 0x80) return *value = number, i + 1;
         }
+        return 0;
+    }
+    uint64_t number = 0;
+    for (int i = 0; i < left; ++i) {
+        number |= uint64_t{at[i] & 0x7fU} << (7 * i);
+        if (at[i] < 0x80) return *value = number, i + 1;
     }
     return 0;
 }
