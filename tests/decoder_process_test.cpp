@@ -76,7 +76,8 @@ TEST_F(History, NegativePidsHaveAPlaceAndMinusOneHasNone) {
 TEST_F(History, FullTableRefusesNewProcessesOnly) {
     for (int pid = 0; pid < 32768; ++pid) ASSERT_EQ(store(hist(pid, "p")), pid);
     EXPECT_EQ(store(hist(40000, "late")), -1);
-    EXPECT_THAT(take_log(), ElementsAre(LogLine{kError, "hist_place", "vestra: tvuc no space available ret = -1\n"}));
+    EXPECT_THAT(take_log(), ElementsAre(LogLine{kError, "vestra_vital_update_cpuusage_hist",
+                                                "vestra: tvuc no space available ret = -1\n"}));
     EXPECT_EQ(store(hist(32767, "q")), 32767);
     EXPECT_EQ(gProcCpuUsageHist[32767].name, "q");
     take(sample(9, 40000, "late"));

@@ -178,6 +178,8 @@ int vesrta_get_process_data_hist(int pid, int /*unused*/, __VestraProcCPUUsageHi
     return index;
 }
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "vestra_vital_update_cpuusage_hist"
 // The record to store `pid` in: where it was found, or, when that is -1, a free one. Null when there is none.
 static __VestraProcCPUUsageHist__ *hist_place(int found, int pid) {
     const int index = found != -1 ? found : vesrta_gethash_hist(pid);
@@ -185,6 +187,8 @@ static __VestraProcCPUUsageHist__ *hist_place(int found, int pid) {
     if (pid != -1) LOGE("vestra: tvuc no space available ret = %d\n", index);
     return nullptr;
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 int vestra_vital_update_cpuusage_hist(__VestraProcCPUUsageHist__ *rec) {
     if (rec == nullptr) return -1;
@@ -1142,6 +1146,8 @@ static const circ_buf_shm *append_rows(const circ_buf_shm *node, std::string *va
     }
 }
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "Process_Info_fill"
 // Runs one batch from `node` on. Returns its last node; null when the fill is over because it failed.
 static const circ_buf_shm *insert_batch(const circ_buf_shm *node) {
     std::string values = " ", statement = kInsertRows;
@@ -1163,6 +1169,8 @@ static const circ_buf_shm *insert_batch(const circ_buf_shm *node) {
     if (result == SQLITE_FULL) LOGE("Can't fill the table because there is no disk space left");
     return nullptr;
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 // The node to begin with: `head` as it was before the table was cleared, or, when the reader has let it fall off
 // meanwhile, the newest one. The caller holds shm_lock.
