@@ -106,6 +106,18 @@ std::string joined(const json &list) {
     return text.empty() ? "none" : text;
 }
 
+// The commands that came, in their order; of many the newest.
+void print_received(const json &recent) {
+    constexpr size_t kShown = 20;
+    const size_t hidden = recent.size() > kShown ? recent.size() - kShown : 0;
+    if (!recent.empty()) std::cout << "received     " << (hidden > 0 ? "the newest, all with --json" : "") << "\n";
+    for (size_t i = hidden; i < recent.size(); ++i) {
+        std::cout << "  " << recent[i].value("command", "");
+        if (recent[i]["count"] != 1) std::cout << "   " << recent[i]["count"] << " times";
+        std::cout << "\n";
+    }
+}
+
 void print_status(const json &status) {
     const auto on_off = [&](const char *name) { return status.value(name, false) ? "on" : "off"; };
     std::cout << "module       " << (status.value("loaded", false) ? "loaded" : "unloaded") << ", loaded "
@@ -128,6 +140,7 @@ void print_status(const json &status) {
     for (const auto &[number, tally] : status["commands"].items()) {
         std::cout << "  command " << number << ": " << tally["count"] << " times, last " << tally["payload"] << "\n";
     }
+    print_received(status["recent"]);
     std::cout << std::flush;
 }
 

@@ -21,6 +21,24 @@ const std::vector<Command> &commands() {
          false, setup_sandbox},
         {"key", "Press a key combination on the remote control",
          "Combination 87 makes the daemon write a dump.\n\nexample:\n  vestra-set key 87", true, setup_key},
+        {"robust", "Report a failed process: the daemon writes a dump for it at once",
+         "The dump is DIRECTORY/0000000000_PID_PROCESS_SECONDS, and a copy of it is on the stick.\n\n"
+         "example:\n  vestra-set robust /tmp procd 77",
+         true, setup_robust},
+        {"dod", "Switch DOD mode: continuous dumps, in a folder of the stick's",
+         "Continuous dumps need a daemon that was started with two arguments.\n\n"
+         "example:\n  vestra-set dod on     (dumps come into /media/LABEL/issue_report_agent_DOD/Vestra)",
+         true, setup_dod},
+        {"history", "Have the process history written into its database, and show the newest rows",
+         "Exit code 1 when the daemon did not write it.\n\n"
+         "examples:\n  vestra-set history\n  vestra-set history --rows 1000 --json",
+         true, setup_history},
+        {"filter", "Drop a list of process names: the module reports no others",
+         "Waits until the daemon has taken the list. The module keeps the five newest names, whatever lists they came "
+         "in, until it\n"
+         "is loaded anew; it compares 15 characters.\n\n"
+         "example:\n  vestra-set filter tvs-engine launcher",
+         true, setup_filter},
         {"vconf", "Read or set a key of the platform's configuration service",
          "examples:\n"
          "  vestra-set vconf set system/DOD/test_monitor 1\n"

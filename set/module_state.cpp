@@ -52,7 +52,12 @@ int ModuleState::write(std::string_view text) {
         return EINVAL;
     }
     if (text.back() == '\n') text.remove_suffix(1);
-    recent_.push_back({now(), std::string(text)});
+    if (!recent_.empty() && recent_.back().text == text) {
+        // A temperature comes every second; the others would not be seen among them.
+        recent_.back() = {now(), std::string(text), recent_.back().count + 1};
+    } else {
+        recent_.push_back({now(), std::string(text), 1});
+    }
     if (recent_.size() > kRecentLimit) recent_.pop_front();
     apply(*command);
     return 0;
@@ -145,7 +150,9 @@ nlohmann::json ModuleState::status() const {
         commands[std::to_string(number)] = {{"count", tally.count}, {"payload", tally.payload}};
     }
     json recent = json::array();
-    for (const Recent &entry : recent_) recent.push_back({{"time", entry.time}, {"command", entry.text}});
+    for (const Recent &entry : recent_) {
+        recent.push_back({{"time", entry.time}, {"command", entry.text}, {"count", entry.count}});
+    }
     return {{"loads", loads_},
             {"tracing", control_.tracing},
             {"disk_read", control_.disk_read},

@@ -41,7 +41,8 @@ class ModuleState {
     // Everything, for people and tests:
     //   loads, tracing, disk_read, disk_write, temperature (null before the first), filter {names, pids},
     //   reads {total, empty, failed}, blocks, bytes, frames {TYPE: count}, damaged_blocks,
-    //   writes, refused, last_refused, commands {NUMBER: {count, payload}}, recent [{time, command}], newest last
+    //   writes, refused, last_refused, commands {NUMBER: {count, payload}}, recent [{time, command, count}], newest
+    //   last; a command that repeats the one before it is counted there, with its own time
     nlohmann::json status() const;
 
   private:
@@ -52,6 +53,7 @@ class ModuleState {
     struct Recent {
         double time;  // seconds since the epoch
         std::string text;
+        uint64_t count;
     };
 
     void apply(const NodeCommand &command);
