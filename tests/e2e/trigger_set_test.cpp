@@ -196,8 +196,8 @@ TEST_F(TriggerSet, WatchedDirectoryTakesListsAndClearsTheRest) {
     const auto filter_is = [](const json &names) {
         return comes_true([&] { return module_status()["filter"]["names"] == names; });
     };
-    fs::create_directories("/tmp/work");
-    fs::current_path("/tmp/work");  // where the daemon's shell would leave what a name made it do
+    fs::create_directories("/tmp/daemon-cwd");
+    fs::current_path("/tmp/daemon-cwd");  // where the daemon's shell would leave what a name made it do
     start();
     fs::current_path("/");
     EXPECT_EQ(remote("filter --timeout 60 browser 'launcher x'").code, 0);
@@ -215,7 +215,7 @@ TEST_F(TriggerSet, WatchedDirectoryTakesListsAndClearsTheRest) {
     EXPECT_TRUE(comes_true([&] { return names_in(directory).size() == 2; }));
     EXPECT_THAT(names_in(directory), UnorderedElementsAre("directory", "processes.txt"))
         << "one that is renamed into place is not noticed";
-    EXPECT_THAT(names_in("/tmp/work"), IsEmpty());
+    EXPECT_THAT(names_in("/tmp/daemon-cwd"), IsEmpty());
     EXPECT_EQ(remote("filter --timeout 60 tuner").code, 0);
     EXPECT_TRUE(filter_is({"browser", "launcher x", "tuner"})) << module_status();
     EXPECT_THAT(names_in(directory), UnorderedElementsAre("directory"));
