@@ -52,9 +52,9 @@ inline std::vector<std::string> names_in(const fs::path &directory) {
     return names;
 }
 
-// Looks again every 20 ms for at most `seconds`.
-inline bool comes_true(const std::function<bool()> &condition, int seconds = 20) {
-    for (int look = 0; look < seconds * 50; ++look) {
+// Looks again every 20 ms for at most a minute.
+inline bool comes_true(const std::function<bool()> &condition) {
+    for (int look = 0; look < 3000; ++look) {
         if (condition()) return true;
         poll(nullptr, 0, 20);
     }

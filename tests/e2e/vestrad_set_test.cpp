@@ -60,7 +60,7 @@ TEST_F(VestradSet, KeyWritesTheChainToTheStickAndSoDoesASecondOne) {
     start();
     key_combination_drop(87);
     key_combination_drop(87);
-    ASSERT_TRUE(comes_true([&] { return logged("INFO:key handler 87 exited", 2); }, 40));
+    ASSERT_TRUE(comes_true([&] { return logged("INFO:key handler 87 exited", 2); }));
     const auto files = dumps();
     ASSERT_THAT(files, SizeIs(2)) << "each waits for a full chain of its own";
     for (const fs::path &file : files) {
@@ -84,7 +84,7 @@ TEST_F(VestradSet, StickPulledWhileTheKeyWaitsCostsOneDump) {
     usb_device_unplug("stick");
     umount2(kStick, MNT_DETACH);
     fs::remove_all(kStick);
-    ASSERT_TRUE(comes_true([&] { return logged("INFO:key handler 87 exited"); }, 30));
+    ASSERT_TRUE(comes_true([&] { return logged("INFO:key handler 87 exited"); }));
     const auto left = names_in("/tmp");
     EXPECT_TRUE(std::any_of(left.begin(), left.end(), [](const std::string &name) {
         return name.rfind("temp-vestra-user_", 0) == 0;
@@ -94,7 +94,7 @@ TEST_F(VestradSet, StickPulledWhileTheKeyWaitsCostsOneDump) {
     usb_device_plug("other", "/media/other", USB_DEVICE_CLASS_MASS_STORAGE);
     fs::create_directories(kStick);  // as an automounter leaves it behind: the cached directory stays good
     key_combination_drop(87);
-    ASSERT_TRUE(comes_true([&] { return logged("INFO:key handler 87 exited", 2); }, 30));
+    ASSERT_TRUE(comes_true([&] { return logged("INFO:key handler 87 exited", 2); }));
     EXPECT_THAT(dumps(), SizeIs(1));
     EXPECT_TRUE(alive());
 }
@@ -115,7 +115,7 @@ TEST_F(VestradSet, DodKeyBringsDumpsIntoItsFolder) {
     fs::create_directories(folder);
     start({"1", "2"});  // two arguments: the reader's clock counts seconds
     vconf_set_int("system/DOD/test_monitor", 1);
-    EXPECT_TRUE(comes_true([&] { return !names_in(folder).empty(); }, 30));
+    EXPECT_TRUE(comes_true([&] { return !names_in(folder).empty(); }));
     vconf_set_int("system/DOD/test_monitor", 0);
     EXPECT_THAT(dumps(), IsEmpty()) << "moved, not copied";
     EXPECT_THAT(names_in(folder), SizeIs(1));
@@ -131,9 +131,9 @@ TEST_F(VestradSet, UnreadableConfigurationMeansDefaults) {
 
 TEST_F(VestradSet, HostileBlocksKeepTheRecorderGoing) {
     start();
-    ASSERT_TRUE(comes_true([] { return module_status().value("damaged_blocks", 0) > 5; }, 30)) << module_status();
+    ASSERT_TRUE(comes_true([] { return module_status().value("damaged_blocks", 0) > 5; })) << module_status();
     key_combination_drop(87);
-    ASSERT_TRUE(comes_true([&] { return logged("INFO:key handler 87 exited"); }, 40));
+    ASSERT_TRUE(comes_true([&] { return logged("INFO:key handler 87 exited"); }));
     ASSERT_THAT(dumps(), SizeIs(1));
     EXPECT_THAT(read_file(dumps()[0]), EndsWith(kTrailer));
     EXPECT_THAT(threads(), IsSupersetOf({"QXReadData", "QXClientProcess", "QXUserDataHndl", "QXProcess"}));
