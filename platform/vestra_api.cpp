@@ -2,20 +2,25 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 #include <new>
+#include <thread>
 
 #include "platform/fault.h"
 #include "platform/guarded.h"
@@ -32,10 +37,11 @@ using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC
 using std::chrono::milliseconds;
 
 constexpr char kDefaultName[] = "/vestra_api";
-constexpr uint32_t kMagic = 0x32415356;      // the library's part is initialised
-constexpr milliseconds kRequestWait{1000};   // the daemon's, so that its thread can end
-constexpr milliseconds kLookForDaemon{100};  // while a client waits
-constexpr int kStaleSignals = 1000;          // more than that are no leftovers of ours
+constexpr uint32_t kMagic = 0x32415356;                   // the library's part is initialised
+constexpr int32_t kReady = 1;                             // the marker as the daemon's main writes it
+constexpr milliseconds kRequestWait{1000};                // the daemon's, so that its thread can end
+constexpr milliseconds kLookForDaemon{100};               // while a client waits
+constexpr std::chrono::microseconds kLooksAreFresh{100};  // while a request is answered
 constexpr size_t kServedAddresses = 4;
 
 // Of Segment::stage; the header says who moves it.
@@ -44,12 +50,12 @@ enum Stage : uint32_t { kFree = 0, kPosted = 1, kTaken = 2 };
 // The whole segment: the daemon's record, then the library's own part.
 struct Segment {
     vestra_shm_record record;
-    sem_t request;         // rings when a request was posted
     pthread_mutex_t turn;  // robust; held by the client whose turn it is
     uint32_t magic;        // kMagic once everything is initialised
-    uint32_t stage;
+    uint32_t stage;        // both sides sleep on it while there is nothing to do for them
+    uint32_t knock;        // not 0: a client has found the daemon not ready
 };
-static_assert(offsetof(Segment, request) == 912, "the library's part begins behind the record");
+static_assert(offsetof(Segment, turn) == 912, "the library's part begins behind the record");
 
 // One mapping of a segment and the file that it is of. A plain record: the daemon's must outlive its static objects.
 struct Mapped {
@@ -57,6 +63,7 @@ struct Mapped {
     int fd;
     dev_t device;
     ino_t inode;
+    bool was_ready;  // the daemon's: the marker has been set
 
     bool is_file(const struct stat &info) const {
         return segment != nullptr && fd >= 0 && info.st_dev == device && info.st_ino == inode;
@@ -81,7 +88,7 @@ bool map_segment(int fd, const struct stat &info, Mapped *mapped) {
     const int fixed = mapped->segment != nullptr ? MAP_FIXED : 0;
     void *address = mmap(mapped->segment, sizeof(Segment), PROT_READ | PROT_WRITE, MAP_SHARED | fixed, fd, 0);
     if (address == MAP_FAILED) return false;
-    *mapped = {static_cast<Segment *>(address), fd, info.st_dev, info.st_ino};
+    *mapped = {static_cast<Segment *>(address), fd, info.st_dev, info.st_ino, false};
     return true;
 }
 
@@ -113,6 +120,14 @@ bool daemon_lives(int fd) {
     return fcntl(fd, F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
 }
 
+int32_t marker_of(const Segment *segment) {
+    return __atomic_load_n(&segment->record.marker, __ATOMIC_ACQUIRE);
+}
+
+bool is_initialised(const Segment *segment) {
+    return __atomic_load_n(&segment->magic, __ATOMIC_ACQUIRE) == kMagic;
+}
+
 uint32_t stage_of(const Segment *segment) {
     return __atomic_load_n(&segment->stage, __ATOMIC_ACQUIRE);
 }
@@ -121,17 +136,37 @@ bool move_stage(Segment *segment, uint32_t from, uint32_t to) {
     return __atomic_compare_exchange_n(&segment->stage, &from, to, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
 }
 
-timespec to_timespec(Clock::time_point moment) {
-    const int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(moment.time_since_epoch()).count();
+timespec to_timespec(Clock::duration duration) {
+    const int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(duration).count();
     timespec when = {};
     when.tv_sec = static_cast<time_t>(ns / 1000000000);
     when.tv_nsec = static_cast<decltype(when.tv_nsec)>(ns % 1000000000);
     return when;
 }
 
-int wait_until(sem_t *semaphore, Clock::time_point deadline) {
-    const timespec when = to_timespec(deadline);
-    return sem_clockwait(semaphore, CLOCK_MONOTONIC, &when);
+// Neither side uses a semaphore to wait: the C library ends a process that finds nonsense in one, and what is in the
+// segment anybody may have written. The calls below fail at worst, and who waits looks again.
+#ifdef SYS_futex_time64
+constexpr long kFutex = sizeof(time_t) > sizeof(long) ? SYS_futex_time64 : SYS_futex;
+#else
+constexpr long kFutex = SYS_futex;
+#endif
+
+// Sleeps while the word is `value`, until it is woken, at most until the deadline.
+void sleep_on(const uint32_t *word, uint32_t value, Clock::time_point deadline) {
+    const timespec left = to_timespec(std::max(deadline - Clock::now(), Clock::duration::zero()));
+    syscall(kFutex, word, FUTEX_WAIT, value, &left, nullptr, 0);
+}
+
+void wake(const uint32_t *word) {
+    syscall(kFutex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
+// Makes the record's semaphore one of that value, whatever it was.
+void set_ready(vestra_shm_record *record, unsigned value) {
+    sem_t fresh;
+    sem_init(&fresh, 1, value);
+    memcpy(&record->ready, &fresh, sizeof(fresh));
 }
 
 // Locks by a deadline. 0, EOWNERDEAD (locked all the same), or another error number.
@@ -142,7 +177,7 @@ int lock_until(pthread_mutex_t *mutex, Clock::time_point deadline) {
     while ((result = pthread_mutex_trylock(mutex)) == EBUSY && Clock::now() < deadline) usleep(200);
     return result;
 #else
-    const timespec when = to_timespec(deadline);
+    const timespec when = to_timespec(deadline.time_since_epoch());
     return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &when);
 #endif
 }
@@ -165,7 +200,7 @@ void set_group(int fd) {
 
 bool initialise(Segment *segment) {
     pthread_mutexattr_t attributes;
-    if (sem_init(&segment->record.ready, 1, 0) != 0 || sem_init(&segment->request, 1, 0) != 0) return false;
+    set_ready(&segment->record, 0);
     if (pthread_mutexattr_init(&attributes) != 0) return false;
     bool done = pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED) == 0;
     done = done && pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST) == 0;
@@ -225,16 +260,30 @@ bool create_segment(Mapped *mapped) {
     return true;
 }
 
-// A segment that replaces another is served by a daemon that is up already, and says so, also when the daemon was
-// writing the marker into the old one just now.
-void carry_marker_over() {
-    int32_t *marker = &served[current].segment->record.marker;
-    if (__atomic_load_n(marker, __ATOMIC_ACQUIRE) != 0) return;
-    for (const Mapped &mapped : served) {
-        if (mapped.segment == nullptr) continue;
-        const int32_t known = __atomic_load_n(&mapped.segment->record.marker, __ATOMIC_ACQUIRE);
-        if (known != 0) __atomic_store_n(marker, known, __ATOMIC_RELEASE);
-    }
+// The daemon's main sets the marker once. A segment that replaces another is served by a daemon that is up already, and
+// says so, also when main was writing the marker into the old one just now. A marker that a client has overwritten is
+// mended: at once when it is no marker at all, and when it says "not ready", as soon as a client has knocked.
+void keep_marker() {
+    static bool daemon_is_up = false;  // guarded by server_lock
+    Mapped &mapped = served[current];
+    daemon_is_up = daemon_is_up || std::any_of(served.begin(), served.end(), [](const Mapped &any) {
+                       return any.segment != nullptr && marker_of(any.segment) == kReady;
+                   });
+    const bool knocked = __atomic_exchange_n(&mapped.segment->knock, 0U, __ATOMIC_ACQ_REL) != 0;
+    const int32_t marker = marker_of(mapped.segment);
+    if (!daemon_is_up || (marker == 0 && mapped.was_ready && !knocked)) return;
+    mapped.was_ready = true;
+    if (marker != kReady) __atomic_store_n(&mapped.segment->record.marker, kReady, __ATOMIC_RELEASE);
+}
+
+// What the segment in service is to clients.
+enum class Service { kGone, kDamaged, kGood };
+
+Service look_at_service() {
+    struct stat info;
+    const Mapped &mapped = served[current];
+    if (!stat_segment(&info) || !mapped.is_file(info)) return Service::kGone;
+    return is_initialised(mapped.segment) ? Service::kGood : Service::kDamaged;
 }
 
 Segment *served_segment() {
@@ -246,7 +295,7 @@ Segment *served_segment() {
 // ever.
 void settle(Segment *segment) {
     const uint32_t stage = stage_of(segment);
-    if (stage != kFree && stage != kPosted) move_stage(segment, stage, kFree);
+    if (stage != kFree && stage != kPosted && move_stage(segment, stage, kFree)) wake(&segment->stage);
 }
 
 }  // namespace
@@ -255,8 +304,12 @@ void *get_shm(void) {
     if (platform_fault(FAULT_GET_SHM)) return nullptr;
     return guarded(static_cast<void *>(nullptr), []() -> void * {
         const std::lock_guard<std::mutex> hold(server_lock);
-        struct stat info;
-        if (!stat_segment(&info) || !served[current].is_file(info)) {
+        const Service service = look_at_service();
+        if (service == Service::kDamaged) {
+            PLATFORM_LOGW("segment %s was overwritten, and is replaced", segment_name());
+            shm_unlink(segment_name());
+        }
+        if (service != Service::kGood) {
             const size_t next = (current + 1) % served.size();
             if (!create_segment(&served[next])) return nullptr;
             if (served[current].segment != nullptr && served[current].fd >= 0) {
@@ -265,7 +318,7 @@ void *get_shm(void) {
             }
             current = next;
         }
-        carry_marker_over();
+        keep_marker();
         return served[current].segment;
     });
 }
@@ -273,23 +326,38 @@ void *get_shm(void) {
 int check_if_valid_shm(void **shm) {
     if (shm == nullptr || *shm == nullptr || platform_fault(FAULT_CHECK_SHM)) return 0;
     const std::lock_guard<std::mutex> hold(server_lock);
-    struct stat info;
-    return *shm == served[current].segment && stat_segment(&info) && served[current].is_file(info) ? 1 : 0;
+    if (*shm != served[current].segment) return 0;
+    // Asked some forty times while one request is answered, and a look is a system call: half the time of an answer.
+    static Clock::time_point last_good;  // guarded by server_lock
+    const auto now = Clock::now();
+    if (stage_of(served[current].segment) == kTaken && now - last_good < kLooksAreFresh) return 1;
+    if (look_at_service() != Service::kGood) return 0;
+    last_good = now;
+    return 1;
 }
 
 int vestra_request_sem_lock_func(const char * /*caller*/, int /*n*/) {
     Segment *segment = served_segment();
     if (segment == nullptr || platform_fault(FAULT_REQUEST_WAIT)) return -1;
     settle(segment);  // the pass before is over, answered or not
-    if (wait_until(&segment->request, Clock::now() + kRequestWait) != 0) return -1;
-    return move_stage(segment, kPosted, kTaken) ? 0 : -1;  // a ring without a request: it was withdrawn
+    for (const auto deadline = Clock::now() + kRequestWait;;) {
+        if (move_stage(segment, kPosted, kTaken)) return 0;
+        // get_shm mends what a client has found wrong.
+        const bool wrong = __atomic_load_n(&segment->knock, __ATOMIC_ACQUIRE) != 0 || !is_initialised(segment);
+        if (wrong || Clock::now() >= deadline) return -1;
+        const uint32_t stage = stage_of(segment);
+        if (stage != kPosted) sleep_on(&segment->stage, stage, deadline);
+    }
 }
 
 int vestra_ready_sem_unlock_func(const char * /*caller*/) {
     Segment *segment = served_segment();
     if (segment == nullptr || platform_fault(FAULT_READY_POST)) return -1;
-    settle(segment);  // before the signal: who is woken by it must find the request answered
-    return sem_post(&segment->record.ready);
+    int value = 0;
+    sem_getvalue(&segment->record.ready, &value);
+    set_ready(&segment->record, value >= 0 && value < SEM_VALUE_MAX ? static_cast<unsigned>(value) + 1 : 1);
+    settle(segment);  // last: the record is the client's after it
+    return 0;
 }
 
 /* ------------------------------ The clients' side ------------------------------ */
@@ -320,16 +388,19 @@ bool may_use(const struct stat &info) {
     return group_from_environment(&group) && info.st_gid == group;
 }
 
-// Makes the handle's mapping the segment that is there now, served and ready. False when there is none.
-bool connect(vestra_api_client *client) {
+enum class Found { kNothing, kNotReady, kDaemon };
+
+// Makes the handle's mapping the segment that is there now, and tells what it is. Not ready: a daemon is there, but the
+// segment is in the making, or what says that it is made was overwritten and will be mended.
+Found connect(vestra_api_client *client) {
     struct stat info;
-    if (!stat_segment(&info)) return false;
+    if (!stat_segment(&info)) return Found::kNothing;
     if (!client->mapped.is_file(info)) {
         client->drop();
         const int fd = shm_open(segment_name(), O_RDWR, 0);
         if (fd < 0) {
             PLATFORM_LOGW("cannot open segment %s (%d:%m)", segment_name(), errno);
-            return false;
+            return Found::kNothing;
         }
         const bool known = fstat(fd, &info) == 0;
         if (known && info.st_size != 0 && !may_use(info)) {
@@ -337,12 +408,25 @@ bool connect(vestra_api_client *client) {
         }
         if (!known || !may_use(info) || !map_segment(fd, info, &client->mapped)) {
             close(fd);
-            return false;
+            return Found::kNothing;
         }
     }
     const Segment *segment = client->mapped.segment;
-    return __atomic_load_n(&segment->magic, __ATOMIC_ACQUIRE) == kMagic &&
-           __atomic_load_n(&segment->record.marker, __ATOMIC_ACQUIRE) == 1 && daemon_lives(client->mapped.fd);
+    if (!daemon_lives(client->mapped.fd)) return Found::kNothing;
+    return is_initialised(segment) && marker_of(segment) == kReady ? Found::kDaemon : Found::kNotReady;
+}
+
+// Connects to a daemon that is ready. False when there is none, also by the deadline.
+bool connect_until(vestra_api_client *client, Clock::time_point deadline) {
+    for (;;) {
+        const Found found = connect(client);
+        const auto now = Clock::now();
+        if (found == Found::kDaemon) return true;
+        if (found == Found::kNothing || now >= deadline) return false;
+        __atomic_store_n(&client->mapped.segment->knock, 1U, __ATOMIC_RELEASE);
+        wake(&client->mapped.segment->stage);
+        std::this_thread::sleep_until(std::min(deadline, now + Clock::duration(kLookForDaemon)));
+    }
 }
 
 bool valid(const vestra_api_data *requests, int count) {
@@ -377,24 +461,18 @@ class Turn {
 // Waits until no request is posted or taken.
 int wait_until_free(const Mapped &mapped, Clock::time_point deadline) {
     for (;;) {
-        if (stage_of(mapped.segment) == kFree) return VESTRA_API_OK;
+        const uint32_t stage = stage_of(mapped.segment);
+        if (stage == kFree) return VESTRA_API_OK;
         if (!daemon_lives(mapped.fd)) return VESTRA_API_NO_DAEMON;
         const auto now = Clock::now();
         if (now >= deadline) return VESTRA_API_TIMEOUT;
-        // Woken or not, the stage decides.
-        (void)wait_until(&mapped.segment->record.ready, std::min(deadline, now + Clock::duration(kLookForDaemon)));
-    }
-}
-
-void drain(sem_t *semaphore) {
-    for (int i = 0; i < kStaleSignals && sem_trywait(semaphore) == 0; ++i) {
+        sleep_on(&mapped.segment->stage, stage, std::min(deadline, now + Clock::duration(kLookForDaemon)));
     }
 }
 
 // Writes the entries and posts the request. The daemon is not at work and has nothing to begin with.
 void post(Segment *segment, const vestra_api_data *requests, int count) {
-    drain(&segment->request);
-    drain(&segment->record.ready);
+    set_ready(&segment->record, 0);
     for (int i = 0; i < kVestraVitals; ++i) {
         vestra_api_data entry = {};
         entry.packet_type = i < count ? requests[i].packet_type : kVestraUnused;
@@ -404,7 +482,7 @@ void post(Segment *segment, const vestra_api_data *requests, int count) {
     }
     __atomic_store_n(&segment->record.state, static_cast<int32_t>(VESTRA_REQUEST_POSTED), __ATOMIC_RELEASE);
     move_stage(segment, kFree, kPosted);
-    sem_post(&segment->request);
+    wake(&segment->stage);
 }
 
 // Copies the answers out of the record. The requests are untouched when one is missing.
@@ -431,7 +509,7 @@ int ask(vestra_api_client *client, vestra_api_data *requests, int count, int tim
     const auto deadline = Clock::now() + milliseconds(std::max(timeout_ms, 0));
     if (lock_until(client->lock.native_handle(), deadline) != 0) return VESTRA_API_TIMEOUT;
     const std::lock_guard<std::mutex> hold(client->lock, std::adopt_lock);
-    if (!connect(client)) return VESTRA_API_NO_DAEMON;
+    if (!connect_until(client, deadline)) return VESTRA_API_NO_DAEMON;
     const Mapped &mapped = client->mapped;
     const Turn turn(mapped.segment, deadline);
     if (!turn.taken()) return daemon_lives(mapped.fd) ? VESTRA_API_TIMEOUT : VESTRA_API_NO_DAEMON;

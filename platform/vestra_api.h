@@ -3,19 +3,24 @@
 // The set promises the daemon's four calls below and the record's first 912 bytes. The stand-in: POSIX shared memory
 // "/vestra_api" (environment VESTRA_API_SHM: another name), mode 0600, or 0660 with the group that VESTRA_API_GROUP
 // names. The daemon makes it, new at every start. A client refuses a segment of a wrong size and one that belongs
-// neither to its own user nor to root nor to that group. Who may open the segment is trusted not to cut it short.
-// Differs from the set: the calls' inner workings, and everything behind offset 912.
+// neither to its own user nor to root nor to that group. Who may open the segment is trusted not to cut it short and
+// not to write into the turn. Whatever else it overwrites, the daemon lives on, and serves the next client: it mends
+// the marker, and makes another segment for one whose part behind the record is not its own any more. Differs
+// from the set: the calls' inner workings, and everything behind offset 912.
 //
 // Whose answer it is. A client asks while it has the turn, a robust mutex: a holder that dies does not lock others out.
 // The word `stage` (behind the record) goes from free to posted (client), taken (daemon, when its wait for a request
 // succeeds) and back to free (daemon, when it signals ready or waits for the next request). The turn's holder withdraws
 // a request that was posted and not taken, waits while one is taken, and only then, when the daemon is certainly not at
-// work and cannot begin, empties both semaphores, writes its entries and state 1, and posts. So nothing that the daemon
-// writes late, nor a late signal, can meet another client's request, whenever a client died or gave up; the semaphores
-// only wake. A client that dies or gives up leaves its state as it is, so that the daemon is done with it at once.
+// work and cannot begin, writes its entries and state 1, and posts. So nothing that the daemon writes late can meet
+// another client's request, whenever a client died or gave up. Both sides sleep on that word; the semaphore in the
+// record is kept as the daemon counts on it, but wakes nobody. A client that dies or gives up leaves its state as it
+// is, so that the daemon is done with it at once.
 //
 // Whether a daemon is there: it holds a lock on the segment's first byte, which goes when it ends however it ends, and
-// has set the marker. A client looks again every 0.1 s while it waits.
+// has set the marker. A client looks again every 0.1 s while it waits. One that finds a daemon which is not ready
+// knocks and waits for it, so that a question asked while the daemon starts, or over an overwritten marker, is answered
+// too.
 #pragma once
 
 #include <semaphore.h>
@@ -59,7 +64,7 @@ enum vestra_request_state : int32_t {
 struct vestra_shm_record {
     int32_t marker;             //   0  0: not ready; the daemon's main writes 1
     uint8_t reserved_head[36];  //   4
-    alignas(8) sem_t ready;     //  40  posted by the daemon
+    alignas(8) sem_t ready;     //  40  counted up by the daemon
     uint8_t reserved_ready[48 - sizeof(sem_t)];
     int32_t state;                           //  88  vestra_request_state
     uint8_t reserved_state[4];               //  92
@@ -76,12 +81,14 @@ extern "C" {
 /* ------------------------------ The daemon's side ------------------------------ */
 
 // The mapped segment, made where there is none; null when it cannot be had (log line), or when another living daemon
-// serves it. One system call when nothing has changed. A segment that was removed is replaced, with the marker as it
-// was; an address once handed out stays mapped for good (it is used again for a later replacement, after three others).
+// serves it. One system call when nothing has changed. A segment that was removed or damaged is replaced, with the
+// marker as it was; an address once handed out stays mapped for good (it is used again for a later replacement, after
+// three others). A marker of 1, once seen, is set again when a client has overwritten it.
 // Any thread of one process.
 void *get_shm(void);
 
-// 1 while the segment at *shm is the one that clients find under the name, else 0. Any thread.
+// 1 while the segment at *shm is the one that clients find under the name, else 0; while a request is answered, as of
+// at most 0.1 ms ago. Any thread.
 int check_if_valid_shm(void **shm);
 
 // Waits until a client signals a request, at most 1 s. 0, or negative when none came; at once when there is no segment.
@@ -96,9 +103,10 @@ int vestra_ready_sem_unlock_func(const char *caller);
 
 enum vestra_api_result : int {
     VESTRA_API_OK = 0,
-    VESTRA_API_NO_DAEMON = -1,  // no segment that may be used, nobody serves it, or its daemon ended meanwhile
-    VESTRA_API_TIMEOUT = -2,    // no answer in time, or the daemon gave up
-    VESTRA_API_REFUSED = -3,    // count, packet type or window out of range, null; or the daemon left a type unanswered
+    // No segment that may be used, nobody serves it, its daemon ended meanwhile, or was not ready by the time-out.
+    VESTRA_API_NO_DAEMON = -1,
+    VESTRA_API_TIMEOUT = -2,  // no answer in time, or the daemon gave up
+    VESTRA_API_REFUSED = -3,  // count, packet type or window out of range, null; or the daemon left a type unanswered
     VESTRA_API_NO_MEMORY = -4,
 };
 

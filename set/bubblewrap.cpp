@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 
 #include "set/files.h"
@@ -40,6 +41,15 @@ std::vector<std::string> own_trees() {
         return trees;
     }
     return {};
+}
+
+// PATH inside. In a build tree the tools lie beside this program's directory; installed, they are in PATH anyway.
+std::string search_path() {
+    const char *path = std::getenv("PATH");
+    std::error_code ignored;
+    const fs::path tools = fs::path(own_program()).parent_path().parent_path() / "tools";
+    return std::string(path != nullptr ? path : "/usr/bin:/bin") +
+           (fs::is_directory(tools, ignored) ? ":" + tools.string() : "");
 }
 
 // What is bound writable at its own path, outer directories first and without those that lie below another.
@@ -110,7 +120,7 @@ std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std:
         add({"--ro-bind", file, file});
     }
 
-    add({"--setenv", "VESTRA_SET_INSIDE", "1", "--setenv", "HOME", "/root"});
+    add({"--setenv", "VESTRA_SET_INSIDE", "1", "--setenv", "HOME", "/root", "--setenv", "PATH", search_path()});
     for (const char *name : {"VESTRA_SET_DIR", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "TMPDIR"}) {
         add({"--unsetenv", name});
     }

@@ -214,7 +214,9 @@ void on_read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fu
     if (inode == kStatusInode) {
         const auto &text = *reinterpret_cast<const std::string *>(static_cast<uintptr_t>(info->fh));
         const size_t start = std::min(text.size(), static_cast<size_t>(std::max<off_t>(offset, 0)));
-        fuse_reply_buf(request, text.data() + start, std::min(size, text.size() - start));
+        // A copy: who reads may have closed the file before the call that replies is back, and the text is gone then.
+        const std::string part = text.substr(start, size);
+        fuse_reply_buf(request, part.data(), part.size());
         return;
     }
     thread_local std::vector<uint8_t> block(kMaxBlock);

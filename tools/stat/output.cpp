@@ -1,0 +1,100 @@
+#include "tools/stat/output.h"
+
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "tools/stat/vitals.h"
+
+namespace vestra_stat {
+namespace {
+
+constexpr int kColumn = 11;  // width of a figure
+
+const Vital &vital_of(const vestra_api_data &answer) {
+    return kVitals[static_cast<size_t>(answer.packet_type)];
+}
+
+// The daemon says -1 and -1, without an average, where the window holds no second.
+vestra_api_data without_markers(vestra_api_data answer) {
+    if (answer.maximum == -1 && answer.minimum == -1 && std::isnan(answer.average)) {
+        answer.maximum = answer.minimum = std::numeric_limits<double>::quiet_NaN();
+    }
+    return answer;
+}
+
+// With an exponent where it would not fit.
+std::string figure(double value, int decimals) {
+    if (std::isnan(value)) return "-";
+    char text[512];  // the greatest has 309 digits before the point
+    if (std::snprintf(text, sizeof text, "%.*f", decimals, value) > kColumn) {
+        std::snprintf(text, sizeof text, "%.3e", value);
+    }
+    return text;
+}
+
+}  // namespace
+
+std::string as_table(const Answer &answer) {
+    char line[160];
+    char clock[16] = "";
+    const auto seconds = static_cast<time_t>(answer.time);
+    struct tm local {};
+    if (localtime_r(&seconds, &local) != nullptr) std::strftime(clock, sizeof clock, "%H:%M:%S", &local);
+    std::string text = clock;
+    if (answer.window == 0) {
+        std::snprintf(line, sizeof line, "  now%*s\n", 17 + kColumn, "value");
+    } else {
+        std::snprintf(line, sizeof line, "  last %3d s%*s %*s %*s %*s\n", answer.window, 10 + kColumn, "maximum",
+                      kColumn, "minimum", kColumn, "average", kColumn, "variance");
+    }
+    text += line;
+    for (const vestra_api_data &entry : answer.vitals) {
+        const Vital &vital = vital_of(entry);
+        const vestra_api_data shown = without_markers(entry);
+        std::snprintf(line, sizeof line, "%2d  %-20s %-4s", entry.packet_type, vital.name, vital.unit);
+        text += line;
+        for (const double value : {shown.maximum, shown.minimum, shown.average, shown.variance}) {
+            std::snprintf(line, sizeof line, " %*s", kColumn, figure(value, vital.decimals).c_str());
+            text += line;
+            if (answer.window == 0) break;  // all the same, and no variance
+        }
+        text += '\n';
+    }
+    return text;
+}
+
+std::string as_json(const Answer &answer) {
+    nlohmann::ordered_json vitals;
+    for (const vestra_api_data &entry : answer.vitals) {
+        const vestra_api_data shown = without_markers(entry);
+        // What is no number becomes null when it is written.
+        vitals[vital_of(entry).name] = {{"type", entry.packet_type}, {"unit", vital_of(entry).unit},
+                                        {"maximum", shown.maximum},  {"minimum", shown.minimum},
+                                        {"average", shown.average},  {"variance", shown.variance}};
+    }
+    const nlohmann::ordered_json line = {{"time", answer.time}, {"window", answer.window}, {"vitals", vitals}};
+    return line.dump() + "\n";
+}
+
+std::string list_of_vitals() {
+    char line[160];
+    std::string text;
+    for (size_t type = 0; type < kVitals.size(); ++type) {
+        const Vital &vital = kVitals[type];
+        std::snprintf(line, sizeof line, "%2zu%c %-20s %-4s %s\n", type, vital.module_says ? '*' : ' ', vital.name,
+                      vital.unit, vital.meaning);
+        text += line;
+    }
+    return text +
+           "\n* as the kernel module sends it; these are the names of what the simulated set's module sends.\n"
+           "  The other figures are the daemon's own, from the cores' counters.\n";
+}
+
+bool print(const std::string &text) {
+    return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+}
+
+}  // namespace vestra_stat
