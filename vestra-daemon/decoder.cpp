@@ -264,12 +264,13 @@ std::string ToString(long long value) {
 }
 
 circ_buf_shm *GetShmNode(process_mem *record, double cpu) {
-    std::string timestamp = ToString(record->timestamp);
+    // What can fail comes first: a node that was taken is always handed out.
+    std::string timestamp = ToString(record->timestamp), name = record->name;
     circ_buf_shm *node = spare_node != nullptr ? spare_node : new circ_buf_shm;
     spare_node = nullptr;
     node->timestamp = std::move(timestamp);
     node->pid = record->pid;
-    node->name = record->name;
+    node->name = std::move(name);
     node->rss = record->rss;
     node->swap = record->swap;
     node->cpu = cpu;
