@@ -95,6 +95,7 @@ static constexpr int kModelBytes = 32;
 static constexpr int kArgumentSlots = 6;   // strings that the command runner keeps
 static constexpr int kCommandBytes = 256;  // user-data command or shell command, terminator included
 static constexpr int kFilterNamesSent = 5;
+static constexpr int kListBytes = 65536;       // of a list file that are read: anyone may drop one without an end
 static constexpr int kTemperatureAlarm = 125;  // degrees C
 static constexpr int kDdrChannels = 4;
 static constexpr int kLongPath = 1024;  // a directory, a name and the fixed parts of a dump's path
@@ -590,6 +591,8 @@ int vestra_Display_GlobalNotification(std::string text) {  // NOLINT(performance
     return retVal == 0 ? 0 : -1;
 }
 
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "vestra_Display_GlobalNotification"
 // Shows head line, outcome and detail as one notice. What the string may throw without memory ends here.
 static void show_notice(const char *head, const char *outcome, const char *detail) {
     try {
@@ -598,6 +601,8 @@ static void show_notice(const char *head, const char *outcome, const char *detai
         LOGE("ERR: notification_create failed");
     }
 }
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
 
 /* ------------------------------ 7. Capture chain ------------------------------ */
 
@@ -758,10 +763,12 @@ static int open_temporary(const char *path) {
     return -1;
 }
 
-// Writes the whole of `data` in one call. A short write is a failure like any other.
+// Writes the whole of `data` in one call. A short write is a failure like any other. False with errno set.
 static bool write_whole(int fd, const void *data, size_t size) {
-    if (size == 0) return true;
-    return write(fd, data, size) == static_cast<ssize_t>(size);
+    errno = 0;
+    if (size == 0 || write(fd, data, size) == static_cast<ssize_t>(size)) return true;
+    if (errno == 0) errno = EIO;  // a short write sets none
+    return false;
 }
 
 // The two values of the version file. Fields are not terminated.
@@ -1546,11 +1553,7 @@ enum UserDataCommand : int {
 
 // Sends a formatted command with one write: the module takes each write as one whole command. False with errno set.
 static bool send_command(int fd, const char *command) {
-    const size_t length = strlen(command);
-    errno = 0;
-    if (write(fd, command, length) == static_cast<ssize_t>(length)) return true;
-    if (errno == 0) errno = EIO;  // a short write sets none
-    return false;
+    return write_whole(fd, command, strlen(command));
 }
 
 void write_userdata(int command, char *data, int length) {
@@ -1627,12 +1630,14 @@ static FILE *open_list() {
     return file;
 }
 
-// The next line without its end, cut to `size` - 1 characters. False at the end of the file.
-static bool next_line(FILE *file, char *line, size_t size) {
+// The next line without its end, cut to `size` - 1 characters. False at the end of the file, or of the `*left` bytes
+// that are read of it.
+static bool next_line(FILE *file, int *left, char *line, size_t size) {
+    const auto next = [&] { return (*left)-- > 0 ? fgetc(file) : EOF; };
     size_t length = 0;
-    int c = fgetc(file);
+    int c = next();
     if (c == EOF) return false;
-    for (; c != EOF && c != '\n'; c = fgetc(file)) {
+    for (; c != EOF && c != '\n'; c = next()) {
         if (length + 1 < size) line[length++] = static_cast<char>(c);
     }
     line[length] = '\0';
@@ -1644,8 +1649,9 @@ static bool next_line(FILE *file, char *line, size_t size) {
 // Reads the names into the configuration record. The count is the file's number of lines, though only six are stored.
 static void load_names(FILE *file) {
     char line[kLongPath];
+    int left = kListBytes;
     uint32_t lines = 0;
-    while (next_line(file, line, sizeof(line))) {
+    while (next_line(file, &left, line, sizeof(line))) {
         if (lines < kFilterNameSlots) {
             char(&slot)[kFilterNameSize] = g_vestra_config.vestra_proc_filter_pname[lines];
             memset(slot, 0, sizeof(slot));
@@ -1774,15 +1780,15 @@ void updateFilterProcessNames(const char *name) {
 }
 
 // Makes sure that nobody else can put another directory in the list directory's place, whose files we would remove
-// then: it is no link, and it is ours, so that the sticky bit of /tmp holds it. One that another user made first is
-// taken over.
+// then: it is no link, and it is ours or root's, so that the sticky bit of /tmp holds it. One that another user made
+// first is taken over.
 static bool own_list_dir() {
     static constexpr char kDir[] = "/tmp/vestra_processes";  // no slash behind it: a link is not followed
     const int fd = open(kDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return false;
     struct stat held, named;
     bool own = fstat(fd, &held) == 0;
-    if (own && held.st_uid != geteuid()) {
+    if (own && held.st_uid != geteuid() && held.st_uid != 0) {
         own = fchown(fd, geteuid(), static_cast<gid_t>(-1)) == 0 && fchmod(fd, 0777) == 0;
     }
     own = own && lstat(kDir, &named) == 0 && held.st_dev == named.st_dev && held.st_ino == named.st_ino;
