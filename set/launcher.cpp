@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -84,8 +85,12 @@ pid_t start_bubblewrap(const LaunchPlan &plan, const std::string &program, int l
     argv.push_back(nullptr);
     const std::string bwrap = find_program("bwrap");
 
+    const pid_t launcher = getpid();
     const pid_t child = fork();
     if (child != 0) return child;
+    // bubblewrap asks for this too, but only once it runs: a launcher that is killed before would leave a set behind.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != launcher) _exit(127);
     // Ctrl-C reaches every process of the terminal; only the launcher and the set's program are to act on it.
     for (const int number : {SIGINT, SIGQUIT, SIGHUP}) signal(number, SIG_IGN);
     sigset_t none;

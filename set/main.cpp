@@ -3,6 +3,9 @@
 // Outside a set, the commands that act on one (Command::inside) are sent through its control socket and carried out by
 // this same program inside, where the paths are the set's own. Inside, as in a test, they act at once.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
@@ -30,6 +33,14 @@ constexpr const char *kOverview =
     "  vestra-set run --source host --usb-dir STICK=./stick\n"
     "  vestra-set key 87\n"
     "  vestra-set COMMAND --help";
+
+// Started with one of them closed, this program would get a descriptor of its own in its place and pass that on.
+void open_standard_streams() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        // The lowest that is free, which is this one; not close-on-exec, for it is meant for what is run.
+        if (fcntl(fd, F_GETFD) < 0) (void)open("/dev/null", O_RDWR);
+    }
+}
 
 // inner-init LINK SOURCE -- PROGRAM ARGS...; only ever typed by the launcher.
 int run_inner_init(const std::vector<std::string> &words, const Rest &rest) {
@@ -81,6 +92,7 @@ int run(int argc, char **argv) {
 }  // namespace vestra_set
 
 int main(int argc, char **argv) {
+    vestra_set::open_standard_streams();
     try {
         return vestra_set::run(argc, argv);
     } catch (const std::exception &problem) {
