@@ -8,10 +8,10 @@
 
 #include "decoder_support.h"
 #include "failing_new.h"
+#include "platform/vconf.h"
 #include "vestra-daemon/vestrad.h"
 
 using namespace decoder_test;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 namespace fs = std::filesystem;
 
@@ -20,10 +20,8 @@ static int page_limit;  // pages that a database which the daemon opens may have
 extern "C" int __real_sqlite3_open(const char *path, sqlite3 **handle);
 extern "C" int __wrap_sqlite3_open(const char *path, sqlite3 **handle) {
     const int result = __real_sqlite3_open(path, handle);
-    if (page_limit > 0) {
-        sqlite3_exec(*handle, ("PRAGMA max_page_count=" + std::to_string(page_limit)).c_str(), nullptr, nullptr,
-                     nullptr);
-    }
+    const std::string limit = "PRAGMA max_page_count=" + std::to_string(page_limit);
+    if (page_limit > 0) sqlite3_exec(*handle, limit.c_str(), nullptr, nullptr, nullptr);
     return result;
 }
 
@@ -31,31 +29,21 @@ namespace {
 
 constexpr char kDirectory[] = "/opt/usr/home/owner/share";
 constexpr char kFile[] = "/opt/usr/home/owner/share/tvhistory.db";
-constexpr char kColumns[] =
-    "PROCESS_INFO(TIMESTAMP         VARCHAR(20)   NOT NULL,PROCESS_ID   INT   NOT NULL,PROCESS_NAME VARCHAR(20)  NULL,"
-    "RSS_USED     INT   NOT NULL,SWAP_USED    INT   NOT NULL,CPU_PERCENTAGE_USED  DOUBLE   NOT NULL,RSS_BIN      INT   "
-    "DEFAULT 0 NOT NULL,SWAP_BIN     INT   DEFAULT 0 NOT NULL,AVG_RSS      INT   DEFAULT 0 NOT NULL,SHM_CURR_TIME "
-    "DATETIME DEFAULT CURRENT_TIMESTAMP,AVG_CPU      INT   DEFAULT 0 NOT NULL )";
+constexpr char kKey[] = "memory/SHM/trigger_db_write";
 
-using Rows = std::vector<std::vector<std::string>>;
-
-Rows query(const std::string &statement) {
+// The answer's rows, a line each, the values separated by '|'.
+std::string query(const std::string &statement) {
     sqlite3 *handle = nullptr;
     EXPECT_EQ(sqlite3_open_v2(kFile, &handle, SQLITE_OPEN_READWRITE, nullptr), 0);
-    Rows rows;
+    std::string rows;
     const auto add = [](void *out, int count, char **values, char **) {
-        std::vector<std::string> row;
-        for (int i = 0; i < count; ++i) row.emplace_back(values[i] != nullptr ? values[i] : "NULL");
-        static_cast<Rows *>(out)->push_back(row);
+        auto *text = static_cast<std::string *>(out);
+        for (int i = 0; i < count; ++i) text->append(values[i]).append(i + 1 < count ? "|" : "\n");
         return 0;
     };
     EXPECT_EQ(sqlite3_exec(handle, statement.c_str(), add, &rows, nullptr), 0) << sqlite3_errmsg(handle);
     sqlite3_close(handle);
     return rows;
-}
-
-std::string count_rows() {
-    return query("SELECT COUNT(*) FROM PROCESS_INFO")[0][0];
 }
 
 // Appends a sample to the list as the decoder would.
@@ -72,185 +60,164 @@ void add_many(int count) {
     for (int i = 0; i < count; ++i) add(1000 + i, i, "process", 10, 20, 1);
 }
 
-int list_length() {
-    int length = 0;
-    for (const circ_buf_shm *node = ghead_shm; node != nullptr; node = node->next) ++length;
-    return length;
-}
-
-int count_lines(const std::string &text) {
-    int count = 0;
-    for (const LogLine &line : take_log()) count += line.text == text ? 1 : 0;
-    return count;
-}
-
 class Database : public DecoderTest {
   protected:
     Database() {
         fs::create_directories(kDirectory);
         fs::remove(kFile);
         EXPECT_EQ(ProcessDbInit(), 0);
-        set_trigger_key(1);
         take_log();
     }
     ~Database() override {
         page_limit = 0;
-        EXPECT_EQ(pthread_mutex_trylock(&shm_lock), 0) << "the list is not left locked";
-        pthread_mutex_unlock(&shm_lock);
         sqlite3_close(db);
         db = nullptr;
     }
+
+    static int key() {
+        int value = -1;
+        EXPECT_EQ(vconf_get_int(kKey, &value), 0);
+        return value;
+    }
+    // Fills the table as the trigger does, with allocations up to that size, and expects this many rows in it and this
+    // value of the key afterwards.
+    static void fill(int rows, int key_behind, size_t allocations = SIZE_MAX) {
+        EXPECT_EQ(vconf_set_int(kKey, 1), 0);
+        failing_above = allocations;
+        EXPECT_EQ(Process_Info_fill(), 0);
+        failing_above = SIZE_MAX;
+        EXPECT_EQ(key(), key_behind);
+        if (rows >= 0) {
+            EXPECT_EQ(query("SELECT COUNT(*) FROM PROCESS_INFO"), std::to_string(rows) + "\n");
+        }
+    }
 };
 
-TEST_F(Database, StartMakesTheTableAnew) {
+TEST_F(Database, StartMakesTheTableAnewOrGoesOnWithoutOne) {
     query("INSERT INTO PROCESS_INFO(TIMESTAMP,PROCESS_ID,RSS_USED,SWAP_USED,CPU_PERCENTAGE_USED) VALUES (1,2,3,4,5)");
     EXPECT_EQ(ProcessDbInit(), 0);
-    EXPECT_EQ(count_rows(), "0");
-    EXPECT_EQ(query("SELECT sql FROM sqlite_master WHERE name='PROCESS_INFO'")[0][0],
-              std::string("CREATE TABLE ") + kColumns);
-    EXPECT_EQ(trigger_key(), 0);
-    std::vector<std::string> texts;
-    for (const LogLine &line : take_log(kError)) texts.push_back(line.text);
-    EXPECT_THAT(texts, ElementsAre("DATABASE PATH : " + std::string(kFile), "Opened database successfully",
-                                   "Success in Opening db : " + std::string(kFile), "Closed database successfully"));
-}
-
-TEST_F(Database, MissingDirectoryDoesNotKeepTheDaemonFromStarting) {
+    EXPECT_EQ(key(), 0);
+    EXPECT_EQ(query("SELECT COUNT(*) FROM PROCESS_INFO"), "0\n");
+    EXPECT_EQ(query("SELECT sql FROM sqlite_master WHERE name='PROCESS_INFO'"),
+              "CREATE TABLE PROCESS_INFO(TIMESTAMP         VARCHAR(20)   NOT NULL,PROCESS_ID   INT   NOT "
+              "NULL,PROCESS_NAME VARCHAR(20)  NULL,RSS_USED     INT   NOT NULL,SWAP_USED    INT   NOT "
+              "NULL,CPU_PERCENTAGE_USED  DOUBLE   NOT NULL,RSS_BIN      INT   DEFAULT 0 NOT NULL,SWAP_BIN     INT   "
+              "DEFAULT 0 NOT NULL,AVG_RSS      INT   DEFAULT 0 NOT NULL,SHM_CURR_TIME DATETIME DEFAULT "
+              "CURRENT_TIMESTAMP,AVG_CPU      INT   DEFAULT 0 NOT NULL )\n");
+    EXPECT_EQ(log_text(), R"(3 set_shm_default_vconf vconf_set_int(memory/SHM/trigger_db_write) success with 0
+6 ProcessDbInit DATABASE PATH : /opt/usr/home/owner/share/tvhistory.db
+6 openDB Opened database successfully
+6 ProcessDbInit Success in Opening db : /opt/usr/home/owner/share/tvhistory.db
+3 createTables Table PROCESS_INFO DROPPED successfully
+3 createTables Table PROCESS_INFO created successfully
+6 closeDB Closed database successfully
+3 ProcessDbInit Success in Closing db : /opt/usr/home/owner/share/tvhistory.db
+)");
     fs::rename(kDirectory, "/opt/usr/home/owner/away");
     EXPECT_EQ(ProcessDbInit(), 0);
-    const auto lines = take_log(kError);
-    EXPECT_EQ(Process_Info_fill(), 0);
+    EXPECT_EQ(log_text(kError), R"(6 ProcessDbInit DATABASE PATH : /opt/usr/home/owner/share/tvhistory.db
+6 openDB Can't open database: unable to open database file
+6 ProcessDbInit Success in Opening db : /opt/usr/home/owner/share/tvhistory.db
+6 createTables SQL error: unable to open database file
+6 createTables SQL error: unable to open database file
+6 closeDB Closed database successfully
+)");
+    fill(-1, 1);
     fs::rename("/opt/usr/home/owner/away", kDirectory);
-    ASSERT_EQ(lines.size(), 6U);
-    EXPECT_EQ(lines[1].text, "Can't open database: unable to open database file");
-    EXPECT_EQ(lines[2].text, "Success in Opening db : " + std::string(kFile));
-    EXPECT_THAT(lines[3].text, HasSubstr("SQL error: "));
-    EXPECT_THAT(lines[4].text, HasSubstr("SQL error: "));
-    EXPECT_EQ(lines[5].text, "Closed database successfully");
 }
 
 TEST_F(Database, RowsAreTheSamplesNewestFirst) {
     add(-5, -3, "first", std::numeric_limits<int32_t>::min(), -1, -0.5);
-    add(1'234'567'890'123'456'789, 32767, "it's; -- a name", 2147483647, 0, 99.9);
+    add(1'234'567'890'123'456'789, 32767, "it's;", 2147483647, 0, 99.9);
     add(7, 1, "", 1, 2, std::numeric_limits<double>::quiet_NaN());
     add(8, 2, "inf", 1, 2, std::numeric_limits<double>::infinity());
     add(9, 3, "huge", 1, 2, -1e300);
-    Process_Info_fill();
-    EXPECT_THAT(
-        query("SELECT TIMESTAMP,PROCESS_ID,PROCESS_NAME,RSS_USED,SWAP_USED,CAST(CPU_PERCENTAGE_USED AS INT) FROM "
-              "PROCESS_INFO ORDER BY rowid"),
-        ElementsAre(ElementsAre("9", "3", "huge", "1", "2", "-9223372036854775808"),
-                    ElementsAre("8", "2", "inf", "1", "2", "9223372036854775807"),
-                    ElementsAre("7", "1", "", "1", "2", "0"),
-                    ElementsAre("1234567890123456789", "32767", "it's; -- a name", "2147483647", "0", "99"),
-                    ElementsAre("-5", "-3", "first", "-2147483648", "-1", "0")));
-    EXPECT_THAT(query("SELECT RSS_BIN,SWAP_BIN,AVG_RSS,AVG_CPU,SHM_CURR_TIME > '2020' FROM PROCESS_INFO LIMIT 1"),
-                ElementsAre(ElementsAre("0", "0", "0", "0", "1")));
-    EXPECT_EQ(trigger_key(), 0);
-}
-
-TEST_F(Database, BatchesHoldAHundredRows) {
-    const struct { int samples, statements; } kRows[] = {{0, 0}, {1, 1}, {100, 1}, {101, 2}, {250, 3}};
-    for (const auto &row : kRows) {
+    fill(5, 0);
+    EXPECT_EQ(query("SELECT TIMESTAMP,PROCESS_ID,PROCESS_NAME,RSS_USED,SWAP_USED,CAST(CPU_PERCENTAGE_USED AS INT) FROM "
+                    "PROCESS_INFO ORDER BY rowid"),
+              "9|3|huge|1|2|-9223372036854775808\n8|2|inf|1|2|9223372036854775807\n7|1||1|2|0\n"
+              "1234567890123456789|32767|it's;|2147483647|0|99\n-5|-3|first|-2147483648|-1|0\n");
+    EXPECT_EQ(query("SELECT RSS_BIN,SWAP_BIN,AVG_RSS,AVG_CPU,SHM_CURR_TIME > '2020' FROM PROCESS_INFO LIMIT 1"),
+              "0|0|0|0|1\n");
+    EXPECT_EQ(log_text(), R"(6 openDB Opened database successfully
+6 Process_Info_fill Success in Opening db : /opt/usr/home/owner/share/tvhistory.db
+3 Process_Info_fill Table PROCESS_INFO previous record cleared successfully
+3 insert_batch Records inserted successfully!
+6 closeDB Closed database successfully
+3 Process_Info_fill Success in Closing db : /opt/usr/home/owner/share/tvhistory.db
+6 Process_Info_fill Filling in Table PROCESS_INFO Ends
+3 set_shm_default_vconf vconf_set_int(memory/SHM/trigger_db_write) success with 0
+)");
+    const std::pair<int, int> batches[] = {{0, 0}, {1, 1}, {100, 1}, {101, 2}, {250, 3}};
+    for (const auto &[samples, statements] : batches) {
         free_bufs_shm(&ghead_shm);
         last_node = nullptr;
-        add_many(row.samples);
-        set_trigger_key(1);
-        Process_Info_fill();
-        EXPECT_EQ(count_lines("Records inserted successfully!"), row.statements) << row.samples;
-        EXPECT_EQ(count_rows(), std::to_string(row.samples));
-        EXPECT_EQ(query("SELECT COUNT(DISTINCT PROCESS_ID) FROM PROCESS_INFO")[0][0], std::to_string(row.samples));
-        EXPECT_EQ(trigger_key(), 0);
-        EXPECT_EQ(list_length(), row.samples) << "the list is kept";
+        add_many(samples);
+        fill(samples, 0);
+        int inserts = 0;
+        for (const LogLine &line : take_log()) inserts += line.text == "Records inserted successfully!" ? 1 : 0;
+        EXPECT_EQ(inserts, statements) << samples;
     }
+    EXPECT_EQ(query("SELECT COUNT(DISTINCT PROCESS_ID) FROM PROCESS_INFO"), "250\n");
 }
 
-TEST_F(Database, QuoteInANameFailsTheBatchAndLeavesTheKey) {
+TEST_F(Database, FailedBatchLeavesTheKeyAndWhatIsBeforeIt) {
     add(2, 20, "bad\"name", 5, 6, 7.5);
     add(3, 30, "good", -5, 6, 7.5);
-    Process_Info_fill();
-    const auto lines = take_log(kError);
-    ASSERT_GE(lines.size(), 2U);
-    EXPECT_EQ(lines[lines.size() - 2].text,
-              "SQL error: near \"name\": syntax error Query = INSERT INTO "
-              "PROCESS_INFO(TIMESTAMP,PROCESS_ID,PROCESS_NAME,RSS_USED,SWAP_USED,CPU_PERCENTAGE_USED) VALUES  "
-              "(3,30,\"good\",-5,6,7),(2,20,\"bad\"name\",5,6,7);");
-    EXPECT_EQ(lines.back().text, "Closed database successfully");
-    EXPECT_EQ(count_rows(), "0");
-    EXPECT_EQ(trigger_key(), 1);
-}
-
-TEST_F(Database, BatchesBeforeAFailedOneStay) {
-    add(2, 20, "bad\"name", 5, 6, 7.5);
+    fill(0, 1);
+    EXPECT_THAT(log_text(kError),
+                testing::EndsWith(
+                    R"(
+6 insert_batch SQL error: near "name": syntax error Query = INSERT INTO )"
+                    "PROCESS_INFO(TIMESTAMP,PROCESS_ID,PROCESS_NAME,RSS_USED,SWAP_USED,CPU_PERCENTAGE_USED) VALUES  "
+                    R"((3,30,"good",-5,6,7),(2,20,"bad"name",5,6,7);
+6 closeDB Closed database successfully
+)"));
     add_many(150);
-    Process_Info_fill();
-    EXPECT_EQ(count_rows(), "100");
-    EXPECT_EQ(trigger_key(), 1);
+    fill(100, 1);
 }
 
 TEST_F(Database, FullDiskIsNamedAndLeavesTheKey) {
     add_many(2000);
     page_limit = 4;
-    Process_Info_fill();
-    const auto lines = take_log(kError);
-    ASSERT_GE(lines.size(), 3U);
-    EXPECT_THAT(lines[lines.size() - 3].text, HasSubstr("SQL error: database or disk is full Query = INSERT INTO"));
-    EXPECT_EQ(lines[lines.size() - 2].text, "Closed database successfully");
-    EXPECT_EQ(lines.back().text, "Can't fill the table because there is no disk space left");
-    EXPECT_EQ(trigger_key(), 1);
+    fill(-1, 1);
+    const std::string log = log_text(kError);
+    EXPECT_THAT(log, HasSubstr("6 insert_batch SQL error: database or disk is full Query = INSERT INTO"));
+    EXPECT_THAT(log, testing::EndsWith("6 closeDB Closed database successfully\n6 insert_batch Can't fill the table "
+                                       "because there is no disk space left\n"));
     page_limit = 0;
-    Process_Info_fill();
-    EXPECT_EQ(count_rows(), "2000") << "the next trigger fills it";
-    EXPECT_EQ(trigger_key(), 0);
+    fill(2000, 0);  // by the next trigger
 }
 
-TEST_F(Database, FailedDeleteLeavesDatabaseOpenAndKeySet) {
+TEST_F(Database, FailureOutsideABatch) {
+    add_many(150);
+    fill(0, 0, 2000);
+    EXPECT_EQ(db, nullptr) << "closed";
     query("DROP TABLE PROCESS_INFO");
-    add_many(3);
-    Process_Info_fill();
-    const auto lines = take_log(kError);
-    EXPECT_EQ(lines.back().text, "SQL error: no such table: PROCESS_INFO");
-    EXPECT_EQ(trigger_key(), 1);
+    fill(-1, 1);
+    EXPECT_THAT(log_text(kError), testing::EndsWith("SQL error: no such table: PROCESS_INFO\n"));
     ASSERT_NE(db, nullptr);
     EXPECT_STREQ(sqlite3_db_filename(db, "main"), kFile) << "still open";
-}
-
-TEST_F(Database, OutOfMemoryReleasesTheListAndResetsTheKey) {
-    add_many(150);
-    failing_above = 2000;
-    Process_Info_fill();
-    failing_above = SIZE_MAX;
-    EXPECT_EQ(count_rows(), "0");
-    EXPECT_EQ(trigger_key(), 0);
-    EXPECT_EQ(db, nullptr) << "closed";
 }
 
 // The fill looks at the list's head before it clears the table and takes the lock.
 TEST_F(Database, HeadThatFellOffDuringTheDeleteIsNotTouched) {
     add_many(3);
     sqlite3_auto_extension(reinterpret_cast<void (*)()>(+[](sqlite3 *handle, char **, const void *) {
-        sqlite3_commit_hook(
-            handle,
-            [](void *) {
-                if (ghead_shm->name == "newest") return 0;
-                free_bufs_shm(&ghead_shm);
-                last_node = nullptr;
-                add(99, 99, "newest", 1, 2, 3);
-                return 0;
-            },
-            nullptr);
+        const auto replace_list = [](void *) {
+            if (ghead_shm->name == "newest") return 0;
+            free_bufs_shm(&ghead_shm);
+            last_node = nullptr;
+            add(99, 99, "newest", 1, 2, 3);
+            return 0;
+        };
+        sqlite3_commit_hook(handle, replace_list, nullptr);
         return SQLITE_OK;
     }));
     query("INSERT INTO PROCESS_INFO(TIMESTAMP,PROCESS_ID,RSS_USED,SWAP_USED,CPU_PERCENTAGE_USED) VALUES (1,2,3,4,5)");
-    Process_Info_fill();
+    fill(1, 0);
     sqlite3_reset_auto_extension();
-    EXPECT_THAT(query("SELECT PROCESS_NAME FROM PROCESS_INFO"), ElementsAre(ElementsAre("newest")));
-}
-
-TEST_F(Database, ResetOfTheKeyIsLogged) {
-    set_shm_default_vconf();
-    EXPECT_TRUE(
-        take_line({kDebug, "set_shm_default_vconf", "vconf_set_int(memory/SHM/trigger_db_write) success with 0"}));
+    EXPECT_EQ(query("SELECT PROCESS_NAME FROM PROCESS_INFO"), "newest\n");
 }
 
 }  // namespace

@@ -5,20 +5,17 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <ostream>
 
 #include "platform/dlog.h"
-#include "platform/vconf.h"
 #include "vestra-daemon/vestra_log.h"
 #include "vestra-daemon/vestrad.h"
 
 namespace decoder_test {
-namespace {
 
-std::mutex log_mutex;
-std::vector<LogLine> log_lines;  // guarded by log_mutex
+static std::mutex log_mutex;
+static std::vector<LogLine> log_lines;  // guarded by log_mutex
 
-std::string vtext(const char *format, va_list arguments) {
+static std::string vtext(const char *format, va_list arguments) {
     char buffer[16384];
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -26,10 +23,6 @@ std::string vtext(const char *format, va_list arguments) {
 #pragma GCC diagnostic pop
     return buffer;
 }
-
-constexpr char kTriggerKey[] = "memory/SHM/trigger_db_write";
-
-}  // namespace
 
 // The daemon's calls of __dlog_print come here.
 extern "C" int __wrap___dlog_print(log_id_t id, int priority, const char *tag, const char *format, ...) {
@@ -52,14 +45,6 @@ extern "C" int __wrap___dlog_print(log_id_t id, int priority, const char *tag, c
     return 0;
 }
 
-bool operator==(const LogLine &a, const LogLine &b) {
-    return a.priority == b.priority && a.function == b.function && a.text == b.text;
-}
-
-void PrintTo(const LogLine &line, std::ostream *out) {
-    *out << line.priority << " " << line.function << " \"" << line.text << "\"";
-}
-
 std::vector<LogLine> take_log(int least) {
     std::vector<LogLine> taken;
     const std::lock_guard<std::mutex> hold(log_mutex);
@@ -72,9 +57,19 @@ std::vector<LogLine> take_log(int least) {
 
 bool take_line(const LogLine &line) {
     for (const LogLine &taken : take_log()) {
-        if (taken == line) return true;
+        if (taken.priority == line.priority && taken.function == line.function && taken.text == line.text) return true;
     }
     return false;
+}
+
+std::string log_text(int least) {
+    std::string all;
+    for (const LogLine &line : take_log(least)) {
+        const bool ended = !line.text.empty() && line.text.back() == '\n';
+        all += text("%d %s ", line.priority, line.function.c_str()) + line.text.substr(0, line.text.size() - ended);
+        all += ended ? "$\n" : "\n";
+    }
+    return all;
 }
 
 std::string text(const char *format, ...) {
@@ -85,39 +80,39 @@ std::string text(const char *format, ...) {
     return result;
 }
 
-static void reset() {
+void reset_decoder() {
     free_bufs_shm(&ghead_shm);
     last_node = nullptr;
     shm_list_size = 0;
     init_collected_data();
     maxTimeValue = -1;
     g_CPUTotalPercent = 0;
-    for (double &percent : g_CPUTotalPer) percent = 0;
     exit_flag = 0;
-}
-
-DecoderTest::DecoderTest() {
-    reset();
     dlog_set_threshold(kDebug);
     take_log();
 }
 
 DecoderTest::~DecoderTest() {
-    reset();
+    EXPECT_EQ(pthread_mutex_trylock(&shm_lock), 0) << "the list is left locked";
+    pthread_mutex_unlock(&shm_lock);
+    reset_decoder();
 }
 
-Bytes block(const std::vector<Bytes> &frames) {
-    Bytes bytes;
+int decode(const std::vector<Bytes> &frames) {
+    Bytes block;
     for (const Bytes &frame : frames) {
-        for (size_t i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(frame.size() >> (8 * i)));
-        bytes.insert(bytes.end(), frame.begin(), frame.end());
+        for (size_t i = 0; i < 4; ++i) block.push_back(static_cast<uint8_t>(frame.size() >> (8 * i)));
+        block.insert(block.end(), frame.begin(), frame.end());
     }
-    bytes.insert(bytes.end(), 4, 0);
-    return bytes;
+    block.insert(block.end(), 4, 0);
+    const Bytes before = block;
+    const int type = decode_file(block.data(), static_cast<unsigned>(block.size()));
+    EXPECT_EQ(block, before) << "the caller's block is only read";
+    return type;
 }
 
-int decode(Bytes block) {
-    return decode_file(block.data(), static_cast<unsigned>(block.size()));
+void decode(const vestra_set::SwitchMessage &message) {
+    decode({frame(vestra_set::kSwitchFrame, message)});
 }
 
 vestra_set::SwitchMessage sample(double seconds, uint64_t pid, std::string_view name) {
@@ -130,38 +125,20 @@ vestra_set::SwitchMessage sample(double seconds, uint64_t pid, std::string_view 
     return message;
 }
 
-bool operator==(const ListEntry &a, const ListEntry &b) {
-    return a.timestamp == b.timestamp && a.pid == b.pid && a.name == b.name && a.rss == b.rss && a.swap == b.swap &&
-           a.cpu == b.cpu;
-}
-
-void PrintTo(const ListEntry &entry, std::ostream *out) {
-    *out << entry.timestamp << " " << entry.pid << " " << entry.name << " " << entry.rss << " " << entry.swap << " "
-         << entry.cpu;
-}
-
 std::vector<ListEntry> list() {
     std::vector<ListEntry> entries;
     const circ_buf_shm *newer = nullptr;
-    int size = 0;
+    size_t size = 0;
     for (const circ_buf_shm *node = ghead_shm; node != nullptr; newer = node, node = node->next) {
         EXPECT_EQ(node->prev, newer);
-        entries.push_back({node->timestamp, node->pid, node->name, node->rss, node->swap, node->cpu});
-        size += 20 + static_cast<int>(node->timestamp.size() + node->name.size());
+        size += 20 + node->timestamp.size() + node->name.size();
+        const std::string name = node->name;
+        entries.push_back(
+            {node->timestamp + text(" %d %s %d %d", node->pid, name.c_str(), node->rss, node->swap), node->cpu});
     }
     EXPECT_EQ(last_node, newer);
-    EXPECT_EQ(shm_list_size, size);
+    EXPECT_EQ(shm_list_size, static_cast<int>(size));
     return entries;
-}
-
-int trigger_key() {
-    int value = -1;
-    vconf_get_int(kTriggerKey, &value);
-    return value;
-}
-
-void set_trigger_key(int value) {
-    EXPECT_EQ(vconf_set_int(kTriggerKey, value), 0);
 }
 
 }  // namespace decoder_test

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,21 +24,21 @@ struct LogLine {
     std::string function;
     std::string text;
 };
-bool operator==(const LogLine &a, const LogLine &b);
-void PrintTo(const LogLine &line, std::ostream *out);
-
 // The lines since the last call, of `least` or a higher priority. Any thread.
 std::vector<LogLine> take_log(int least = kDebug);
 // Whether such a line came since the last take_log, which this is too.
 bool take_line(const LogLine &line);
+// The lines as a text, each "PRIORITY FUNCTION TEXT"; '$' stands before a line end that is the daemon's own.
+std::string log_text(int least = kDebug);
 
 // printf into a string.
 std::string text(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Ring, history, list and log as at program start, debug lines on.
+void reset_decoder();
 class DecoderTest : public ::testing::Test {
   protected:
-    DecoderTest();
+    DecoderTest() { reset_decoder(); }
     ~DecoderTest() override;
 };
 
@@ -52,27 +53,19 @@ Bytes frame(uint8_t type, const Messages &...messages) {
     return bytes;
 }
 
-// A block of frames, ended as the module ends it.
-Bytes block(const std::vector<Bytes> &frames);
-int decode(Bytes block);  // decode_file on it
+// decode_file on a block of frames, ended as the module ends it.
+int decode(const std::vector<Bytes> &frames);
+void decode(const vestra_set::SwitchMessage &message);
 
 // A process's sample that is accounted, at `seconds`.
 vestra_set::SwitchMessage sample(double seconds, uint64_t pid, std::string_view name);
 
-// The list's samples, newest first.
+// The list's samples, newest first, once its links and its size are found right: time, process, its name and memory
+// figures as a text; the CPU percentage apart.
 struct ListEntry {
-    std::string timestamp;
-    int32_t pid;
-    std::string name;
-    int32_t rss, swap;
+    std::string text;
     double cpu;
 };
-bool operator==(const ListEntry &a, const ListEntry &b);
-void PrintTo(const ListEntry &entry, std::ostream *out);
 std::vector<ListEntry> list();
-
-// Integer in the trigger key; -1 when there is none.
-int trigger_key();
-void set_trigger_key(int value);
 
 }  // namespace decoder_test

@@ -21,30 +21,19 @@
 #include "platform/fault.h"
 #include "platform/state_dir.h"
 
-// Standard error, where the log goes, caught until take().
-class LogText {
-  public:
-    LogText() : saved_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)), file_(memfd_create("log", MFD_CLOEXEC)) {
-        dup2(file_, STDERR_FILENO);
-    }
-    LogText(const LogText &) = delete;
-    LogText &operator=(const LogText &) = delete;
-    ~LogText() {
-        if (saved_ >= 0) take();
-    }
-    std::string take() {
-        std::string text(static_cast<size_t>(lseek(file_, 0, SEEK_END)), '\0');
-        EXPECT_EQ(pread(file_, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-        close(file_);
-        saved_ = -1;
-        return text;
-    }
-
-  private:
-    int saved_, file_;
-};
+// What `body` writes to standard error, where the log goes.
+template <typename Body>
+std::string logged(const Body &body) {
+    const int saved = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3), file = memfd_create("log", MFD_CLOEXEC);
+    dup2(file, STDERR_FILENO);
+    body();
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    std::string text(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
+    EXPECT_EQ(pread(file, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+    close(file);
+    return text;
+}
 
 // A fresh state directory with the launcher's subdirectories.
 class PlatformTest : public ::testing::Test {
@@ -54,31 +43,28 @@ class PlatformTest : public ::testing::Test {
         root_ = mkdtemp(name.data());
         for (const char *sub : {"vconf", "usb", "keys", "modules"}) std::filesystem::create_directory(root_ / sub);
         setenv("VESTRA_SET_DIR", root_.c_str(), 1);
-        dlog_set_threshold(DLOG_INFO);
-        platform_faults_reset();
     }
     ~PlatformTest() override {
+        dlog_set_threshold(DLOG_INFO);
         platform_faults_reset();
         std::filesystem::remove_all(root_);
     }
-    PlatformTest(const PlatformTest &) = delete;
-    PlatformTest &operator=(const PlatformTest &) = delete;
 
-    void put(const std::filesystem::path &relative, std::string_view text) const {
+    void put(const std::string &relative, std::string_view text) const {
         std::ofstream(root_ / relative, std::ios::binary) << text;
     }
-    std::string get(const std::filesystem::path &relative) const {
+    std::string get(const std::string &relative) const {
         std::ifstream file(root_ / relative, std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};
     }
-    size_t files_in(const std::filesystem::path &relative) const {
+    size_t files_in(const std::string &relative) const {
         const std::filesystem::directory_iterator files(root_ / relative);
         return static_cast<size_t>(std::distance(begin(files), end(files)));
     }
 
-    // Runs the default main context until `done`, at most 5 s. False when that never came.
+    // Runs the default main context until `done`, at most 30 s. False when that never came.
     static bool run_loop_until(const std::function<bool()> &done) {
-        const gint64 limit = g_get_monotonic_time() + gint64{5} * G_USEC_PER_SEC;
+        const gint64 limit = g_get_monotonic_time() + gint64{30} * G_USEC_PER_SEC;
         while (!done()) {
             if (g_get_monotonic_time() > limit) return false;
             if (!g_main_context_iteration(nullptr, FALSE)) usleep(1000);

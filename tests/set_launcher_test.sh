@@ -40,6 +40,8 @@ gone() { ! pgrep -f "$1" > /dev/null; }
 
 sandbox() { "$set_program" sandbox "$@"; }
 remote() { local command=$1; shift; "$set_program" "$command" --name $name "$@"; }
+# Runs a command line in the set, where $node is the control node and $set this program.
+in_set() { remote exec -- env node=/proc/vesertra_info set=/tv/bin/vestra-set bash -c "$1"; }
 # Starts a set as $launcher and goes on when its daemon is up and can be asked to stop; what "wait" said is in $waited.
 run_set() {
     rm -f "$work/up"
@@ -89,6 +91,7 @@ check "process ids have their links long before they are used" ok "$(sandbox -- 
     done
     echo ok')"
 sandbox --usb-dir bad=/missing -- true 2>/dev/null; check "a missing stick directory is a wrong use" 64 $?
+has "a wrong rate is told" "wanted 0.01 to 100 samples" "$(sandbox --node --source host --rate 1000 -- true 2>&1)"
 has "a misspelt configuration key is told" "max_file_size (10)" "$(sandbox --config max_file_siz=1 -- true 2>&1)"
 has "sets do not nest" "do not nest" "$(sandbox --bind "$(dirname "$set_program")" -- "$set_program" sandbox -- true 2>&1)"
 mkdir "$work/bin" && printf '#!/bin/sh\necho "no namespaces for you" >&2; exit 1\n' > "$work/bin/bwrap" && chmod +x "$work/bin/bwrap"
@@ -136,9 +139,19 @@ check "vconf integer" 5 "$(remote vconf get system/DOD/test_monitor)"
 remote vconf set system/DOD/test_monitor five 2>/dev/null; check "no integer is a wrong use" 64 $?
 remote vconf get no/such 2>/dev/null; check "a key that is not set" 1 $?
 has "the module is not loaded yet" '"loaded": false' "$(remote module status --json)"
-remote module load; remote exec -- sh -c 'echo 1 > /proc/vesertra_info'
+remote module load; in_set 'echo 1 > $node'
 has "the module is loaded and told" "tracing      on" "$(remote module status)"
-remote module stall on; remote exec -- timeout 0.2 head -c 1 /proc/vesertra_info; check "reads wait while it stalls" 124 $?
+check "it hands out frames" 1 "$(in_set 'until dd if=$node of=/tmp/block bs=131072 count=1 2> /dev/null; [ -s /tmp/block ]; do
+    sleep 0.1; done; od -An -tu1 -j4 -N1 /tmp/block | grep -c "[78]"')"
+has "what is no command is refused" "Invalid argument" "$(in_set 'printf c-9-4-1 > $node' 2>&1)"
+has "and counted" "refused 1" "$(remote module status)"
+remote module inject 'error 1'; has "it fails when it is told to" "Input/output error" "$(in_set 'cat $node' 2>&1)"
+remote module inject
+has "while it is unloaded there is nothing to read" "No such file" "$(in_set '$set module unload; cat $node' 2>&1)"
+has "nor to make" "Permission denied" "$(in_set 'echo 1 > $node' 2>&1)"
+has "open descriptors fail" "No such device" "$(in_set '$set module load; exec 3< $node; $set module unload; read -ru3' 2>&1)"
+remote module load; has "loaded anew it has forgotten what it was told" "tracing      off" "$(remote module status)"
+in_set 'echo 1 > $node'; remote module stall on; remote exec -- timeout 0.2 head -c 1 /proc/vesertra_info; check "reads wait while it stalls" 124 $?
 remote module stall off; remote exec -- timeout 60 head -c 1 /proc/vesertra_info > /dev/null; check "and go on after that" 0 $?
 remote key 87; check "a key press is taken" 0 $?
 has "stop tells what happened" "ended by itself" "$("$set_program" stop --name $name)"

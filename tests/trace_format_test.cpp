@@ -1,14 +1,16 @@
-// The frame writer, against a reader that shares nothing with it and against the documents' own bytes.
+// The frame writer, against a reader that shares nothing with it and against the documents' own bytes; and recorded
+// dumps: found again what was recorded, whatever is damaged.
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
-#include <ostream>
 #include <sstream>
 
 #include "set/trace/dump_file.h"
-#include "set/trace/frame_check.h"
 #include "set/trace/frame_writer.h"
+#include "set/trace/stream_stats.h"
+#include "set/trace/synthetic_source.h"
 #include "trace_reader.h"
 
 namespace vestra_set {
@@ -31,6 +33,7 @@ Bytes bytes_of_document(const std::string &name, const std::string &kind) {
     return bytes;
 }
 
+// The document's example.
 SwitchMessage example_switch() {
     SwitchMessage m;
     m.time_ns = 601'500'000'000;
@@ -49,148 +52,138 @@ SwitchMessage example_switch() {
     return m;
 }
 
-InfoMessage example_info() {
-    InfoMessage m;
-    m.time_ns = 601'500'000'000;
-    m.element1 = 24;
-    m.element2 = 2;
-    m.name = "meminfo";
-    m.decimal = {Decimal{52, 5}, Decimal{0, 7}, Decimal{1, 123}};
-    m.element10 = 1572864;
-    m.element11 = 524288;
-    m.element12 = 96;
-    m.figure13 = 204800;
-    m.element14 = 20000;
-    m.element15 = 60000;
-    m.figure16 = 300000;
-    m.figure17 = 747110;
-    return m;
-}
-
-TEST(TraceDocument, ExampleIsWhatTheWriterWrites) {
+TEST(TraceDocument, ExamplesAreWhatIsWrittenAndRead) {
+    InfoMessage info;
+    uint64_t *const fields[] = {&info.time_ns,   &info.element1,  &info.element2, &info.element10,
+                                &info.element11, &info.element12, &info.figure13, &info.element14,
+                                &info.element15, &info.figure16,  &info.figure17};
+    const uint64_t values[] = {601'500'000'000, 24, 2, 1572864, 524288, 96, 204800, 20000, 60000, 300000, 747110};
+    for (size_t i = 0; i < std::size(fields); ++i) *fields[i] = values[i];
+    info.name = "meminfo";
+    info.decimal = {Decimal{52, 5}, Decimal{0, 7}, Decimal{1, 123}};
+    const Bytes trace = bytes_of_document("trace-format.md", "trace");
     Bytes written;
     FrameWriter writer(&written);
     ASSERT_TRUE(writer.begin_frame(kSwitchFrame, 1) && writer.add(example_switch()));
-    ASSERT_TRUE(writer.begin_frame(kInfoFrame, 0) && writer.add(example_info()));
+    ASSERT_TRUE(writer.begin_frame(kInfoFrame, 0) && writer.add(info));
     ASSERT_TRUE(writer.begin_frame(kSwitchFrame, 0) && writer.end_block());
-    EXPECT_EQ(bytes_of_document("trace-format.md", "trace"), written);
-}
-
-TEST(TraceDocument, ExampleReadsAsItSays) {
-    const auto block = read_block(bytes_of_document("trace-format.md", "trace"));
+    EXPECT_EQ(trace, written);
+    const auto block = read_block(trace);
     ASSERT_EQ(block.messages.size(), 2U);
-    EXPECT_EQ(block.frames.size(), 3U);
-    EXPECT_EQ(block.refused, 0U);
     EXPECT_EQ(block.end, 127U) << "the mark is left over";
-    EXPECT_EQ(block.messages[0].name, "tuner");
+    EXPECT_EQ(block.messages[0].name + block.messages[1].name, "tunermeminfo");
     EXPECT_EQ(block.messages[0].core_figure(3, 2), 16384U);
-    EXPECT_EQ(block.messages[1].name, "meminfo");
     EXPECT_EQ(block.messages[1].numbers.back(), 747110U);
-}
-
-TEST(DumpDocument, ExampleTrailerReadsAsItSays) {
-    const Bytes bytes = bytes_of_document("dump-format.md", "dump");
-    const auto trailer = find_trailer({reinterpret_cast<const char *>(bytes.data()), bytes.size()});
+    const Bytes dump = bytes_of_document("dump-format.md", "dump");
+    const auto trailer = find_trailer({reinterpret_cast<const char *>(dump.data()), dump.size()});
     ASSERT_TRUE(trailer);
-    EXPECT_EQ(trailer->build, "T-RX-1107.2/eu");
-    EXPECT_EQ(trailer->model, "24_TVX");
+    EXPECT_EQ(trailer->build + " " + trailer->model, "T-RX-1107.2/eu 24_TVX");
     EXPECT_EQ(trailer->lite_mode, 1);
-    EXPECT_EQ(trailer->size, bytes.size() - kEndMark);
+    EXPECT_EQ(trailer->size, dump.size() - kEndMark);
 }
 
-struct VarintCase {
-    const char *name;
-    uint64_t value;
-    Bytes bytes;
-};
-void PrintTo(const VarintCase &row, std::ostream *out) {
-    *out << row.name;
-}
-const VarintCase kVarints[] = {
-    {"Zero", 0, {0x00}},
-    {"GreatestOfOneByte", 127, {0x7f}},
-    {"SmallestOfTwo", 128, {0x80, 0x01}},
-    {"SmallestOfThree", 16384, {0x80, 0x80, 0x01}},
-    {"AllOf32Bits", UINT32_MAX, {0xff, 0xff, 0xff, 0xff, 0x0f}},
-    {"SmallestOfTen", 1ULL << 63, {0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x01}},
-    {"AllOf64Bits", UINT64_MAX, {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x01}},
-};
-class Varint : public testing::TestWithParam<VarintCase> {};
-TEST_P(Varint, IsWritten) {
-    Bytes out;
-    FrameWriter writer(&out);
-    writer.begin_frame(0, 0);
-    ASSERT_TRUE(writer.add_varint(GetParam().value));
-    EXPECT_EQ(Bytes(out.begin() + 6, out.end()), GetParam().bytes);
-    EXPECT_EQ(varint_size(GetParam().value), GetParam().bytes.size());
-}
-INSTANTIATE_TEST_SUITE_P(All, Varint, testing::ValuesIn(kVarints), [](const auto &row) { return row.param.name; });
+/* ------------------------------ Dumps ------------------------------ */
 
-TEST(FrameWriter, EveryElementComesBackInItsPlace) {
-    SwitchMessage m;
-    m.name = std::string_view("a\0b", 3);
-    uint64_t *const fields[] = {&m.type,  &m.time_ns, &m.element1, &m.pid,  &m.element4,  &m.element5,
-                                &m.cpu_a, &m.cpu_b,   &m.rss,      &m.swap, &m.element10, &m.element11};
-    std::vector<uint64_t> expected = {2};
-    m.type = 2;
-    for (size_t i = 1; i < std::size(fields); ++i) expected.push_back(*fields[i] = UINT64_MAX / i);
-    for (CoreTimes &core : m.cores) {
-        for (uint64_t *figure : {&core.user, &core.system, &core.idle, &core.temperature, &core.iowait}) {
-            *figure = 100 * expected.size();
-            expected.push_back(*figure);
+class Dump : public testing::Test {
+  protected:
+    // Writes a dump of the first `blocks` blocks of a seed.
+    void record(const char *profile, int blocks) {
+        SourceOptions options;
+        options.profile = profile;
+        options.seed = 9;
+        options.processes = 50;
+        options.block_size = 20000;
+        std::string error;
+        const auto source = SyntheticSource::make(options, &error);
+        for (int i = 0; i < blocks; ++i) {
+            Bytes block(kMaxBlock);
+            block.resize(source->next_block(block.data(), block.size()));
+            messages_ += read_block(block).messages.size();
+            blocks_.push_back(block);
         }
+        write();
     }
-    Bytes out = {0xee};  // what is there already stays
-    FrameWriter writer(&out);
-    ASSERT_TRUE(writer.begin_frame(kSwitchFrame, 3) && writer.add(m) && writer.add(m) && writer.end_block());
-    EXPECT_EQ(out[0], 0xee);
-    const auto block = read_block(Bytes(out.begin() + 1, out.end()));
-    ASSERT_EQ(block.messages.size(), 2U);
-    EXPECT_EQ(block.messages[1].core, 3);
-    EXPECT_EQ(block.messages[1].numbers, expected);
-    EXPECT_EQ(block.messages[1].name, std::string("a\0b", 3));
-}
-
-TEST(FrameWriter, MessageThatDoesNotFitLeavesNoTrace) {
-    const SwitchMessage message = example_switch();
-    const size_t whole = kLengthField + kFrameHeader + message_size(message);
-    for (size_t capacity = 0; capacity <= whole; ++capacity) {
-        Bytes out(capacity, 0xee);
-        FrameWriter writer(out.data(), capacity);
-        const bool begun = writer.begin_frame(kSwitchFrame, 0);
-        EXPECT_EQ(begun, capacity >= 6);
-        EXPECT_EQ(writer.add(message), capacity == whole) << capacity;
-        EXPECT_EQ(writer.size(), capacity == whole ? whole : begun ? 6 : 0);
-        if (begun && capacity < whole) {
-            EXPECT_EQ(load_length(out.data()), 2U);
+    Bytes payload() const {
+        Bytes all;
+        for (const Bytes &block : blocks_) all.insert(all.end(), block.begin(), block.end());
+        return all;
+    }
+    void write(size_t size = SIZE_MAX) const {
+        const Bytes all = payload();
+        const std::string bytes = std::string(all.begin(), all.end()) + "T-RX-1107.2/24_TVX\n\x13";
+        std::ofstream(path_, std::ios::binary) << bytes.substr(0, size);
+    }
+    DumpReport inspect() const {
+        DumpReport report;
+        std::string error;
+        EXPECT_TRUE(inspect_dump(path_, &report, &error)) << error;
+        return report;
+    }
+    // The blocks that replaying the dump hands out.
+    std::vector<Bytes> replay(uint32_t block_size, size_t capacity = kMaxBlock) const {
+        SourceOptions options;
+        options.kind = "replay";
+        options.file = path_;
+        options.block_size = block_size;
+        std::string error;
+        const auto source = make_source(options, &error);
+        std::vector<Bytes> blocks;
+        Bytes block(capacity);
+        for (size_t size; (size = source->next_block(block.data(), capacity)) > 0;) {
+            EXPECT_LE(size, block_size > 0 ? block_size : capacity);
+            blocks.emplace_back(block.begin(), block.begin() + static_cast<long>(size));
         }
+        return blocks;
+    }
+
+    const std::string path_ = testing::TempDir() + "dump";
+    std::vector<Bytes> blocks_;
+    size_t messages_ = 0;
+};
+
+TEST_F(Dump, ReportCountsWhatWasWrittenAndWhatIsDamaged) {
+    record("steady", 60);  // more than the reader holds at a time
+    const DumpReport report = inspect();
+    EXPECT_EQ(report.payload_bytes, payload().size());
+    EXPECT_EQ(report.messages, messages_);
+    EXPECT_EQ(report.frame_bytes + 60 * kEndMark, report.payload_bytes);
+    EXPECT_EQ(report.first_ns, 600'000'000'000);
+    EXPECT_GT(report.last_ns, 658'000'000'000);
+    ASSERT_TRUE(report.trailer && !report.trailer->lite_mode);
+    EXPECT_EQ(report.trailer->build + " " + report.trailer->model, "T-RX-1107.2 24_TVX");
+    const size_t last = read_block(blocks_[1]).frames.back();
+    blocks_[1].resize(last + 50);  // in the middle of its last frame, which costs nothing of the next block
+    write();
+    const DumpReport damaged = inspect();
+    EXPECT_EQ(damaged.frames.at(7) + damaged.frames.at(8), report.frames.at(7) + report.frames.at(8) - 1);
+    ASSERT_EQ(damaged.damaged_spans, 1U);
+    EXPECT_EQ(damaged.first_damaged[0].offset, blocks_[0].size() + last);
+    EXPECT_EQ(damaged.first_damaged[0].size, 50U);
+}
+
+TEST_F(Dump, EveryPrefixIsAReportThatCoversAllItsBytes) {
+    record("hostile", 1);
+    const size_t whole = payload().size() + 20;
+    for (size_t size = 0; size <= whole; size += size < 300 || size + 40 > whole ? 1 : 97) {
+        write(size);
+        const DumpReport report = inspect();
+        EXPECT_EQ(report.frame_bytes + report.refused_bytes + report.damaged_bytes + 4 * report.empty_records,
+                  report.payload_bytes);
+        EXPECT_EQ(report.trailer.has_value(), size == whole) << size;
     }
 }
 
-TEST(FrameWriter, FrameGrowsToItsLimitAndNoFurther) {
-    Bytes out;
-    FrameWriter writer(&out);
-    EXPECT_FALSE(writer.add(example_switch())) << "no frame was begun";
-    writer.begin_frame(kSwitchFrame, 0);
-    while (writer.add(example_switch())) {
+TEST_F(Dump, ReplayHandsOutTheSameBlocksOrTheSameMessagesInOthers) {
+    record("steady", 20);
+    EXPECT_EQ(replay(0), blocks_);
+    for (const uint32_t block_size : {2000U, 131072U}) {
+        size_t again = 0;
+        for (const Bytes &block : replay(block_size)) again += read_block(block).messages.size();
+        EXPECT_EQ(again, messages_) << block_size;
     }
-    EXPECT_GT(load_length(out.data()) + message_size(example_switch()), kMaxFrame);
-    const Bytes rest(kMaxFrame - load_length(out.data()), 0);
-    EXPECT_TRUE(writer.add_bytes(rest.data(), rest.size()));
-    EXPECT_FALSE(writer.add_varint(0));
-    EXPECT_EQ(load_length(out.data()), kMaxFrame);
-}
-
-TEST(FrameWriter, EveryCutMessageIsRefused) {
-    Bytes whole;
-    FrameWriter(&whole).put_bytes("\0\0\0\0\7\1", 6);
-    FrameWriter one(&whole);
-    one.begin_frame(kSwitchFrame, 0);
-    one.add(example_switch());
-    for (size_t size = 3; size < one.size() - 4; ++size) {
-        EXPECT_EQ(check_frame(whole.data() + 10, size).verdict, FrameCheck::kBadMessage) << size;
-    }
-    EXPECT_EQ(check_frame(whole.data() + 10, one.size() - 4).verdict, FrameCheck::kGood);
+    const Bytes before = payload();
+    blocks_ = replay(0, 40);
+    EXPECT_EQ(payload(), before) << "what fits into no block is handed out in pieces";
 }
 
 }  // namespace

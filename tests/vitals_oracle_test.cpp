@@ -12,6 +12,7 @@
 #include "decoder_support.h"
 
 using namespace decoder_test;
+using vestra_set::CoreTimes;
 using vestra_set::InfoMessage;
 using vestra_set::SwitchMessage;
 
@@ -29,20 +30,26 @@ struct Known {
     double total, percent_a, percent_b;
 };
 
+double number(uint64_t figure) {
+    return static_cast<double>(static_cast<int64_t>(figure));
+}
+
 // What the daemon should hold, in the plainest words.
 struct Model {
     std::map<int64_t, Second> seconds;  // by second modulo 180
-    int64_t head = -1, newest = -1;     // second of the head; time of the sample that moved it last
+    int64_t head = 0, newest = -1;      // second of the head; time of the sample that moved it last
     std::vector<double> totals;         // every total percentage ever computed, in order
     double peak = 0;
     std::map<uint64_t, Known> known;  // by pid
     std::deque<ListEntry> list;       // newest first
+    std::deque<size_t> charges;       // of its entries
     size_t charge = 0;
 
-    Second &touch(uint64_t time) {
-        Second &second = seconds[static_cast<int64_t>(time) / kSecond % 180];
-        if (static_cast<int64_t>(time) - second.time > 8 * kSecond) second.has_switch = second.has_memory = false;
-        second.time = static_cast<int64_t>(time);
+    Second &touch(uint64_t time_ns) {
+        const auto time = static_cast<int64_t>(time_ns);
+        Second &second = seconds[time / kSecond % 180];
+        if (time - second.time > 8 * kSecond) second.has_switch = second.has_memory = false;
+        second.time = time;
         return second;
     }
 
@@ -58,45 +65,37 @@ struct Model {
         return found;
     }
 
-    static double sum(const Second &second, uint64_t vestra_set::CoreTimes::*figure) {
+    static double sum(const Second &second, uint64_t CoreTimes::*figure) {
         double all = 0;
-        for (const auto &core : second.message.cores) all += static_cast<double>(core.*figure);
+        for (const CoreTimes &core : second.message.cores) all += number(core.*figure);
         return all;
     }
 
     void derive() {
-        using Times = vestra_set::CoreTimes;
         double iowait_before = 0;
         const std::vector<Second *> seconds_of_run = run();
         for (size_t i = 0; i < seconds_of_run.size(); ++i) {
             Second &now = *seconds_of_run[i];
-            for (size_t core = 0; core < 4; ++core) {
-                now.vitals[5 + core] = static_cast<double>(now.message.cores[core].temperature);
-            }
+            for (size_t core = 0; core < 4; ++core) now.vitals[5 + core] = number(now.message.cores[core].temperature);
             if (i == 0) continue;
             const Second &before = *seconds_of_run[i - 1];
-            double apart = 1;
-            if (i > 1)
-                apart =
-                    std::fabs(static_cast<double>(now.message.time_ns) - static_cast<double>(before.message.time_ns)) /
-                    1e9;
-            const auto percent = [&](double ticks) { return std::fabs(ticks * 100 / (apart * 1000)); };
-            const double user = sum(now, &Times::user) - sum(before, &Times::user);
-            const double system = sum(now, &Times::system) - sum(before, &Times::system);
-            now.vitals[2] = percent(user + system);
-            now.vitals[3] = percent(system);
-            now.vitals[4] = percent(user);
-            now.vitals[9] = std::trunc(sum(now, &Times::temperature) / 4);
-            const double iowait = percent(sum(now, &Times::iowait) - sum(before, &Times::iowait));
+            const double apart =
+                i == 1 ? 1 : std::fabs(number(now.message.time_ns) - number(before.message.time_ns)) / 1e9;
+            const auto percent = [&](uint64_t CoreTimes::*figure) {
+                return (sum(now, figure) - sum(before, figure)) * 100 / (apart * 1000);
+            };
+            now.vitals[2] = std::fabs(percent(&CoreTimes::user) + percent(&CoreTimes::system));
+            now.vitals[3] = std::fabs(percent(&CoreTimes::system));
+            now.vitals[4] = std::fabs(percent(&CoreTimes::user));
+            now.vitals[9] = std::trunc(sum(now, &CoreTimes::temperature) / 4);
+            const double iowait = std::fabs(percent(&CoreTimes::iowait));
             if (iowait < 80) iowait_before = iowait;
             now.vitals[10] = iowait_before;
             totals.push_back(now.vitals[2]);
             // The average of the newest 500, in the order in which they lie in a ring.
             double all = 0;
             const size_t count = totals.size(), held = std::min<size_t>(count, 500);
-            for (size_t place = 0; place < held; ++place) {
-                all += totals[place + (count - 1 - place) / 500 * 500];
-            }
+            for (size_t place = 0; place < held; ++place) all += totals[place + (count - 1 - place) / 500 * 500];
             peak = std::max(peak, all / static_cast<double>(held));
         }
     }
@@ -107,8 +106,8 @@ struct Model {
         Second &second = touch(message.time_ns);
         second.has_switch = true;
         second.message = message;
-        second.vitals[0] = static_cast<double>(message.element10);
-        second.vitals[1] = static_cast<double>(message.element11);
+        second.vitals[0] = number(message.element10);
+        second.vitals[1] = number(message.element11);
         if (newest != -1 && (time / kSecond == head || time <= newest)) return;
         const bool first = newest == -1;
         newest = time;
@@ -118,30 +117,20 @@ struct Model {
 
     void account(const SwitchMessage &message, int64_t time) {
         const auto a = static_cast<int64_t>(message.cpu_a), b = static_cast<int64_t>(message.cpu_b);
-        const auto found = known.find(message.pid);
-        if (found == known.end()) {
-            known[message.pid] = {time, a, b, 0, 0, 0};
-        } else if (update(&found->second, time, a, b)) {
-            found->second.time = time;
-            found->second.a = a;
-            found->second.b = b;
+        Known &process = known.try_emplace(message.pid, Known{time, a, b, 0, 0, 0}).first->second;
+        if (time - process.time > kSecond && (a != process.a || b != process.b)) {
+            const double ticks = static_cast<double>(time - process.time) / 1e9 * 1000;
+            const auto percent = [&](int64_t more) { return std::fabs(static_cast<double>(more) * 100 / ticks); };
+            process = {
+                time, a, b, percent(a + b - process.a - process.b), percent(a - process.a), percent(b - process.b)};
         }
-        const std::string name(message.name.substr(0, 14));
-        list.push_front({std::to_string(time), static_cast<int32_t>(message.pid), name,
-                         static_cast<int32_t>(message.rss), static_cast<int32_t>(message.swap),
-                         known[message.pid].total});
-        const auto charge_of = [](const ListEntry &entry) { return 20 + entry.timestamp.size() + entry.name.size(); };
-        charge += charge_of(list.front());
-        for (; charge > 204800; list.pop_back()) charge -= charge_of(list.back());
-    }
-
-    static bool update(Known *process, int64_t time, int64_t a, int64_t b) {
-        if (time - process->time <= kSecond || (a == process->a && b == process->b)) return false;
-        const double ticks = static_cast<double>(time - process->time) / 1e9 * 1000;
-        process->percent_a = std::fabs(static_cast<double>(a - process->a) * 100 / ticks);
-        process->percent_b = std::fabs(static_cast<double>(b - process->b) * 100 / ticks);
-        process->total = std::fabs(static_cast<double>(a + b - process->a - process->b) * 100 / ticks);
-        return true;
+        const std::string name(message.name.substr(0, 14)), stamp = std::to_string(time);
+        list.push_front({stamp + " " + std::to_string(message.pid) + " " + name + " " + std::to_string(message.rss) +
+                             " " + std::to_string(message.swap),
+                         process.total});
+        charges.push_front(20 + stamp.size() + name.size());
+        charge += charges.front();
+        for (; charge > 204800; list.pop_back(), charges.pop_back()) charge -= charges.back();
     }
 
     void add(const InfoMessage &message) {
@@ -151,52 +140,56 @@ struct Model {
             const vestra_set::Decimal &figure = message.decimal[i];
             second.vitals[11 + i] = std::stod(std::to_string(figure.integer) + "." + std::to_string(figure.fraction));
         }
-        second.vitals[14] = static_cast<double>(message.figure13);
-        second.vitals[15] = static_cast<double>(message.figure16);
-        second.vitals[16] = static_cast<double>(message.figure17);
-        // Counters of process and cores stay those of the second's switch sample.
+        second.vitals[14] = number(message.figure13);
+        second.vitals[15] = number(message.figure16);
+        second.vitals[16] = number(message.figure17);
+        if (newest == -1) newest = static_cast<int64_t>(message.time_ns);  // the head is where it was
     }
 };
 
-// A set: processes that come, run and rest; cores that work; seconds without samples; messages that come late.
+// A set: processes that come, run and rest, some with process ids that share a place in the history; cores that work;
+// seconds with one sample only; messages that come late or once more, memory figures also early.
 class Life {
   public:
     explicit Life(unsigned seed) : random_(seed) {
         for (size_t i = 0; i < kProcesses; ++i) {
-            processes_[i] = sample(0, 300 + i * 7, names_[i] = "proc-" + std::to_string(i) + "-with-tail");
+            names_[i] = "proc-" + std::to_string(i) + "-of-many";
+            processes_[i] = sample(0, 300 + i / 2 * 7 + i % 2 * 32768, names_[i]);
             processes_[i].swap = i % 5 == 0 ? 0 : i;
             processes_[i].rss = 1 + random_() % 100000;
         }
     }
 
-    // One second's messages in blocks of several frames, given to the daemon and to the model.
+    // One second's messages in a block of several frames, given to the daemon and to the model.
     void live(int64_t second, Model *model) {
-        for (auto &core : cores_) {
+        const bool glitch = random_() % 9 == 0;  // 80 percent, exactly so between two seconds of one sample
+        for (CoreTimes &core : cores_) {
             core.user += random_() % 120;
             core.system += random_() % 60;
             core.idle += 40;
-            core.temperature = 40 + random_() % 30;
-            core.iowait += random_() % 17 == 0 ? 500 : random_() % 20;
+            core.temperature = random_() % 60 - uint64_t{30};
+            core.iowait += glitch ? 200 : random_() % 17 == 0 ? 500 : random_() % 20;
         }
         std::vector<Bytes> frames;
-        const size_t messages = 100 + random_() % 200;
+        const size_t messages = random_() % 2 == 0 ? 1 : 100 + random_() % 200;
         for (size_t i = 0; i < messages; ++i) {
-            SwitchMessage message = processes_[random_() % kProcesses];
+            if (i % 50 == 0) frames.push_back(memory(second, model));
+            const size_t chosen = messages == 1 ? 1 + static_cast<size_t>(second) / 4 % 2 : random_() % kProcesses;
+            SwitchMessage message = processes_[chosen];
             message.time_ns = static_cast<uint64_t>(second * kSecond) + i * (kSecond / messages);
-            if (random_() % 40 == 0 && second > 20) message.time_ns -= (1 + random_() % 4) * kSecond;
+            if (i > 0 && random_() % 40 == 0 && second > 20) message.time_ns -= (1 + random_() % 4) * kSecond;
             if (random_() % 40 == 0) message = last_;  // once more
             message.cores = cores_;
+            message.element1 = random_();
             message.element10 = random_() % 3000;
             message.element11 = random_() % 900;
-            SwitchMessage &process = processes_[(message.pid - 300) / 7];
-            process.cpu_a += random_() % 30;
-            process.cpu_b += random_() % 3;
+            processes_[chosen].cpu_a += random_() % 30;
+            processes_[chosen].cpu_b -= random_() % 3;
             last_ = message;
             model->add(message);
             frames.push_back(frame(vestra_set::kSwitchFrame, message));
-            if (i % 50 == 0) frames.push_back(memory(second, model));
         }
-        EXPECT_NE(decode(block(frames)), -1);
+        EXPECT_NE(decode(frames), -1);
     }
 
   private:
@@ -204,11 +197,10 @@ class Life {
 
     Bytes memory(int64_t second, Model *model) {
         InfoMessage message;
-        message.time_ns = static_cast<uint64_t>(second * kSecond) + random_() % kSecond;
+        message.time_ns = static_cast<uint64_t>(second * kSecond) + random_() % (2 * kSecond);
         message.name = "meminfo";
-        for (auto &figure : message.decimal) figure = {random_() % 100, random_() % 2000};
-        message.figure13 = random_();
-        message.figure16 = random_();
+        for (vestra_set::Decimal &figure : message.decimal) figure = {random_() % 100, random_() % 2000};
+        for (uint64_t *figure : {&message.figure13, &message.figure16}) *figure = random_();
         message.figure17 = random_() % 7;
         model->add(message);
         return frame(vestra_set::kInfoFrame, message);
@@ -217,39 +209,43 @@ class Life {
     std::mt19937 random_;
     std::array<std::string, kProcesses> names_;
     std::array<SwitchMessage, kProcesses> processes_;
-    std::array<vestra_set::CoreTimes, 4> cores_{};
-    SwitchMessage last_ = sample(10, 300, "proc-0");
+    std::array<CoreTimes, 4> cores_{};
+    SwitchMessage last_ = sample(20, 300, "proc-0");
 };
 
+// Equal but for the last digits of a sum.
+void expect_close(double is, double should_be, double tolerance = 1e-9) {
+    EXPECT_NEAR(is, should_be, tolerance * std::fabs(should_be));
+}
+
 void compare_ring(Model *model) {
-    std::vector<Second *> run = model->run();
     ASSERT_EQ(last_index, model->head % 180);
-    ASSERT_EQ(valid_index, (last_index + 181 - static_cast<int>(run.size())) % 180);
+    find_valid_index();  // as each request does: memory figures of a new second may have ended the run
+    ASSERT_EQ(valid_index, (last_index + 181 - static_cast<int>(model->run().size())) % 180);
     EXPECT_EQ(maxTimeValue, model->newest);
     for (const auto &[slot, second] : model->seconds) {
-        SCOPED_TRACE(slot);
         const _SYSDATA_ &data = collectedData[slot];
         EXPECT_EQ(data.timestamp, second.time);
         EXPECT_EQ(data.flags, (second.has_switch ? 0x80U : 0U) | (second.has_memory ? 0x100U : 0U));
-        EXPECT_EQ(data.pid, second.has_switch ? static_cast<int32_t>(second.message.pid) : data.pid);
-        for (size_t type = 0; type < 17; ++type) {
-            EXPECT_NEAR(vital(data, static_cast<unsigned>(type)), second.vitals[type], 1e-9 * second.vitals[type])
-                << type;
-        }
+        for (unsigned type = 0; type < 17; ++type) expect_close(vital(data, type), second.vitals[type]);
+        if (!second.has_switch) continue;
+        EXPECT_EQ(data.pid, static_cast<int32_t>(second.message.pid));
+        EXPECT_EQ(data.element1, static_cast<int32_t>(second.message.element1));
+        EXPECT_EQ(data.cpu_time_a, static_cast<int64_t>(second.message.cpu_a));
+        EXPECT_EQ(data.cpu_time_b, static_cast<int64_t>(second.message.cpu_b));
+        EXPECT_EQ(data.idletime[3], static_cast<int64_t>(second.message.cores[3].idle));
     }
     EXPECT_EQ(g_CPUValidSample, static_cast<int>(std::min<size_t>(model->totals.size(), 500)));
     EXPECT_EQ(g_CPUSampleCnt, static_cast<int>(model->totals.size() % 500));
-    EXPECT_NEAR(g_CPUTotalPercent, model->peak, 1e-9 * model->peak);
+    expect_close(g_CPUTotalPercent, model->peak);
 }
 
 void compare_processes(const Model &model) {
     const std::vector<ListEntry> listed = list();
     ASSERT_EQ(listed.size(), model.list.size());
     for (size_t i = 0; i < listed.size(); ++i) {
-        ListEntry expected = model.list[i];
-        EXPECT_NEAR(listed[i].cpu, expected.cpu, 1e-9 * expected.cpu);
-        expected.cpu = listed[i].cpu;
-        ASSERT_EQ(listed[i], expected) << i;
+        ASSERT_EQ(listed[i].text, model.list[i].text) << i;
+        expect_close(listed[i].cpu, model.list[i].cpu);
     }
     for (const auto &[pid, process] : model.known) {
         __VestraProcCPUUsageHist__ record;
@@ -257,9 +253,9 @@ void compare_processes(const Model &model) {
         EXPECT_EQ(record.timestamp, process.time) << pid;
         EXPECT_EQ(record.cpu_time_a, process.a);
         EXPECT_EQ(record.cpu_time_b, process.b);
-        EXPECT_NEAR(record.total_percent, process.total, 1e-9 * process.total);
-        EXPECT_NEAR(record.percent_a, process.percent_a, 1e-9 * process.percent_a);
-        EXPECT_NEAR(record.percent_b, process.percent_b, 1e-9 * process.percent_b);
+        expect_close(record.total_percent, process.total);
+        expect_close(record.percent_a, process.percent_a);
+        expect_close(record.percent_b, process.percent_b);
     }
 }
 
@@ -268,54 +264,46 @@ void compare_statistics(Model *model, int window) {
         std::vector<double> values;  // newest first
         std::vector<Second *> run = model->run();
         for (auto second = run.rbegin(); second != run.rend(); ++second) {
-            if ((*second)->time + window * kSecond >= model->newest) values.push_back((*second)->vitals[type]);
+            const bool within = (*second)->time + window * kSecond >= model->newest;
+            if (window == 0 ? values.empty() : within) values.push_back((*second)->vitals[type]);
         }
-        ASSERT_FALSE(values.empty());
-        std::vector<double> positive;
-        std::copy_if(values.begin(), values.end(), std::back_inserter(positive),
-                     [](double value) { return value > 0; });
-        double sum = 0, squares = 0;
-        for (const double value : positive) sum += value;
-        const double average = sum / static_cast<double>(positive.size());
-        for (const double value : positive) squares += (value - average) * (value - average);
-        const double variance = squares / static_cast<double>(positive.size());
-
+        double greatest = values.at(0), least = values[0], sum = 0, squares = 0, count = 0;
+        for (const double value : values) {
+            greatest = greatest == -1 ? value : std::max(greatest, value);
+            if (least == -1 || (value > 0 && value < least)) least = value;
+            if (value > 0) sum += value, ++count;
+        }
+        for (const double value : values) squares += value > 0 ? (value - sum / count) * (value - sum / count) : 0;
+        if (window == 0) sum = values[0], count = 1;
         vestra_api_data request = {static_cast<int32_t>(type), window, 0, 0, 0, 0, 0, 0};
         process_request(&request, 1);
-        EXPECT_NEAR(request.maximum, *std::max_element(values.begin(), values.end()), 1e-9 * request.maximum) << type;
-        const double least = positive.empty() ? 0 : *std::min_element(positive.begin(), positive.end());
-        EXPECT_NEAR(request.minimum, values[0] > 0 ? least : std::min(values[0], least), 1e-9 * least) << type;
-        if (positive.empty()) {
-            EXPECT_TRUE(std::isnan(request.average) && std::isnan(request.variance));
-        } else {
-            EXPECT_NEAR(request.average, average, 1e-6 * average) << type;
-            EXPECT_NEAR(request.variance, variance, 1e-5 * (variance + average * average)) << type;
+        expect_close(request.maximum, greatest);
+        expect_close(request.minimum, least);
+        EXPECT_EQ(std::isnan(request.average) && std::isnan(request.variance), count == 0);
+        if (count == 0) continue;
+        expect_close(request.average, sum / count, 1e-6);
+        EXPECT_NEAR(request.variance, squares / count, 1e-5 * (squares / count + sum / count * sum / count));
+    }
+}
+
+// A steady start, a gap, two laps of the ring, a long gap, and on.
+TEST_F(DecoderTest, MinutesOfLifeAreKeptAsTheyWere) {
+    for (const unsigned seed : {1U, 2U}) {
+        Life life(seed);
+        Model model;
+        for (int64_t second = 20; second < 950; ++second) {
+            if ((second >= 120 && second < 123) || (second >= 500 && second < 900)) continue;
+            take_log();
+            life.live(second, &model);
+            if (second % 45 != 0 && second != 949) continue;
+            SCOPED_TRACE(text("seed %u, second %d", seed, static_cast<int>(second)));
+            compare_processes(model);
+            compare_ring(&model);
+            for (const int window : {0, 1, 7, 60, 180}) compare_statistics(&model, window);
+            ASSERT_FALSE(HasFailure());
         }
+        reset_decoder();  // as the daemon starts: nothing of this life is left for the next
     }
 }
-
-class MinutesOfLife : public DecoderTest, public ::testing::WithParamInterface<unsigned> {};
-
-TEST_P(MinutesOfLife, AreKeptAsTheyWere) {
-    Life life(GetParam());
-    Model model;
-    // A steady start, a gap, two laps of the ring, a long gap, and on.
-    std::vector<int64_t> seconds;
-    for (int64_t second = 20; second < 120; ++second) seconds.push_back(second);
-    for (int64_t second = 123; second < 500; ++second) seconds.push_back(second);
-    for (int64_t second = 900; second < 950; ++second) seconds.push_back(second);
-    for (const int64_t second : seconds) {
-        take_log();
-        life.live(second, &model);
-        if (second % 45 != 0 && second != seconds.back()) continue;
-        SCOPED_TRACE(second);
-        compare_processes(model);
-        compare_ring(&model);
-        for (const int window : {1, 7, 60, 180}) compare_statistics(&model, window);
-        if (HasFatalFailure()) return;
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(, MinutesOfLife, ::testing::Values(1U, 2U, 3U));
 
 }  // namespace

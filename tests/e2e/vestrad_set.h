@@ -117,6 +117,8 @@ class VestradSet : public ::testing::Test {
             _exit(127);
         }
         ASSERT_TRUE(comes_true([&] { return logged("INFO: waiting for threads to join..."); }));
+        EXPECT_THAT(threads(),
+                    ::testing::IsSupersetOf({"QXReadData", "QXClientProcess", "QXUserDataHndl", "QXProcess"}));
     }
 
     static bool logged(const std::string &text, int times = 1) {

@@ -1,0 +1,331 @@
+// The platform's smaller services: log, state files, notices, USB devices, system information, kernel module; and the
+// faults that all of them commit when they are told to.
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "platform/key_combination.h"
+#include "platform/notification.h"
+#include "platform/privileged_service.h"
+#include "platform/system_info.h"
+#include "platform/usb_device.h"
+#include "platform/vconf.h"
+#include "platform_env.h"
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+
+namespace {
+
+class Services : public PlatformTest {};
+
+/* ------------------------------ Log ------------------------------ */
+
+TEST_F(Services, EachLogCallIsOneWriteOfOneLine) {
+    int ends[2];  // a packet socket, so that every write is seen as one packet
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    const int saved = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+    dup2(ends[1], STDERR_FILENO);
+    const auto line = [&] {  // the only one since the last call
+        char packet[65536];
+        const ssize_t size = recv(ends[0], packet, sizeof(packet), MSG_DONTWAIT);
+        EXPECT_LT(recv(ends[0], nullptr, 0, MSG_DONTWAIT), 0) << "another one";
+        return std::string(packet, static_cast<size_t>(std::max(size, ssize_t{0})));
+    };
+    errno = ENOTEMPTY;
+    EXPECT_EQ(__dlog_print(LOG_ID_MAIN, DLOG_WARN, "VESTRA", "%s %d %m\n", "text", 7),
+              static_cast<int>(7 + strlen(strerror(ENOTEMPTY))));
+    EXPECT_EQ(errno, ENOTEMPTY);
+    const std::string id = std::to_string(getpid());
+    EXPECT_THAT(line(), testing::ContainsRegex("^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z W " +
+                                               id + ":" + id + " VESTRA: text 7 " + strerror(ENOTEMPTY) + "\n$"));
+    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "TAG\nTAG", "a\nb\rc\x1b[2J\x7f\n\n");
+    EXPECT_THAT(line(), EndsWith(" TAG\\x0aTAG: a\\x0ab\\x0dc\\x1b[2J\\x7f\\x0a\n"));
+    __dlog_print(LOG_ID_MAIN, DLOG_INFO, "VESTRA", "%s", std::string(100000, 'x').c_str());
+    EXPECT_THAT(line(), EndsWith(": " + std::string(1919, 'x') + "\n"));
+    __dlog_print(LOG_ID_MAIN, DLOG_INFO, std::string(100000, 't').c_str(), "%s", std::string(5000, '\n').c_str());
+    const std::string longest = line();
+    EXPECT_LE(longest.size(), 4096U);
+    EXPECT_THAT(longest, EndsWith("\\x0a\n"));
+    dlog_set_threshold(DLOG_WARN);
+    EXPECT_EQ(__dlog_print(LOG_ID_MAIN, DLOG_INFO, "VESTRA", "unseen"), 0);
+    EXPECT_EQ(line(), "");
+    close(STDERR_FILENO);
+    EXPECT_LT(__dlog_print(LOG_ID_MAIN, DLOG_ERROR, "VESTRA", "nowhere to go"), 0);
+    dup2(saved, STDERR_FILENO);
+    for (const int fd : {saved, ends[0], ends[1]}) close(fd);
+}
+
+// The environment is read at load: the statement runs in a process that starts anew.
+TEST(Dlog, EnvironmentDecidesLevelAndTarget) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const struct {
+        const char *level;
+        std::string file;
+        const char *error;    // what comes on standard error
+        const char *letters;  // of the lines in the file
+    } kRows[] = {{"3", ::testing::TempDir() + "dlog-3", "^$", "DIWE"},
+                 {"error", ::testing::TempDir() + "dlog-error", "^$", "E"},
+                 {"loud", ::testing::TempDir() + "dlog-loud", "^$", "IWE"},
+                 {"info", "/no/such/place", "Z I [0-9:]+ T: x\n.*Z W .*Z E ", ""}};
+    for (const auto &row : kRows) {
+        setenv("VESTRA_DLOG_LEVEL", row.level, 1);
+        setenv("VESTRA_DLOG_FILE", row.file.c_str(), 1);
+        EXPECT_EXIT(
+            {
+                for (int prio = DLOG_DEBUG; prio <= DLOG_ERROR; ++prio) __dlog_print(LOG_ID_MAIN, prio, "T", "x");
+                _exit(0);
+            },
+            ::testing::ExitedWithCode(0), row.error);
+        std::ifstream lines(row.file);
+        std::string letters;
+        for (std::string line; std::getline(lines, line);) letters += line.at(25);
+        EXPECT_EQ(letters, row.letters) << row.level;
+        fs::remove(row.file);
+    }
+    unsetenv("VESTRA_DLOG_LEVEL");
+    unsetenv("VESTRA_DLOG_FILE");
+}
+
+/* ------------------------------ Services ------------------------------ */
+
+constexpr char kModule[] = "/lib/modules/linux/kernel/orna-vestra-kmod.ko";
+
+// The daemon's order of calls. The number of the first that failed, or 0.
+int show(const char *text) {
+    notification_h notice = notification_create(0);
+    if (notice == nullptr) return 1;
+    const std::function<int()> steps[] = {[&] { return notification_set_hide_timeout(notice, 30); },
+                                          [&] { return notification_set_auto_remove(notice, false); },
+                                          [&] { return notification_set_text(notice, 1, text, "CONTENT", -1); },
+                                          [&] { return notification_set_display_applist(notice, 0x10); },
+                                          [&] { return notification_post(notice); }};
+    int failed = 0;
+    for (int step = 0; step < 5 && failed == 0; ++step) failed = steps[step]() != 0 ? step + 2 : 0;
+    return notification_free(notice) != 0 ? 7 : failed;
+}
+
+// Mount path of the first mass-storage device, as the daemon looks it up.
+std::string first_mount(int device_class = USB_DEVICE_CLASS_MASS_STORAGE) {
+    usb_device_list_h list = nullptr;
+    if (usb_device_init() != 0 || usb_device_get_device_list(device_class, &list) != 0) return "(no list)";
+    usb_device_h device = nullptr;
+    std::string mount = "(no device)";
+    if (usb_device_list_get_first(list, &device) == 0) {
+        const char *path = usb_device_get_mountpath(device);
+        mount = path == nullptr ? "(not mounted)" : path;
+        free_usb_device_h(device);
+    }
+    usb_device_free_device_list(list);
+    return usb_device_fini() == 0 ? mount : "(no end)";
+}
+
+std::string custom_string(const char *key) {
+    char *value = nullptr;
+    if (system_info_get_custom_string(key, &value) != 0) return value == nullptr ? "(none)" : "(touched)";
+    const std::unique_ptr<char, decltype(&free)> text(value, free);
+    return text.get();
+}
+
+int load(const char *path, int *result = nullptr) {
+    return PS_Insmod_Fast(path, strlen(path), 0, result);
+}
+int unload(const char *name, int *result = nullptr) {
+    return PS_Rmmod(name, strlen(name), 0, result);
+}
+
+void ignore_key(_KeyComb, void *) {}
+void ignore_change(keynode_t *, void *) {}
+
+TEST_F(Services, StateFilesAreReadWholeAndReplacedAtomically) {
+    fs::create_directories(root_ / "directory/full");
+    put("large", std::string(101, 'x'));
+    put("victim", "kept");
+    fs::create_symlink(root_ / "nowhere", root_ / "dangling");
+    fs::create_symlink(root_ / "victim", root_ / "link");
+    ASSERT_EQ(mkfifo((root_ / "pipe").c_str(), 0600), 0);
+    for (const char *name : {"missing", "directory", "large", "dangling", "pipe", "no/such/place"}) {
+        EXPECT_THAT(logged([&] { EXPECT_EQ(read_state_file(state_path(name), 100), std::nullopt); }), HasSubstr(name));
+    }
+    EXPECT_EQ(read_state_file(state_path("large"), 101), std::string(101, 'x'));
+    EXPECT_TRUE(replace_state_file(state_path("link"), "new"));
+    EXPECT_EQ(get("victim") + get("link"), "keptnew") << "a link is not followed";
+    EXPECT_FALSE(replace_state_file(state_path("directory"), "text"));
+    EXPECT_FALSE(replace_state_file(state_path("missing/file"), "text"));
+    for (const auto &entry : fs::directory_iterator(root_)) EXPECT_NE(entry.path().filename().native()[0], '.');
+    EXPECT_EQ(encode_name("memory/SHM/a_b-c.1"), "memory%2FSHM%2Fa_b-c.1");
+    EXPECT_EQ(encode_name("..") + encode_name("%2F") + encode_name("") + encode_name("\xff\n"), "%2E.%252F%%FF%0A");
+}
+
+TEST_F(Services, EachPostedNoticeIsOneLine) {
+    EXPECT_EQ(show("VESTRA : USERKEY\nFile \"Dump\" Failed!!!"), 0);
+    EXPECT_EQ(show("bytes \xff\xc3"), 0);
+    const std::string spool = get("notifications.jsonl");
+    const size_t end = spool.find('\n');
+    ASSERT_EQ(spool.find('\n', end + 1), spool.size() - 1);
+    json first = json::parse(spool.substr(0, end));
+    EXPECT_EQ(first.erase("time"), 1U);
+    EXPECT_EQ(first, json::parse(R"({"text": "VESTRA : USERKEY\nFile \"Dump\" Failed!!!", "hide_timeout": 30,
+                                     "auto_remove": false, "applist": 16, "type": 0})"));
+    EXPECT_EQ(json::parse(spool.substr(end + 1))["text"], "bytes \xef\xbf\xbd\xef\xbf\xbd");
+    fs::remove(root_ / "notifications.jsonl");
+    fs::create_directory(root_ / "notifications.jsonl");
+    EXPECT_THAT(logged([] { EXPECT_EQ(show("text"), 6); }), HasSubstr("notifications.jsonl"));
+}
+
+TEST_F(Services, TheFirstPluggedStickOfTheClassIsFirst) {
+    EXPECT_EQ(first_mount(), "(no device)");
+    put("usb/9998-camera", "[device]\nclass=6\nmount=/media/camera\n");
+    ASSERT_EQ(usb_device_plug("zz", "/media/zz", 8), 0);
+    ASSERT_EQ(usb_device_plug("aa", "/media/aa", 8), 0);  // 10000
+    EXPECT_EQ(first_mount() + first_mount(6), "/media/zz/media/camera");
+    ASSERT_EQ(usb_device_unplug("zz"), 0);
+    EXPECT_EQ(first_mount(), "/media/aa");
+    EXPECT_LT(usb_device_unplug("zz"), 0);
+    ASSERT_EQ(usb_device_plug("zz", nullptr, 8), 0);
+    ASSERT_EQ(usb_device_unplug("aa"), 0);
+    EXPECT_EQ(first_mount(), "(not mounted)");
+    ASSERT_EQ(usb_device_unplug("zz"), 0);
+    for (const char *mount : {"/media/a b", " /leading", "/back\\slash\\n", "/a\nclass=6\n[x]", "/\xc3\xa4;#="}) {
+        ASSERT_EQ(usb_device_plug("../.x/\n", mount, 8), 0);
+        EXPECT_EQ(first_mount(), mount) << "comes back as it was";
+        ASSERT_EQ(usb_device_unplug("../.x/\n"), 0);
+    }
+    const std::string device = "[device]\nclass=8\nmount=/media/x\n";
+    const std::pair<const char *, std::string> entries[] = {
+        {"0001-empty", ""},
+        {"0002-garbage", std::string("\0\xff[[[", 5)},
+        {"0004-classless", "[device]\nmount=/media/x\n"},
+        {"0005-badclass", "[device]\nclass=99999999999999999999\nmount=/media/x\n"},
+        {"noorder", device},
+        {"99999999999999999999-x", device}};
+    for (const auto &[name, text] : entries) {
+        put(std::string("usb/") + name, text);
+        EXPECT_THAT(logged([] { EXPECT_EQ(first_mount() + first_mount(0), "(no device)(no device)"); }),
+                    HasSubstr(name));
+        fs::remove(root_ / "usb" / name);
+    }
+    put("usb/999999999-last", device);
+    EXPECT_LT(usb_device_plug("more", "/media/more", 8), 0);
+}
+
+TEST_F(Services, GroupOfACustomStringIsTheKeyUpToItsLastSlash) {
+    put("system_info.ini", "[com.set/info/chip]\nname=RIVAM\nempty=\n[other]\nname=x\nbytes=\xff\xfe\n");
+    EXPECT_EQ(custom_string("com.set/info/chip/name"), "RIVAM");
+    EXPECT_EQ(custom_string("com.set/info/chip/empty"), "");
+    EXPECT_EQ(custom_string("other/name"), "x");
+    const auto none = [](const char *key) {
+        EXPECT_NE(logged([&] { EXPECT_EQ(custom_string(key), "(none)") << key; }), "") << key;
+    };
+    for (const char *key : {"com.set/info/chip/none", "com.set/name", "name", "/", "", "other/bytes"}) none(key);
+    for (const std::string &content : {std::string("\0\x01\xff", 3), std::string(1 << 20, '[')}) {
+        put("system_info.ini", content);
+        none("other/name");
+    }
+}
+
+TEST_F(Services, AModuleIsLoadedFromItsFileAndUnloadedByItsName) {
+    int result = 9;
+    EXPECT_EQ(load(kModule, &result) + result, 0);
+    EXPECT_EQ(get("modules/orna_vestra_kmod"), kModule);
+    EXPECT_EQ(load(kModule), 0);
+    EXPECT_EQ(unload("orna_vestra_kmod"), 0);
+    EXPECT_LT(unload("orna_vestra_kmod", &result), 0);
+    EXPECT_STREQ(PS_ErrorToString(result), "module not loaded");
+    // Blocks of their own, without a NUL: reading on would be seen by the address sanitizer.
+    const std::unique_ptr<char[]> path(new char[10]), name(new char[4]);
+    memcpy(path.get(), "/x/some.ko", 10);
+    memcpy(name.get(), "some", 4);
+    EXPECT_EQ(PS_Insmod_Fast(path.get(), 10, 0, nullptr), 0);
+    EXPECT_EQ(get("modules/some"), "/x/some.ko");
+    EXPECT_EQ(PS_Rmmod(name.get(), 4, 0, nullptr), 0);
+    for (const char *nothing : {"", "/", "/a/", ".ko", "/a/.ko"}) {
+        EXPECT_LT(load(nothing, &result), 0) << nothing;
+        EXPECT_STREQ(PS_ErrorToString(result), "refused");
+        EXPECT_LT(unload(nothing), 0) << nothing;
+    }
+    EXPECT_EQ(load("/.."), 0);
+    EXPECT_TRUE(fs::exists(root_ / "modules/%2E."));
+}
+
+// Each operation with its fault: the failing result comes once, when the switch says so.
+TEST_F(Services, EachOperationFailsOnPurposeOrWithALineWithoutTheStateDirectory) {
+    put("system_info.ini", "[group]\nname=x\n");
+    ASSERT_EQ(usb_device_plug("x", "/media/x", 8), 0);
+    const std::pair<platform_operation, std::function<bool()>> rows[] = {
+        {FAULT_VCONF_SET, [] { return vconf_set_int("key", 6) == 0; }},
+        {FAULT_VCONF_GET,
+         [] {
+             int value = 4;
+             const bool done = vconf_get_int("key", &value) == 0;
+             EXPECT_EQ(value, done ? 6 : 4);
+             return done;
+         }},
+        {FAULT_VCONF_SET_STR, [] { return vconf_set_str("text", "x") == 0; }},
+        {FAULT_VCONF_GET_STR,
+         [] { return std::unique_ptr<char, decltype(&free)>(vconf_get_str("text"), free) != nullptr; }},
+        {FAULT_VCONF_NOTIFY,
+         [] {
+             const bool done = vconf_notify_key_changed("key", ignore_change, nullptr) == 0;
+             vconf_ignore_key_changed("key", ignore_change);
+             return done;
+         }},
+        {FAULT_USB_LIST, [] { return first_mount() != "(no list)"; }},
+        {FAULT_INSMOD, [] { return load(kModule) == 0; }},
+        {FAULT_RMMOD, [] { return load(kModule) == 0 && unload("orna_vestra_kmod") == 0; }},
+        {FAULT_SYSTEM_INFO, [] { return custom_string("group/name") == "x"; }},
+        {FAULT_KEY_INITIALIZE, [] { return KeyCombination_Initialize() != 0; }},
+        {FAULT_KEY_ADD_HANDLER, [] { return KeyCombination_Add_Handler(61, ignore_key) != 0; }},
+        {FAULT_OPERATIONS, [] { return key_combination_drop(61) == 0; }},  // has no fault
+        {FAULT_USB_INIT, [] { return first_mount() != "(no list)"; }},
+        {FAULT_USB_FIRST, [] { return first_mount() != "(no device)"; }},
+        {FAULT_USB_MOUNTPATH, [] { return first_mount() != "(not mounted)"; }},
+        {FAULT_USB_FINI, [] { return first_mount() != "(no end)"; }},
+        {FAULT_VCONF_IGNORE,
+         [] {
+             vconf_notify_key_changed("key", ignore_change, nullptr);
+             return vconf_ignore_key_changed("key", ignore_change) == 0;
+         }},
+    };
+    for (const auto &[fault, works] : rows) {
+        EXPECT_TRUE(works()) << fault;
+        if (fault == FAULT_OPERATIONS) continue;
+        platform_fail_nth(fault, 1);
+        EXPECT_FALSE(works()) << fault;
+        EXPECT_TRUE(works()) << fault;
+    }
+    for (int step = 1; step <= 7; ++step) {
+        platform_fail_nth(static_cast<platform_operation>(FAULT_NOTIFICATION_CREATE + step - 1), 1);
+        EXPECT_EQ(show("text"), step);
+    }
+    platform_fail_nth(FAULT_USB_INIT, 3);
+    platform_fail_always(FAULT_USB_FINI);
+    for (int call = 1; call <= 4; ++call) {
+        EXPECT_EQ(usb_device_init() != 0, call == 3);
+        EXPECT_LT(usb_device_fini(), 0);
+    }
+    platform_faults_reset();
+
+    const std::function<void()> damages[] = {
+        [this] { fs::remove_all(root_); },
+        [this] { std::ofstream(root_) << "a file instead"; },
+        [this] { fs::remove(root_), fs::create_symlink("/no/such/place", root_); },
+    };
+    for (const auto &damage : damages) {
+        damage();
+        for (const auto &[fault, works] : rows) {
+            if (fault == FAULT_USB_FIRST) break;  // that and what follows it do not need the directory
+            EXPECT_NE(logged([&works = works] { EXPECT_FALSE(works()); }), "") << fault;
+        }
+        EXPECT_LT(usb_device_plug("x", "/media/x", 8), 0);
+        EXPECT_LT(usb_device_unplug("x"), 0);
+    }
+}
+
+}  // namespace
