@@ -142,7 +142,7 @@ TEST_F(Database, RowsAreTheSamplesNewestFirst) {
     EXPECT_EQ(log_text(), R"(6 openDB Opened database successfully
 6 Process_Info_fill Success in Opening db : /opt/usr/home/owner/share/tvhistory.db
 3 Process_Info_fill Table PROCESS_INFO previous record cleared successfully
-3 insert_batch Records inserted successfully!
+3 Process_Info_fill Records inserted successfully!
 6 closeDB Closed database successfully
 3 Process_Info_fill Success in Closing db : /opt/usr/home/owner/share/tvhistory.db
 6 Process_Info_fill Filling in Table PROCESS_INFO Ends
@@ -168,7 +168,7 @@ TEST_F(Database, FailedBatchLeavesTheKeyAndWhatIsBeforeIt) {
     EXPECT_THAT(log_text(kError),
                 testing::EndsWith(
                     R"(
-6 insert_batch SQL error: near "name": syntax error Query = INSERT INTO )"
+6 Process_Info_fill SQL error: near "name": syntax error Query = INSERT INTO )"
                     "PROCESS_INFO(TIMESTAMP,PROCESS_ID,PROCESS_NAME,RSS_USED,SWAP_USED,CPU_PERCENTAGE_USED) VALUES  "
                     R"((3,30,"good",-5,6,7),(2,20,"bad"name",5,6,7);
 6 closeDB Closed database successfully
@@ -182,8 +182,8 @@ TEST_F(Database, FullDiskIsNamedAndLeavesTheKey) {
     page_limit = 4;
     fill(-1, 1);
     const std::string log = log_text(kError);
-    EXPECT_THAT(log, HasSubstr("6 insert_batch SQL error: database or disk is full Query = INSERT INTO"));
-    EXPECT_THAT(log, testing::EndsWith("6 closeDB Closed database successfully\n6 insert_batch Can't fill the table "
+    EXPECT_THAT(log, HasSubstr("6 Process_Info_fill SQL error: database or disk is full Query = INSERT INTO"));
+    EXPECT_THAT(log, testing::EndsWith("6 closeDB Closed database successfully\n6 Process_Info_fill Can't fill the table "
                                        "because there is no disk space left\n"));
     page_limit = 0;
     fill(2000, 0);  // by the next trigger
