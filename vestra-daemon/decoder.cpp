@@ -1,10 +1,12 @@
 // decoder.cpp -- the trace decoder and what it keeps.
 //
 // Divisions, in order:
-//   1 Format constants        2 Field readers   3 CPU history        4 Per-process memory list
+//   1 Limits                  2 Field readers   3 CPU history        4 Per-process memory list
 //   5 Vitals store            6 Window statistics
-//   7 Element tables          8 Message decoders                     9 Walkers
+//   7 Message formats         8 Message decoders                     9 Walkers
 //  10 History database       11 Database fill
+// The wire format itself, what a frame and a message are made of, and how percentages are computed stand in decoder.h
+// (namespace trace).
 //
 // A block enters at decode_file (9), which copies frame by frame into frameData and walks the messages; a message is
 // read whole (8) before anything is stored: CPU history (3), memory list (4), then the ring (5).
@@ -28,18 +30,11 @@
 #include "vestra-daemon/vestra_log.h"
 #include "vestra-daemon/vestrad.h"
 
-/* ------------------------------ 1. Format constants ------------------------------ */
+using namespace trace;
 
-static constexpr uint32_t kLengthField = 4;  // bytes in front of a frame
-static constexpr int kFrameHeader = 1 + 1;   // type, core
-static constexpr int kSwitchFrame = 7;
-static constexpr int kMeminfoFrame = 8;
-static constexpr int kVarintMax = 10;       // bytes
-static constexpr int kTerminatedKept = 20;  // bytes of a terminated string's block, terminator included
-static constexpr size_t kNameKept = 14;     // bytes of a process name that are stored
-static constexpr int64_t kNsPerSecond = 1000000000;
-static constexpr double kTicksPerSecond = 250;            // of each core
-static constexpr double kIowaitGlitch = 80.0;             // percent: this and more is not believed
+/* ------------------------------ 1. Limits ------------------------------ */
+
+static constexpr int kTerminatedKept = 20;                // bytes of a terminated string's block, terminator included
 static constexpr int64_t kStaleAfter = 8 * kNsPerSecond;  // a slot that much older holds a second of the lap before
 
 /* ------------------------------ 2. Field readers ------------------------------ */
@@ -63,34 +58,14 @@ int getBufLen(char *text) {
     return static_cast<int>(strlen(text));
 }
 
-uint32_t get_frame_len(unsigned char *p) {
-    return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
-}
-
-// The varint at `at`, of which `left` bytes may be read. Returns its length, 0 when it does not end within them or
-// within ten bytes.
-static inline int take_varint(const char *at, int left, uint64_t *value) {
-    const auto *bytes = reinterpret_cast<const unsigned char *>(at);
-    if (left > 0 && bytes[0] < 0x80) {
-        *value = bytes[0];
-        return 1;
-    }
-    const int most = left < kVarintMax ? left : kVarintMax;
-    uint64_t number = 0;
-    for (int i = 0; i < most; ++i) {
-        number |= uint64_t{bytes[i] & 0x7fU} << (7 * i);
-        if (bytes[i] < 0x80) {
-            *value = number;
-            return i + 1;
-        }
-    }
-    return 0;
+static inline const unsigned char *bytes_at(const char *frame, int offset) {
+    return reinterpret_cast<const unsigned char *>(frame) + offset;
 }
 
 void get_unpackedInt(int frame_len, int offset, char *frame, retIntStruct *ret) {
     const int left = offset < 0 || offset >= frame_len ? 0 : frame_len - offset;
     uint64_t value = 0;
-    const int length = left > 0 ? take_varint(frame + offset, left, &value) : 0;
+    const int length = left > 0 ? take_varint(bytes_at(frame, offset), left, &value) : 0;
     if (length > 0) {
         *ret = {0, length, value};
         return;
@@ -106,7 +81,7 @@ void get_unpackedInt(int frame_len, int offset, char *frame, retIntStruct *ret) 
 // here is only the way that goes well.
 static inline bool read_int(int frame_len, int offset, char *frame, retIntStruct *ret) {
     uint64_t value = 0;
-    const int length = take_varint(frame + offset, frame_len - offset, &value);
+    const int length = take_varint(bytes_at(frame, offset), frame_len - offset, &value);
     if (length > 0) {
         *ret = {0, length, value};
         return true;
@@ -152,36 +127,10 @@ void get_unpackedBytesWithLength(int frame_len, int offset, char *frame, int cou
     free(text);
 }
 
-double covert_intfrac_double(int integer, int fraction) {
-    if (fraction <= 0) return integer;
-    int64_t scale = 1;  // ten to the number of the fraction's digits
-    while (scale <= fraction) scale *= 10;
-    return integer + static_cast<double>(fraction) / static_cast<double>(scale);
-}
-
 /* ------------------------------ 3. CPU history ------------------------------ */
 
 // The table; the record behind the last index is never used. Reader thread only.
 __VestraProcCPUUsageHist__ gProcCpuUsageHist[kHistRecords + 1];
-
-static int64_t wrapping_sum(int64_t a, int64_t b) {
-    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
-}
-
-static uint64_t distance(int64_t a, int64_t b) {
-    return a > b ? static_cast<uint64_t>(a) - static_cast<uint64_t>(b)
-                 : static_cast<uint64_t>(b) - static_cast<uint64_t>(a);
-}
-
-// All ticks of all cores in an interval.
-static double ticks_in(double seconds) {
-    return seconds * kTicksPerSecond * kCoreCount;
-}
-
-static double percent_of(int64_t now, int64_t before, double ticks) {
-    const uint64_t delta = static_cast<uint64_t>(now) - static_cast<uint64_t>(before);
-    return std::fabs(static_cast<double>(static_cast<int64_t>(delta * 100)) / ticks);
-}
 
 static int home_index(int pid) {
     return static_cast<int>(static_cast<uint32_t>(pid) & (kHistRecords - 1));
@@ -696,52 +645,14 @@ void process_request(vestra_api_data *reqs, int count) {
     }
 }
 
-/* ------------------------------ 7. Element tables ------------------------------ */
-
-enum ElementKind : uint8_t { kVarint, kString };  // a string is a varint N and N bytes
-
-// One switch message: twelve elements, then the per-core block.
-enum SwitchElement {
-    kSwitchTime,      // ns
-    kSwitchElement1,  // carried into the ring's slot
-    kSwitchPid,       // 0: nothing is accounted to a process
-    kSwitchName,
-    kSwitchElement4,  // not used
-    kSwitchElement5,  // not used
-    kSwitchCpuA,      // ticks
-    kSwitchCpuB,
-    kSwitchRss,  // both memory figures must not be 0 for a process to be accounted
-    kSwitchSwap,
-    kSwitchElement10,
-    kSwitchElement11,
-    kSwitchElements
-};
-
-// One CPU and memory message: eighteen elements. A decimal figure is two, its integer part and its digits.
-enum MeminfoElement {
-    kMeminfoTime,  // ns; 1 and 2 are not used
-    kMeminfoName = 3,
-    kMeminfoDecimal0 = 4,
-    kMeminfoDecimal1 = 6,
-    kMeminfoDecimal2 = 8,  // 10, 11 and 12 are not used
-    kMeminfoPlain3 = 13,   // 14 and 15 are not used
-    kMeminfoPlain4 = 16,
-    kMeminfoPlain5 = 17,
-    kMeminfoElements
-};
+/* ------------------------------ 7. Message formats ------------------------------ */
+// The element tables of decoder.h, with what is logged where an element cannot be read.
 
 struct MessageFormat {
     const ElementKind *kinds;
     int elements;
     const char *varint_check, *length_check, *bytes_check;  // what is logged when an element cannot be read
 };
-
-static constexpr ElementKind kSwitchKinds[kSwitchElements] = {kVarint, kVarint, kVarint, kString, kVarint, kVarint,
-                                                              kVarint, kVarint, kVarint, kVarint, kVarint, kVarint};
-static constexpr ElementKind kMeminfoKinds[kMeminfoElements] = {kVarint, kVarint, kVarint, kString, kVarint, kVarint,
-                                                                kVarint, kVarint, kVarint, kVarint, kVarint, kVarint,
-                                                                kVarint, kVarint, kVarint, kVarint, kVarint, kVarint};
-static_assert(kSwitchKinds[kSwitchName] == kString && kMeminfoKinds[kMeminfoName] == kString, "the one string of each");
 
 #define CHECK_TEXT(text) VESTRA_LOG_PREFIX "vestra : " text
 #define AT_TEXT " at frame_index:%d, frame_len:%d, messageType:%d, offset:%d"
@@ -758,7 +669,7 @@ static constexpr struct CoreCounter {
     retIntStruct *read;
     int64_t (_SYSDATA_::*figures)[kCoreCount];
     const char *check;
-} kCoreBlock[] = {
+} kCoreBlock[kCoreElements] = {
     {&utimeIs, &_SYSDATA_::utime, CHECK_TEXT("10. Corrupted" AT_TEXT " \n")},
     {&stimeIs, &_SYSDATA_::stime, CHECK_TEXT("11. Corrupted" AT_TEXT " \n")},
     // Kept as they stand: in the last three the point follows the blank. Log filters match them so.
@@ -911,14 +822,6 @@ static bool account_process(const _SYSDATA_ &sample, uint64_t rss, uint64_t swap
     }
 }
 
-static double plain_figure(uint64_t value) {
-    return static_cast<double>(static_cast<int64_t>(value));
-}
-
-static double decimal_figure(const uint64_t *pair) {
-    return covert_intfrac_double(static_cast<int32_t>(pair[0]), static_cast<int32_t>(pair[1]));
-}
-
 void decode_switchFrame(int /*frame_type*/, int frame_len, int offset, char *frame, int message_type, int /*core_id*/,
                         retIntStruct *ret) {
     const MessagePlace place = {__func__, frame, frame_len, offset, message_type};
@@ -1021,7 +924,7 @@ static void walk_messages(int frame_len, char *frame, int file_index, retIntStru
         if (!read_int(frame_len, offset, frame, &retIs)) return report(format.type_check, __LINE__, 0);
         const int type_length = retIs.length;
         type = static_cast<int>(retIs.value);
-        if (retIs.value != 1 && retIs.value != 2) return report(format.range_check, __LINE__, type_length);
+        if (!is_message_type(retIs.value)) return report(format.range_check, __LINE__, type_length);
         initiailizeRet(0, &retIs);
         format.decode(format.type, frame_len, offset + type_length, frame, type, core_id, &retIs);
         if (retIs.status == -1) return report(format.body_check, __LINE__, type_length);

@@ -1,13 +1,16 @@
 // decoder.h -- the trace decoder and what it keeps: vitals ring, CPU history, per-process memory list, history
 // database.
 //
-// Everything here runs on the reader thread ("QXReadData") without a lock unless a comment names another thread. The
-// byte layout of a block is in docs/trace-format.md. All times are nanoseconds unless a comment says otherwise; CPU
-// counters are clock ticks, 250 a second on each of 4 cores.
+// Everything here runs on the reader thread ("QXReadData") without a lock unless a comment names another thread. All
+// times are nanoseconds unless a comment says otherwise; CPU counters are clock ticks, 250 a second on each of 4 cores.
+//
+// The first three divisions (limits, wire format, percentages) are complete as they stand here: no state, no log,
+// nothing to link. The tools that read dumps include them, so that there is one definition of the format.
 #pragma once
 
 #include <pthread.h>
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -28,6 +31,140 @@ constexpr int32_t kListLimit = 204800;    // accounted bytes of the per-process 
 constexpr int32_t kListNodeCharge = 20;   // accounted bytes of a node beside its two texts
 constexpr uint32_t kFlagSwitch = 0x80;    // the slot holds a switch sample
 constexpr uint32_t kFlagMeminfo = 0x100;  // the slot holds a CPU and memory sample
+
+/* ------------------------------ Wire format ------------------------------ */
+// docs/trace-format.md as constants, tables and readers. Any thread.
+//
+//   block    record record record ...
+//   record   frame_len (4 bytes, little-endian, 0 to kFrameMax) | frame
+//   frame    type | core (below kCoreCount) | message message ... up to the frame's end
+//   message  type (varint, 1 or 2) | the elements of the frame's type | in a switch frame, the per-core block
+
+// Four bytes at `p`, little-endian.
+inline uint32_t get_frame_len(const unsigned char *p) {
+    return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
+}
+
+// `integer` with the decimal digits of `fraction` after the point: (36, 25) is 36.25. 36.05 cannot be said. A fraction
+// below 1 adds nothing.
+inline double covert_intfrac_double(int integer, int fraction) {
+    if (fraction <= 0) return integer;
+    int64_t scale = 1;  // ten to the number of the fraction's digits
+    while (scale <= fraction) scale *= 10;
+    return integer + static_cast<double>(fraction) / static_cast<double>(scale);
+}
+
+namespace trace {
+
+constexpr uint32_t kLengthField = 4;  // bytes in front of a frame
+constexpr int kFrameHeader = 1 + 1;   // type, core
+constexpr int kSwitchFrame = 7;       // frame types; every other is skipped by its length
+constexpr int kMeminfoFrame = 8;
+constexpr int kVarintMax = 10;    // bytes
+constexpr size_t kNameKept = 14;  // bytes of a process name that count
+
+enum ElementKind : uint8_t { kVarint, kString };  // a string is a varint N, at least 1, and N bytes
+
+// One switch message: twelve elements, then the per-core block.
+enum SwitchElement {
+    kSwitchTime,      // ns
+    kSwitchElement1,  // carried into the ring's slot
+    kSwitchPid,       // 0: nothing is accounted to a process
+    kSwitchName,
+    kSwitchElement4,  // not used
+    kSwitchElement5,  // not used
+    kSwitchCpuA,      // ticks
+    kSwitchCpuB,
+    kSwitchRss,  // both memory figures must not be 0 for a process to be accounted
+    kSwitchSwap,
+    kSwitchElement10,
+    kSwitchElement11,
+    kSwitchElements
+};
+
+// The per-core block: these five varints for core 0, then for core 1, 2 and 3.
+enum CoreElement { kCoreUser, kCoreSystem, kCoreIdle, kCoreTemperature, kCoreIowait, kCoreElements };
+
+// One CPU and memory message: eighteen elements. A decimal figure is two, its integer part and its digits.
+enum MeminfoElement {
+    kMeminfoTime,  // ns; 1 and 2 are not used
+    kMeminfoName = 3,
+    kMeminfoDecimal0 = 4,
+    kMeminfoDecimal1 = 6,
+    kMeminfoDecimal2 = 8,  // 10, 11 and 12 are not used
+    kMeminfoPlain3 = 13,   // 14 and 15 are not used
+    kMeminfoPlain4 = 16,
+    kMeminfoPlain5 = 17,
+    kMeminfoElements
+};
+
+constexpr ElementKind kSwitchKinds[kSwitchElements] = {kVarint, kVarint, kVarint, kString, kVarint, kVarint,
+                                                       kVarint, kVarint, kVarint, kVarint, kVarint, kVarint};
+constexpr ElementKind kMeminfoKinds[kMeminfoElements] = {kVarint, kVarint, kVarint, kString, kVarint, kVarint,
+                                                         kVarint, kVarint, kVarint, kVarint, kVarint, kVarint,
+                                                         kVarint, kVarint, kVarint, kVarint, kVarint, kVarint};
+static_assert(kSwitchKinds[kSwitchName] == kString && kMeminfoKinds[kMeminfoName] == kString, "the one string of each");
+
+// 1 and 2 do not differ in layout.
+constexpr bool is_message_type(uint64_t type) {
+    return type == 1 || type == 2;
+}
+
+// The varint at `at`, of which `left` bytes may be read. Returns its length, 0 when it does not end within them or
+// within ten bytes. Bits beyond 64 are lost.
+inline int take_varint(const unsigned char *at, int left, uint64_t *value) {
+    if (left > 0 && at[0] < 0x80) {
+        *value = at[0];
+        return 1;
+    }
+    const int most = left < kVarintMax ? left : kVarintMax;
+    uint64_t number = 0;
+    for (int i = 0; i < most; ++i) {
+        number |= uint64_t{at[i] & 0x7fU} << (7 * i);
+        if (at[i] < 0x80) {
+            *value = number;
+            return i + 1;
+        }
+    }
+    return 0;
+}
+
+// Figures of a vitals sample: a varint as a signed number, and a pair of them as integer part and digits.
+inline double plain_figure(uint64_t value) {
+    return static_cast<double>(static_cast<int64_t>(value));
+}
+
+inline double decimal_figure(const uint64_t *pair) {
+    return covert_intfrac_double(static_cast<int32_t>(pair[0]), static_cast<int32_t>(pair[1]));
+}
+
+/* ------------------------------ Percentages ------------------------------ */
+// Counters come from outside: their sums, differences and products wrap. Any thread.
+
+constexpr int64_t kNsPerSecond = 1000000000;
+constexpr double kTicksPerSecond = 250;  // of each core
+constexpr double kIowaitGlitch = 80.0;   // percent: this and more is not believed
+
+inline int64_t wrapping_sum(int64_t a, int64_t b) {
+    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
+}
+
+inline uint64_t distance(int64_t a, int64_t b) {
+    return a > b ? static_cast<uint64_t>(a) - static_cast<uint64_t>(b)
+                 : static_cast<uint64_t>(b) - static_cast<uint64_t>(a);
+}
+
+// All ticks of all cores in an interval.
+inline double ticks_in(double seconds) {
+    return seconds * kTicksPerSecond * kCoreCount;
+}
+
+inline double percent_of(int64_t now, int64_t before, double ticks) {
+    const uint64_t delta = static_cast<uint64_t>(now) - static_cast<uint64_t>(before);
+    return std::fabs(static_cast<double>(static_cast<int64_t>(delta * 100)) / ticks);
+}
+
+}  // namespace trace
 
 /* ------------------------------ Records ------------------------------ */
 
@@ -154,9 +291,6 @@ void get_unpackedBytes(int frame_len, int offset, char *frame, retCharStruct *re
 // The `count` bytes at `offset`, in a block of that size without a terminator. A count below 1 fails without a message.
 void get_unpackedBytesWithLength(int frame_len, int offset, char *frame, int count, retCharStruct *ret);
 
-// Four bytes at `p`, little-endian.
-uint32_t get_frame_len(unsigned char *p);
-
 // Presets a result: `kind` 0 a retIntStruct, else a retCharStruct.
 void initiailizeRet(int kind, void *ret);
 
@@ -165,10 +299,6 @@ void deallocateRetStruct(int kind, void *ret);
 
 // Length of a zero-terminated string.
 int getBufLen(char *text);
-
-// `integer` with the decimal digits of `fraction` after the point: (36, 25) is 36.25. 36.05 cannot be said. A fraction
-// below 1 adds nothing.
-double covert_intfrac_double(int integer, int fraction);
 
 /* ------------------------------ Walkers and message decoders ------------------------------ */
 
