@@ -1,0 +1,170 @@
+// The dump reader: what is whole is read, what is not is told, whatever the bytes; and every trailer that the daemon
+// can write is found.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "dump_support.h"
+#include "set/trace/stream_stats.h"
+#include "vestra-daemon/vestra_xml.h"
+#include "vestra-daemon/vestrad.h"
+
+using namespace dump_test;
+using vestra_dump::Reason;
+
+namespace {
+
+const struct TrailerRow {
+    const char *name;
+    std::string ini;  // the version file
+    std::string build, model;
+    bool build_cut = false, model_cut = false;
+} kTrailers[] = {
+    {"CrLf", "Model=24_TVX\r\nBuild=T-RX-1107.2/eu\r\n", "T-RX-1107.2/eu", "24_TVX"},
+    {"LfOnly", "Model=24_TVX\nBuild=T-RX-1107.2\n", "T-RX-1107.", "24_TVX", true},
+    {"BuildEmpty", "Model=24_TVX\nBuild=\n", "", "24_TVX"},
+    {"BuildEmptyCrLf", "Model=24_TVX\r\nBuild=\r\n", "", "24_TVX"},
+    {"BuildBeforeModel", "Build=B1\r\nModel=24_TVX\r\n", "B1", ""},
+    {"BuildWithoutLineEnd", "Model=A\r\nBuild=abcd", "ab", "A"},
+    {"ModelOfOneLetter", "Model=A\nBuild=\n", "", "A"},
+    {"ModelOfALineEndAlone", "Model=\nBuild=\n", "", ""},
+    {"ModelCut", "Model=" + std::string(50, 'm') + "\r\nBuild=b\r\n", "b", std::string(32, 'm'), false, true},
+    {"Model32WithLineEnd", "Model=" + std::string(30, 'm') + "\r\nBuild=b\r\n", "b", std::string(30, 'm')},
+    {"BuildCut", "Model=x\r\nBuild=" + std::string(300, 'b') + "\r\n", std::string(120, 'b'), "x"},
+    {"LastLineStandsIn", "Model=24_TVX", "24_T", "24_TVX"},
+    {"OtherLineStandsIn", "Region=eu\r\n", "=eu", ""},
+    {"NotAscii", "Model=\xc3\xbc\xff\r\nBuild=\x01\r\n", "\x01", "\xc3\xbc\xff"},
+    {"NothingAtAll", "", "", ""},
+};
+
+std::string written_trailer(const std::string &ini, int lite_mode) {
+    std::ofstream("/etc/prd_info.ini") << ini;
+    g_vestra_config.vestra_litemode_on = lite_mode;
+    const int fd = open("/tmp/trailer", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    EXPECT_EQ(append_image_version(fd), 0);
+    std::string bytes(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
+    EXPECT_EQ(pread(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    close(fd);
+    return bytes;
+}
+
+TEST(DumpReader, EveryTrailerOfTheDaemonIsFound) {
+    for (const TrailerRow &row : kTrailers) {
+        for (const int lite : {0, 1, INT32_MIN}) {
+            for (const int blocks : {0, 1, 60}) {  // an empty chain; less and more than the reader has in view
+                SCOPED_TRACE(row.name + std::to_string(lite) + " " + std::to_string(blocks));
+                const std::string trailer = written_trailer(row.ini, lite);
+                const auto totals = record(synthetic("steady", 9, 15000, blocks) + trailer, 100000).totals;
+                ASSERT_TRUE(totals.trailer);
+                EXPECT_EQ(totals.trailer->bytes, trailer);
+                EXPECT_EQ(totals.trailer->build, row.build);
+                EXPECT_EQ(totals.trailer->model, row.model);
+                EXPECT_EQ(totals.trailer->build_cut, row.build_cut);
+                EXPECT_EQ(totals.trailer->model_cut, row.model_cut);
+                EXPECT_EQ(totals.trailer->lite_mode.value_or(0), lite);
+                EXPECT_TRUE(totals.is_clean());
+            }
+        }
+    }
+}
+
+TEST(DumpReader, TrailerIsFoundBehindDamage) {
+    const std::string blocks = synthetic("steady", 9, 2000, 3);
+    for (const std::string &payload :
+         {blocks.substr(0, blocks.size() - 40), blocks + std::string(5000, '\0'), std::string(300000, '\xee')}) {
+        for (const std::string &trailer : {kTrailer, kLiteTrailer}) {
+            EXPECT_EQ(record(payload + trailer).totals.trailer.value_or(vestra_dump::Trailer{}).bytes, trailer);
+        }
+    }
+}
+
+TEST(DumpReader, EveryTruncationKeepsTheFramesInFrontOfIt) {
+    const std::string payload = synthetic("steady", 4, 600, 6), whole = payload + kLiteTrailer;
+    const auto all = record(whole).frames;
+    for (size_t size = 0; size <= whole.size(); ++size) {
+        SCOPED_TRACE(size);
+        const Recorder seen = record(std::string_view(whole).substr(0, size));
+        auto expected = all;
+        while (!expected.empty() && expected.back().first + expected.back().second > size) expected.pop_back();
+        EXPECT_EQ(seen.frames, expected);
+        const bool trailer = size == whole.size() || size == payload.size() + kTrailer.size();
+        EXPECT_EQ(seen.totals.trailer.has_value(), trailer);
+    }
+}
+
+TEST(DumpReader, OneWrongByteAnywhereCostsAtMostItsFrame) {
+    const std::string whole = synthetic("steady", 4, 600, 4) + kTrailer;
+    const auto all = record(whole).frames;
+    for (size_t at = 0; at < whole.size(); ++at) {
+        for (const int change : {0x01, 0x07, 0x80, 0xff}) {
+            SCOPED_TRACE(std::to_string(at) + " " + std::to_string(change));
+            std::string damaged = whole;
+            damaged[at] = static_cast<char>(damaged[at] ^ change);
+            const auto seen = record(damaged).frames;
+            for (const Place &frame : all) {
+                if (std::binary_search(seen.begin(), seen.end(), frame)) continue;
+                EXPECT_TRUE(at >= frame.first && at < frame.first + frame.second) << frame.first;
+            }
+        }
+    }
+}
+
+// A switch frame of five messages.
+std::string frame() {
+    std::vector<uint8_t> bytes;
+    vestra_set::FrameWriter writer(&bytes);
+    writer.begin_frame(vestra_set::kSwitchFrame, 1);
+    vestra_set::SwitchMessage message;
+    message.name = "tuner";
+    for (int i = 0; i < 5; ++i) writer.add(message);
+    return {bytes.begin(), bytes.end()};
+}
+
+TEST(DumpReader, DamageIsOneSpanWithItsReason) {
+    const struct {
+        std::string between;  // two whole blocks
+        Reason reason;
+        size_t messages = 0;  // read in it all the same
+        size_t early = 0;     // bytes of the block in front that look the same
+    } kDamages[] = {
+        {std::string("\x01\x00\x02\x00", 4) + std::string(500, 'x'), Reason::kLength},
+        {std::string(3'000'000, '\xff'), Reason::kLength},
+        {frame().substr(0, 150), Reason::kNextInside, 3},
+        {std::string(4096, '\0'), Reason::kZeros, 0, 4},
+        {std::string("\x01\x00\x00\x00\x07", 5), Reason::kOneByte},
+        {frame().replace(5, 1, "\x04"), Reason::kCore},
+        {std::string("\x03\x00\x00\x00\x07\x00\x03", 7), Reason::kMessageType},
+        {std::string("\x04\x00\x00\x00\x08\x00\x01\xff", 8), Reason::kElement},
+    };
+    const std::string block = synthetic("steady", 4, 2000, 1);
+    for (const auto &row : kDamages) {
+        SCOPED_TRACE(describe(row.reason));
+        const Recorder seen = record(block + row.between + block + kTrailer, 5000);
+        EXPECT_EQ(seen.frames.size(), 2 * record(block).frames.size());
+        ASSERT_EQ(seen.damage.size(), 1U);
+        EXPECT_EQ(seen.damage[0].offset, block.size() - row.early);
+        EXPECT_EQ(seen.damage[0].bytes, row.between.size() + row.early);
+        EXPECT_EQ(seen.damage[0].reason, row.reason);
+        EXPECT_EQ(seen.damage[0].messages, row.messages);
+    }
+}
+
+// The simulated set has a reader that shares nothing with this one.
+TEST(DumpReader, AgreesWithTheIndependentReaderAboutHostileStreams) {
+    for (const uint64_t seed : {1U, 2U, 3U}) {
+        const std::string dump = synthetic("hostile", 50, 20000, 60, seed) + kTrailer;
+        std::ofstream("/tmp/hostile", std::ios::binary) << dump;
+        vestra_set::DumpReport report;
+        std::string error;
+        ASSERT_TRUE(vestra_set::inspect_dump("/tmp/hostile", &report, &error)) << error;
+        const auto totals = record(dump, 70000).totals;
+        EXPECT_GT(totals.damaged_spans, 100U);
+        EXPECT_EQ(totals.frames, report.frames);
+        EXPECT_EQ(totals.messages, report.messages);
+        EXPECT_EQ(totals.empty_records, report.empty_records);
+    }
+}
+
+}  // namespace

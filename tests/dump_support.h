@@ -1,0 +1,76 @@
+// Small dumps, and what read_dump says about them.
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "set/trace/synthetic_source.h"
+#include "tools/dump/dump_reader.h"
+
+namespace dump_test {
+
+using Place = std::pair<uint64_t, uint64_t>;  // offset in the file, bytes
+
+struct Recorder : vestra_dump::DumpVisitor {
+    std::vector<Place> frames, stretches;  // whole frames; all that the payload consists of
+    std::vector<vestra_dump::DamagedSpan> damage;
+    vestra_dump::DumpTotals totals;
+
+    void on_frame(const vestra_dump::Frame &frame) override {
+        if (!frame.whole) return;
+        frames.emplace_back(frame.offset, frame.bytes);
+        stretches.push_back(frames.back());
+    }
+    void on_empty_record(uint64_t offset) override { stretches.emplace_back(offset, 4); }
+    void on_damage(const vestra_dump::DamagedSpan &span) override {
+        damage.push_back(span);
+        stretches.emplace_back(span.offset, span.bytes);
+    }
+    void on_end(const vestra_dump::DumpTotals &all) override { totals = all; }
+};
+
+// Reads the bytes, `piece` at a time. The stretches must follow each other and cover the payload.
+inline Recorder record(std::string_view bytes, size_t piece = SIZE_MAX) {
+    struct Trickle : vestra_dump::MemorySource {
+        size_t piece;
+        Trickle(std::string_view all, size_t most) : MemorySource(all), piece(most) {}
+        int64_t read(uint8_t *out, size_t count) override { return MemorySource::read(out, std::min(count, piece)); }
+    } source(bytes, piece);
+    Recorder seen;
+    read_dump(source, seen);
+    uint64_t end = 0;
+    for (const auto &[offset, size] : seen.stretches) {
+        EXPECT_EQ(offset, end);
+        end += size;
+    }
+    const auto &totals = seen.totals;
+    EXPECT_EQ(end, totals.payload_bytes);
+    EXPECT_EQ(end, totals.frame_bytes + totals.damaged_bytes + 4 * totals.empty_records);
+    EXPECT_EQ(end + (totals.trailer ? totals.trailer->bytes.size() : 0), bytes.size());
+    return seen;
+}
+
+// Blocks of the simulated module.
+inline std::string synthetic(const char *profile, uint32_t processes, uint32_t block_size, int blocks,
+                             uint64_t seed = 5) {
+    vestra_set::SourceOptions options;
+    options.profile = profile;
+    options.processes = processes;
+    options.block_size = block_size;
+    options.seed = seed;
+    std::string error, all;
+    const auto source = make_source(options, &error);
+    std::vector<uint8_t> block(vestra_set::kMaxBlock);
+    for (; blocks > 0; --blocks) {
+        const size_t size = source->next_block(block.data(), block.size());
+        all.append(reinterpret_cast<const char *>(block.data()), size);
+    }
+    return all;
+}
+
+const std::string kTrailer = "T-RX-1107.2/eu/24_TVX\r\n\x17";
+const std::string kLiteTrailer = kTrailer + "QXLiteMode=1\x0c";
+
+}  // namespace dump_test

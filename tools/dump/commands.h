@@ -1,0 +1,49 @@
+// commands.h -- the subcommands of vestra-dump: one function each, and the table of them.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/dump/dump_reader.h"
+#include "tools/dump/wall_clock.h"
+
+namespace vestra_dump {
+
+enum ExitCode : int {
+    kExitClean = 0,
+    kExitDamaged = 1,     // read, but with damaged spans or without a trailer
+    kExitUnreadable = 2,  // not to be opened or read, or nothing of a dump in it; or the output cannot be written
+    kExitUsage = 64
+};
+
+// Carries the command out, once the options have been parsed; returns an exit code.
+using Action = std::function<int()>;
+
+struct Command {
+    const char *name;
+    const char *summary;
+    const char *footer;  // of its help: examples
+    Action (*setup)(CLI::App &app);
+};
+
+// In the order in which help shows them.
+const std::vector<Command> &commands();
+
+Action setup_info(CLI::App &app);
+
+// Adds --from, --to and --epoch.
+void add_time_options(CLI::App &app, TimeOptions &options);
+
+// "vestra-dump: TEXT" on standard error.
+void complain(const std::string &text);
+
+// A dump to be read, with its times resolved. Null with a complaint and the exit code in *code.
+std::unique_ptr<FileSource> open_dump(const std::string &path, const TimeOptions &options, DumpTime *time, int *code);
+
+// The exit code of what was read; with `notes`, a line on standard error for all that is not clean.
+int judge(const std::string &path, const DumpTotals &totals, bool notes);
+
+}  // namespace vestra_dump

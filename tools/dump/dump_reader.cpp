@@ -1,0 +1,204 @@
+#include "tools/dump/dump_reader.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+namespace vestra_dump {
+namespace {
+
+// The last bytes of what was read are held back, because they may be the trailer.
+constexpr size_t kLookahead = kRecordLookahead + kTrailerMax;
+
+// A stretch of the file that moves forward.
+class Window {
+  public:
+    explicit Window(ByteSource &source) : source_(source), buffer_(kFirst) {}
+
+    const uint8_t *data() const { return buffer_.data() + begin_; }
+    size_t size() const { return end_ - begin_; }
+    bool ended() const { return ended_; }
+    uint64_t bytes_read() const { return bytes_read_; }
+    const std::string &error() const { return error_; }
+    void advance(size_t count) { begin_ += count; }
+
+    // Sees to it that kLookahead bytes are in view, or the file's end.
+    void fill() {
+        if (ended_ || size() >= kLookahead) return;
+        std::memmove(buffer_.data(), data(), size());
+        end_ = size();
+        begin_ = 0;
+        while (!ended_ && end_ < kMost) {
+            if (end_ == buffer_.size()) buffer_.resize(std::min(4 * end_, kMost));
+            const int64_t got = source_.read(buffer_.data() + end_, buffer_.size() - end_);
+            if (got < 0) error_ = std::strerror(errno);
+            if (got <= 0) {
+                ended_ = true;
+            } else {
+                end_ += static_cast<size_t>(got);
+                bytes_read_ += static_cast<uint64_t>(got);
+            }
+        }
+    }
+
+  private:
+    // Bytes. Small dumps need little; with the most, what is moved is little beside what is read.
+    static constexpr size_t kFirst = size_t{1} << 14, kMost = size_t{1} << 20;
+    static_assert(kMost >= 2 * kLookahead, "room to read on while the lookahead is in view");
+
+    ByteSource &source_;
+    std::vector<uint8_t> buffer_;
+    size_t begin_ = 0, end_ = 0;
+    uint64_t bytes_read_ = 0;
+    bool ended_ = false;
+    std::string error_;
+};
+
+class Reader {
+  public:
+    Reader(ByteSource &source, DumpVisitor &visitor, bool searching)
+        : window_(source), visitor_(visitor), searching_(searching) {}
+
+    DumpTotals run() {
+        for (;;) {
+            window_.fill();
+            if (window_.ended() && !trailer_known_) find_trailer();
+            const size_t left = window_.size() - (window_.ended() ? trailer_size() : kTrailerMax);
+            if (left == 0) break;
+            take(judge_record({window_.data(), left, window_.ended()}, searching_, &messages_));
+        }
+        end_span();
+        totals_.bytes = window_.bytes_read();
+        totals_.payload_bytes = offset_;
+        totals_.error = window_.error();
+        visitor_.on_end(totals_);
+        return totals_;
+    }
+
+  private:
+    size_t trailer_size() const { return totals_.trailer ? totals_.trailer->bytes.size() : 0; }
+
+    void take(const Record &record) {
+        const bool goes_on = record.kind == Record::kDamaged && searching_ && record.reason == Reason::kNone;
+        if (!goes_on) end_span();
+        switch (record.kind) {
+            case Record::kEmpty:
+                ++totals_.empty_records;
+                visitor_.on_empty_record(offset_);
+                break;
+            case Record::kFrame:
+                ++totals_.frames[window_.data()[trace::kLengthField]];
+                totals_.frame_bytes += record.size;
+                hand_on_messages(record);
+                break;
+            default:
+                if (messages_.count() > 0) hand_on_messages(record);
+                if (span_.bytes == 0) span_ = {offset_, 0, record.reason, messages_.count()};
+                span_.bytes += record.size;
+        }
+        searching_ = record.kind == Record::kDamaged && record.open;
+        last_empty_ = record.kind == Record::kEmpty;
+        offset_ += record.size;
+        window_.advance(record.size);
+    }
+
+    void hand_on_messages(const Record &record) {
+        const uint8_t *frame_bytes = window_.data() + trace::kLengthField;
+        Frame frame = {};
+        frame.offset = offset_;
+        frame.bytes = record.size;
+        frame.type = frame_bytes[0];
+        frame.core = frame_bytes[1];
+        frame.whole = record.kind == Record::kFrame;
+        frame.messages = messages_.count();
+        const auto set_times = [&frame](const auto &samples) {
+            if (samples.empty()) return;
+            frame.first_ns = samples.front().time_ns;
+            frame.last_ns = samples.back().time_ns;
+        };
+        set_times(messages_.switches);
+        set_times(messages_.memories);
+        frame.raw = frame_bytes;
+        frame.raw_size = is_known_type(frame_bytes[0]) ? messages_.end() : record.size - trace::kLengthField;
+        visitor_.on_frame(frame);
+        for (const SwitchSample &sample : messages_.switches) visitor_.on_switch(sample);
+        for (const MemorySample &sample : messages_.memories) visitor_.on_memory(sample);
+        totals_.messages += messages_.count();
+    }
+
+    void end_span() {
+        if (span_.bytes == 0) return;
+        ++totals_.damaged_spans;
+        totals_.damaged_bytes += span_.bytes;
+        visitor_.on_damage(span_);
+        span_ = {};
+    }
+
+    // How the payload ends when it is what is in view, less `trailer` bytes. Judges all of it anew, but only once a
+    // file.
+    enum class Ending { kInDamage, kWithFrame, kWithEmptyRecord };
+    Ending ending_without(size_t trailer) {
+        size_t left = window_.size() - trailer;
+        const uint8_t *at = window_.data();
+        bool searching = searching_;
+        Ending ending = last_empty_ || offset_ == 0 ? Ending::kWithEmptyRecord : Ending::kWithFrame;
+        if (searching) ending = Ending::kInDamage;
+        while (left > 0) {
+            const Record record = judge_record({at, left, true}, searching, &messages_);
+            ending = record.kind == Record::kDamaged ? Ending::kInDamage
+                     : record.kind == Record::kEmpty ? Ending::kWithEmptyRecord
+                                                     : Ending::kWithFrame;
+            searching = record.kind == Record::kDamaged && record.open;
+            at += record.size;
+            left -= record.size;
+        }
+        return ending;
+    }
+
+    // The file's end is in view: decides what of it is trailer.
+    void find_trailer() {
+        trailer_known_ = true;
+        if (window_.size() == 0 || !window_.error().empty()) return;
+        const size_t tail = std::min(window_.size(), kTrailerMax);
+        auto readings = read_trailer({reinterpret_cast<const char *>(window_.data() + window_.size() - tail), tail});
+        if (readings.empty() || ending_without(0) != Ending::kInDamage) return;
+        for (TrailerReading &reading : readings) {
+            const Ending ending = ending_without(reading.trailer.bytes.size());
+            // A version file without build and model leaves a single zero. So does a block's end that is cut short;
+            // but that follows a frame, and this an end.
+            const bool zero = reading.trailer.bytes.size() == 1;
+            if (ending == Ending::kWithEmptyRecord || (ending == Ending::kWithFrame && !zero) ||
+                (ending == Ending::kInDamage && reading.sure && !in_text(reading.trailer.bytes.size()))) {
+                totals_.trailer = std::move(reading.trailer);
+                return;
+            }
+        }
+    }
+
+    // Whether what could be a trailer of that size begins in the middle of a text: the real one is cut short then, and
+    // its last byte is no length.
+    bool in_text(size_t trailer) const {
+        const size_t before = std::min<size_t>(window_.size() - trailer, 4);
+        const uint8_t *begin = window_.data() + window_.size() - trailer - before;
+        return std::all_of(begin, begin + before, [](uint8_t byte) { return byte >= ' ' && byte <= '~'; });
+    }
+
+    Window window_;
+    DumpVisitor &visitor_;
+    bool searching_;
+    bool last_empty_ = false;
+    bool trailer_known_ = false;
+    uint64_t offset_ = 0;  // in the file, of what is in view
+    FrameMessages messages_;
+    DamagedSpan span_ = {};  // the damage that the record before was part of; no bytes: it was none
+    DumpTotals totals_;
+};
+
+}  // namespace
+
+DumpTotals read_dump(ByteSource &source, DumpVisitor &visitor, bool searching) {
+    return Reader(source, visitor, searching).run();
+}
+
+}  // namespace vestra_dump

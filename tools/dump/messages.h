@@ -1,0 +1,78 @@
+// messages.h -- the messages of one frame, as figures. The layout is the daemon's own (vestra-daemon/decoder.h).
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "vestra-daemon/decoder.h"
+
+namespace vestra_dump {
+
+// Counters of one core: ticks since the set was started, 250 a second; degrees Celsius.
+struct CoreFigures {
+    int64_t user, system, idle, temperature, iowait;
+};
+
+// A message of a switch frame: one process, and all cores at that moment. What the fields mean beyond what the daemon
+// makes of them is the simulated module's way (docs/trace-format.md).
+struct SwitchSample {
+    int64_t time_ns;
+    int32_t parent;
+    int32_t pid;
+    std::string_view name;           // up to its first zero byte, at most kNameShown bytes of the frame's own
+    uint64_t read_kib, written_kib;  // since the process's last sample
+    int64_t cpu_user, cpu_system;    // ticks of the process, in all
+    uint64_t rss, swap;              // KiB
+    double context_switches, running;
+    std::array<CoreFigures, kCoreCount> cores;
+    uint8_t core;     // the frame's
+    bool accounted;   // the daemon takes it into its process list: process id and both memory figures are there
+    uint32_t behind;  // offset in the frame behind the message
+};
+constexpr size_t kNameShown = 64;
+
+// A message of a CPU and memory frame.
+struct MemorySample {
+    int64_t time_ns;
+    std::array<double, 6> figures;  // vitals 11 to 16
+    uint32_t behind;
+};
+
+enum class Fault : uint8_t {
+    kNone,
+    kOneByte,      // a frame without room for a core
+    kCore,         // a core that is none
+    kMessageType,  // neither 1 nor 2
+    kElement       // cut short, a number of more than ten bytes, or an empty text
+};
+
+// A frame of type 7 or 8, message by message up to the first fault. One is used again and again: it keeps its memory,
+// which is bounded by the longest frame.
+class FrameMessages {
+  public:
+    // Reads the `size` bytes behind a length field. The names are views of them.
+    Fault read(const uint8_t *frame, size_t size);
+
+    size_t count() const { return switches.size() + memories.size(); }
+
+    // Leaves only the messages that end at or before that offset in the frame.
+    void keep_up_to(size_t offset);
+
+    // Offset behind the last message; behind the header when there is none.
+    size_t end() const;
+
+    std::vector<SwitchSample> switches;  // one of the two is empty
+    std::vector<MemorySample> memories;
+};
+
+// Looks at a frame of known type without reading its figures: how many messages it has up to its end, or `limit` when
+// so many are well-formed. Nothing when something is wrong with it so far.
+std::optional<size_t> well_formed(const uint8_t *frame, size_t size, size_t limit);
+
+bool is_known_type(uint8_t type);
+
+}  // namespace vestra_dump

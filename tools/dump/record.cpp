@@ -1,0 +1,124 @@
+#include "tools/dump/record.h"
+
+#include <algorithm>
+
+namespace vestra_dump {
+namespace {
+
+// The beginning of a frame is believed when so many messages are well-formed, or all of a shorter frame. A limit,
+// because bytes can be laid out so that nearly every one begins a long frame with a fault at its end.
+constexpr size_t kBelieved = 8;
+
+// Rows of empty records that are taken as such; longer ones are what a crash or a worn stick leaves behind.
+constexpr size_t kZeroRow = 128;  // bytes
+
+constexpr size_t kLengthField = trace::kLengthField;
+
+bool begins_frame(const uint8_t *at, size_t left) {
+    constexpr size_t kLeast = kLengthField + static_cast<size_t>(trace::kFrameHeader) + 1;
+    if (left < kLeast || at[3] != 0 || !is_known_type(at[kLengthField])) return false;  // most places end here
+    const size_t size = get_frame_len(at);
+    if (size > kFrameMax || size > left - kLengthField || size <= static_cast<size_t>(trace::kFrameHeader))
+        return false;
+    return well_formed(at + kLengthField, size, kBelieved).value_or(0) > 0;
+}
+static_assert(kFrameMax < 1U << 24, "the last byte of a length is 0");
+
+// First place in [from, to) where a frame begins, else `to`.
+size_t find_frame(const View &view, size_t from, size_t to) {
+    while (from < to && !begins_frame(view.at + from, view.size - from)) ++from;
+    return from;
+}
+
+// Damage from here to where the next frame begins.
+Record search(const View &view, size_t from, Reason reason) {
+    const size_t to = view.last ? view.size : view.size - kRecordMax;
+    const size_t found = find_frame(view, from, to);
+    return {Record::kDamaged, reason, found == to && !view.last, found};
+}
+
+bool is_zero_row(const View &view) {
+    return view.size >= kZeroRow && std::all_of(view.at, view.at + kZeroRow, [](uint8_t byte) { return byte == 0; });
+}
+
+Reason reason_of(Fault fault) {
+    switch (fault) {
+        case Fault::kOneByte:
+            return Reason::kOneByte;
+        case Fault::kCore:
+            return Reason::kCore;
+        case Fault::kMessageType:
+            return Reason::kMessageType;
+        case Fault::kElement:
+            return Reason::kElement;
+        default:
+            return Reason::kNone;
+    }
+}
+
+// A record whose length can be one; `there` bytes of its frame are in the payload.
+Record judge_frame(const View &view, size_t length, size_t there, FrameMessages *messages) {
+    const uint8_t *frame = view.at + kLengthField;
+    const bool cut = there < length;
+    const bool known = there > 0 && is_known_type(frame[0]);
+    Fault fault = Fault::kNone;
+    if (known) {
+        fault = messages->read(frame, there);
+    } else if (length < static_cast<size_t>(trace::kFrameHeader)) {
+        fault = Fault::kOneByte;
+    }
+    const size_t end = kLengthField + there;
+    if (known && !cut && fault == Fault::kNone) return {Record::kFrame, Reason::kNone, false, end};
+    const size_t next = find_frame(view, 1, end);
+    if (next < end) {
+        messages->keep_up_to(next < kLengthField ? 0 : next - kLengthField);
+        return {Record::kDamaged, Reason::kNextInside, false, next};
+    }
+    if (cut) return {Record::kDamaged, Reason::kPayloadEnds, false, view.size};
+    if (fault == Fault::kNone) return {Record::kFrame, Reason::kNone, false, end};
+    return {Record::kDamaged, reason_of(fault), false, end};
+}
+
+}  // namespace
+
+const char *describe(Reason reason) {
+    switch (reason) {
+        case Reason::kLength:
+            return "a length that no frame has";
+        case Reason::kPayloadEnds:
+            return "the payload ends inside the frame";
+        case Reason::kNextInside:
+            return "the next frame begins inside";
+        case Reason::kZeros:
+            return "nothing but zeros";
+        case Reason::kOneByte:
+            return "a frame of one byte";
+        case Reason::kCore:
+            return "a core that is none";
+        case Reason::kMessageType:
+            return "a message type that is none";
+        case Reason::kElement:
+            return "an element that is cut short, too long or empty";
+        default:
+            return "";
+    }
+}
+
+Record judge_record(const View &view, bool searching, FrameMessages *messages) {
+    messages->switches.clear();
+    messages->memories.clear();
+    if (searching) {
+        const Record damage = search(view, 0, Reason::kNone);
+        if (damage.size > 0) return damage;
+    }
+    if (view.size < kLengthField) return {Record::kDamaged, Reason::kPayloadEnds, false, view.size};
+    const uint32_t length = get_frame_len(view.at);
+    if (length == 0) {
+        if (is_zero_row(view)) return search(view, kZeroRow - kLengthField, Reason::kZeros);
+        return {Record::kEmpty, Reason::kNone, false, kLengthField};
+    }
+    if (length > kFrameMax) return search(view, 1, Reason::kLength);
+    return judge_frame(view, length, std::min<size_t>(length, view.size - kLengthField), messages);
+}
+
+}  // namespace vestra_dump

@@ -1,0 +1,56 @@
+// record.h -- what stands at a place of a dump's payload: a frame record, or damage.
+//
+// A dump's blocks are not marked. A block may end in the middle of a frame, and any byte may be wrong; so no length is
+// believed that reaches over the beginning of another frame, and behind damage the reader goes on where one begins.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "tools/dump/messages.h"
+
+namespace vestra_dump {
+
+enum class Reason : uint8_t {
+    kNone,
+    kLength,       // a length that no frame has
+    kPayloadEnds,  // the record is longer than what is left
+    kNextInside,   // another frame begins inside: the length is wrong, or a block ended in the middle of the frame
+    kZeros,        // longer than any row of empty records
+    kOneByte,      // the rest: what is wrong with a frame whose length may be right
+    kCore,
+    kMessageType,
+    kElement,
+};
+
+// For people: "the next frame begins inside".
+const char *describe(Reason reason);
+
+struct Record {
+    enum Kind : uint8_t {
+        kEmpty,   // a length of 0: a block's end
+        kFrame,   // well-formed, or of a type that is not known and skipped by its length
+        kDamaged  // messages that are well-formed all the same are in the FrameMessages
+    } kind;
+    Reason reason;  // kDamaged
+    bool open;      // kDamaged: the damage may go on behind the record; only the beginning of a frame ends it
+    size_t size;    // bytes, length field included; never 0
+};
+
+constexpr size_t kRecordMax = trace::kLengthField + kFrameMax;
+
+// Bytes of the payload that must be in view where it goes on behind them: a record, and one that begins in it.
+constexpr size_t kRecordLookahead = 2 * kRecordMax;
+
+// Stretches of the payload. `last`: it ends with them; otherwise they are at least kRecordLookahead.
+struct View {
+    const uint8_t *at;
+    size_t size;  // above 0
+    bool last;
+};
+
+// Judges the record at the beginning of `view`. *messages gets those that count, and is emptied when there are none.
+// `searching`: what stands there goes on with open damage, and the first beginning of a frame is looked for.
+Record judge_record(const View &view, bool searching, FrameMessages *messages);
+
+}  // namespace vestra_dump

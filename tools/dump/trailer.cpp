@@ -1,0 +1,85 @@
+#include "tools/dump/trailer.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+
+namespace vestra_dump {
+namespace {
+
+constexpr std::string_view kLiteKey = "QXLiteMode=";
+constexpr size_t kBuildMax = 121, kModelMax = 32;  // bytes
+constexpr size_t kSureText = 6;                    // bytes: frames hardly ever hold so many printable ones in a row
+
+// Takes a text and the byte with its length off the end. Nothing when the length leads out of what is there.
+std::optional<std::string_view> take_text(std::string_view *end) {
+    if (end->empty()) return std::nullopt;
+    const size_t length = static_cast<uint8_t>(end->back());
+    if (length > end->size() - 1) return std::nullopt;
+    const auto text = end->substr(end->size() - 1 - length, length);
+    end->remove_suffix(length + 1);
+    return text;
+}
+
+std::optional<int> lite_mode(std::string_view text) {
+    if (text.substr(0, kLiteKey.size()) != kLiteKey) return std::nullopt;
+    text.remove_prefix(kLiteKey.size());
+    int value = 0;
+    const auto parsed = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (parsed.ec != std::errc() || parsed.ptr != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+// Whether the text can have come out of a file of lines: the model's line end is the only one.
+bool is_of_lines(std::string_view text) {
+    const size_t line_end = text.find('\n');
+    return text.find('\0') == std::string_view::npos &&
+           (line_end == std::string_view::npos || line_end == text.size() - 1);
+}
+
+bool is_printable(std::string_view text) {
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return (c >= ' ' && c <= '~') || c == '\t' || c == '\r' || c == '\n'; });
+}
+
+// Build and model text into *trailer. False when no version file can have led to it.
+bool divide(std::string_view text, Trailer *trailer) {
+    if (!is_of_lines(text)) return false;
+    // A build text ends in a '/' and may hold others; a model text has none. Without a build text there is none at all.
+    const size_t slash = text.rfind('/');
+    const size_t build = slash == std::string_view::npos ? 0 : slash;
+    std::string_view model = slash == std::string_view::npos ? text : text.substr(slash + 1);
+    if (build > kBuildMax || model.size() > kModelMax) return false;
+    const bool line_end = !model.empty() && model.back() == '\n';
+    const bool carriage_return = model.size() > 1 && model[model.size() - 2] == '\r';
+    trailer->build = text.substr(0, build);
+    trailer->build_cut = build > 0 && line_end && !carriage_return;
+    trailer->model_cut = model.size() == kModelMax && !line_end;
+    trailer->model = model.substr(0, model.find_last_not_of("\r\n") + 1);
+    return true;
+}
+
+}  // namespace
+
+std::vector<TrailerReading> read_trailer(std::string_view end_of_file) {
+    std::vector<TrailerReading> readings;
+    const auto add = [&](std::string_view rest, std::string_view text, std::optional<int> lite, bool sure) {
+        Trailer trailer;
+        if (!divide(text, &trailer)) return;
+        trailer.bytes = end_of_file.substr(rest.size());
+        trailer.lite_mode = lite;
+        readings.push_back({std::move(trailer), sure});
+    };
+    std::string_view rest = end_of_file;
+    const auto last = take_text(&rest);
+    if (!last) return readings;
+    if (const auto lite = lite_mode(*last)) {
+        std::string_view before = rest;
+        if (const auto version = take_text(&before)) add(before, *version, lite, true);
+    }
+    const bool marked = last->find('/') != std::string_view::npos || (!last->empty() && last->back() == '\n');
+    add(rest, *last, std::nullopt, last->size() >= kSureText && marked && is_printable(*last));
+    return readings;
+}
+
+}  // namespace vestra_dump
