@@ -1,5 +1,6 @@
 // What decoding costs: decode_file on a realistic stream, storing everything, beside a copy and a bare walk over the
-// varints of the same bytes. The figure to watch is decoding divided by the bare walk (at most 4).
+// varints of the same bytes. The figure to watch is decoding divided by the bare walk (at most 4). Reading the same as
+// a dump, and deriving from it what the dump tool derives, stand beside them.
 //
 // The stream: 1500 processes, each sampled once a second, eight messages a frame, blocks of 128 KiB, debug lines off.
 // Time goes on from one iteration to the next, as it does on a set; making the blocks is not timed.
@@ -15,6 +16,7 @@
 
 #include "platform/dlog.h"
 #include "set/trace/frame_writer.h"
+#include "tools/dump/summary.h"
 #include "vestra-daemon/decoder.h"
 
 namespace {
@@ -206,6 +208,38 @@ void DecodeWithoutSwap(benchmark::State &state) {
     run(state, false, decode);
 }
 
+// The whole of a dump of a hundred blocks, from memory.
+template <class Visitor, class... Arguments>
+void read_whole(benchmark::State &state, const Arguments &...arguments) {
+    Stream stream(true);
+    std::string dump;
+    int64_t messages = 0;
+    for (int i = 0; i < 10; ++i) {
+        for (const auto &block : stream.next()) dump.append(block.begin(), block.end());
+        messages += stream.messages();
+    }
+    double seconds = 0;
+    for (auto unused : state) {
+        (void)unused;
+        const double start = thread_seconds();
+        vestra_dump::MemorySource source(dump);
+        Visitor visitor(arguments...);
+        benchmark::DoNotOptimize(vestra_dump::read_dump(source, visitor));
+        const double taken = thread_seconds() - start;
+        state.SetIterationTime(taken);
+        seconds += taken;
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(dump.size()));
+    state.counters["ns/message"] = seconds * 1e9 / static_cast<double>(messages * state.iterations());
+}
+
+void ReadDump(benchmark::State &state) {
+    read_whole<vestra_dump::DumpVisitor>(state);
+}
+void ReadDumpAndDerive(benchmark::State &state) {
+    read_whole<vestra_dump::Summariser>(state, "dump", vestra_dump::DumpTime{}, size_t{10});
+}
+
 // A process that is not in the history: a pass over the whole table.
 void HistoryMiss(benchmark::State &state) {
     init_collected_data();
@@ -219,6 +253,8 @@ BENCHMARK(Copy)->UseManualTime();
 BENCHMARK(BareVarintWalk)->UseManualTime();
 BENCHMARK(DecodeAndStoreAll)->UseManualTime();
 BENCHMARK(DecodeWithoutSwap)->UseManualTime();
+BENCHMARK(ReadDump)->UseManualTime();
+BENCHMARK(ReadDumpAndDerive)->UseManualTime();
 BENCHMARK(HistoryMiss);
 
 }  // namespace

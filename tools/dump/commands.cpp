@@ -15,6 +15,31 @@ const std::vector<Command> &commands() {
          "  vestra-dump info --from -30 --top 5 DUMP     the last half minute\n"
          "  zcat DUMP.gz | vestra-dump info --json - | jq .top_cpu[0]",
          setup_info},
+        {"csv", "One table as CSV: vitals by second, samples of processes, frames, or damaged spans",
+         "examples:\n"
+         "  vestra-dump csv DUMP > vitals.csv\n"
+         "  vestra-dump csv --processes --from +60 --to +120 DUMP | grep tuner\n"
+         "  vestra-dump csv --damage DUMP",
+         setup_csv},
+        {"json", "The same tables as lines of JSON, and a last line about the dump",
+         "examples:\n"
+         "  vestra-dump json DUMP | jq 'select(.table == \"vitals\" and .cpu_total > 90)'\n"
+         "  vestra-dump json --processes DUMP > processes.ndjson",
+         setup_json},
+        {"sqlite", "All tables into a SQLite file, which may hold many dumps",
+         "A dump of a name that is there already is replaced. The views top_cpu, top_memory and seconds are there to\n"
+         "begin with.\n\n"
+         "examples:\n"
+         "  vestra-dump sqlite week.db /media/STICK/0000000000_*\n"
+         "  sqlite3 -box week.db 'SELECT * FROM top_cpu LIMIT 10'",
+         setup_sqlite},
+        {"cut", "A smaller dump of the frames in a stretch of time",
+         "Frames are kept whole when any of their messages lies in the stretch. What is damaged is left out, so that\n"
+         "without --from and --to the dump is mended. The trailer is kept.\n\n"
+         "examples:\n"
+         "  vestra-dump cut --from -60 DUMP last-minute\n"
+         "  vestra-dump cut --from 2026-11-24T22:40:00 --to 2026-11-24T22:41:00 DUMP -",
+         setup_cut},
     };
     return kCommands;
 }
@@ -69,6 +94,13 @@ int judge(const std::string &path, const DumpTotals &totals, bool notes) {
     }
     if (notes && !totals.trailer) complain(prefix + "no trailer: the dump was cut short, or never written to its end");
     return kExitDamaged;
+}
+
+int close_output(Output *out, const std::string &path, int code) {
+    std::string error;
+    if (out->close(&error)) return code;
+    complain((path == "-" ? "standard output" : printable(path)) + ": " + error);
+    return std::max<int>(code, kExitUnreadable);
 }
 
 }  // namespace vestra_dump

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/dump/dump_reader.h"
+#include "tools/dump/output.h"
 #include "tools/dump/wall_clock.h"
 
 namespace vestra_dump {
@@ -33,6 +34,10 @@ struct Command {
 const std::vector<Command> &commands();
 
 Action setup_info(CLI::App &app);
+Action setup_csv(CLI::App &app);
+Action setup_json(CLI::App &app);
+Action setup_sqlite(CLI::App &app);
+Action setup_cut(CLI::App &app);
 
 // Adds --from, --to and --epoch.
 void add_time_options(CLI::App &app, TimeOptions &options);
@@ -45,5 +50,8 @@ std::unique_ptr<FileSource> open_dump(const std::string &path, const TimeOptions
 
 // The exit code of what was read; with `notes`, a line on standard error for all that is not clean.
 int judge(const std::string &path, const DumpTotals &totals, bool notes);
+
+// Closes the output. The greater of the code and what came of it, with a complaint.
+int close_output(Output *out, const std::string &path, int code);
 
 }  // namespace vestra_dump

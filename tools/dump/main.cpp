@@ -16,6 +16,8 @@ constexpr const char *kOverview =
     "  64  wrong options or arguments\n\n"
     "examples:\n"
     "  vestra-dump info DUMP\n"
+    "  vestra-dump csv DUMP > vitals.csv\n"
+    "  vestra-dump sqlite week.db /media/STICK/0000000000_*\n"
     "  vestra-dump COMMAND --help";
 
 int run(int argc, char **argv) {

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "tools/dump/text.h"
+
 namespace vestra_dump {
 
 constexpr uint64_t kLongFile = uint64_t{16} << 20;  // bytes: shorter ones are read in no time
@@ -31,14 +33,14 @@ std::unique_ptr<FileSource> FileSource::open(const std::string &path, std::strin
     std::optional<uint64_t> size;
     if (S_ISREG(status.st_mode) && path != "-") size = static_cast<uint64_t>(status.st_size);
     if (size) posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    return std::unique_ptr<FileSource>(new FileSource(fd, path, size));
+    return std::unique_ptr<FileSource>(new FileSource(fd, printable(path), size));
 }
 
 FileSource::FileSource(int fd, std::string path, std::optional<uint64_t> size)
     : fd_(fd), path_(std::move(path)), size_(size) {}
 
 FileSource::~FileSource() {
-    if (shown_percent_ >= 0) std::fprintf(stderr, "\r\033[K");
+    end_progress();
     ::close(fd_);
 }
 
@@ -48,6 +50,7 @@ int64_t FileSource::read(uint8_t *out, size_t count) {
         if (got < 0 && errno == EINTR) continue;
         if (got > 0) done_ += static_cast<uint64_t>(got);
         if (progress_ && got > 0) report_progress();
+        if (got <= 0) end_progress();
         return got;
     }
 }
@@ -62,6 +65,11 @@ bool FileSource::is_same_file(const std::string &path) const {
     }, other{};
     return fstat(fd_, &mine) == 0 && stat(path.c_str(), &other) == 0 && S_ISREG(mine.st_mode) &&
            mine.st_dev == other.st_dev && mine.st_ino == other.st_ino;
+}
+
+void FileSource::end_progress() {
+    if (shown_percent_ >= 0) std::fprintf(stderr, "\r\033[K");
+    shown_percent_ = -1;
 }
 
 void FileSource::report_progress() {

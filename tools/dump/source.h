@@ -55,9 +55,10 @@ class FileSource : public ByteSource {
   private:
     FileSource(int fd, std::string path, std::optional<uint64_t> size);
     void report_progress();
+    void end_progress();  // nothing of it is left to see
 
     int fd_;
-    std::string path_;
+    std::string path_;  // for people
     std::optional<uint64_t> size_;
     uint64_t done_ = 0;
     bool progress_ = false;

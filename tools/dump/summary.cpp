@@ -201,7 +201,7 @@ void print(const Summary &summary, std::ostream &out) {
         if (span.messages > 0) out << "; " << counted(span.messages, "message") << " read";
         out << '\n';
     }
-    if (totals.damaged_spans > kSpansPrinted) out << "            and more\n";
+    if (totals.damaged_spans > kSpansPrinted) out << "            and more: vestra-dump csv --damage lists them all\n";
     out << "processes:  " << summary.processes << '\n';
     print_processes("most CPU time", summary, summary.by_cpu, out);
     print_processes("most memory", summary, summary.by_memory, out);

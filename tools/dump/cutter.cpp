@@ -1,0 +1,43 @@
+#include "tools/dump/cutter.h"
+
+namespace vestra_dump {
+namespace {
+
+constexpr size_t kBlockMax = 131072;  // bytes that one read of the control node asks for
+constexpr size_t kMark = trace::kLengthField;
+
+}  // namespace
+
+void Cutter::on_frame(const Frame &frame) {
+    if (frame.messages > 0) inside_ = frame.last_ns >= range_.from && frame.first_ns <= range_.to;
+    const bool all = range_.from == INT64_MIN && range_.to == INT64_MAX;
+    if (!inside_ && !all) return;
+    const size_t size = trace::kLengthField + frame.raw_size;
+    if (block_ > 0 && block_ + size + kMark > kBlockMax) end_block();
+    write_length(frame.raw_size);
+    out_.write({reinterpret_cast<const char *>(frame.raw), frame.raw_size});
+    block_ += size;
+    ++frames_;
+}
+
+void Cutter::on_empty_record(uint64_t /*offset*/) {
+    if (block_ > 0) end_block();
+}
+
+void Cutter::on_end(const DumpTotals &totals) {
+    if (block_ > 0) end_block();
+    if (totals.trailer) out_.write(totals.trailer->bytes);
+}
+
+void Cutter::end_block() {
+    write_length(0);
+    block_ = 0;
+}
+
+void Cutter::write_length(size_t length) {
+    const char bytes[] = {static_cast<char>(length), static_cast<char>(length >> 8), static_cast<char>(length >> 16),
+                          static_cast<char>(length >> 24)};
+    out_.write({bytes, sizeof(bytes)});
+}
+
+}  // namespace vestra_dump

@@ -1,0 +1,35 @@
+// cutter.h -- writes frames out again, as a dump.
+#pragma once
+
+#include <cstddef>
+
+#include "tools/dump/analysis.h"
+#include "tools/dump/output.h"
+
+namespace vestra_dump {
+
+// Writes the frames that have a message in the range, and the trailer. Frames without messages go with the frame before
+// them. The whole messages of a damaged frame become a frame; nothing else that is damaged is written. Blocks end with
+// an empty record where they did, and before they would be longer than one read of the control node.
+class Cutter : public DumpVisitor {
+  public:
+    Cutter(const TimeRange &range, Output &out) : range_(range), out_(out) {}
+
+    void on_frame(const Frame &frame) override;
+    void on_empty_record(uint64_t offset) override;
+    void on_end(const DumpTotals &totals) override;
+
+    size_t frames() const { return frames_; }  // written
+
+  private:
+    void end_block();
+    void write_length(size_t length);
+
+    TimeRange range_;
+    Output &out_;
+    bool inside_ = false;  // the last frame with messages was in the range
+    size_t block_ = 0;     // bytes since the last empty record
+    size_t frames_ = 0;
+};
+
+}  // namespace vestra_dump

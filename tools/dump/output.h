@@ -1,0 +1,45 @@
+// output.h -- bytes to a file or to standard output, in large pieces; the first failure is kept.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace vestra_dump {
+
+// One thread. What is written after a failure goes nowhere.
+class Output {
+  public:
+    // Of standard output under the name "-", else of a file, which is made or emptied. Null with the reason in *error.
+    static std::unique_ptr<Output> open(const std::string &path, std::string *error);
+    ~Output();
+    Output(const Output &) = delete;
+    Output &operator=(const Output &) = delete;
+
+    void write(std::string_view bytes) {
+        buffer_.append(bytes);
+        if (buffer_.size() >= kFull) flush();
+    }
+
+    // Writes what is left and closes. False with the reason in *error when not everything was written.
+    bool close(std::string *error);
+
+    // The buffer itself, for writers that append piece by piece; call done() when a piece is whole.
+    std::string &buffer() { return buffer_; }
+    void done() {
+        if (buffer_.size() >= kFull) flush();
+    }
+
+  private:
+    explicit Output(int fd) : fd_(fd) {}
+    void flush();
+
+    static constexpr size_t kFull = size_t{64} * 1024;  // bytes
+
+    int fd_;
+    int error_ = 0;  // errno of the first failure
+    std::string buffer_;
+};
+
+}  // namespace vestra_dump

@@ -1,0 +1,131 @@
+#include "tools/dump/tables.h"
+
+#include <cmath>
+#include <limits>
+
+#include "tools/dump/text.h"
+
+namespace vestra_dump {
+
+const Table kVitalsTable = [] {
+    Table table{"vitals", {{"second", "INTEGER"}, {"time_ns", "INTEGER"}}};
+    for (const char *name : kVitalNames) table.columns.push_back({name, "REAL"});
+    return table;
+}();
+
+const Table kProcessesTable = {"processes",
+                               {{"time_ns", "INTEGER"},
+                                {"pid", "INTEGER"},
+                                {"parent", "INTEGER"},
+                                {"name", "TEXT"},
+                                {"core", "INTEGER"},
+                                {"cpu_total", "REAL"},
+                                {"cpu_user", "REAL"},
+                                {"cpu_system", "REAL"},
+                                {"user_ticks", "INTEGER"},
+                                {"system_ticks", "INTEGER"},
+                                {"rss_kib", "INTEGER"},
+                                {"swap_kib", "INTEGER"},
+                                {"read_kib", "INTEGER"},
+                                {"written_kib", "INTEGER"},
+                                {"listed", "INTEGER"}}};
+
+const Table kFramesTable = {"frames",
+                            {{"offset", "INTEGER"},
+                             {"bytes", "INTEGER"},
+                             {"type", "INTEGER"},
+                             {"core", "INTEGER"},
+                             {"messages", "INTEGER"},
+                             {"first_ns", "INTEGER"},
+                             {"last_ns", "INTEGER"},
+                             {"whole", "INTEGER"}}};
+
+const Table kDamageTable = {"damage",
+                            {{"offset", "INTEGER"}, {"bytes", "INTEGER"}, {"reason", "TEXT"}, {"messages", "INTEGER"}}};
+
+Value Value::of_unsigned(uint64_t value) {
+    constexpr auto kGreatest = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+    return of(static_cast<int64_t>(value < kGreatest ? value : kGreatest));
+}
+
+Value Value::of(double value) {
+    if (!std::isfinite(value)) return {};
+    return {kReal, 0, value, {}};
+}
+
+void fill_row(const Second &second, Row *row) {
+    *row = {Value::of(second.second), Value::of(second.time_ns)};
+    for (size_t type = 0; type < second.vital.size(); ++type) {
+        row->push_back(second.knows(type) ? Value::of(second.vital[type]) : Value{});
+    }
+}
+
+void fill_row(const SwitchSample &sample, const Usage &usage, std::string *name, Row *row) {
+    name->clear();
+    append_printable(sample.name, name);
+    const auto percent = [&usage](double value) { return usage.known ? Value::of(value) : Value{}; };
+    *row = {Value::of(sample.time_ns),
+            Value::of(int64_t{sample.pid}),
+            Value::of(int64_t{sample.parent}),
+            Value::of(std::string_view(*name)),
+            Value::of(int64_t{sample.core}),
+            percent(usage.total),
+            percent(usage.user),
+            percent(usage.system),
+            Value::of(sample.cpu_user),
+            Value::of(sample.cpu_system),
+            Value::of_unsigned(sample.rss),
+            Value::of_unsigned(sample.swap),
+            Value::of_unsigned(sample.read_kib),
+            Value::of_unsigned(sample.written_kib),
+            Value::of(int64_t{sample.accounted ? 1 : 0})};
+}
+
+void fill_row(const Frame &frame, Row *row) {
+    const bool timed = frame.messages > 0;
+    *row = {Value::of_unsigned(frame.offset),
+            Value::of_unsigned(frame.bytes),
+            Value::of(int64_t{frame.type}),
+            Value::of(int64_t{frame.core}),
+            Value::of_unsigned(frame.messages),
+            timed ? Value::of(frame.first_ns) : Value{},
+            timed ? Value::of(frame.last_ns) : Value{},
+            Value::of(int64_t{frame.whole ? 1 : 0})};
+}
+
+void fill_row(const DamagedSpan &span, Row *row) {
+    *row = {Value::of_unsigned(span.offset), Value::of_unsigned(span.bytes),
+            Value::of(std::string_view(describe(span.reason))), Value::of_unsigned(span.messages)};
+}
+
+RowMaker::RowMaker(std::string path, const DumpTime &time, size_t top, const Wanted &wanted, RowSink &sink)
+    : Summariser(std::move(path), time, top), range_(time.range), wanted_(wanted), sink_(sink) {}
+
+void RowMaker::on_second(const Second &second) {
+    if (!wanted_.vitals) return;
+    fill_row(second, &row_);
+    sink_.add(kVitalsTable, row_);
+}
+
+void RowMaker::on_process(const SwitchSample &sample, const Usage &usage) {
+    Summariser::on_process(sample, usage);
+    if (!wanted_.processes) return;
+    fill_row(sample, usage, &name_, &row_);
+    sink_.add(kProcessesTable, row_);
+}
+
+void RowMaker::on_frame(const Frame &frame) {
+    const bool outside = frame.messages > 0 && (frame.last_ns < range_.from || frame.first_ns > range_.to);
+    if (!wanted_.frames || outside) return;
+    fill_row(frame, &row_);
+    sink_.add(kFramesTable, row_);
+}
+
+void RowMaker::on_damage(const DamagedSpan &span) {
+    Summariser::on_damage(span);
+    if (!wanted_.damage) return;
+    fill_row(span, &row_);
+    sink_.add(kDamageTable, row_);
+}
+
+}  // namespace vestra_dump
