@@ -8,33 +8,15 @@
 namespace vestra_dump {
 namespace {
 
-struct Typed {
-    std::string path, output = "-";
-    TimeOptions time;
+struct Typed : FileToFile {
     Wanted wanted;
 };
 
-// Opens what is read and what is written, lets `work` do it, and closes.
-template <class Work>
-int with_files(const Typed &typed, Work work) {
-    DumpTime time;
-    int code = kExitClean;
-    const auto file = open_dump(typed.path, typed.time, &time, &code);
-    if (file == nullptr) return code;
+// Rows are written while the dump is read.
+void warn_of_unknown_epoch(const Typed &typed, const DumpTime &time) {
     if (time.written && !time.epoch_ns && !typed.time.epoch.empty()) {
         complain("--epoch is of no use here: the newest sample is not known in advance, so rows are without wall_time");
     }
-    if (typed.output != "-" && file->is_same_file(typed.output)) {
-        complain("the output is the dump itself");
-        return kExitUsage;
-    }
-    std::string error;
-    const auto out = Output::open(typed.output, &error);
-    if (out == nullptr) {
-        complain(typed.output + ": " + error);
-        return kExitUnreadable;
-    }
-    return close_output(out.get(), typed.output, work(*file, time, *out));
 }
 
 const Table &wanted_table(const Wanted &wanted) {
@@ -46,6 +28,7 @@ const Table &wanted_table(const Wanted &wanted) {
 int csv(Typed typed) {
     if (!typed.wanted.any()) typed.wanted.vitals = true;
     return with_files(typed, [&](FileSource &file, const DumpTime &time, Output &out) {
+        warn_of_unknown_epoch(typed, time);
         CsvWriter writer(wanted_table(typed.wanted), time, out);
         RowMaker maker(typed.path, time, 0, typed.wanted, writer);
         return judge(typed.path, read_dump(file, maker), true);
@@ -55,6 +38,7 @@ int csv(Typed typed) {
 int json(Typed typed) {
     if (!typed.wanted.any()) typed.wanted.vitals = typed.wanted.damage = true;
     return with_files(typed, [&](FileSource &file, const DumpTime &time, Output &out) {
+        warn_of_unknown_epoch(typed, time);
         JsonWriter writer(time, out);
         RowMaker maker(typed.path, time, 10, typed.wanted, writer);
         const DumpTotals totals = read_dump(file, maker);
@@ -63,14 +47,6 @@ int json(Typed typed) {
         out.write(last.dump() + "\n");
         return judge(typed.path, totals, true);
     });
-}
-
-std::shared_ptr<Typed> add_options(CLI::App &app) {
-    auto typed = std::make_shared<Typed>();
-    app.add_option("file", typed->path, "The dump; - is standard input")->required()->type_name("FILE");
-    add_time_options(app, typed->time);
-    app.add_option("-o,--output", typed->output, "Write there instead of to standard output")->type_name("FILE");
-    return typed;
 }
 
 void add_tables(CLI::App &app, Wanted *wanted, bool one) {
@@ -85,13 +61,15 @@ void add_tables(CLI::App &app, Wanted *wanted, bool one) {
 }  // namespace
 
 Action setup_csv(CLI::App &app) {
-    auto typed = add_options(app);
+    auto typed = std::make_shared<Typed>();
+    add_file_options(app, typed.get());
     add_tables(app, &typed->wanted, true);
     return [typed] { return csv(*typed); };
 }
 
 Action setup_json(CLI::App &app) {
-    auto typed = add_options(app);
+    auto typed = std::make_shared<Typed>();
+    add_file_options(app, typed.get());
     add_tables(app, &typed->wanted, false);
     return [typed] { return json(*typed); };
 }

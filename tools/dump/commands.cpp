@@ -33,6 +33,12 @@ const std::vector<Command> &commands() {
          "  vestra-dump sqlite week.db /media/STICK/0000000000_*\n"
          "  sqlite3 -box week.db 'SELECT * FROM top_cpu LIMIT 10'",
          setup_sqlite},
+        {"perfetto", "A trace for ui.perfetto.dev: counters for the vitals and for every process",
+         "Times are the stream's. A counter holds its figure until the next one: gaps do not show.\n\n"
+         "examples:\n"
+         "  vestra-dump perfetto DUMP -o dump.json     then open it in ui.perfetto.dev or chrome://tracing\n"
+         "  vestra-dump perfetto --from -60 DUMP | gzip > last-minute.json.gz",
+         setup_perfetto},
         {"cut", "A smaller dump of the frames in a stretch of time",
          "Frames are kept whole when any of their messages lies in the stretch. What is damaged is left out, so that\n"
          "without --from and --to the dump is mended. The trailer is kept.\n\n"
@@ -56,6 +62,12 @@ void add_time_options(CLI::App &app, TimeOptions &options) {
         ->type_name("TIME");
 }
 
+void add_file_options(CLI::App &app, FileToFile *typed) {
+    app.add_option("file", typed->path, "The dump; - is standard input")->required()->type_name("FILE");
+    add_time_options(app, typed->time);
+    app.add_option("-o,--output", typed->output, "Write there instead of to standard output")->type_name("FILE");
+}
+
 void complain(const std::string &text) {
     std::cerr << "vestra-dump: " << text << std::endl;
 }
@@ -75,6 +87,24 @@ std::unique_ptr<FileSource> open_dump(const std::string &path, const TimeOptions
     }
     file->show_progress(true);
     return file;
+}
+
+int with_files(const FileToFile &typed, const std::function<int(FileSource &, const DumpTime &, Output &)> &work) {
+    DumpTime time;
+    int code = kExitClean;
+    const auto file = open_dump(typed.path, typed.time, &time, &code);
+    if (file == nullptr) return code;
+    if (typed.output != "-" && file->is_same_file(typed.output)) {
+        complain("the output is the dump itself");
+        return kExitUsage;
+    }
+    std::string error;
+    const auto out = Output::open(typed.output, &error);
+    if (out == nullptr) {
+        complain(printable(typed.output) + ": " + error);
+        return kExitUnreadable;
+    }
+    return close_output(out.get(), typed.output, work(*file, time, *out));
 }
 
 int judge(const std::string &path, const DumpTotals &totals, bool notes) {

@@ -37,16 +37,29 @@ Action setup_info(CLI::App &app);
 Action setup_csv(CLI::App &app);
 Action setup_json(CLI::App &app);
 Action setup_sqlite(CLI::App &app);
+Action setup_perfetto(CLI::App &app);
 Action setup_cut(CLI::App &app);
 
 // Adds --from, --to and --epoch.
 void add_time_options(CLI::App &app, TimeOptions &options);
+
+// What was typed for a command that makes one file of one dump.
+struct FileToFile {
+    std::string path, output = "-";
+    TimeOptions time;
+};
+
+// Adds the dump, the options of time, and --output.
+void add_file_options(CLI::App &app, FileToFile *typed);
 
 // "vestra-dump: TEXT" on standard error.
 void complain(const std::string &text);
 
 // A dump to be read, with its times resolved. Null with a complaint and the exit code in *code.
 std::unique_ptr<FileSource> open_dump(const std::string &path, const TimeOptions &options, DumpTime *time, int *code);
+
+// Opens what is read and what is written, lets `work` do it, and closes. The exit code; `work` returns its own.
+int with_files(const FileToFile &typed, const std::function<int(FileSource &, const DumpTime &, Output &)> &work);
 
 // The exit code of what was read; with `notes`, a line on standard error for all that is not clean.
 int judge(const std::string &path, const DumpTotals &totals, bool notes);

@@ -1,0 +1,105 @@
+// What the dump tool makes for people to look at: traces for a viewer.
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+#include "gmock/gmock.h"
+#include "hostile_dump.h"
+#include "tools/dump/text.h"
+#include "tools/dump/vital_labels.h"
+#include "tools/dump/vitals.h"
+
+using namespace vestra_dump;
+using nlohmann::json;
+
+namespace {
+
+std::string run(const std::string &arguments, int wanted_code) {
+    FILE *pipe = popen((VESTRA_DUMP_PROGRAM " " + arguments + " 2>/dev/null").c_str(), "r");
+    std::string out;
+    char buffer[4096];
+    for (size_t got = 0; (got = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) out.append(buffer, got);
+    EXPECT_EQ(WEXITSTATUS(pclose(pipe)), wanted_code) << arguments;
+    return out;
+}
+
+struct DumpReport : testing::Test {
+    void SetUp() override { std::ofstream(dump, std::ios::binary) << dump_test::hostile_dump(); }
+
+    // Rows of a table, as the json command tells them.
+    std::vector<json> rows(const std::string &table) const {
+        std::vector<json> found;
+        std::istringstream lines(run("json --vitals --processes " + dump, 1));
+        for (std::string line; std::getline(lines, line);) {
+            found.push_back(json::parse(line));
+            if (found.back()["table"] != table) found.pop_back();
+        }
+        return found;
+    }
+
+    const std::string dump = "/tmp/0000000000_7_hostile_1795560058";
+};
+
+TEST_F(DumpReport, TraceHoldsEveryFigureOnItsTrack) {
+    const json trace = json::parse(run("perfetto " + dump, 1));  // throws for what is not UTF-8
+    std::map<int64_t, std::string> processes;                    // by track
+    std::map<std::string, std::map<double, double>> counters;    // "track name", by time
+    size_t damage = 0;
+    for (const json &event : trace["traceEvents"]) {
+        ASSERT_TRUE(event["pid"].is_number_unsigned() && event["tid"].is_number_unsigned()) << event;
+        ASSERT_TRUE(event["ts"].is_number() && event["name"].is_string() && event["args"].is_object()) << event;
+        const auto track = event["pid"].get<int64_t>();
+        const std::string phase = event["ph"], name = event["name"];
+        if (phase == "C") {
+            ASSERT_EQ(event["args"].size(), 1U);
+            ASSERT_TRUE(processes.count(track) > 0) << "a figure of a track without a name";
+            counters[std::to_string(track) + " " + name][event["ts"]] = event["args"].front();
+        } else if (phase == "i") {
+            ++damage;
+            EXPECT_DOUBLE_EQ(event["ts"], 639e6 + 0.009);
+            EXPECT_EQ(event["args"]["bytes"], 99);
+        } else {
+            ASSERT_EQ(phase, "M");
+            const bool first = name != "process_name" || processes.emplace(track, event["args"]["name"]).second;
+            EXPECT_TRUE(first) << "a track is named twice: " << event;
+        }
+    }
+    EXPECT_EQ(damage, trace["otherData"]["damaged_spans"]);
+    std::string vitals;
+    std::set<std::string> names, wanted;
+    for (const auto &[track, name] : processes) {
+        if (name == "Vitals of the set") vitals = std::to_string(track) + " ";
+        names.insert(name);
+    }
+    for (const std::string &name : dump_test::kHostileNames) wanted.insert(printable(name));
+    wanted.erase(printable(dump_test::kHostileNames.back()));
+    wanted.insert(printable(dump_test::kHostileNames.back()) + " (process 100)");
+    wanted.insert("Vitals of the set");
+    EXPECT_EQ(names, wanted);
+    size_t figures = 0;
+    for (const json &row : rows("vitals")) {
+        for (size_t type = 0; type < kVitalCount; ++type) {
+            if (!row.contains(kVitalNames[type])) continue;
+            ++figures;
+            const auto &counter = counters[vitals + kVitalLabels[type].name];
+            const auto found = counter.find(row["time_ns"].get<double>() / 1000);
+            ASSERT_TRUE(found != counter.end()) << row << kVitalNames[type];
+            EXPECT_EQ(found->second, row[kVitalNames[type]]);
+        }
+    }
+    EXPECT_GT(figures, 50U * 12);
+    std::map<int, json> last;
+    for (const json &row : rows("processes")) last[row["pid"]] = row;
+    for (int pid = 101; pid <= 104; ++pid) {
+        EXPECT_EQ(counters[std::to_string(pid) + " Resident memory"].rbegin()->second, last[pid]["rss_kib"]);
+        EXPECT_EQ(counters[std::to_string(pid) + " CPU"].rbegin()->second, last[pid]["cpu_total"]);
+    }
+}
+
+}  // namespace

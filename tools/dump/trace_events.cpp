@@ -1,0 +1,152 @@
+#include "tools/dump/trace_events.h"
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "tools/dump/tables.h"
+#include "tools/dump/text.h"
+#include "tools/dump/vital_labels.h"
+
+namespace vestra_dump {
+namespace {
+
+constexpr int64_t kBeyondIds = 1 << 22;  // no kernel gives a process this id
+
+template <class Number>
+void append_number(Number number, std::string *out) {
+    std::array<char, 32> digits;
+    const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), number);
+    out->append(digits.data(), result.ptr);
+}
+
+}  // namespace
+
+TraceEvents::TraceEvents(std::string path, const DumpTime &time, size_t top, Output &out)
+    : Summariser(std::move(path), time, top),
+      range_(time.range),
+      out_(out),
+      vitals_(kBeyondIds),
+      next_number_(kBeyondIds + 1) {
+    out_.buffer() += "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[\n";
+    out_.buffer() += R"({"ph":"M","name":"process_sort_index","pid":)";
+    append_number(vitals_, &out_.buffer());
+    out_.buffer() += R"(,"tid":0,"ts":0,"args":{"sort_index":-1}})";
+    name_track(vitals_, "process_name", "Vitals of the set");
+    name_track(vitals_, "thread_name", "Damaged spans");
+}
+
+void TraceEvents::begin_event(const char *phase, std::string_view name, int64_t track) {
+    std::string &text = out_.buffer();
+    text.append(",\n{\"ph\":\"").append(phase).append("\",\"name\":\"").append(name).append("\",\"pid\":");
+    append_number(track, &text);
+    text.append(",\"tid\":");
+    append_number(track, &text);
+}
+
+// Microseconds, to the nanosecond.
+void TraceEvents::add_time(int64_t time_ns) {
+    std::array<char, 40> text;
+    const int size = std::snprintf(text.data(), text.size(), ",\"ts\":%lld.%03d",
+                                   static_cast<long long>(time_ns / 1000), static_cast<int>(time_ns % 1000));
+    out_.buffer().append(text.data(), static_cast<size_t>(size));
+}
+
+std::string &TraceEvents::end_event() {
+    out_.buffer().append("}}");
+    out_.done();
+    return out_.buffer();
+}
+
+void TraceEvents::name_track(int64_t track, const char *what, const std::string &name) {
+    begin_event("M", what, track);
+    out_.buffer().append(",\"ts\":0,\"args\":{\"name\":").append(nlohmann::json(name).dump());
+    end_event();
+}
+
+template <class Number>
+void TraceEvents::count(int64_t track, int64_t time_ns, std::string_view name, std::string_view unit, Number figure) {
+    begin_event("C", name, track);
+    add_time(time_ns);
+    std::string &text = out_.buffer();
+    text.append(",\"args\":{\"").append(unit).append("\":");
+    append_number(figure, &text);
+    end_event();
+}
+
+void TraceEvents::on_second(const Second &second) {
+    for (size_t type = 0; type < kVitalCount; ++type) {
+        const double figure = second.vital[type];
+        if (!second.knows(type) || !std::isfinite(figure)) continue;
+        count(vitals_, second.time_ns, kVitalLabels[type].name, kVitalLabels[type].unit, figure);
+    }
+}
+
+// A process id that comes with another name is another process, and must not rename the track of the one before.
+TraceEvents::Track &TraceEvents::track_of(const SwitchSample &sample) {
+    const auto found = tracks_.find(sample.pid);
+    const bool known = found != tracks_.end();
+    if (known && found->second.name == sample.name) return found->second;
+    if (!known && tracks_.size() >= kProcessesKept) {
+        tracks_.clear();
+        numbers_only_ = true;
+    }
+    const bool own_id = !known && !numbers_only_ && sample.pid > 0 && sample.pid < kBeyondIds;
+    Track &track = tracks_[sample.pid];
+    track = {own_id ? sample.pid : next_number_++, std::string(sample.name), -1, 0, 0};
+    std::string name = printable(sample.name);
+    if (!own_id) name.append(" (process ").append(std::to_string(sample.pid)).append(")");
+    name_track(track.number, "process_name", name);
+    return track;
+}
+
+// A figure that is as it was needs no event: most of a long dump's would be such.
+void TraceEvents::on_process(const SwitchSample &sample, const Usage &usage) {
+    Summariser::on_process(sample, usage);
+    Track &track = track_of(sample);
+    const auto write = [&](auto *last, auto figure, const char *name, const char *unit) {
+        if (*last == figure) return;
+        *last = figure;
+        count(track.number, sample.time_ns, name, unit, figure);
+    };
+    if (usage.known && std::isfinite(usage.total)) write(&track.percent, usage.total, "CPU", "%");
+    write(&track.rss, Value::of_unsigned(sample.rss).integer, "Resident memory", "KiB");
+    write(&track.swap, Value::of_unsigned(sample.swap).integer, "Swapped out", "KiB");
+}
+
+// Damage has no time of its own: it stands behind the sample before it, or with the first one.
+void TraceEvents::on_time(int64_t time_ns) {
+    Summariser::on_time(time_ns);
+    if (last_ns_ < 0) {
+        for (const DamagedSpan &span : summary().spans) mark(span, time_ns);
+    }
+    last_ns_ = time_ns;
+}
+
+void TraceEvents::on_damage(const DamagedSpan &span) {
+    Summariser::on_damage(span);
+    if (last_ns_ >= 0) mark(span, last_ns_);
+}
+
+void TraceEvents::mark(const DamagedSpan &span, int64_t time_ns) {
+    if (!range_.holds(time_ns)) return;
+    begin_event("i", "Damage", vitals_);
+    add_time(time_ns);
+    std::string &text = out_.buffer();
+    text.append(",\"s\":\"t\",\"args\":{\"reason\":\"").append(describe(span.reason)).append("\",\"offset\":");
+    append_number(span.offset, &text);
+    text.append(",\"bytes\":");
+    append_number(span.bytes, &text);
+    text.append(",\"messages\":");
+    append_number(span.messages, &text);
+    end_event();
+}
+
+void TraceEvents::on_end(const DumpTotals &totals) {
+    Summariser::on_end(totals);
+    out_.write("\n],\"otherData\":" + to_json(summary()).dump() + "}\n");
+}
+
+}  // namespace vestra_dump
