@@ -1,4 +1,4 @@
-// What the dump tool makes for people to look at: traces for a viewer.
+// What the dump tool makes for people to look at: traces for a viewer, and reports.
 
 #include <sys/wait.h>
 
@@ -11,6 +11,8 @@
 
 #include "gmock/gmock.h"
 #include "hostile_dump.h"
+#include "tools/dump/report_html.h"
+#include "tools/dump/report_series.h"
 #include "tools/dump/text.h"
 #include "tools/dump/vital_labels.h"
 #include "tools/dump/vitals.h"
@@ -100,6 +102,68 @@ TEST_F(DumpReport, TraceHoldsEveryFigureOnItsTrack) {
         EXPECT_EQ(counters[std::to_string(pid) + " Resident memory"].rbegin()->second, last[pid]["rss_kib"]);
         EXPECT_EQ(counters[std::to_string(pid) + " CPU"].rbegin()->second, last[pid]["cpu_total"]);
     }
+}
+
+TEST_F(DumpReport, PageHoldsNamesAsTextAndTheVitalsAsTheyAre) {
+    const std::string page = run("report " + dump, 1);
+    for (const std::string &name : dump_test::kHostileNames) {
+        const std::string text = printable(name);
+        EXPECT_TRUE(html(text) == text || page.find(text) == std::string::npos) << name;
+        EXPECT_NE(page.find("<bdi>" + html(text) + "</bdi>"), std::string::npos) << name;
+    }
+    EXPECT_NE(page.find("&lt;i&gt;model"), std::string::npos);
+    EXPECT_EQ(page.find("<i>"), std::string::npos);
+    EXPECT_EQ(script_json("</script><!--\xe2\x80\xa8\xe2\x80\xa9\xe2\x80\xaa&"),
+              "\\u003c/script\\u003e\\u003c!--\\u2028\\u2029\xe2\x80\xaa\\u0026");
+    const std::string begin = "id=\"data\">";
+    const size_t at = page.find(begin) + begin.size();
+    const json data = json::parse(page.substr(at, page.find("</script>", at) - at));
+    EXPECT_EQ(data["damage"], json::parse("[[639.000000009, 640.0]]"));
+    std::map<int64_t, json> drawn;
+    for (const json &row : data["rows"]) drawn[row[0].get<int64_t>()] = row;
+    EXPECT_EQ(drawn.size(), 51U) << "50 seconds, and one for the gap";
+    EXPECT_TRUE(drawn[620][1].is_null()) << "a gap stays one";
+    for (const json &row : rows("vitals")) {
+        for (size_t type = 0; type < kVitalCount; ++type) {
+            const json figure = drawn[row["second"]].at(type + 1);
+            ASSERT_EQ(figure.is_null(), !row.contains(kVitalNames[type])) << row;
+            if (figure.is_null()) continue;
+            EXPECT_NEAR(figure, row[kVitalNames[type]], 1e-5 * (1 + figure.get<double>()));
+        }
+    }
+}
+
+TEST(VitalSeries, KeepsExtremesAndGapsOfAnyLength) {
+    VitalSeries series;
+    const int64_t seconds = 100'000;
+    for (int64_t at = 0; at < seconds; ++at) {
+        if (at >= 40'000 && at < 50'000) continue;
+        Second second = {at, at, true, false, false, {}};
+        second.vital[0] = at == 77'777 ? 9000 : at == 12'345 ? -5 : static_cast<double>(at % 100);
+        series.add(second);
+    }
+    Second leap = {INT64_MAX / 2'000'000'000, 0, true, false, false, {}};
+    series.add(leap);
+    const json rows = series.rows();
+    EXPECT_LE(rows.size(), 2 * VitalSeries::kBucketsMost + 2);
+    EXPECT_GE(rows.size(), VitalSeries::kBucketsMost);
+    double least = 0, greatest = 0, before = -1;
+    size_t empty = 0;
+    for (const json &row : rows) {
+        EXPECT_GT(row[0], before);
+        before = row[0];
+        EXPECT_TRUE(row[3].is_null()) << "never known";
+        if (row[1].is_null()) {
+            ++empty;
+            continue;
+        }
+        least = std::min(least, row[1].get<double>());
+        greatest = std::max(greatest, row[1].get<double>());
+    }
+    EXPECT_EQ(least, -5);
+    EXPECT_EQ(greatest, 9000);
+    EXPECT_EQ(empty, 2U);
+    EXPECT_EQ(series.figures()[0].seconds, 90'001U);
 }
 
 }  // namespace

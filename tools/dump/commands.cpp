@@ -39,6 +39,12 @@ const std::vector<Command> &commands() {
          "  vestra-dump perfetto DUMP -o dump.json     then open it in ui.perfetto.dev or chrome://tracing\n"
          "  vestra-dump perfetto --from -60 DUMP | gzip > last-minute.json.gz",
          setup_perfetto},
+        {"report", "A page for the browser: plots of all vitals, the processes that stand out, damage",
+         "One HTML file that needs nothing beside it, and no network.\n\n"
+         "examples:\n"
+         "  vestra-dump report DUMP -o report.html\n"
+         "  vestra-dump report --from -60 --top 20 DUMP > last-minute.html",
+         setup_report},
         {"cut", "A smaller dump of the frames in a stretch of time",
          "Frames are kept whole when any of their messages lies in the stretch. What is damaged is left out, so that\n"
          "without --from and --to the dump is mended. The trailer is kept.\n\n"

@@ -38,6 +38,7 @@ Action setup_csv(CLI::App &app);
 Action setup_json(CLI::App &app);
 Action setup_sqlite(CLI::App &app);
 Action setup_perfetto(CLI::App &app);
+Action setup_report(CLI::App &app);
 Action setup_cut(CLI::App &app);
 
 // Adds --from, --to and --epoch.

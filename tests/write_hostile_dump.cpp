@@ -1,0 +1,10 @@
+// Writes the hostile dump to standard output, for tests that are scripts.
+
+#include <iostream>
+
+#include "hostile_dump.h"
+
+int main() {
+    std::cout << dump_test::hostile_dump() << std::flush;
+    return std::cout ? 0 : 1;
+}

@@ -1,0 +1,219 @@
+#include "tools/dump/report.h"
+
+#include <array>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "tools/dump/report_html.h"
+#include "tools/dump/report_page.h"
+#include "tools/dump/text.h"
+#include "tools/dump/vital_labels.h"
+
+namespace vestra_dump {
+namespace {
+
+using nlohmann::json;
+
+constexpr size_t kSpansListed = 100;
+
+double to_seconds(int64_t ns) {
+    return static_cast<double>(ns) / trace::kNsPerSecond;
+}
+
+std::string fixed(double value, int decimals) {
+    std::array<char, 352> text{};  // of the greatest double
+    const int size = std::snprintf(text.data(), text.size(), "%.*f", decimals, value);
+    return {text.data(), static_cast<size_t>(size)};
+}
+
+std::string file_name(const Summary &summary) {
+    const std::string &path = summary.path;
+    return printable(path == "-" ? "standard input" : path.substr(path.rfind('/') + 1));
+}
+
+std::string verdict(const DumpTotals &totals) {
+    if (totals.is_clean()) return "Clean: every byte was read.";
+    std::string text;
+    if (totals.damaged_spans > 0) {
+        text = std::to_string(totals.damaged_bytes) + " bytes are damaged, in " + std::to_string(totals.damaged_spans) +
+               (totals.damaged_spans == 1 ? " place." : " places.");
+    }
+    if (!totals.trailer) {
+        text += text.empty() ? "" : " ";
+        text += "No trailer: the dump was cut short, or never written to its end.";
+    }
+    return text;
+}
+
+uint64_t frames_of(const DumpTotals &totals, int type) {
+    const auto found = totals.frames.find(type);
+    return found == totals.frames.end() ? 0 : found->second;
+}
+
+std::string summary_list(const Summary &summary) {
+    const DumpTotals &totals = summary.totals;
+    std::string list = "<dl id=\"facts\">\n";
+    const auto add = [&list](const char *term, const std::string &text) {
+        list.append("<div><dt>").append(term).append("</dt><dd><bdi>").append(html(text)).append("</bdi></dd></div>\n");
+    };
+    if (totals.trailer) {
+        const Trailer &trailer = *totals.trailer;
+        add("Build", printable(trailer.build) + (trailer.build_cut ? " (its last character is lost)" : ""));
+        add("Model", printable(trailer.model) + (trailer.model_cut ? " (cut at 32 bytes)" : ""));
+        if (trailer.lite_mode) add("Lite mode", std::to_string(*trailer.lite_mode));
+    }
+    if (summary.first_ns) {
+        const std::string from = summary.time.wall_time(*summary.first_ns);
+        const std::string to = summary.time.wall_time(*summary.last_ns);
+        if (!from.empty() && !to.empty()) {
+            add("From", from);
+            add("To", to);
+        }
+        add("Time of the stream",
+            fixed(to_seconds(*summary.first_ns), 3) + " to " + fixed(to_seconds(*summary.last_ns), 3) + " s");
+        add("Length", fixed(summary.seconds(), 1) + " s");
+    }
+    const uint64_t switches = frames_of(totals, trace::kSwitchFrame), memory = frames_of(totals, trace::kMeminfoFrame);
+    uint64_t all = 0;
+    for (const auto &[type, count] : totals.frames) all += count;
+    add("Bytes", std::to_string(totals.bytes));
+    add("Payload bytes", std::to_string(totals.payload_bytes));
+    add("Switch frames", std::to_string(switches));
+    add("CPU and memory frames", std::to_string(memory));
+    if (all > switches + memory) add("Frames of other types", std::to_string(all - switches - memory));
+    add("Messages", std::to_string(totals.messages));
+    add("Ends of blocks", std::to_string(totals.empty_records));
+    if (summary.astray > 0) add("Samples left out for their time stamps", std::to_string(summary.astray));
+    add("Damaged spans", std::to_string(totals.damaged_spans));
+    add("Damaged bytes", std::to_string(totals.damaged_bytes));
+    add("Processes", std::to_string(summary.processes));
+    return list + "</dl>\n";
+}
+
+// The columns of info, in its order and with its decimals.
+void append_processes(const char *id, const char *caption, const Summary &summary,
+                      const std::vector<ProcessTotal> &processes, std::string *out) {
+    std::vector<std::vector<std::string>> rows;
+    for (const ProcessTotal &process : processes) {
+        rows.push_back({std::to_string(process.pid), fixed(process.cpu_ticks / trace::kTicksPerSecond, 2),
+                        fixed(summary.average_percent(process), 2), fixed(process.peak_percent, 2),
+                        std::to_string(process.peak_rss), std::to_string(process.peak_swap), printable(process.name)});
+    }
+    append_table(id, caption,
+                 {{"Process", true},
+                  {"CPU seconds", true},
+                  {"CPU %", true},
+                  {"Peak %", true},
+                  {"Peak KiB", true},
+                  {"Swap KiB", true},
+                  {"Name", false}},
+                 rows, out);
+}
+
+void append_vitals(const VitalSeries &series, std::string *out) {
+    std::vector<std::vector<std::string>> rows;
+    for (size_t type = 0; type < kVitalCount; ++type) {
+        const VitalSeries::Figures &all = series.figures()[type];
+        const auto figure = [&all](double value) { return all.seconds > 0 ? fixed(value, 1) : std::string("-"); };
+        rows.push_back({figure(all.least), figure(all.sum / static_cast<double>(all.seconds)), figure(all.greatest),
+                        std::to_string(all.seconds),
+                        std::string(kVitalLabels[type].name) + ", " + kVitalLabels[type].unit});
+    }
+    append_table("vitals", "The vitals over all seconds in which they are known",
+                 {{"Least", true}, {"Average", true}, {"Greatest", true}, {"Seconds known", true}, {"Vital", false}},
+                 rows, out);
+}
+
+std::string moment(const std::optional<int64_t> &time_ns, const char *otherwise) {
+    return time_ns ? fixed(to_seconds(*time_ns), 3) : otherwise;
+}
+
+void append_damage(const Report &report, std::string *out) {
+    const Summary &summary = report.summary();
+    if (summary.spans.empty()) {
+        out->append("<p>None.</p>\n");
+        return;
+    }
+    std::vector<std::vector<std::string>> rows;
+    for (size_t i = 0; i < summary.spans.size() && i < kSpansListed; ++i) {
+        const DamagedSpan &span = summary.spans[i];
+        const DamageMark &mark = report.marks()[i];
+        rows.push_back({std::to_string(span.offset), std::to_string(span.bytes), std::to_string(span.messages),
+                        moment(mark.before_ns, "begin"), moment(mark.after_ns, "end"), describe(span.reason)});
+    }
+    append_table("damage", "Damaged spans: where in the file, and the samples of the stream around them",
+                 {{"Offset", true},
+                  {"Bytes", true},
+                  {"Messages read", true},
+                  {"After second", true},
+                  {"Before second", true},
+                  {"Reason", false}},
+                 rows, out);
+    if (summary.totals.damaged_spans > rows.size()) {
+        out->append("<p>").append(std::to_string(summary.totals.damaged_spans - rows.size()));
+        out->append(" more: <code>vestra-dump csv --damage</code> lists them all.</p>\n");
+    }
+}
+
+std::string plot_data(const Report &report) {
+    const Summary &summary = report.summary();
+    json data = {{"width", report.series().width()}, {"rows", report.series().rows()}, {"epoch_ms", nullptr}};
+    const bool on_the_wall = summary.first_ns && !summary.time.wall_time(*summary.first_ns).empty();
+    if (on_the_wall) data["epoch_ms"] = static_cast<double>(*summary.time.epoch_ns) / 1e6;
+    for (const VitalLabel &label : kVitalLabels) data["names"].push_back(label.name);
+    data["damage"] = json::array();
+    const auto second = [](const std::optional<int64_t> &time_ns) {
+        return time_ns ? json(to_seconds(*time_ns)) : json(nullptr);
+    };
+    for (const DamageMark &mark : report.marks()) {
+        data["damage"].push_back({second(mark.before_ns), second(mark.after_ns)});
+    }
+    return script_json(data.dump());
+}
+
+}  // namespace
+
+void Report::on_time(int64_t time_ns) {
+    Summariser::on_time(time_ns);
+    for (; open_ < marks_.size(); ++open_) marks_[open_].after_ns = time_ns;
+    last_ns_ = time_ns;
+}
+
+void Report::on_damage(const DamagedSpan &span) {
+    Summariser::on_damage(span);
+    if (marks_.size() < summary().spans.size()) marks_.push_back({last_ns_, std::nullopt});
+}
+
+void write_report(const Report &report, Output &out) {
+    const Summary &summary = report.summary();
+    const DumpTotals &totals = summary.totals;
+    std::string processes, vitals, damage;
+    append_processes("top-cpu", "Processes that used most CPU time", summary, summary.by_cpu, &processes);
+    append_processes("top-memory", "Processes that had most memory", summary, summary.by_memory, &processes);
+    append_vitals(report.series(), &vitals);
+    append_damage(report, &damage);
+    const std::pair<std::string_view, std::string> kParts[] = {
+        {"title", html(file_name(summary))},
+        {"state", totals.is_clean() ? "clean" : "damaged"},
+        {"verdict", html(verdict(totals))},
+        {"summary", summary_list(summary)},
+        {"processes", processes},
+        {"vitals", vitals},
+        {"damage", damage},
+        {"data", plot_data(report)},
+    };
+    // The page between @{ and }@ names the parts; what is put in is not looked at again.
+    std::string_view page(reinterpret_cast<const char *>(kReportPage), kReportPageSize);
+    for (;;) {
+        const size_t begin = page.find("@{"), end = page.find("}@", begin);
+        out.write(page.substr(0, begin));
+        if (end == std::string_view::npos) return;
+        const std::string_view name = page.substr(begin + 2, end - begin - 2);
+        for (const auto &[part, text] : kParts) {
+            if (part == name) out.write(text);
+        }
+        page.remove_prefix(end + 2);
+    }
+}
+
+}  // namespace vestra_dump

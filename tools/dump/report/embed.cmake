@@ -1,0 +1,34 @@
+# Makes report_page.cpp: the page with its styles and scripts in place, as an array of bytes.
+#   cmake -DHERE=tools/dump/report -DDYGRAPHS=/usr/share/javascript/dygraphs -DOUT=report_page.cpp -P embed.cmake
+function(place name file)
+  file(READ "${file}" text)
+  # Their source maps are not there: a browser's developer tools would look for them.
+  string(REGEX REPLACE "//# sourceMappingURL=[^\n]*" "" text "${text}")
+  string(REGEX REPLACE "/\\*# sourceMappingURL=[^\n]*\\*/" "" text "${text}")
+  foreach(end "</script" "</style" "<!--" "@{")
+    string(FIND "${text}" "${end}" found)
+    if(NOT found EQUAL -1)
+      message(FATAL_ERROR "${file} holds ${end}, which would end it too early in the page")
+    endif()
+  endforeach()
+  string(REPLACE "@[${name}]@" "${text}" page "${page}")
+  set(page "${page}" PARENT_SCOPE)
+endfunction()
+
+file(READ "${HERE}/report.html" page)
+place(report.css "${HERE}/report.css")
+place(dygraph.css "${DYGRAPHS}/dygraph.min.css")
+place(dygraph.js "${DYGRAPHS}/dygraph.min.js")
+place(report.js "${HERE}/report.js")
+file(WRITE "${OUT}.html" "${page}")
+file(READ "${OUT}.html" bytes HEX)
+string(REGEX REPLACE "(..)" "0x\\1," bytes "${bytes}")
+file(WRITE "${OUT}" "#include \"tools/dump/report_page.h\"
+
+namespace vestra_dump {
+
+const unsigned char kReportPage[] = {${bytes}};
+const size_t kReportPageSize = sizeof(kReportPage);
+
+}  // namespace vestra_dump
+")
