@@ -98,17 +98,25 @@ DecoderTest::~DecoderTest() {
     reset_decoder();
 }
 
-int decode(const std::vector<Bytes> &frames) {
+Bytes block(const std::vector<Bytes> &frames) {
     Bytes block;
     for (const Bytes &frame : frames) {
         for (size_t i = 0; i < 4; ++i) block.push_back(static_cast<uint8_t>(frame.size() >> (8 * i)));
         block.insert(block.end(), frame.begin(), frame.end());
     }
     block.insert(block.end(), 4, 0);
-    const Bytes before = block;
-    const int type = decode_file(block.data(), static_cast<unsigned>(block.size()));
-    EXPECT_EQ(block, before) << "the caller's block is only read";
+    return block;
+}
+
+int decode_block(const Bytes &block) {
+    Bytes given = block;
+    const int type = decode_file(given.data(), static_cast<unsigned>(given.size()));
+    EXPECT_EQ(given, block) << "the caller's block is only read";
     return type;
+}
+
+int decode(const std::vector<Bytes> &frames) {
+    return decode_block(block(frames));
 }
 
 void decode(const vestra_set::SwitchMessage &message) {

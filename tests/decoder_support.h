@@ -53,7 +53,10 @@ Bytes frame(uint8_t type, const Messages &...messages) {
     return bytes;
 }
 
-// decode_file on a block of frames, ended as the module ends it.
+// A block of frames, ended as the module ends it.
+Bytes block(const std::vector<Bytes> &frames);
+// decode_file on a block.
+int decode_block(const Bytes &block);
 int decode(const std::vector<Bytes> &frames);
 void decode(const vestra_set::SwitchMessage &message);
 
