@@ -1,419 +1,240 @@
 // Dump writer: file names, bytes, trailer, slots, failures.
 
-#include <fcntl.h>
-#include <sys/mount.h>
-#include <unistd.h>
-
-#include <climits>
-
 #include "support/daemon_env.h"
 
-namespace vestra_test {
-namespace {
+using namespace vestra_test;
 
-namespace fs = std::filesystem;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
-
-constexpr char kOut[] = "/tmp/out";
-constexpr char kDodFolder[] = "/tmp/out/issue_report_agent_DOD/Vestra";
-
-_vestra_write_reason reason_of(int number) {
-    return static_cast<_vestra_write_reason>(number);
-}
+static const std::string kOut = "/tmp/out/", kDodFolder = kOut + "issue_report_agent_DOD/Vestra/";
+static const std::string kPayload = std::string(100, 'a') + std::string(100, 'b');
+static const std::string kDump = "0000000000_42_proc_1709618828", kSlot = "0000000000_42_proc_1_l";
+static const std::string kDodDump = "0000000000_42_proc_2024-3-5 6.7.8";
+static const std::string kTemporary = "/tmp/temp-vestra_1709618828_250000";
 
 class VestradDump : public DaemonTest {
   protected:
-    VestradDump() {
-        make_debug_image();
-        fs::create_directories(kOut);
-        g_vestra_config.no_of_files = 3;
-    }
+    VestradDump() { prepare(); }
 
-    static int dump(int reason, const char *directory = kOut) {
-        return write_data(&ghead_s, directory, "/usr/bin/proc", 42, reason_of(reason));
+    // A whole budget of new data in two blocks.
+    static void prepare() {
+        start_afresh();
+        make_debug_image();
+        fs::create_directories(kDodFolder);
+        g_vestra_config.no_of_files = 3;
+        append_block(100, 'a');
+        append_block(100, 'b');
+        max_file_size = 200;
     }
-    // A dump that has enough new data to be due.
-    static int continuous_dump(const char *directory = kOut) {
-        g_current_new_data = max_file_size;
-        return dump(WRITE_REASON_CONTINUOUS, directory);
+    static int dump(int reason, const char *directory = "/tmp/out", const char *name = "/usr/bin/proc", int pid = 42) {
+        return write_data(&ghead_s, directory, name, pid, static_cast<_vestra_write_reason>(reason));
     }
-    static std::vector<std::string> left_in_tmp() {
-        std::vector<std::string> names;
-        for (const std::string &name : names_in("/tmp")) {
-            if (name.rfind("temp-vestra", 0) == 0) names.push_back(name);
-        }
+    static Strings dumps() {
+        Strings names = names_in(kOut);
+        names.pop_back();  // the folder
         return names;
     }
 };
 
-/* ------------------------------ Names and bytes ------------------------------ */
-
-struct ReasonCase {
-    const char *name;
-    int reason;
-    const char *stem, *file;
-    size_t in_dod_folder;
-};
-void PrintTo(const ReasonCase &row, std::ostream *out) {
-    *out << row.name;
-}
-const ReasonCase kReasonCases[] = {
-    {"Fault", 0, "temp-vestra", "0000000000_42_proc_1700000000", 0},
-    {"UserKey", 1, "temp-vestra-user", "0000000000_42_proc_1700000000", 0},
-    {"Continuous", 2, "temp-vestra-cont", "0000000000_42_proc_1_l", 0},
-    {"NamelessThree", 3, "temp-vestra-cont", "0000000000_42_proc_1_l", 0},
-    {"Robustness", 4, "temp-vestra-ira", "0000000000_42_proc_1700000000", 0},
-    {"DodLeavesTheDirectory", 5, "temp-vestra-cont", nullptr, 1},
-    {"ContinuousWithDod", 6, "temp-vestra-cont", "0000000000_42_proc_1_l", 1},
-    {"FaultWithDod", 7, "temp-vestra", "0000000000_42_proc_1700000000", 1},
-};
-
-class VestradDumpReason : public VestradDump, public ::testing::WithParamInterface<ReasonCase> {};
-
-TEST_P(VestradDumpReason, NamesTheFileAndWritesTheChain) {
-    const ReasonCase &row = GetParam();
-    fs::create_directories(kDodFolder);
-    const std::string payload = std::string(3000, 'a') + std::string(1, 'b') + std::string(70000, 'c');
-    for (const int lite : {0, 2}) {
-        SCOPED_TRACE(lite != 0 ? "LiteMode" : "WholeMode");
-        fs::remove_all(kOut);
-        fs::create_directories(kDodFolder);
-        free_bufs(&ghead_s);
-        append_block(3000, 'a');
-        append_block(1, 'b');
-        append_block(70000, 'c');
-        g_vestra_config.vestra_litemode_on = lite;
-        max_file_size = g_current_new_data = 73001;
-        g_cnt_of_files = 0;
-        g_prev_file_path[0] = '\0';
-        world().clock_us = 1'700'000'000'250'000;
-        std::vector<std::string> temporary;
-        world().on_write = [&](int) { temporary = left_in_tmp(); };
-        const int fsyncs = fsync_count();
-
-        EXPECT_EQ(dump(row.reason), 0);
-        EXPECT_THAT(temporary, ElementsAre(std::string(row.stem) + "_1700000000_250000"));
-        EXPECT_THAT(left_in_tmp(), IsEmpty());
-        EXPECT_EQ(fsync_count() - fsyncs, 3) << "each block is brought to the disk";
-
-        const std::string expected = payload + kTrailer + (lite != 0 ? std::string("QXLiteMode=2\x0c") : std::string());
-        const std::string path = std::string(kOut) + "/" + (row.file == nullptr ? "" : row.file) + (lite ? "-tl" : "");
-        if (row.file != nullptr) {
-            EXPECT_TRUE(read_file(path) == expected) << path;
+TEST_F(VestradDump, EachReasonHasItsFiles) {
+    for (const auto &[reason, stem, file, dod_file, new_data_left] :
+         Table<int, std::string, Strings, Strings, uint32_t>{{0, "temp-vestra", {kDump}, {}, 200},
+                                                             {1, "temp-vestra-user", {kDump}, {}, 200},
+                                                             {2, "temp-vestra-cont", {kSlot}, {}, 0},
+                                                             {3, "temp-vestra-cont", {kSlot}, {}, 0},
+                                                             {4, "temp-vestra-ira", {kDump}, {}, 200},
+                                                             {5, "temp-vestra-cont", {}, {kDodDump}, 0},
+                                                             {6, "temp-vestra-cont", {kSlot}, {kDodDump}, 0},
+                                                             {7, "temp-vestra", {kDump}, {kDodDump}, 200}}) {
+        for (const int lite : {0, 2}) {
+            SCOPED_TRACE("reason " + std::to_string(reason) + " lite mode " + std::to_string(lite));
+            prepare();
+            g_vestra_config.vestra_litemode_on = lite;
+            Strings temporary, files = file;
+            std::string lock_at_writes;
+            world().on_write = [&] {
+                temporary = names_in("/tmp");
+                lock_at_writes += lock_is_free() ? 'f' : 'h';
+            };
+            const int descriptor = next_descriptor();
+            EXPECT_EQ(dump(reason), 0);
+            EXPECT_EQ(next_descriptor(), descriptor);
+            EXPECT_THAT(temporary, ElementsAre("out", stem + "_1709618828_250000"));
+            EXPECT_THAT(names_in("/tmp"), ElementsAre("out"));
+            EXPECT_EQ(lock_at_writes, lite != 0 ? "hhfffff" : "hhfff") << "held for the blocks, not for the trailer";
+            for (std::string &name : files) name += lite != 0 ? "-tl" : "";
+            EXPECT_EQ(dumps(), files);
+            EXPECT_EQ(names_in(kDodFolder), dod_file);
+            const std::string bytes = kPayload + kTrailer + (lite != 0 ? "QXLiteMode=2\x0c" : "");
+            for (const std::string &name : files) EXPECT_EQ(read_file(kOut + name), bytes);
+            for (const std::string &name : dod_file) EXPECT_EQ(read_file(kDodFolder + name), bytes);
+            EXPECT_EQ(g_current_new_data, new_data_left);
+            EXPECT_EQ(gtotal_bytes, 200U) << "the chain stays";
         }
-        EXPECT_THAT(names_in(kOut), SizeIs(row.file != nullptr ? 2 : 1)) << "and the DOD folder";
-        const auto dod = names_in(kDodFolder);
-        ASSERT_THAT(dod, SizeIs(row.in_dod_folder));
-        if (!dod.empty()) {
-            EXPECT_THAT(dod[0], MatchesRegex("0000000000_42_proc_20[0-9][0-9]-[1-9][0-9]?-[1-9][0-9]? "
-                                             "[0-9][0-9]?\\.[0-9][0-9]?\\.[0-9][0-9]?"));
-            EXPECT_TRUE(read_file(std::string(kDodFolder) + "/" + dod[0]) == expected);
-        }
-        const bool continuous = row.reason != 0 && row.reason != 1 && row.reason != 4 && row.reason != 7;
-        EXPECT_EQ(g_current_new_data, continuous ? 0U : 73001U);
-        EXPECT_EQ(gtotal_bytes, 73001U) << "the chain stays";
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, VestradDumpReason, ::testing::ValuesIn(kReasonCases),
-                         [](const auto &row) { return std::string(row.param.name); });
-
-TEST_F(VestradDump, EmptyChainGivesTheTrailer) {
-    EXPECT_EQ(dump(0), 0);
-    EXPECT_EQ(read_file("/tmp/out/0000000000_42_proc_1700000000"), kTrailer);
+TEST_F(VestradDump, EveryStepIsLogged) {
+    char head[32];
+    snprintf(head, sizeof(head), "%p", static_cast<void *>(ghead_s));
+    EXPECT_EQ(dump(WRITE_REASON_CONTINUOUS_DOD), 0);
+    EXPECT_EQ(dump(WRITE_REASON_CONTINUOUS), 0) << "not due any more";
+    const std::string begin = "3 INFO: proc write file init gtotal_bytes = 200 write_reason ";
+    EXPECT_THAT(
+        seen("3456s"),
+        ElementsAre(begin + "6 ghead_s = " + head, "3 INFO: vestra g_current_new_data 200 0",
+                    "3 INFO: before acquiring mutex", "3 INFO: after acquiring mutex",
+                    std::string("3 INFO: write start temp = ") + head, "sync *2", "3 INFO: after write done!!!",
+                    "3 INFO: after append_image_version success", "3 now: 2024-3-5 6:7:8",
+                    "5 INFO: remove failed (2:No such file or directory) /tmp/out/0000000000_42_proc_1",
+                    "3 INFO: writefile exit [success] /tmp/out/0000000000_42_proc_1_l", begin + "2 ghead_s = " + head,
+                    "3 INFO: vestra g_current_new_data 0 1", "6 ERROR: [vestra] RETURNING  INFO: pch = NULL "));
+    EXPECT_EQ(dump(0, nullptr) + dump(0, ""), -2);
+    EXPECT_EQ(dump(0, "/tmp/out", "/a/b/", -1) + dump(0, "/tmp/out", "a;$(x)", INT_MAX), 0);
+    EXPECT_THAT(dumps(), ElementsAre("0000000000_-1__1709618828", "0000000000_2147483647_a;$(x)_1709618828", kSlot));
 }
 
-TEST_F(VestradDump, NameEndsAtItsLastSlash) {
-    EXPECT_EQ(write_data(&ghead_s, kOut, "plain name;$(x)", -1, WRITE_REASON_FAULT), 0);
-    EXPECT_EQ(write_data(&ghead_s, kOut, "/a/b/", INT_MAX, WRITE_REASON_FAULT), 0);
-    EXPECT_THAT(names_in(kOut),
-                ElementsAre("0000000000_-1_plain name;$(x)_1700000000", "0000000000_2147483647__1700000000"));
+// `count` lines of another kind.
+static std::string others(int count) {
+    return count == 0 ? "" : "Other=x\n" + others(count - 1);
 }
 
-TEST_F(VestradDump, NoDirectoryNoDump) {
-    EXPECT_EQ(dump(0, nullptr), -1);
-    EXPECT_EQ(dump(0, ""), -1);
-    EXPECT_THAT(left_in_tmp(), IsEmpty());
-    EXPECT_THAT(log_texts(), IsEmpty());
-}
-
-/* ------------------------------ Trailer ------------------------------ */
-
-struct TrailerCase {
-    const char *name;
-    std::string ini;
-    int result;
-    std::string bytes;
-};
-void PrintTo(const TrailerCase &row, std::ostream *out) {
-    *out << row.name;
-}
-
-std::string lines(int count, const std::string &line) {
-    std::string text;
-    for (int i = 0; i < count; ++i) text += line;
-    return text;
-}
-
-// Version text and its length byte.
-std::string sized(const std::string &text) {
-    return text + static_cast<char>(text.size());
-}
-
-const TrailerCase kTrailerCases[] = {
-    {"CarriageReturnBecomesTheSlash", "Model=QX-55\r\nBuild=1234.5\r\n", 0, sized("1234.5/QX-55\r\n")},
-    {"LineFeedAloneCostsTheLastCharacter", "Model=QX-55\nBuild=1234.5\n", 0, sized("1234./QX-55\n")},
-    {"NoLineEndCostsTwo", "Model=M\nBuild=1234", 0, sized("12/M\n")},
-    {"TwoCharactersLeaveTheSlash", "Build=12", 0, sized("/")},
-    {"OneCharacterLeavesNothing", "Model=M\nBuild=1", 0, sized("M\n")},
-    {"EmptyBuild", "Model=M\nBuild=", 0, sized("M\n")},
-    {"NoModel", "Build=1234.5\r\n", 0, sized("1234.5/")},
-    {"ModelBehindBuildIsNotRead", "Build=1234.5\r\nModel=QX-55\n", 0, sized("1234.5/")},
-    {"LastModelCounts", "Model=A\nModel=B\nBuild=1\r\n", 0, sized("1/B\n")},
-    {"ModelIsCutAt32", "Model=" + std::string(40, 'M') + "\nBuild=1\r\n", 0, sized("1/" + std::string(32, 'M'))},
-    {"KeysAreCaseSensitiveAndAtTheLineStart", "MODEL=A\n Build=2\r\nBuild=1\r\n", 0, sized("1/")},
-    {"BuildOnLine19", lines(18, "Other=x\n") + "Build=1\r\n", 0, sized("1/")},
-    {"BuildOnLine20IsNone", lines(19, "Other=x\n") + "Build=1\r\n", -1, ""},
-    {"NoBuildIn20LinesTakesThe20th", lines(19, "Other=x\n") + "Twentieth\r\nBuild=1\r\n", 0, sized("eth/")},
-    {"ShorterFileTakesItsLastLine", "Model=M\nXxxxx=yz\r\n", 0, sized("yz/M\n")},
-    {"LongLineIsReadIn128s", "Model=M\n" + std::string(128, 'x') + "Build=1\r\n", 0, sized("1/M\n")},
-    {"EmptyFile", "", 0, sized("")},
-};
-
-class VestradTrailer : public VestradDump, public ::testing::WithParamInterface<TrailerCase> {};
-
-TEST_P(VestradTrailer, IsMadeOfTheVersionFile) {
-    const TrailerCase &row = GetParam();
-    write_file("/etc/prd_info.ini", row.ini);
-    const int fd = open("/tmp/trailer", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    EXPECT_EQ(append_image_version(fd), row.result);
-    EXPECT_EQ(read_file("/tmp/trailer"), row.bytes);
-    EXPECT_EQ(count_log(kError, "ERROR: Image version not found in the file /etc/prd_info.ini"),
-              row.result < 0 ? 1 : 0);
-    close(fd);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, VestradTrailer, ::testing::ValuesIn(kTrailerCases),
-                         [](const auto &row) { return std::string(row.param.name); });
-
-TEST_F(VestradDump, VersionFileThatCannotBeReadFailsTheDump) {
-    unlink("/etc/prd_info.ini");
+TEST_F(VestradDump, TrailerIsMadeOfTheVersionFile) {
+    for (const auto &[name, ini, text] : Table<const char *, std::string, std::string>{
+             {"CarriageReturnBecomesTheSlash", "Model=QX-55\r\nBuild=1234.5\r\n", "1234.5/QX-55\r\n"},
+             {"LineFeedAloneCostsTheLastCharacter", "Model=QX-55\nBuild=1234.5\n", "1234./QX-55\n"},
+             {"TwoCharactersLeaveTheSlash", "Build=12", "/"},
+             {"OneCharacterLeavesNothing", "Model=M\nBuild=1", "M\n"},
+             {"ModelBehindBuildIsNotRead", "Build=1234.5\r\nModel=QX-55\n", "1234.5/"},
+             {"ModelIsCutAt32", "Model=" + std::string(40, 'M') + "\nBuild=1\r\n", "1/" + std::string(32, 'M')},
+             {"KeysStandAtTheLineStart", "MODEL=A\n Build=2\r\nBuild=1\r\n", "1/"},
+             {"BuildOnLine19", others(18) + "Build=1\r\n", "1/"},
+             {"NoBuildIn20LinesTakesThe20th", others(19) + "Twentieth\r\nBuild=1\r\n", "eth/"},
+             {"ShorterFileTakesItsLastLine", "Model=M\nXxxxx=yz\r\n", "yz/M\n"},
+             {"LongLineIsReadIn128s", "Model=M\n" + std::string(128, 'x') + "Build=1\r\n", "1/M\n"},
+             {"EmptyFile", "", ""}}) {
+        SCOPED_TRACE(name);
+        write_file("/etc/prd_info.ini", ini);
+        EXPECT_EQ(dump(0), 0);
+        EXPECT_EQ(read_file(kOut + kDump), kPayload + text + static_cast<char>(text.size()));
+    }
+    begin_transcript();
+    write_file("/etc/prd_info.ini", others(19) + "Build=1\r\n");
     EXPECT_EQ(dump(0), -1);
-    EXPECT_EQ(count_log(kError, "ERROR: File /etc/prd_info.ini doesn't exist (2:No such file or directory)"), 1);
-    EXPECT_EQ(count_log(kError, "vestra append_image_version failed (2:No such file or directory)"), 1);
-    write_file("/tmp/target", kVersionText);
-    ASSERT_EQ(symlink("/tmp/target", "/etc/prd_info.ini"), 0);
-    world().clock_us += 1;
-    EXPECT_EQ(dump(0), -1);
-    EXPECT_EQ(count_log(kError, "[vestra]:File path not real: /etc/prd_info.ini"), 1);
-    EXPECT_THAT(left_in_tmp(), SizeIs(2)) << "left for whoever looks into it";
-    EXPECT_THAT(names_in(kOut), IsEmpty());
-}
-
-/* ------------------------------ Slots of continuous dumps ------------------------------ */
-
-TEST_F(VestradDump, ContinuousDumpWaitsForAWholeBudget) {
-    append_block(99, 'x');
-    max_file_size = 100;
-    EXPECT_EQ(dump(WRITE_REASON_CONTINUOUS), 0);
-    EXPECT_THAT(log_texts(kError), ElementsAre("ERROR: [vestra] RETURNING  INFO: pch = NULL "));
-    EXPECT_THAT(names_in(kOut), IsEmpty());
-    EXPECT_EQ(g_current_new_data, 99U);
-    EXPECT_EQ(g_cnt_of_files, 0);
+    EXPECT_EQ(seen("6").front(), "6 ERROR: Image version not found in the file /etc/prd_info.ini");
 }
 
 TEST_F(VestradDump, SlotsGoRoundAndOnlyTheNewestIsMarked) {
-    static const struct {
-        const char *name;
-        int files;
-        std::vector<std::vector<std::string>>
-            after;  // what lies in the directory after each dump; "0000000000_42_proc_" left out
-    } kRows[] = {
-        {"Three", 3, {{"1_l"}, {"1", "2_l"}, {"1", "2", "3_l"}, {"1_l", "2", "3"}, {"1", "2_l", "3"}}},
-        {"One", 1, {{"1_l"}, {"1_l"}, {"1_l"}}},
-        {"ZeroIsOne", 0, {{"1_l"}, {"1_l"}}},
-        {"MinusOneIsOne", -1, {{"1_l"}, {"1_l"}}},
-        {"AsManyAsThereAreNumbers", INT_MAX, {{"1_l"}, {"1", "2_l"}}},
-    };
-    for (const auto &row : kRows) {
-        SCOPED_TRACE(row.name);
-        fs::remove_all(kOut);
-        fs::create_directories(kOut);
-        g_prev_file_path[0] = '\0';
-        g_cnt_of_files = 0;
-        g_vestra_config.no_of_files = row.files;
-        for (const auto &expected : row.after) {
-            EXPECT_EQ(continuous_dump(), 0);
-            std::vector<std::string> names;
-            for (const std::string &name : names_in(kOut)) {
-                EXPECT_THAT(name, StartsWith("0000000000_42_proc_"));
-                names.push_back(name.substr(strlen("0000000000_42_proc_")));
-            }
-            EXPECT_EQ(names, expected);
+    // Number of slots; what lies in the directory after each dump, behind "0000000000_42_proc_".
+    for (const auto &[slots, after] : Table<int, std::vector<Strings>>{
+             {3, {{"1_l"}, {"1", "2_l"}, {"1", "2", "3_l"}, {"1_l", "2", "3"}, {"1", "2_l", "3"}}},
+             {1, {{"1_l"}, {"1_l"}}},
+             {0, {{"1_l"}, {"1_l"}}},
+             {-1, {{"1_l"}, {"1_l"}}},
+             {INT_MAX, {{"1_l"}, {"1", "2_l"}}}}) {
+        SCOPED_TRACE(slots);
+        prepare();
+        g_vestra_config.no_of_files = slots;
+        for (Strings expected : after) {
+            for (std::string &name : expected) name = "0000000000_42_proc_" + name;
+            g_current_new_data = max_file_size;
+            EXPECT_EQ(dump(WRITE_REASON_CONTINUOUS), 0);
+            EXPECT_EQ(dumps(), expected);
         }
     }
-}
-
-TEST_F(VestradDump, MarkIsMisreadInADirectoryWithAnUnderscore) {
     fs::create_directories("/tmp/my_out");
-    EXPECT_EQ(continuous_dump("/tmp/my_out"), 0);
-    EXPECT_EQ(continuous_dump("/tmp/my_out"), 0);
-    EXPECT_THAT(names_in("/tmp/my_out"), ElementsAre("0000000000_0__0", "0000000000_42_proc_2_l"));
+    for (const char *last : {"0000000000_42_proc_3_l", "0000000000_42_proc_4_l"}) {
+        g_current_new_data = max_file_size;
+        EXPECT_EQ(dump(WRITE_REASON_CONTINUOUS, "/tmp/my_out"), 0);
+        EXPECT_EQ(names_in("/tmp/my_out").back(), last);
+    }
+    EXPECT_EQ(names_in("/tmp/my_out").front(), "0000000000_0__0") << "a directory with an underscore is misread";
 }
 
-TEST_F(VestradDump, FirstDumpAfterARestartLeavesTheOldMark) {
-    write_file("/tmp/out/0000000000_41_proc_2_l", "old");
-    EXPECT_EQ(continuous_dump(), 0);
-    EXPECT_THAT(names_in(kOut), ElementsAre("0000000000_41_proc_2_l", "0000000000_42_proc_1_l"));
-    EXPECT_EQ(count_log("INFO: remove failed (2:No such file or directory) /tmp/out/0000000000_42_proc_1"), 1);
+TEST_F(VestradDump, FailureKeepsTheChainAndTheTemporaryFile) {
+    const std::string full = " (28:No space left on device)";
+    // Bytes that a write takes, the write that fails, the message, what is left in the temporary file.
+    for (const auto &[most, failing, message, left] : Table<size_t, int, std::string, std::string>{
+             {4, 0, "6 vestra requested 100 bytes but written only 80 bytes", kPayload.substr(0, 80)},
+             {60, 2, "6 vestra write failed" + full + " 100 60", kPayload.substr(0, 60)},
+             {100, 2, "6 vestra write failed" + full + " 100 0", kPayload.substr(0, 100)},
+             {100, 3, "6 ERROR: write failed for image version" + full, kPayload},
+             {100, 4, "6 ERROR: write failed for image version" + full, kPayload + "1234.5/"},
+             {100, 5, "6 ERROR: write failed for version length" + full, kPayload + "1234.5/QX-55\n"},
+             {100, 6, "6 ERROR: write failed for QXLiteMode" + full, kPayload + kTrailer},
+             {100, 7, "6 ERROR: write failed for QXLiteMode length" + full, kPayload + kTrailer + "QXLiteMode=1"}}) {
+        SCOPED_TRACE(message);
+        prepare();
+        g_vestra_config.vestra_litemode_on = 1;
+        world().write_fails_in = failing;
+        world().write_most = most;
+        const int descriptor = next_descriptor();
+        EXPECT_EQ(dump(WRITE_REASON_CONTINUOUS), -1);
+        EXPECT_EQ(next_descriptor(), descriptor);
+        EXPECT_EQ(seen("6").front(), message);
+        EXPECT_EQ(seen().back(), "5 INFO: writefile exit [failed] /tmp/out/0000000000_42_proc_1_l-tl");
+        EXPECT_TRUE(lock_is_free());
+        EXPECT_EQ(gtotal_bytes, 200U);
+        EXPECT_EQ(read_file("/tmp/temp-vestra-cont_1709618828_250000"), left);
+        EXPECT_THAT(dumps(), IsEmpty());
+        EXPECT_STREQ(g_prev_file_path, "");
+        EXPECT_EQ(g_current_new_data, left.size() < 200 ? 200U : 0U);
+    }
 }
 
-/* ------------------------------ Failures ------------------------------ */
+TEST_F(VestradDump, ShortWritesStopsAndWhatCannotBeOpened) {
+    write_file("/etc/prd_info.ini", "Build=12");
+    world().write_most = 5;
+    EXPECT_EQ(dump(0), 0) << "twenty writes a block are enough";
+    EXPECT_EQ(read_file(kOut + kDump), kPayload + "/\1");
+    world().write_most = 60;
+    world().on_write = [] { exit_flag = 1; };
+    EXPECT_EQ(dump(0), -1) << "stopped within a block";
+    EXPECT_EQ(dump(0), 0) << "stopped before: neither chain nor version";
+    EXPECT_EQ(read_file(kOut + kDump), std::string(1, '\0') + kPayload.substr(1, 59)) << "over what was left";
 
-TEST_F(VestradDump, PlantedLinkIsNotFollowed) {
-    write_file("/etc/victim", "precious");
-    ASSERT_EQ(symlink("/etc/victim", "/tmp/temp-vestra_1700000000_250000"), 0);
-    append_block(100, 'x');
+    prepare();
+    write_file("/tmp/victim", "precious");
+    fs::create_symlink("/tmp/victim", kTemporary);
+    EXPECT_EQ(dump(0), -1) << "a planted link is not followed";
+    fs::remove(kTemporary);
+    ASSERT_EQ(mkfifo(kTemporary.c_str(), 0600), 0);
+    EXPECT_EQ(dump(0), -1) << "a planted pipe is not waited for";
+    fs::remove(kTemporary);
+    EXPECT_EQ(read_file("/tmp/victim"), "precious");
+    EXPECT_EQ(dump(0, "/tmp/missing"), 0) << "a move that fails goes unnoticed, but the file is still there";
+    EXPECT_EQ(read_file(kTemporary), kPayload + kTrailer);
+    fs::remove("/etc/prd_info.ini");
     EXPECT_EQ(dump(0), -1);
-    EXPECT_EQ(read_file("/etc/victim"), "precious");
-    EXPECT_EQ(count_log("ERROR: failed to open /tmp/temp-vestra_1700000000_250000 (40:"), 1);
-    EXPECT_EQ(log_texts().back(), "INFO: writefile exit [failed] /tmp/out/0000000000_42_proc_1700000000");
+    fs::create_symlink("/tmp/victim", "/etc/prd_info.ini");
+    EXPECT_EQ(dump(0), -1);
+    EXPECT_THAT(seen("6"),
+                ElementsAre("6 ERROR: failed to open " + kTemporary + " (40:Too many levels of symbolic links)",
+                            "6 ERROR: failed to open " + kTemporary + " (22:Invalid argument)",
+                            "6 [vestra]:File does not exist. No need to check symbolic links. ###",
+                            "6 ERROR: File /etc/prd_info.ini doesn't exist (2:No such file or directory)",
+                            "6 vestra append_image_version failed (2:No such file or directory)",
+                            "6 [vestra]:Symbolic link is detected : /etc/prd_info.ini",
+                            "6 [vestra]:File path not real: /etc/prd_info.ini",
+                            StartsWith("6 vestra append_image_version failed (")));
 }
-
-struct WriteCase {
-    const char *name;
-    size_t most;   // bytes a write takes
-    int fails_at;  // 0: none
-    int stops_at;  // the write before which the daemon is told to stop; 0: none
-    int result;
-    const char *message;
-    std::string left;  // in the temporary file
-};
-void PrintTo(const WriteCase &row, std::ostream *out) {
-    *out << row.name;
-}
-const WriteCase kWriteCases[] = {
-    {"TwentyShortWritesAreEnough", 5, 0, 0, 0, nullptr, ""},
-    {"TwentyFirstIsNotTried", 4, 0, 0, -1, "vestra requested 100 bytes but written only 80 bytes",
-     std::string(80, 'x')},
-    {"FailureInTheSecondWrite", 60, 2, 0, -1, "vestra write failed (28:No space left on device) 100 60",
-     std::string(60, 'x')},
-    {"StopWithinABlock", 60, 0, 1, -1, "vestra requested 100 bytes but written only 60 bytes", std::string(60, 'x')},
-    {"FailureInTheSecondBlock", SIZE_MAX, 2, 0, -1, "vestra write failed (28:No space left on device) 100 0",
-     std::string(100, 'x')},
-    {"FailureInTheVersion", SIZE_MAX, 3, 0, -1, "ERROR: write failed for image version (28:No space left on device)",
-     std::string(200, 'x')},
-    {"FailureInTheModel", SIZE_MAX, 4, 0, -1, "ERROR: write failed for image version (28:No space left on device)",
-     std::string(200, 'x') + "1234.5/"},
-    {"FailureInTheLength", SIZE_MAX, 5, 0, -1, "ERROR: write failed for version length (28:No space left on device)",
-     std::string(200, 'x') + "1234.5/QX-55\n"},
-    {"FailureInTheLiteText", SIZE_MAX, 6, 0, -1, "ERROR: write failed for QXLiteMode (28:No space left on device)",
-     std::string(200, 'x') + kTrailer},
-    {"FailureInTheLiteLength", SIZE_MAX, 7, 0, -1,
-     "ERROR: write failed for QXLiteMode length (28:No space left on device)",
-     std::string(200, 'x') + kTrailer + "QXLiteMode=1"},
-};
-
-class VestradDumpWrite : public VestradDump, public ::testing::WithParamInterface<WriteCase> {};
-
-TEST_P(VestradDumpWrite, FailureKeepsTheChainAndTheTemporaryFile) {
-    const WriteCase &row = GetParam();
-    append_block(100, 'x');
-    append_block(100, 'x');
-    max_file_size = 200;
-    g_vestra_config.vestra_litemode_on = 1;
-    world().write_fails_at = row.fails_at;
-    world().on_write = [&](int number) {
-        // Only the chain's writes come in pieces.
-        world().write_most = number <= 40 && row.most < 100 ? row.most : SIZE_MAX;
-        if (row.stops_at == number) exit_flag = 1;
-    };
-    if (row.result == 0) g_vestra_config.vestra_litemode_on = 0;
-    EXPECT_EQ(dump(WRITE_REASON_CONTINUOUS), row.result);
-    if (row.message != nullptr) {
-        EXPECT_EQ(count_log(kError, row.message), 1);
-    }
-    EXPECT_EQ(gtotal_bytes, 200U);
-    EXPECT_EQ(ghead_s->next->size, 100U);
-    EXPECT_EQ(pthread_mutex_trylock(&lock), 0) << "the lock is free again";
-    pthread_mutex_unlock(&lock);
-    if (row.result == 0) {
-        EXPECT_EQ(read_file("/tmp/out/0000000000_42_proc_1_l"), std::string(200, 'x') + kTrailer);
-        EXPECT_THAT(left_in_tmp(), IsEmpty());
-        return;
-    }
-    EXPECT_EQ(read_file("/tmp/temp-vestra-cont_1700000000_250000"), row.left);
-    EXPECT_THAT(names_in(kOut), IsEmpty());
-    EXPECT_STREQ(g_prev_file_path, "");
-    const bool payload_written = row.left.size() >= 200;
-    EXPECT_EQ(g_current_new_data, payload_written ? 0U : 200U);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, VestradDumpWrite, ::testing::ValuesIn(kWriteCases),
-                         [](const auto &row) { return std::string(row.param.name); });
-
-TEST_F(VestradDump, StopBeforeTheChainWritesTheTrailerOnly) {
-    append_block(100, 'x');
-    write_file("/etc/prd_info.ini", "Build=1\r\n");
-    exit_flag = 1;
-    EXPECT_EQ(dump(0), 0);
-    EXPECT_EQ(read_file("/tmp/out/0000000000_42_proc_1700000000"), std::string(1, '\0')) << "an empty version";
-}
-
-TEST_F(VestradDump, MoveThatFailsGoesUnnoticedAndKeepsTheFile) {
-    append_block(100, 'x');
-    write_file("/tmp/file", "");
-    EXPECT_EQ(dump(0, "/tmp/file"), 0);
-    EXPECT_EQ(dump(0, "/tmp/missing"), 0);
-    EXPECT_EQ(read_file("/tmp/temp-vestra_1700000000_250000").substr(0, 100), std::string(100, 'x'));
-}
-
-TEST_F(VestradDump, FullStickKeepsTheFileInTmp) {
-    fs::create_directories("/tmp/small");
-    if (mount("small", "/tmp/small", "tmpfs", 0, "size=64k") != 0) GTEST_SKIP() << "may not mount";
-    append_block(100000, 'x');
-    EXPECT_EQ(dump(0, "/tmp/small"), 0);
-    EXPECT_EQ(fs::file_size("/tmp/temp-vestra_1700000000_250000"), 100000U + strlen(kTrailer));
-    EXPECT_EQ(umount("/tmp/small"), 0);
-}
-
-/* ------------------------------ Robustness copies ------------------------------ */
 
 TEST_F(VestradDump, RobustnessDumpIsCopiedOncePerInterval) {
-    static const struct {
-        const char *name;
-        int64_t later_us;  // than the dump before
-        bool release, copied;
-    } kRows[] = {
-        {"TheFirst", 0, false, true},
-        {"AtTheInterval", 10'999'999, false, false},
-        {"BehindIt", 1, false, true},
-        {"ImageThatIsSold", 100'000'000, true, false},
-        {"RefusedOnesDoNotCount", 1, false, true},
-        {"ClockSetBack", -500'000'000, false, false},
-    };
-    const char kStick[] = "/tmp/stick";
-    g_vestra_config.min_time_diff_dump = 10;
-    world().clock_us = 1'900'000'000'000'000;  // later than any other test's
-    for (const auto &row : kRows) {
-        SCOPED_TRACE(row.name);
-        fs::remove_all(kStick);
-        fs::create_directories(kStick);
-        snprintf(g_prev_usb_path, sizeof(g_prev_usb_path), "%s", kStick);
-        g_prev_usb_path_valid = 1;
-        world().clock_us += row.later_us;
-        unlink("/etc/release");
-        if (row.release) write_file("/etc/release", "");
+    int64_t clock = 1'900'000'000'000'000;  // later than any other test's
+    // Time since the dump before, whether the image is one that is sold, whether it is copied.
+    for (const auto &[later_us, release, copied] : Table<int, bool, bool>{{0, false, true},
+                                                                          {10'999'999, false, false},
+                                                                          {1, false, true},
+                                                                          {100'000'000, true, false},
+                                                                          {1, false, true},
+                                                                          {-500'000'000, false, false}}) {
+        SCOPED_TRACE(later_us);
+        prepare();
+        plug_known_stick();
+        g_vestra_config.min_time_diff_dump = 10;
+        world().clock_us = clock += later_us;
+        if (release) write_file("/etc/release", "");
         EXPECT_EQ(dump(WRITE_REASON_ROBUSTNESS), 0);
-        const std::string name = "0000000000_42_proc_" + std::to_string(world().clock_us / 1000000);
-        EXPECT_EQ(read_file(std::string(kOut) + "/" + name), kTrailer) << "always where it was asked for";
-        EXPECT_EQ(names_in(kStick), row.copied ? std::vector<std::string>{name} : std::vector<std::string>{});
+        const Strings names = {"0000000000_42_proc_" + std::to_string(clock / 1000000)};
+        EXPECT_EQ(dumps(), names) << "always where it was asked for";
+        EXPECT_EQ(names_in(kStick), copied ? names : Strings{});
     }
 }
-
-}  // namespace
-}  // namespace vestra_test

@@ -1,142 +1,102 @@
-// What the tests of the daemon's core see of its world and change in it.
+// What the tests of the daemon's core see of its world and change in it, and what most of them include.
 //
-// The daemon's calls of some operations are redirected at link time (the wraps are listed in CMakeLists.txt): log lines
-// are kept, waits are counted without waiting, and single calls can be made to fail. Nothing is redirected in child
-// processes' programs. All of it may be used from any thread, except that a test changes `world()` only while no thread
-// of the daemon runs, or from a wait hook.
+// The daemon's calls of some operations are redirected at link time (the wraps are listed in CMakeLists.txt): what it
+// logs, waits for, sends to the node and registers is written into one transcript, and single calls can be made to
+// fail. A test changes `world()` only while no thread of the daemon runs, or from a hook; `seen` is for any thread.
 #pragma once
 
-#include <sys/types.h>
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <cstdint>
+#include <algorithm>
+#include <climits>
+#include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <variant>
 #include <vector>
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "platform/fault.h"
+#include "platform/state_dir.h"
+#include "platform/usb_device.h"
+#include "platform/vestra_api.h"
+#include "vestra-daemon/decoder.h"
 #include "vestra-daemon/vestrad.h"
 
 namespace vestra_test {
 
-// Priorities by the names that the rows of the tests use.
-enum : int { kDebug = 3, kInfo = 4, kWarning = 5, kError = 6 };
-
-struct LogLine {
-    int priority;
-    std::string function;
-    std::string text;  // behind the prefix, without a line end
-};
+namespace fs = std::filesystem;
+using namespace ::testing;
+using Strings = std::vector<std::string>;
+template <class... Columns>
+using Table = std::vector<std::tuple<Columns...>>;
 
 // What the redirected operations do. The defaults are those of a quiet world.
 struct World {
-    // Waits: sleep, usleep and nanosleep return at once and move the clock, unless `real_waits` is set. `on_wait` is
-    // called at each of them with the number of waits so far, this one included, without a lock.
-    bool real_waits = false;
-    std::function<void(size_t)> on_wait;
-    int64_t clock_us = 1'700'000'000'250'000;  // what gettimeofday says; below 0: the real time
-
-    // Writes to the daemon's temporary files in /tmp: the `write_fails_at`th (from 1) fails with `write_error`; every
-    // one takes at most `write_most` bytes.
-    int write_fails_at = 0;
-    int write_error = 28;  // ENOSPC
-    size_t write_most = SIZE_MAX;
-    std::function<void(int)> on_write;  // called before each with its number
-
-    size_t malloc_fails_for = 0;  // bytes; 0: none
-    int thread_fails_at = 0;      // the pthread_create call (from 1) that fails with EAGAIN
-    bool idle_threads = false;    // threads get a body that returns at once
-    int name_error = 0;           // what naming an idle thread gives
+    std::function<void(int)> on_wait;  // waits return at once, but call this with their number in the transcript
+    int64_t clock_us = 1'709'618'828'250'000;  // 5 March 2024, 06:07:08.25; the waits move it
+    std::function<void()> on_write;            // before each write to a temporary file of the daemon's in /tmp
+    int write_fails_in = 0;        // such a write fails with ENOSPC: 1 the next, 2 the one behind it; 0 none
+    size_t write_most = SIZE_MAX;  // bytes that each takes
+    size_t malloc_fails_for = 0;   // bytes; 0: none
     bool fork_fails = false;
-    int nice_result = 0;  // nice() never changes anything; with a result of -1 errno is `nice_error`
-    int nice_error = 0;
+    int thread_fails_in = 0;          // as write_fails_in, with EAGAIN; the threads get a body that returns at once
+    int name_error = 0;               // what naming a thread gives
+    int nice_result = 0;              // nice() never changes anything; errno is EPERM when this is -1
+    std::function<int()> on_request;  // in place of the client library's wait for a request
 };
 World &world();
 
-// What was seen since the fixture was set up.
-std::vector<LogLine> log_lines();
-std::vector<int64_t> waits_us();         // the amounts, in order
-std::vector<std::string> node_writes();  // each write into a pipe that stands in for the node
-int fsync_count();                       // of temporary files
-std::vector<std::string> calls();        // "name argument" of the calls that are only noted
-void forget_log();
-void restart_thread_count();  // for `thread_fails_at`
+// The transcript since it was begun: its entries whose first character is one of `kinds`, in order. Entries that follow
+// each other and are equal become one with their number behind it ("wait 10000 *400"). The kinds are
+//   "3 TEXT" to "6 TEXT"  log lines by priority, without prefix and line end; the line number in a text is "LINE"
+//   "wait MICROSECONDS"   "node COMMAND" (a write into a pipe in the node's place)   "sync" (of a temporary file)
+//   "call ..."            registrations, nice, naming and joining a thread
+Strings seen(std::string_view kinds = "3456");
+void begin_transcript();
 
-// The texts of log lines of `priority` or higher, in order.
-std::vector<std::string> log_texts(int priority = kDebug);
-// How many log lines have this priority and this text, or (second form) hold this text.
-int count_log(int priority, std::string_view text);
-int count_log(std::string_view part);
-
-// Every test of the daemon's core: globals as at program start, no marker file, no stick, no key, nothing of a test's
-// in /tmp.
-class DaemonTest : public ::testing::Test {
+// Every test of the daemon's core: globals as at program start, no marker file, no node, no stick, no key, nothing of a
+// test's in /tmp, a new transcript.
+class DaemonTest : public Test {
   protected:
-    DaemonTest();
-    ~DaemonTest() override;
-    DaemonTest(const DaemonTest &) = delete;
-    DaemonTest &operator=(const DaemonTest &) = delete;
+    DaemonTest() { start_afresh(); }
+    ~DaemonTest() override { start_afresh(); }
 
+    static void start_afresh();
     // A block of `size` bytes of `fill` at the end of the chain, as the reader would have appended it.
     static void append_block(size_t size, char fill);
     // Debug image, notices on, version file there: dumps are written and shown.
     static void make_debug_image();
+    // A stick that has been found before.
+    static void plug_known_stick();
 };
 
-// A pipe in the control node's place. What is written into it can be read back; a reader finds what `put` puts in.
-class PipeNode {
-  public:
-    PipeNode();
-    ~PipeNode();
-    PipeNode(const PipeNode &) = delete;
-    PipeNode &operator=(const PipeNode &) = delete;
-    std::string drain() const;  // what is in it now
-    int fd() const { return fd_; }
+// A pipe in the control node's place, or, by the descriptor that this gives, a device that hands out what was put in.
+int make_node();
+void put(const std::string &block);
+std::string drain_node();  // what is in it now
 
-  private:
-    int fd_;
-};
-
-// A device whose reads return exactly the blocks put in, empty ones included: one end of a packet socket.
-class BlockDevice {
-  public:
-    BlockDevice();
-    ~BlockDevice();
-    BlockDevice(const BlockDevice &) = delete;
-    BlockDevice &operator=(const BlockDevice &) = delete;
-    void put(const std::string &block) const;
-    bool has_block() const;  // one waits to be read
-    int fd() const { return reader_; }
-
-  private:
-    int reader_, writer_;
-};
-
-// Files.
-void write_file(const std::filesystem::path &path, std::string_view text);
-std::string read_file(const std::filesystem::path &path);
-std::vector<std::string> names_in(const std::filesystem::path &directory);  // sorted; in /tmp the tests' own only
-std::vector<std::string> notices();                                         // lines of the notice spool
 inline constexpr char kControlNode[] = "/proc/vesertra_info";
-inline constexpr char kVersionText[] = "Model=QX-55\nBuild=1234.5\r\n";
-inline constexpr char kTrailer[] = "1234.5/QX-55\n\x0d";  // of kVersionText
+inline constexpr char kStick[] = "/tmp/stick";
+inline constexpr char kTrailer[] = "1234.5/QX-55\n\x0d";  // of the version file that make_debug_image writes
 
-// What the daemon prints while this lives; standard output is elsewhere meanwhile.
-class PrintedText {
-  public:
-    PrintedText();
-    ~PrintedText();
-    PrintedText(const PrintedText &) = delete;
-    PrintedText &operator=(const PrintedText &) = delete;
-    std::string take();  // ends the catching
-  private:
-    int saved_ = -1, file_ = -1;
-};
+void write_file(const fs::path &path, std::string_view text);
+std::string read_file(const fs::path &path);
+Strings names_in(const fs::path &directory);  // sorted; in /tmp the tests' own only
+std::string notices();                        // the notice spool
+std::string printed_by(const std::function<void()> &body);
+int next_descriptor();  // that would be opened: the same before and after what leaks none
+bool lock_is_free();    // the chain's
 
-// A key node, as the daemon's callbacks get it: the key is set, and `callback` is called with the node of that change.
-void call_with_key(const char *key, int value, vconf_callback_fn callback);
-void call_with_key(const char *key, const char *value, vconf_callback_fn callback);
+// Calls `callback` as the daemon's loop would, with the node of the key's change to `value`.
+void call_with_key(const char *key, std::variant<int, std::string> value, vconf_callback_fn callback);
 
 }  // namespace vestra_test
