@@ -1,0 +1,18 @@
+#!/bin/bash
+# What vestra-dump says of dumps that are kept, each in a file beside it: golden_dump_test.sh PATH-OF-vestra-dump [--write].
+# clean and lite were written by the daemon; the others are clean with the damage that their names tell.
+program=$1
+cd "$(dirname "$0")/data/dumps" || exit 1
+failures=0
+for dump in *.dump refused/*.dump; do
+    said=$(TZ=UTC "$program" info "$dump" 2>&1; echo "exit code $?")
+    if [ "${2:-}" = --write ]; then
+        echo "$said" > "${dump%.dump}.info"
+    elif diff <(echo "$said") "${dump%.dump}.info"; then
+        echo "ok      $dump"
+    else
+        echo "FAILED  $dump"
+        failures=$((failures + 1))
+    fi
+done
+[ $failures -eq 0 ]
