@@ -180,18 +180,19 @@ TEST_F(Database, FailuresLeaveTheKeyAndAreNamed) {
 
 // The fill looks at the list's head before it clears the table and takes the lock.
 TEST_F(Database, HeadThatFellOffDuringTheDeleteIsNotTouched) {
+    query(kInsert);
     add_many(3);
     sqlite3_auto_extension(reinterpret_cast<void (*)()>(+[](sqlite3 *handle, char **, const void *) {
         const auto replace_list = [](void *) {
             if (ghead_shm->name == "newest") return 0;
-            free_bufs_shm(&ghead_shm);
-            add(99, 99, "newest", 1, 2, 3);
+            circ_buf_shm *old = std::exchange(ghead_shm, nullptr);
+            add(99, 99, "newest", 1, 2, 3);  // not where a freed one was
+            free_bufs_shm(&old);
             return 0;
         };
         sqlite3_commit_hook(handle, replace_list, nullptr);
         return SQLITE_OK;
     }));
-    query(kInsert);
     fill(1, 0);
     sqlite3_reset_auto_extension();
     EXPECT_EQ(query("SELECT PROCESS_NAME FROM PROCESS_INFO"), "newest\n");

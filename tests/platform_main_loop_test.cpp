@@ -73,7 +73,7 @@ TEST_F(MainLoop, VconfValueIsReadByItsTypeOnly) {
             EXPECT_EQ(number, row.number);
             EXPECT_EQ(get_str("key"), row.text);
         });
-        EXPECT_EQ(log == "", row.number != -77 || row.text != std::string("(none)")) << row.content.substr(0, 20);
+        EXPECT_EQ(log.empty(), row.number != -77 || row.text != std::string("(none)")) << row.content.substr(0, 20);
     }
     EXPECT_EQ(vconf_set_int(kKey, -3) + vconf_set_str("text", "a\nb"), 0);
     EXPECT_EQ(get(kFile), "int\n-3");
