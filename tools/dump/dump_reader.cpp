@@ -66,7 +66,7 @@ class Reader {
             if (window_.ended() && !trailer_known_) find_trailer();
             const size_t left = window_.size() - (window_.ended() ? trailer_size() : kTrailerMax);
             if (left == 0) break;
-            take(judge_record({window_.data(), left, window_.ended()}, searching_, &messages_));
+            take(judge_record({window_.data(), left, window_.ended()}, searching_, &messages_, &rework_));
         }
         end_span();
         totals_.bytes = window_.bytes_read();
@@ -101,6 +101,7 @@ class Reader {
         last_empty_ = record.kind == Record::kEmpty;
         offset_ += record.size;
         window_.advance(record.size);
+        rework_.passed(record.size);
     }
 
     void hand_on_messages(const Record &record) {
@@ -142,14 +143,16 @@ class Reader {
         size_t left = window_.size() - trailer;
         const uint8_t *at = window_.data();
         bool searching = searching_;
+        Rework rework;
         Ending ending = last_empty_ || offset_ == 0 ? Ending::kWithEmptyRecord : Ending::kWithFrame;
         if (searching) ending = Ending::kInDamage;
         while (left > 0) {
-            const Record record = judge_record({at, left, true}, searching, &messages_);
+            const Record record = judge_record({at, left, true}, searching, &messages_, &rework);
             ending = record.kind == Record::kDamaged ? Ending::kInDamage
                      : record.kind == Record::kEmpty ? Ending::kWithEmptyRecord
                                                      : Ending::kWithFrame;
             searching = record.kind == Record::kDamaged && record.open;
+            rework.passed(record.size);
             at += record.size;
             left -= record.size;
         }
@@ -191,6 +194,7 @@ class Reader {
     bool trailer_known_ = false;
     uint64_t offset_ = 0;  // in the file, of what is in view
     FrameMessages messages_;
+    Rework rework_;
     DamagedSpan span_ = {};  // the damage that the record before was part of; no bytes: it was none
     DumpTotals totals_;
 };

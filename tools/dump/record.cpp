@@ -57,7 +57,7 @@ Reason reason_of(Fault fault) {
 }
 
 // A record whose length can be one; `there` bytes of its frame are in the payload.
-Record judge_frame(const View &view, size_t length, size_t there, FrameMessages *messages) {
+Record judge_frame(const View &view, size_t length, size_t there, FrameMessages *messages, Rework *rework) {
     const uint8_t *frame = view.at + kLengthField;
     const bool cut = there < length;
     const bool known = there > 0 && is_known_type(frame[0]);
@@ -69,8 +69,9 @@ Record judge_frame(const View &view, size_t length, size_t there, FrameMessages 
     }
     const size_t end = kLengthField + there;
     if (known && !cut && fault == Fault::kNone) return {Record::kFrame, Reason::kNone, false, end};
-    const size_t next = find_frame(view, 1, end);
+    const size_t next = rework->allowed() ? find_frame(view, 1, end) : end;
     if (next < end) {
+        if (known) rework->again(end - next);
         messages->keep_up_to(next < kLengthField ? 0 : next - kLengthField);
         return {Record::kDamaged, Reason::kNextInside, false, next};
     }
@@ -104,7 +105,7 @@ const char *describe(Reason reason) {
     }
 }
 
-Record judge_record(const View &view, bool searching, FrameMessages *messages) {
+Record judge_record(const View &view, bool searching, FrameMessages *messages, Rework *rework) {
     messages->switches.clear();
     messages->memories.clear();
     if (searching) {
@@ -118,7 +119,7 @@ Record judge_record(const View &view, bool searching, FrameMessages *messages) {
         return {Record::kEmpty, Reason::kNone, false, kLengthField};
     }
     if (length > kFrameMax) return search(view, 1, Reason::kLength);
-    return judge_frame(view, length, std::min<size_t>(length, view.size - kLengthField), messages);
+    return judge_frame(view, length, std::min<size_t>(length, view.size - kLengthField), messages, rework);
 }
 
 }  // namespace vestra_dump

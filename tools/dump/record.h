@@ -49,8 +49,24 @@ struct View {
     bool last;
 };
 
+// How often bytes may be read again. A frame that is damaged is read, and then the one that begins inside it. Bytes
+// that are made for it hold a thousand beginnings in each other, each of which would be read to the end of the
+// outermost: when more is read again than there is, a damaged frame is passed over whole.
+class Rework {
+  public:
+    bool allowed() const { return again_ <= kFree + passed_; }
+    void passed(size_t bytes) { passed_ += bytes; }
+    void again(size_t bytes) { again_ += bytes; }
+
+  private:
+    static constexpr uint64_t kFree = 8 * kRecordMax;
+    uint64_t passed_ = 0;
+    uint64_t again_ = 0;
+};
+
 // Judges the record at the beginning of `view`. *messages gets those that count, and is emptied when there are none.
 // `searching`: what stands there goes on with open damage, and the first beginning of a frame is looked for.
-Record judge_record(const View &view, bool searching, FrameMessages *messages);
+// `rework`: what the caller keeps between the records that follow each other.
+Record judge_record(const View &view, bool searching, FrameMessages *messages, Rework *rework);
 
 }  // namespace vestra_dump
