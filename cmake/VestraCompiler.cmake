@@ -10,6 +10,15 @@ if(VESTRA_WERROR)
   target_compile_options(vestra_compile INTERFACE -Werror)
 endif()
 
+# Only programs are linked from what is compiled here. The code of all is alike, so that they can share precompiled headers.
+add_compile_options(-fPIE -pthread)
+add_link_options(-pie)
+# What ships is hardened; the sanitizers see more than these and want the functions as they are.
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
+  add_link_options(-Wl,-z,relro,-z,now)
+endif()
+
 # A set has 32-bit file sizes and inodes otherwise, and a large or foreign file system would fail every stat.
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 
