@@ -1,114 +1,34 @@
-// What decoding costs: decode_file on a realistic stream, storing everything, beside a copy and a bare walk over the
-// varints of the same bytes. The figure to watch is decoding divided by the bare walk (at most 4). Reading the same as
-// a dump, and deriving from it what the dump tool derives, stand beside them.
+// What decoding costs: decode_file storing everything, beside a bare walk over the varints of the same bytes and beside
+// protocol buffers that parse the same content and store nothing; and what the parts of it cost, each beside its floor.
+// The figures to watch: decoding divided by the walk (at most 2.2) and by protobuf's parse (at most 1); short-lived
+// processes divided by steady ones (at most 2); the list at its bound divided by a malloc and a free (at most 1.5); the
+// derived percentages (under 20 us). Reading the same as a dump, and deriving from it what the dump tool derives, stand
+// beside them. Making the blocks is not timed; debug lines are off.
 //
-// The stream: 1500 processes, each sampled once a second, eight messages a frame, blocks of 128 KiB, debug lines off.
-// Time goes on from one iteration to the next, as it does on a set; making the blocks is not timed.
+// On a busy machine only rows that took turns are comparable:
+//
+//   decode_bench --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true
 
 #include <benchmark/benchmark.h>
 
-#include <array>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <random>
+#include <deque>
 #include <string>
 #include <vector>
 
+#include "bench/trace_stream.h"
 #include "platform/dlog.h"
-#include "set/trace/frame_writer.h"
 #include "tools/dump/summary.h"
 #include "vestra-daemon/decoder.h"
+#ifdef VESTRA_BENCH_PROTOBUF
+#include "trace_stream.pb.h"
+#endif
+
+using namespace vestra_bench;
 
 namespace {
-
-constexpr int kProcesses = 1500;
-constexpr int kMessagesPerFrame = 8;
-constexpr size_t kBlock = 131072;
-constexpr int kBlocks = 10;  // an iteration's
-
-struct Process {
-    uint64_t pid, cpu_a, cpu_b, rss, swap;
-    std::string name;
-};
-
-class Stream {
-  public:
-    explicit Stream(bool swapping) {
-        for (int i = 0; i < kProcesses; ++i) {
-            Process process;
-            process.pid = static_cast<uint64_t>(i) * 13 + 101;
-            process.cpu_a = random_() % 50000;
-            process.cpu_b = random_() % 20000;
-            process.rss = 500 + random_() % 200000;
-            process.swap = swapping ? 1 + random_() % 5000 : 0;
-            process.name = "process-" + std::to_string(i);
-            processes_.push_back(process);
-        }
-        for (vestra_set::CoreTimes &core : cores_) core = {90000, 40000, 900000, 55, 800};
-    }
-
-    // The next kBlocks blocks, each full.
-    const std::vector<std::vector<uint8_t>> &next() {
-        messages_ = bytes_ = 0;
-        for (std::vector<uint8_t> &block : blocks_) {
-            block.resize(kBlock);
-            vestra_set::FrameWriter writer(block.data(), kBlock - vestra_set::kEndMark);
-            bool room = true;
-            while (room) {
-                room = writer.begin_frame(vestra_set::kSwitchFrame, 0);
-                for (int i = 0; room && i < kMessagesPerFrame; ++i) {
-                    room = writer.add(next_message());
-                    messages_ += room ? 1 : 0;
-                }
-            }
-            block.resize(writer.size());
-            block.insert(block.end(), vestra_set::kEndMark, 0);
-            bytes_ += block.size();
-        }
-        return blocks_;
-    }
-    int64_t messages() const { return messages_; }
-    int64_t bytes() const { return static_cast<int64_t>(bytes_); }
-
-  private:
-    vestra_set::SwitchMessage next_message() {
-        Process &process = processes_[next_];
-        next_ = (next_ + 1) % kProcesses;
-        time_ += 1000000000 / kProcesses;
-        process.cpu_a += random_() % 3;
-        process.cpu_b += random_() % 2;
-        if (next_ == 0) {
-            for (vestra_set::CoreTimes &core : cores_) {
-                core.user += random_() % 90;
-                core.system += random_() % 40;
-                core.idle += random_() % 200;
-                core.iowait += random_() % 3;
-            }
-        }
-        vestra_set::SwitchMessage message;
-        message.time_ns = time_;
-        message.element1 = 7;
-        message.pid = process.pid;
-        message.name = process.name;
-        message.cpu_a = process.cpu_a;
-        message.cpu_b = process.cpu_b;
-        message.rss = process.rss;
-        message.swap = process.swap;
-        message.element10 = 1500;
-        message.element11 = 300;
-        message.cores = cores_;
-        return message;
-    }
-
-    std::mt19937 random_{1};
-    std::vector<Process> processes_;
-    std::array<vestra_set::CoreTimes, vestra_set::kCores> cores_{};
-    size_t next_ = 0;
-    uint64_t time_ = 3'600'000'000'000;  // an hour after start
-    std::vector<std::vector<uint8_t>> blocks_{kBlocks};
-    int64_t messages_ = 0;
-    size_t bytes_ = 0;
-};
 
 // Time that this thread has had the processor: other work on the machine does not count.
 double thread_seconds() {
@@ -117,40 +37,61 @@ double thread_seconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-// Runs `work` on block after block of the stream and reports its cost a message and a second.
-template <class Work>
-void run(benchmark::State &state, bool swapping, Work work) {
+// Adds up what the work of a row's iterations took.
+class Meter {
+  public:
+    template <class Work>
+    void time(benchmark::State &state, Work work) {
+        const double start = thread_seconds();
+        work();
+        const double taken = thread_seconds() - start;
+        state.SetIterationTime(taken);
+        seconds_ += taken;
+    }
+    void report(benchmark::State &state, int64_t messages, int64_t bytes) const {
+        state.SetBytesProcessed(bytes);
+        state.counters["ns/message"] = seconds_ * 1e9 / static_cast<double>(messages);
+        state.counters["bytes/message"] = static_cast<double>(bytes) / static_cast<double>(messages);
+    }
+
+  private:
+    double seconds_ = 0;
+};
+
+void empty_decoder() {
     dlog_set_threshold(DLOG_WARN);
     init_collected_data();
     maxTimeValue = -1;
-    Stream stream(swapping);
-    for (const auto &block : stream.next()) work(block);  // every process is known from here on
-    int64_t messages = 0;
-    int64_t bytes = 0;
-    double seconds = 0;
+}
+
+// Runs `work` on block after block of the stream and reports its cost a message and a second.
+template <class Work>
+void run(benchmark::State &state, Life life, Work work) {
+    empty_decoder();
+    Stream stream(static_cast<int>(state.range(0)), life, life == Life::short_ ? 24 : 10);
+    for (const Block &block : stream.next()) work(block);  // every process is known from here on
+    int64_t messages = 0, bytes = 0;
+    Meter meter;
     for (auto unused : state) {
         (void)unused;
         const auto &blocks = stream.next();
-        const double start = thread_seconds();
-        for (const auto &block : blocks) work(block);
-        const double taken = thread_seconds() - start;
-        state.SetIterationTime(taken);
+        if (life == Life::short_) vesrta_hash_init_hist();  // but not these
+        meter.time(state, [&] {
+            for (const Block &block : blocks) work(block);
+        });
         messages += stream.messages();
         bytes += stream.bytes();
-        seconds += taken;
     }
-    state.SetBytesProcessed(bytes);
-    state.counters["ns/message"] = seconds * 1e9 / static_cast<double>(messages);
-    state.counters["bytes/message"] = static_cast<double>(bytes) / static_cast<double>(messages);
+    meter.report(state, messages, bytes);
 }
 
-void decode(const std::vector<uint8_t> &block) {
+void decode(const Block &block) {
     benchmark::DoNotOptimize(
         decode_file(const_cast<unsigned char *>(block.data()), static_cast<unsigned>(block.size())));
 }
 
-void copy(const std::vector<uint8_t> &block) {
-    static std::vector<uint8_t> target(kBlock);
+void copy(const Block &block) {
+    static Block target(kBlock);
     std::memcpy(target.data(), block.data(), block.size());
     benchmark::DoNotOptimize(target.data());
     benchmark::ClobberMemory();
@@ -168,7 +109,7 @@ const uint8_t *skip_varint(const uint8_t *at, uint64_t *value) {
 }
 
 // Type, four elements (the last a string's length), its bytes, eight elements, twenty of the cores.
-void bare_walk(const std::vector<uint8_t> &block) {
+void bare_walk(const Block &block) {
     uint64_t sum = 0;
     const uint8_t *at = block.data();
     for (;;) {
@@ -195,42 +136,119 @@ void bare_walk(const std::vector<uint8_t> &block) {
 }
 
 void Copy(benchmark::State &state) {
-    run(state, true, copy);
+    run(state, Life::steady, copy);
 }
 void BareVarintWalk(benchmark::State &state) {
-    run(state, true, bare_walk);
+    run(state, Life::steady, bare_walk);
 }
 void DecodeAndStoreAll(benchmark::State &state) {
-    run(state, true, decode);
+    run(state, Life::steady, decode);
 }
 // Without swap nothing is accounted to a process; the ring's writer meets processes without a name.
 void DecodeWithoutSwap(benchmark::State &state) {
-    run(state, false, decode);
+    run(state, Life::swapless, decode);
 }
+// Each is looked for in vain once.
+void DecodeShortLived(benchmark::State &state) {
+    run(state, Life::short_, decode);
+}
+
+#ifdef VESTRA_BENCH_PROTOBUF
+void set_cores(FlatSample *to, const std::array<vestra_set::CoreTimes, vestra_set::kCores> &cores) {
+#define VESTRA_SET_CORE(n)                        \
+    to->set_user##n(cores[n].user);               \
+    to->set_system##n(cores[n].system);           \
+    to->set_idle##n(cores[n].idle);               \
+    to->set_temperature##n(cores[n].temperature); \
+    to->set_iowait##n(cores[n].iowait)
+    VESTRA_SET_CORE(0);
+    VESTRA_SET_CORE(1);
+    VESTRA_SET_CORE(2);
+    VESTRA_SET_CORE(3);
+#undef VESTRA_SET_CORE
+}
+void set_cores(NestedSample *to, const std::array<vestra_set::CoreTimes, vestra_set::kCores> &cores) {
+    for (const vestra_set::CoreTimes &core : cores) {
+        Core *added = to->add_cores();
+        added->set_user(core.user);
+        added->set_system(core.system);
+        added->set_idle(core.idle);
+        added->set_temperature(core.temperature);
+        added->set_iowait(core.iowait);
+    }
+}
+
+// Parses the stream's messages, frame by frame as the decoder gets them, into an object that is used again: the fastest
+// way that the library has.
+template <class Frame>
+void parse(benchmark::State &state) {
+    Stream stream(static_cast<int>(state.range(0)));
+    int64_t messages = 0, bytes = 0;
+    Frame parsed;
+    Meter meter;
+    for (auto unused : state) {
+        (void)unused;
+        std::vector<std::string> serialised;
+        Frame frame;
+        const auto flush = [&] {
+            if (frame.sample_size() > 0) serialised.push_back(frame.SerializeAsString());
+            frame.Clear();
+        };
+        stream.next([&](const vestra_set::SwitchMessage &message, bool first) {
+            if (first) flush();
+            auto *sample = frame.add_sample();
+            sample->set_type(message.type);
+            sample->set_time(message.time_ns);
+            sample->set_element1(message.element1);
+            sample->set_pid(message.pid);
+            sample->set_name(message.name.data(), message.name.size());
+            sample->set_cpu_a(message.cpu_a);
+            sample->set_cpu_b(message.cpu_b);
+            sample->set_rss(message.rss);
+            sample->set_swap(message.swap);
+            sample->set_element10(message.element10);
+            sample->set_element11(message.element11);
+            set_cores(sample, message.cores);
+        });
+        flush();
+        meter.time(state, [&] {
+            for (const std::string &text : serialised) benchmark::DoNotOptimize(parsed.ParseFromString(text));
+        });
+        messages += stream.messages();
+        for (const std::string &text : serialised) bytes += static_cast<int64_t>(text.size());
+    }
+    meter.report(state, messages, bytes);
+}
+void ProtobufFlat(benchmark::State &state) {
+    parse<FlatFrame>(state);
+}
+void ProtobufNested(benchmark::State &state) {
+    parse<NestedFrame>(state);
+}
+BENCHMARK(ProtobufFlat)->Arg(1500)->UseManualTime();
+BENCHMARK(ProtobufNested)->Arg(1500)->UseManualTime();
+#endif
 
 // The whole of a dump of a hundred blocks, from memory.
 template <class Visitor, class... Arguments>
 void read_whole(benchmark::State &state, const Arguments &...arguments) {
-    Stream stream(true);
+    Stream stream(1500);
     std::string dump;
     int64_t messages = 0;
     for (int i = 0; i < 10; ++i) {
-        for (const auto &block : stream.next()) dump.append(block.begin(), block.end());
+        for (const Block &block : stream.next()) dump.append(block.begin(), block.end());
         messages += stream.messages();
     }
-    double seconds = 0;
+    Meter meter;
     for (auto unused : state) {
         (void)unused;
-        const double start = thread_seconds();
-        vestra_dump::MemorySource source(dump);
-        Visitor visitor(arguments...);
-        benchmark::DoNotOptimize(vestra_dump::read_dump(source, visitor));
-        const double taken = thread_seconds() - start;
-        state.SetIterationTime(taken);
-        seconds += taken;
+        meter.time(state, [&] {
+            vestra_dump::MemorySource source(dump);
+            Visitor visitor(arguments...);
+            benchmark::DoNotOptimize(vestra_dump::read_dump(source, visitor));
+        });
     }
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(dump.size()));
-    state.counters["ns/message"] = seconds * 1e9 / static_cast<double>(messages * state.iterations());
+    meter.report(state, messages * state.iterations(), static_cast<int64_t>(dump.size()) * state.iterations());
 }
 
 void ReadDump(benchmark::State &state) {
@@ -240,22 +258,87 @@ void ReadDumpAndDerive(benchmark::State &state) {
     read_whole<vestra_dump::Summariser>(state, "dump", vestra_dump::DumpTime{}, size_t{10});
 }
 
-// A process that is not in the history: a pass over the whole table.
+// A process that is not in the history.
 void HistoryMiss(benchmark::State &state) {
-    init_collected_data();
+    empty_decoder();
     for (auto unused : state) {
         (void)unused;
         benchmark::DoNotOptimize(vesrta_checkhash_hist(4711));
     }
 }
 
-BENCHMARK(Copy)->UseManualTime();
-BENCHMARK(BareVarintWalk)->UseManualTime();
-BENCHMARK(DecodeAndStoreAll)->UseManualTime();
-BENCHMARK(DecodeWithoutSwap)->UseManualTime();
+// One sample more in the list at its bound: one node in, one off.
+void ListAtBound(benchmark::State &state) {
+    int64_t time = 3'600'000'000'000;
+    process_mem record = {time, 4711, "process-4711", 100000, 2000};
+    for (int i = 0; i < 10000; ++i) insert_node(GetShmNode(&record, 1.5));
+    for (auto unused : state) {
+        (void)unused;
+        record.timestamp = time += kMessageInterval;
+        insert_node(GetShmNode(&record, 1.5));
+    }
+}
+
+// Its floor: a block of a node's size, taken and given back at once, or given back as the oldest of as many as the list
+// holds.
+void MallocFree(benchmark::State &state) {
+    for (auto unused : state) {
+        (void)unused;
+        void *block = malloc(sizeof(circ_buf_shm));
+        benchmark::DoNotOptimize(block);
+        free(block);
+    }
+}
+void MallocFreeOldest(benchmark::State &state) {
+    std::deque<void *> blocks;
+    for (int i = 0; i < 4500; ++i) blocks.push_back(malloc(sizeof(circ_buf_shm)));
+    for (auto unused : state) {
+        (void)unused;
+        blocks.push_back(malloc(sizeof(circ_buf_shm)));
+        free(blocks.front());
+        blocks.pop_front();
+    }
+    for (void *block : blocks) free(block);
+}
+
+// What the first sample of a second costs when the ring is full: 179 steps, each with an average over 500 samples. With
+// `rising` usage every average is a new peak.
+void DerivedPercentages(benchmark::State &state, bool rising) {
+    empty_decoder();
+    g_CPUTotalPercent = 0;
+    _SYSDATA_ sample = {};
+    int64_t ticks = 100000;
+    const auto next_second = [&] {
+        sample.timestamp = sample.switch_timestamp += trace::kNsPerSecond;
+        ticks += rising ? sample.timestamp / trace::kNsPerSecond : 100 + sample.timestamp / trace::kNsPerSecond % 7;
+        for (int core = 0; core < kCoreCount; ++core) {
+            sample.utime[core] = ticks;
+            sample.stime[core] = ticks / 2;
+        }
+        groupData(&sample, trace::kSwitchFrame, 1);
+    };
+    for (int i = 0; i < 3 * kSlotCount; ++i) next_second();
+    for (auto unused : state) {
+        (void)unused;
+        next_second();
+    }
+}
+
+constexpr int kFewest = 10, kUsual = 1500, kMost = 10000;
+
+BENCHMARK(Copy)->Arg(kUsual)->UseManualTime();
+BENCHMARK(BareVarintWalk)->Arg(kFewest)->Arg(100)->Arg(kUsual)->Arg(kMost)->UseManualTime();
+BENCHMARK(DecodeAndStoreAll)->Arg(kFewest)->Arg(100)->Arg(kUsual)->Arg(kMost)->UseManualTime();
+BENCHMARK(DecodeWithoutSwap)->Arg(kUsual)->UseManualTime();
+BENCHMARK(DecodeShortLived)->Arg(kMost)->UseManualTime();
 BENCHMARK(ReadDump)->UseManualTime();
 BENCHMARK(ReadDumpAndDerive)->UseManualTime();
 BENCHMARK(HistoryMiss);
+BENCHMARK(ListAtBound);
+BENCHMARK(MallocFree);
+BENCHMARK(MallocFreeOldest);
+BENCHMARK_CAPTURE(DerivedPercentages, even, false);
+BENCHMARK_CAPTURE(DerivedPercentages, rising, true);
 
 }  // namespace
 

@@ -294,8 +294,7 @@ static void drop_oldest_node() {
     }
 }
 
-// Links a node at the head and lets the oldest fall off. The list owns the node from here on.
-static void insert_node(circ_buf_shm *node) {
+void insert_node(circ_buf_shm *node) {
     // Outside the lock: only the reader writes the size.
     shm_list_size += node_charge(*node);
     pthread_mutex_lock(&shm_lock);

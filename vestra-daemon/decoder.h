@@ -396,6 +396,10 @@ int vestra_vital_update_cpuusage_hist(__VestraProcCPUUsageHist__ *rec);
 // A new node from the record, linked nowhere; the caller's. Throws std::bad_alloc without memory.
 circ_buf_shm *GetShmNode(process_mem *record, double cpu);
 
+// Links a node at the list's head and lets the oldest fall off while the list is beyond kListLimit. The list owns the
+// node from here on. Takes shm_lock.
+void insert_node(circ_buf_shm *node);
+
 // Decimal text of `value`. Any thread.
 std::string ToString(long long value);
 

@@ -1,0 +1,131 @@
+// The streams that decoding is measured with: blocks of 128 KiB, eight switch messages a frame, 1500 messages a second
+// of the set's time.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "set/trace/frame_writer.h"
+
+namespace vestra_bench {
+
+using Block = std::vector<uint8_t>;
+
+constexpr int kMessagesPerFrame = 8;
+constexpr size_t kBlock = 131072;
+constexpr uint64_t kMessageInterval = 1'000'000'000 / 1500;
+
+// How processes come and go.
+enum class Life {
+    steady,    // each is sampled again and again
+    swapless,  // likewise, but without swap: nothing is accounted to a process
+    short_     // each is sampled three times, 4/3 s apart, and then followed by one with the next process id
+};
+
+// Deterministic: two streams of the same parameters are the same.
+class Stream {
+  public:
+    // `blocks` is what next() gives. 24 of them hold three samples of each of 10,000 short-lived processes.
+    explicit Stream(int processes, Life life = Life::steady, size_t blocks = 10) : life_(life), blocks_(blocks) {
+        for (int i = 0; i < processes; ++i) {
+            Process process;
+            process.pid = static_cast<uint64_t>(i) * (life == Life::short_ ? 1 : 3) + 101;
+            process.cpu_a = random_() % 50000;
+            process.cpu_b = random_() % 20000;
+            process.rss = 500 + random_() % 200000;
+            process.swap = life == Life::swapless ? 0 : 1 + random_() % 5000;
+            process.name = "process-" + std::to_string(i);
+            processes_.push_back(process);
+        }
+        for (vestra_set::CoreTimes &core : cores_) core = {90000, 40000, 900000, 55, 800};
+    }
+
+    // The next blocks, each full. Time goes on from one call to the next, as it does on a set. `visit(message, first)`
+    // is called for each message that is written; `first` when it is the first of its frame.
+    template <class Visit>
+    const std::vector<Block> &next(Visit visit) {
+        messages_ = bytes_ = 0;
+        for (Block &block : blocks_) {
+            block.resize(kBlock);
+            vestra_set::FrameWriter writer(block.data(), kBlock - vestra_set::kEndMark);
+            bool room = true;
+            while (room) {
+                room = writer.begin_frame(vestra_set::kSwitchFrame, 0);
+                for (int i = 0; room && i < kMessagesPerFrame; ++i) {
+                    const vestra_set::SwitchMessage message = next_message();
+                    room = writer.add(message);
+                    if (!room) continue;
+                    visit(message, i == 0);
+                    ++messages_;
+                }
+            }
+            block.resize(writer.size());
+            block.insert(block.end(), vestra_set::kEndMark, 0);
+            bytes_ += block.size();
+        }
+        return blocks_;
+    }
+    const std::vector<Block> &next() {
+        return next([](const vestra_set::SwitchMessage &, bool) {});
+    }
+    int64_t messages() const { return messages_; }
+    int64_t bytes() const { return static_cast<int64_t>(bytes_); }
+
+  private:
+    struct Process {
+        uint64_t pid, cpu_a, cpu_b, rss, swap;
+        std::string name;
+    };
+
+    // The processes in turn; short-lived ones 2000 at a time, three times over.
+    Process &next_process() {
+        static constexpr size_t kAlive = 2000, kSamples = 3;
+        const size_t turn = turn_++;
+        if (life_ != Life::short_) return processes_[turn % processes_.size()];
+        const size_t generation = turn / (kAlive * kSamples);
+        return processes_[(generation * kAlive + turn % kAlive) % processes_.size()];
+    }
+
+    vestra_set::SwitchMessage next_message() {
+        if (turn_ % 1500 == 0) {
+            for (vestra_set::CoreTimes &core : cores_) {
+                core.user += random_() % 90;
+                core.system += random_() % 40;
+                core.idle += random_() % 200;
+                core.iowait += random_() % 3;
+            }
+        }
+        Process &process = next_process();
+        time_ += kMessageInterval;
+        process.cpu_a += random_() % 3;
+        process.cpu_b += random_() % 2;
+        vestra_set::SwitchMessage message;
+        message.time_ns = time_;
+        message.element1 = 7;
+        message.pid = process.pid;
+        message.name = process.name;
+        message.cpu_a = process.cpu_a;
+        message.cpu_b = process.cpu_b;
+        message.rss = process.rss;
+        message.swap = process.swap;
+        message.element10 = 1500;
+        message.element11 = 300;
+        message.cores = cores_;
+        return message;
+    }
+
+    Life life_;
+    std::mt19937 random_{1};
+    std::vector<Process> processes_;
+    std::array<vestra_set::CoreTimes, vestra_set::kCores> cores_{};
+    size_t turn_ = 0;
+    uint64_t time_ = 3'600'000'000'000;  // an hour after start
+    std::vector<Block> blocks_;
+    int64_t messages_ = 0;
+    size_t bytes_ = 0;
+};
+
+}  // namespace vestra_bench
