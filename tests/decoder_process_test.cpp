@@ -1,6 +1,7 @@
 // What switch messages leave about processes: the CPU history and the memory list.
 
 #include <limits>
+#include <random>
 
 #include "decoder_support.h"
 #include "failing_new.h"
@@ -40,6 +41,32 @@ TEST_F(DecoderTest, HistoryPlacesProcessesOfOneHomeBehindEachOther) {
     decode(sample(9, 40000, "late"));
     EXPECT_EQ(list().size(), 1U) << "its samples are listed all the same";
     EXPECT_EQ(collectedData[9].pid, 40000);
+}
+
+TEST_F(DecoderTest, HistoryIsSearchedAsItStandsWhoeverChangedIt) {
+    std::mt19937 random(1);
+    const auto any = [&](int count) { return static_cast<int>(random() % static_cast<unsigned>(count)); };
+    const auto place = [&] { return (32764 + any(8)) % 32768; };
+    const auto process = [&] { return place() + 32768 * any(3); };
+    const auto searched = [](int pid) {  // to the end of the table, as if nothing were known about it
+        int index = pid % 32768;
+        for (int i = 0; i < 32768; ++i, index = (index + 1) % 32768) {
+            if (gProcCpuUsageHist[index].pid == pid) return gProcCpuUsageHist[index].name.empty() ? -1 : index;
+        }
+        return -1;
+    };
+    for (int step = 0; step < 1000; ++step) {
+        __VestraProcCPUUsageHist__ record = {kSecond, process(), -1, 1, 2, 0, 0, 0, any(3) == 0 ? "" : "name"};
+        switch (any(5)) {
+            case 0: gProcCpuUsageHist[place()].pid = any(3) == 0 ? -1 : process(); break;
+            case 1: gProcCpuUsageHist[place()] = record; break;
+            case 2: std::swap(gProcCpuUsageHist[place()], gProcCpuUsageHist[place()]); break;
+            case 3: gProcCpuUsageHist[place()].name.clear(); break;
+            default: vestra_vital_update_cpuusage_hist(&record);
+        }
+        const int pid = process();
+        ASSERT_EQ(vesrta_checkhash_hist(pid), searched(pid)) << "step " << step << ", pid " << pid;
+    }
 }
 
 TEST_F(DecoderTest, HistorySurvivesCountersThatWrap) {

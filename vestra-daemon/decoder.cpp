@@ -134,8 +134,21 @@ void get_unpackedBytesWithLength(int frame_len, int offset, char *frame, int cou
 // The table; the record behind the last index is never used. Reader thread only.
 __VestraProcCPUUsageHist__ gProcCpuUsageHist[kHistRecords + 1];
 
+// The table's used records by the home index of their process: a search is over when it has met as many. Kept by
+// HistoryPid. At program start every pid is 0.
+static uint16_t home_counts[kHistRecords] = {kHistRecords};
+
 static int home_index(int pid) {
     return static_cast<int>(static_cast<uint32_t>(pid) & (kHistRecords - 1));
+}
+
+HistoryPid &HistoryPid::operator=(const HistoryPid &other) {
+    const int32_t before = std::exchange(pid_, other.pid_);
+    const auto offset = reinterpret_cast<uintptr_t>(this) - reinterpret_cast<uintptr_t>(gProcCpuUsageHist);
+    if (before == pid_ || offset >= kHistRecords * sizeof(__VestraProcCPUUsageHist__)) return *this;
+    if (before != -1) --home_counts[home_index(before)];
+    if (pid_ != -1) ++home_counts[home_index(pid_)];
+    return *this;
 }
 
 static int next_index(int index) {
@@ -163,11 +176,14 @@ int vesrta_gethash_hist(int pid) {
 
 int vesrta_checkhash_hist(int pid) {
     if (pid == -1) return -1;
-    int index = home_index(pid);
-    // An unused record does not end the search: records were claimed before others in front of them became free.
-    for (int probe = 0; probe < kHistRecords; ++probe, index = next_index(index)) {
+    const int home = home_index(pid);
+    // An unused record does not end the search: records were claimed before others in front of them became free. The
+    // last record of this home does.
+    int index = home, left = home_counts[home];
+    for (int probe = 0; left > 0 && probe < kHistRecords; ++probe, index = next_index(index)) {
         const __VestraProcCPUUsageHist__ &record = gProcCpuUsageHist[index];
         if (record.pid == pid) return record.name.empty() ? -1 : index;
+        if (record.pid != -1 && home_index(record.pid) == home) --left;
     }
     return -1;
 }
@@ -207,8 +223,7 @@ struct ProcessSample {
 
 // Takes a sample into the history: percentages always span more than a second. The switch decoder gives the process's
 // name; the slot writer has none (null) but gives `element1`: a process known by name keeps it, an unknown one is
-// stored without, so that its record stays free. Returns the total percentage as it stands now. Looked up once: a
-// process that is not there costs a pass over the whole table.
+// stored without, so that its record stays free. Returns the total percentage as it stands now. Looked up once.
 static double update_history(const ProcessSample &sample, const std::string *name, int32_t element1) {
     const int index = vesrta_checkhash_hist(sample.pid);
     const bool fresh = index == -1 || gProcCpuUsageHist[index].timestamp == 0;

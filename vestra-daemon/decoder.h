@@ -226,10 +226,23 @@ struct _VestraData_ {
 };
 static_assert(sizeof(_VestraData_) == 4 * sizeof(double), "the layout is fixed");
 
+// A process id in a record of the CPU history. Whoever assigns one in the table keeps the table's counts right by it,
+// which tell that a process is not there.
+class HistoryPid {
+  public:
+    HistoryPid(int32_t pid = 0) : pid_(pid) {}
+    HistoryPid(const HistoryPid &) = default;
+    HistoryPid &operator=(const HistoryPid &other);
+    operator int32_t() const { return pid_; }
+
+  private:
+    int32_t pid_;
+};
+
 // The last sample that a process's CPU usage was computed from, and that usage.
 struct __VestraProcCPUUsageHist__ {
     int64_t timestamp;
-    int32_t pid;           // -1: the record was never used
+    HistoryPid pid;        // -1: the record was never used
     int32_t element1;      // of the sample when the slot writer stored it, else -1
     int64_t cpu_time_a;    // ticks
     int64_t cpu_time_b;    // ticks
