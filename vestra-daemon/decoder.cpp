@@ -66,31 +66,17 @@ static inline const unsigned char *bytes_at(const char *frame, int offset) {
 
 void get_unpackedInt(int frame_len, int offset, char *frame, retIntStruct *ret) {
     const int left = offset < 0 || offset >= frame_len ? 0 : frame_len - offset;
+    const unsigned char *start = bytes_at(frame, left > 0 ? offset : 0), *at = start;
     uint64_t value = 0;
-    const int length = left > 0 ? take_varint(bytes_at(frame, offset), left, &value) : 0;
-    if (length > 0) {
-        *ret = {0, length, value};
+    if (take_varint(&at, start + left, &value)) {
+        *ret = {0, static_cast<int32_t>(at - start), value};
         return;
     }
     int examined = 0;  // up to the number's last byte, or the frame's
     while (examined < left) {
-        if (static_cast<unsigned char>(frame[offset + examined++]) < 0x80) break;
+        if (start[examined++] < 0x80) break;
     }
     LOGW("vestra : Corrupted at frame_index:%d, frame_len:%d, offset:%d \n", offset, frame_len, examined);
-}
-
-// Reads a varint at an offset not beyond the frame's end, with a preset result. The reader above reports what is wrong;
-// here is only the way that goes well.
-static inline bool read_int(int frame_len, int offset, char *frame, retIntStruct *ret) {
-    uint64_t value = 0;
-    const int length = take_varint(bytes_at(frame, offset), frame_len - offset, &value);
-    if (length > 0) {
-        *ret = {0, length, value};
-        return true;
-    }
-    initiailizeRet(0, ret);
-    get_unpackedInt(frame_len, offset, frame, ret);
-    return false;
 }
 
 // Offset, frame length, bytes copied, and those bytes.
@@ -731,13 +717,18 @@ static constexpr char kMeminfoGuard[] = CHECK_TEXT("10. cpumeminfo Corrupted" AT
 }
 #pragma GCC diagnostic pop
 
-// Where a message stands.
+// Where a message stands. Its bytes are read with the format's own reader; what that cannot read is read again by the
+// field readers, which report what is wrong with it.
 struct MessagePlace {
     const char *function;  // the decoder's, for its log lines
     char *frame;
     int frame_len;
     int offset;  // of the body
     int message_type;
+
+    const unsigned char *body() const { return bytes_at(frame, offset); }
+    const unsigned char *end() const { return bytes_at(frame, frame_len); }
+    int consumed(const unsigned char *at) const { return static_cast<int>(at - body()); }
 };
 
 [[gnu::cold]] static void log_message(const MessagePlace &place, const char *text, int line, int consumed,
@@ -746,78 +737,96 @@ struct MessagePlace {
               elements);
 }
 
-// Reads the varint behind the `consumed` bytes of a body and adds its length to them.
-static inline bool read_next(const MessagePlace &place, int *consumed, retIntStruct *result) {
-    if (!read_int(place.frame_len, place.offset + *consumed, place.frame, result)) return false;
-    *consumed += result->length;
-    return true;
+// Reports a varint that cannot be read, for which *ret is preset.
+[[gnu::cold]] static void report_varint(const MessagePlace &place, const unsigned char *at, const char *check, int line,
+                                        retIntStruct *ret) {
+    initiailizeRet(0, ret);
+    get_unpackedInt(place.frame_len, place.offset + place.consumed(at), place.frame, ret);
+    log_message(place, check, line, place.consumed(at), 0);
 }
 
-// Reads a string: its length, then its bytes, which stay where they are in the frame. *consumed counts what could be
+// Reads a string: its length, then its bytes, which stay where they are in the frame. *at moves behind what could be
 // read of it.
-static bool read_string(const MessagePlace &place, const MessageFormat &format, int *consumed, std::string_view *text) {
-    retIntStruct length;
-    if (!read_next(place, consumed, &length)) {
-        log_message(place, format.length_check, __LINE__, *consumed, 0);
+static inline bool read_string(const MessagePlace &place, const MessageFormat &format, const unsigned char **at,
+                               std::string_view *text) {
+    uint64_t length = 0;
+    if (!take_varint(at, place.end(), &length)) {
+        retIntStruct unread;
+        report_varint(place, *at, format.length_check, __LINE__, &unread);
         return false;
     }
-    const int at = place.offset + *consumed;
-    if (length.value == 0 || length.value > static_cast<uint64_t>(place.frame_len - at)) {
+    if (length == 0 || length > static_cast<uint64_t>(place.end() - *at)) {
         // A length beyond an int is longer than any frame, which is all that matters of it.
         constexpr uint64_t kMost = std::numeric_limits<int>::max();
         initiailizeRet(1, &retCs);
-        get_unpackedBytesWithLength(place.frame_len, at, place.frame, static_cast<int>(std::min(length.value, kMost)),
-                                    &retCs);
-        log_message(place, format.bytes_check, __LINE__, *consumed, 0);
+        get_unpackedBytesWithLength(place.frame_len, place.offset + place.consumed(*at), place.frame,
+                                    static_cast<int>(std::min(length, kMost)), &retCs);
+        log_message(place, format.bytes_check, __LINE__, place.consumed(*at), 0);
         return false;
     }
-    *text = std::string_view(place.frame + at, static_cast<size_t>(length.value));
-    *consumed += static_cast<int>(length.value);
+    *text = std::string_view(reinterpret_cast<const char *>(*at), static_cast<size_t>(length));
+    *at += length;
     return true;
 }
 
 struct ElementsRead {
-    int count;     // fewer than there are when one is damaged or the frame ends
-    int consumed;  // bytes of the body
-    bool intact;   // none was damaged
+    int count;                // fewer than there are when one is damaged or the frame ends
+    const unsigned char *at;  // what follows them
+    bool intact;              // none was damaged
 };
 
 // Reads a message's elements into `value`, its string into *text.
 template <const MessageFormat &format>
 static inline ElementsRead read_elements(const MessagePlace &place, uint64_t *value, std::string_view *text) {
-    int consumed = 0;
+    const unsigned char *at = place.body(), *const end = place.end();
     for (int element = 0; element < format.elements; ++element) {
-        if (consumed >= place.frame_len - place.offset) return {element, consumed, true};
+        if (at >= end) return {element, at, true};
         if (format.kinds[element] == kString) {
-            int behind = consumed;  // a copy, so that `consumed` itself can stay in a register
-            const bool read = read_string(place, format, &behind, text);
-            consumed = behind;
-            if (!read) return {element, consumed, false};
-            continue;
+            if (!read_string(place, format, &at, text)) return {element, at, false};
+        } else if (!take_varint(&at, end, &value[element])) {
+            retIntStruct unread;
+            report_varint(place, at, format.varint_check, __LINE__, &unread);
+            return {element, at, false};
         }
-        retIntStruct number;
-        if (!read_next(place, &consumed, &number)) {
-            log_message(place, format.varint_check, __LINE__, consumed, 0);
-            return {element, consumed, false};
-        }
-        value[element] = number.value;
     }
-    return {format.elements, consumed, true};
+    return {format.elements, at, true};
 }
 
-// Reads the per-core block behind `consumed` bytes into the sample. Returns the body's length, -1 when it is damaged.
-static inline int read_core_block(const MessagePlace &place, int consumed, _SYSDATA_ *sample) {
-    for (int core = 0; core < kCoreCount; ++core) {
+// The per-core block at `at` is damaged: reports where, and leaves in the shared results what was read of it.
+[[gnu::cold]] static void report_core_block(const MessagePlace &place, const unsigned char *at) {
+    for (;;) {
         for (const CoreCounter &counter : kCoreBlock) {
-            if (!read_next(place, &consumed, counter.read)) {
-                log_message(place, counter.check, __LINE__, consumed, 0);
-                log_message(place, kSwitchCores, __LINE__, consumed, kSwitchElements);
-                return -1;
+            const unsigned char *start = at;
+            if (!take_varint(&at, place.end(), &counter.read->value)) {
+                report_varint(place, at, counter.check, __LINE__, counter.read);
+                return log_message(place, kSwitchCores, __LINE__, place.consumed(at), kSwitchElements);
             }
-            (sample->*counter.figures)[core] = static_cast<int64_t>(counter.read->value);
+            counter.read->status = 0;
+            counter.read->length = static_cast<int32_t>(at - start);
         }
     }
-    return consumed;
+}
+
+// Reads the per-core block at `at` into the sample. Returns what follows it, null when it is damaged.
+static inline const unsigned char *read_core_block(const MessagePlace &place, const unsigned char *at,
+                                                   _SYSDATA_ *sample) {
+    const unsigned char *const block = at, *const end = place.end();
+    const unsigned char *starts[kCoreElements];  // of the numbers of the core read last
+    for (int core = 0; core < kCoreCount; ++core) {
+        for (int element = 0; element < kCoreElements; ++element) {
+            uint64_t figure = 0;
+            starts[element] = at;
+            if (!take_varint(&at, end, &figure)) return report_core_block(place, block), nullptr;
+            (sample->*kCoreBlock[element].figures)[core] = static_cast<int64_t>(figure);
+        }
+    }
+    for (int element = 0; element < kCoreElements; ++element) {
+        const CoreCounter &counter = kCoreBlock[element];
+        const unsigned char *behind = element + 1 < kCoreElements ? starts[element + 1] : at;
+        *counter.read = {0, static_cast<int32_t>(behind - starts[element]),
+                         static_cast<uint64_t>((sample->*counter.figures)[kCoreCount - 1])};
+    }
+    return at;
 }
 
 // Fetches what accounting is about to touch, the process's record and the node that may fall off, while the rest of the
@@ -857,11 +866,13 @@ void decode_switchFrame(int /*frame_type*/, int frame_len, int offset, char *fra
     std::string_view name;
     uint64_t value[kSwitchElements];
     const ElementsRead read = read_elements<kSwitchMessage>(place, value, &name);
-    if (read.count < kSwitchElements) return log_message(place, kSwitchCount, __LINE__, read.consumed, read.count);
+    if (read.count < kSwitchElements) {
+        return log_message(place, kSwitchCount, __LINE__, place.consumed(read.at), read.count);
+    }
     prefetch_process(static_cast<int32_t>(value[kSwitchPid]));
     _SYSDATA_ sample;  // of which the store takes what is set here
-    const int consumed = read_core_block(place, read.consumed, &sample);
-    if (consumed < 0) return;
+    const unsigned char *behind = read_core_block(place, read.at, &sample);
+    if (behind == nullptr) return;
     sample.timestamp = static_cast<int64_t>(value[kSwitchTime]);
     sample.switch_timestamp = sample.timestamp;
     sample.aux_time = 0;
@@ -875,7 +886,7 @@ void decode_switchFrame(int /*frame_type*/, int frame_len, int offset, char *fra
     const bool accounted = value[kSwitchPid] != 0 && value[kSwitchRss] != 0 && value[kSwitchSwap] != 0;
     if (accounted && !account_process(sample, name, value[kSwitchRss], value[kSwitchSwap])) return;
     ret->status = 0;
-    ret->length = consumed;
+    ret->length = place.consumed(behind);
     groupData(&sample, kSwitchFrame, message_type);
 }
 
@@ -885,12 +896,13 @@ void decode_cpumeminfoFrame(int /*frame_type*/, int frame_len, int offset, char 
     std::string_view name;  // nobody wants it
     uint64_t value[kMeminfoElements];
     const ElementsRead read = read_elements<kMeminfoMessage>(place, value, &name);
-    if (read.count != kMeminfoElements) return log_message(place, kMeminfoCount, __LINE__, read.consumed, read.count);
+    const int consumed = place.consumed(read.at);
+    if (read.count != kMeminfoElements) return log_message(place, kMeminfoCount, __LINE__, consumed, read.count);
     // Kept as it stands: for a reader that goes on behind a damaged element. This one stops there.
-    if (!read.intact) return log_message(place, kMeminfoGuard, __LINE__, read.consumed, read.count);
+    if (!read.intact) return log_message(place, kMeminfoGuard, __LINE__, consumed, read.count);
 
     ret->status = 0;
-    ret->length = read.consumed;
+    ret->length = consumed;
     _SYSDATA_ sample;  // of which the store takes what is set here
     sample.timestamp = static_cast<int64_t>(value[kMeminfoTime]);
     sample.aux_time = 0;
@@ -950,7 +962,9 @@ static void walk_messages(int frame_len, char *frame, int file_index, retIntStru
         const auto report = [&](const char *check, int line, int type_length) {
             log_check(DLOG_WARN, check, format.function, line, file_index, offset, frame_len, type, type_length);
         };
-        if (!read_int(frame_len, offset, frame, &retIs)) return report(format.type_check, __LINE__, 0);
+        initiailizeRet(0, &retIs);
+        get_unpackedInt(frame_len, offset, frame, &retIs);
+        if (retIs.status == -1) return report(format.type_check, __LINE__, 0);
         const int type_length = retIs.length;
         type = static_cast<int>(retIs.value);
         if (!is_message_type(retIs.value)) return report(format.range_check, __LINE__, type_length);

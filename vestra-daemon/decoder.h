@@ -110,29 +110,30 @@ constexpr bool is_message_type(uint64_t type) {
     return type == 1 || type == 2;
 }
 
-// The varint at `at`, of which `left` bytes may be read. Returns its length, 0 when it does not end within them or
-// within ten bytes. Bits beyond 64 are lost.
-inline int take_varint(const unsigned char *at, int left, uint64_t *value) {
-    if (left >= kVarintMax) {  // nearly every number: no bound to look at
-        uint64_t number = at[0];
-        if (at[0] < 0x80) return *value = number, 1;
+// Takes the varint at *at, in front of `end`, and moves *at behind it. False, and *at stays, when it does not end there
+// or within ten bytes. Bits beyond 64 are lost.
+inline bool take_varint(const unsigned char **at, const unsigned char *end, uint64_t *value) {
+    const unsigned char *byte = *at;
+    if (end - byte >= kVarintMax) {  // nearly every number: no bound to look at
+        uint64_t number = byte[0];
+        if (byte[0] < 0x80) return *value = number, *at = byte + 1, true;
         // What is added takes the top bit of the byte before off again.
-        number += (uint64_t{at[1]} - 1) << 7;
-        if (at[1] < 0x80) return *value = number, 2;
-        number += (uint64_t{at[2]} - 1) << 14;
-        if (at[2] < 0x80) return *value = number, 3;
+        number += (uint64_t{byte[1]} - 1) << 7;
+        if (byte[1] < 0x80) return *value = number, *at = byte + 2, true;
+        number += (uint64_t{byte[2]} - 1) << 14;
+        if (byte[2] < 0x80) return *value = number, *at = byte + 3, true;
         for (int i = 3; i < kVarintMax; ++i) {
-            number += (uint64_t{at[i]} - 1) << (7 * i);
-            if (at[i] < 0x80) return *value = number, i + 1;
+            number += (uint64_t{byte[i]} - 1) << (7 * i);
+            if (byte[i] < 0x80) return *value = number, *at = byte + i + 1, true;
         }
-        return 0;
+        return false;
     }
     uint64_t number = 0;
-    for (int i = 0; i < left; ++i) {
-        number |= uint64_t{at[i] & 0x7fU} << (7 * i);
-        if (at[i] < 0x80) return *value = number, i + 1;
+    for (int i = 0; i < end - byte; ++i) {
+        number |= uint64_t{byte[i] & 0x7fU} << (7 * i);
+        if (byte[i] < 0x80) return *value = number, *at = byte + i + 1, true;
     }
-    return 0;
+    return false;
 }
 
 // Figures of a vitals sample: a varint as a signed number, and a pair of them as integer part and digits.

@@ -19,11 +19,7 @@ class Fields {
     bool at_end() const { return at_ == end_; }
     const uint8_t *at() const { return at_; }
 
-    bool number(uint64_t *value) {
-        const int length = trace::take_varint(at_, static_cast<int>(end_ - at_), value);
-        at_ += length;
-        return length > 0;
-    }
+    bool number(uint64_t *value) { return trace::take_varint(&at_, end_, value); }
 
     bool text(std::string_view *text) {
         uint64_t size = 0;
