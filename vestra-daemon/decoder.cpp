@@ -20,10 +20,12 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <limits>
 #include <string_view>
 #include <utility>
@@ -38,6 +40,34 @@ using namespace trace;
 
 static constexpr int kTerminatedKept = 20;                // bytes of a terminated string's block, terminator included
 static constexpr int64_t kStaleAfter = 8 * kNsPerSecond;  // a slot that much older holds a second of the lap before
+
+// Slot of a time. The whole seconds are the quotient toward zero; a time before 0 counts back from the ring's end.
+static int slot_of(int64_t time) {
+    const auto slot = static_cast<int>(time / kNsPerSecond % kSlotCount);
+    return slot < 0 ? slot + kSlotCount : slot;
+}
+
+// What all times of one second share. Worked out once for each second that samples come from: divisions of 64 bits, for
+// which a 32-bit set has no instruction.
+struct Second {
+    int64_t start;  // ns
+    int slot;
+    size_t digits;  // of `text`; 0 for the first second, in which a time has none in front of its nanoseconds
+    char text[12];  // the number of the second
+};
+
+// The second of a time that is not negative. Reader thread; holds until the next call.
+static const Second &second_of(int64_t time) {
+    static Second second = {};
+    const uint64_t since = static_cast<uint64_t>(time) - static_cast<uint64_t>(second.start);
+    if (since < static_cast<uint64_t>(kNsPerSecond)) return second;
+    const int64_t number = time / kNsPerSecond;
+    second.start = number * kNsPerSecond;
+    second.slot = slot_of(time);
+    const char *end = number > 0 ? std::to_chars(second.text, std::end(second.text), number).ptr : second.text;
+    second.digits = static_cast<size_t>(end - second.text);
+    return second;
+}
 
 /* ------------------------------ 2. Field readers ------------------------------ */
 
@@ -66,10 +96,10 @@ static inline const unsigned char *bytes_at(const char *frame, int offset) {
 
 void get_unpackedInt(int frame_len, int offset, char *frame, retIntStruct *ret) {
     const int left = offset < 0 || offset >= frame_len ? 0 : frame_len - offset;
-    const unsigned char *start = bytes_at(frame, left > 0 ? offset : 0), *at = start;
-    uint64_t value = 0;
-    if (take_varint(&at, start + left, &value)) {
-        *ret = {0, static_cast<int32_t>(at - start), value};
+    const unsigned char *start = bytes_at(frame, left > 0 ? offset : 0);
+    const Varint number = take_varint(start, start + left);
+    if (number.behind != nullptr) {
+        *ret = {0, static_cast<int32_t>(number.behind - start), number.value};
         return;
     }
     int examined = 0;  // up to the number's last byte, or the frame's
@@ -264,14 +294,29 @@ std::string ToString(long long value) {
     return std::to_string(value);
 }
 
+// Decimal text of a time. What stands in front of the nanoseconds is the same for all samples of a second.
+static void set_time_text(int64_t time, std::string *text) {
+    static constexpr size_t kFraction = 9;  // digits
+    if (time < kNsPerSecond) {
+        *text = ToString(time);
+        return;
+    }
+    const Second &second = second_of(time);
+    text->resize(second.digits + kFraction);
+    // Leading zeros count in the fraction: a one in front of it keeps them, until the second's last digit takes its place.
+    const auto fraction = static_cast<uint32_t>(time - second.start) + static_cast<uint32_t>(kNsPerSecond);
+    char *begin = text->data(), *end = begin + text->size();
+    std::to_chars(end - kFraction - 1, end, fraction);
+    memcpy(begin, second.text, second.digits);
+}
+
 circ_buf_shm *GetShmNode(process_mem *record, double cpu) {
+    if (spare_node == nullptr) spare_node = new circ_buf_shm;
     // What can fail comes first: a node that was taken is always handed out.
-    std::string timestamp = ToString(record->timestamp), name = record->name;
-    circ_buf_shm *node = spare_node != nullptr ? spare_node : new circ_buf_shm;
-    spare_node = nullptr;
-    node->timestamp = std::move(timestamp);
+    set_time_text(record->timestamp, &spare_node->timestamp);
+    spare_node->name = record->name;
+    circ_buf_shm *node = std::exchange(spare_node, nullptr);
     node->pid = record->pid;
-    node->name = std::move(name);
     node->rss = record->rss;
     node->swap = record->swap;
     node->cpu = cpu;
@@ -325,12 +370,6 @@ double g_CPUTotalPer[kCpuSampleCount];  // percent, ring of total CPU usage samp
 int32_t g_CPUSampleCnt;                 // place of the next sample in it, 0..499
 int32_t g_CPUValidSample;               // samples held, up to 500
 double g_CPUTotalPercent;               // percent, highest average so far
-
-// Slot of a time. The whole seconds are the quotient toward zero; a time before 0 counts back from the ring's end.
-static int slot_of(int64_t time) {
-    const auto slot = static_cast<int>(time / kNsPerSecond % kSlotCount);
-    return slot < 0 ? slot + kSlotCount : slot;
-}
 
 static bool is_slot(int index) {
     return index >= 0 && index < kSlotCount;
@@ -529,7 +568,7 @@ void groupData(_SYSDATA_ *sample, int frame_type, int message_type) {
         LOGE("ERR:vestrad : Not handling timestamp %lld\n", static_cast<long long>(sample->timestamp));
         return;
     }
-    const int slot = slot_of(sample->timestamp);
+    const int slot = second_of(sample->timestamp).slot;
     const int newest = fillData(slot, sample, frame_type, message_type);
     const bool first = maxTimeValue == -1;
     // Within one second the head stays, and so does maxTimeValue: it is the time of the sample that moved the head.
@@ -674,17 +713,29 @@ struct MessageFormat {
     const ElementKind *kinds;
     int elements;
     const char *varint_check, *length_check, *bytes_check;  // what is logged when an element cannot be read
+    const char *count_check;  // and then, or when the frame ends before the last
+    // Kept as it stands: when the last is damaged but counts. No element does that.
+    const char *guard_check;
 };
 
 #define CHECK_TEXT(text) VESTRA_LOG_PREFIX "vestra : " text
 #define AT_TEXT " at frame_index:%d, frame_len:%d, messageType:%d, offset:%d"
 
-static constexpr MessageFormat kSwitchMessage = {
-    kSwitchKinds, kSwitchElements, CHECK_TEXT("7. Corrupted" AT_TEXT " \n"), CHECK_TEXT("8. Corrupted" AT_TEXT "\n"),
-    CHECK_TEXT("9. Corrupted" AT_TEXT " \n")};
+static constexpr MessageFormat kSwitchMessage = {kSwitchKinds,
+                                                 kSwitchElements,
+                                                 CHECK_TEXT("7. Corrupted" AT_TEXT " \n"),
+                                                 CHECK_TEXT("8. Corrupted" AT_TEXT "\n"),
+                                                 CHECK_TEXT("9. Corrupted" AT_TEXT " \n"),
+                                                 CHECK_TEXT("Corrupted" AT_TEXT ", elm_count:%d \n"),
+                                                 CHECK_TEXT("Corrupted" AT_TEXT ", elm_count:%d \n")};
 static constexpr MessageFormat kMeminfoMessage = {
-    kMeminfoKinds, kMeminfoElements, CHECK_TEXT("6. cpumeminfo Corrupted" AT_TEXT " \n"),
-    CHECK_TEXT("7. cpumeminfo Corrupted" AT_TEXT "\n"), CHECK_TEXT("8. cpumeminfo Corrupted" AT_TEXT " \n")};
+    kMeminfoKinds,
+    kMeminfoElements,
+    CHECK_TEXT("6. cpumeminfo Corrupted" AT_TEXT " \n"),
+    CHECK_TEXT("7. cpumeminfo Corrupted" AT_TEXT "\n"),
+    CHECK_TEXT("8. cpumeminfo Corrupted" AT_TEXT " \n"),
+    CHECK_TEXT("9. cpumeminfo Corrupted" AT_TEXT ", elm_count:%d \n"),
+    CHECK_TEXT("10. cpumeminfo Corrupted" AT_TEXT ", elm_count:%d \n")};
 
 // The per-core block of a switch message: these five for core 0, then for core 1, 2 and 3.
 static constexpr struct CoreCounter {
@@ -700,10 +751,7 @@ static constexpr struct CoreCounter {
     {&iowaittimeIs, &_SYSDATA_::iowaittime, CHECK_TEXT("14 .Corrupted" AT_TEXT " \n")},
 };
 
-static constexpr char kSwitchCount[] = CHECK_TEXT("Corrupted" AT_TEXT ", elm_count:%d \n");
 static constexpr char kSwitchCores[] = CHECK_TEXT("15. Corrupted" AT_TEXT ", elm_count:%d \n");
-static constexpr char kMeminfoCount[] = CHECK_TEXT("9. cpumeminfo Corrupted" AT_TEXT ", elm_count:%d \n");
-static constexpr char kMeminfoGuard[] = CHECK_TEXT("10. cpumeminfo Corrupted" AT_TEXT ", elm_count:%d \n");
 
 /* ------------------------------ 8. Message decoders ------------------------------ */
 
@@ -717,8 +765,10 @@ static constexpr char kMeminfoGuard[] = CHECK_TEXT("10. cpumeminfo Corrupted" AT
 }
 #pragma GCC diagnostic pop
 
-// Where a message stands. Its bytes are read with the format's own reader; what that cannot read is read again by the
-// field readers, which report what is wrong with it.
+// Where a message stands.
+//
+// It is taken without a look at what may be wrong with it; one that cannot be taken is read again by the field readers,
+// element by element, and reported.
 struct MessagePlace {
     const char *function;  // the decoder's, for its log lines
     char *frame;
@@ -731,102 +781,103 @@ struct MessagePlace {
     int consumed(const unsigned char *at) const { return static_cast<int>(at - body()); }
 };
 
-[[gnu::cold]] static void log_message(const MessagePlace &place, const char *text, int line, int consumed,
-                                      int elements) {
-    log_check(DLOG_WARN, text, place.function, line, place.offset, place.frame_len, place.message_type, consumed,
-              elements);
-}
-
-// Reports a varint that cannot be read, for which *ret is preset.
-[[gnu::cold]] static void report_varint(const MessagePlace &place, const unsigned char *at, const char *check, int line,
-                                        retIntStruct *ret) {
-    initiailizeRet(0, ret);
-    get_unpackedInt(place.frame_len, place.offset + place.consumed(at), place.frame, ret);
-    log_message(place, check, line, place.consumed(at), 0);
-}
-
-// Reads a string: its length, then its bytes, which stay where they are in the frame. *at moves behind what could be
-// read of it.
-static inline bool read_string(const MessagePlace &place, const MessageFormat &format, const unsigned char **at,
-                               std::string_view *text) {
-    uint64_t length = 0;
-    if (!take_varint(at, place.end(), &length)) {
-        retIntStruct unread;
-        report_varint(place, *at, format.length_check, __LINE__, &unread);
-        return false;
-    }
-    if (length == 0 || length > static_cast<uint64_t>(place.end() - *at)) {
-        // A length beyond an int is longer than any frame, which is all that matters of it.
-        constexpr uint64_t kMost = std::numeric_limits<int>::max();
-        initiailizeRet(1, &retCs);
-        get_unpackedBytesWithLength(place.frame_len, place.offset + place.consumed(*at), place.frame,
-                                    static_cast<int>(std::min(length, kMost)), &retCs);
-        log_message(place, format.bytes_check, __LINE__, place.consumed(*at), 0);
-        return false;
-    }
-    *text = std::string_view(reinterpret_cast<const char *>(*at), static_cast<size_t>(length));
-    *at += length;
-    return true;
-}
-
-struct ElementsRead {
-    int count;                // fewer than there are when one is damaged or the frame ends
-    const unsigned char *at;  // what follows them
-    bool intact;              // none was damaged
-};
-
-// Reads a message's elements into `value`, its string into *text.
-template <const MessageFormat &format>
-static inline ElementsRead read_elements(const MessagePlace &place, uint64_t *value, std::string_view *text) {
+// Takes a message's elements, its numbers into `value` and its string into *text. Returns what follows them, null when
+// they are not all there. A loop that the compiler is made to unroll.
+template <const MessageFormat &format, size_t... element>
+static inline const unsigned char *take_elements(const MessagePlace &place, uint64_t *value, std::string_view *text,
+                                                 std::index_sequence<element...> /*all*/) {
     const unsigned char *at = place.body(), *const end = place.end();
-    for (int element = 0; element < format.elements; ++element) {
-        if (at >= end) return {element, at, true};
-        if (format.kinds[element] == kString) {
-            if (!read_string(place, format, &at, text)) return {element, at, false};
-        } else if (!take_varint(&at, end, &value[element])) {
-            retIntStruct unread;
-            report_varint(place, at, format.varint_check, __LINE__, &unread);
-            return {element, at, false};
-        }
-    }
-    return {format.elements, at, true};
+    const bool taken =
+        (((at = take_element<format.kinds[element]>(at, end, &value[element], text)) != nullptr) && ...);
+    return taken ? at : nullptr;
 }
 
-// The per-core block at `at` is damaged: reports where, and leaves in the shared results what was read of it.
-[[gnu::cold]] static void report_core_block(const MessagePlace &place, const unsigned char *at) {
-    for (;;) {
-        for (const CoreCounter &counter : kCoreBlock) {
-            const unsigned char *start = at;
-            if (!take_varint(&at, place.end(), &counter.read->value)) {
-                report_varint(place, at, counter.check, __LINE__, counter.read);
-                return log_message(place, kSwitchCores, __LINE__, place.consumed(at), kSwitchElements);
-            }
-            counter.read->status = 0;
-            counter.read->length = static_cast<int32_t>(at - start);
-        }
-    }
+// Takes the five figures of a core into the sample, likewise. starts[i] gets the place of the i-th.
+template <size_t... element>
+static inline const unsigned char *take_core(const unsigned char *at, const unsigned char *end, int core,
+                                             _SYSDATA_ *sample, const unsigned char **starts,
+                                             std::index_sequence<element...> /*all*/) {
+    const auto take = [&](size_t index, int64_t(_SYSDATA_::*figures)[kCoreCount]) {
+        const Varint number = take_varint(at, end);
+        (sample->*figures)[core] = static_cast<int64_t>(number.value);
+        starts[index] = at;
+        at = number.behind;
+        return at != nullptr;
+    };
+    return (take(element, kCoreBlock[element].figures) && ...) ? at : nullptr;
 }
 
-// Reads the per-core block at `at` into the sample. Returns what follows it, null when it is damaged.
-static inline const unsigned char *read_core_block(const MessagePlace &place, const unsigned char *at,
+// Takes the per-core block at `at` into the sample, likewise.
+static inline const unsigned char *take_core_block(const unsigned char *at, const unsigned char *end,
                                                    _SYSDATA_ *sample) {
-    const unsigned char *const block = at, *const end = place.end();
-    const unsigned char *starts[kCoreElements];  // of the numbers of the core read last
+    const unsigned char *starts[kCoreElements + 1];  // of the numbers of the core taken last
     for (int core = 0; core < kCoreCount; ++core) {
-        for (int element = 0; element < kCoreElements; ++element) {
-            uint64_t figure = 0;
-            starts[element] = at;
-            if (!take_varint(&at, end, &figure)) return report_core_block(place, block), nullptr;
-            (sample->*kCoreBlock[element].figures)[core] = static_cast<int64_t>(figure);
-        }
+        at = take_core(at, end, core, sample, starts, std::make_index_sequence<kCoreElements>());
+        if (at == nullptr) return nullptr;
     }
+    starts[kCoreElements] = at;
     for (int element = 0; element < kCoreElements; ++element) {
         const CoreCounter &counter = kCoreBlock[element];
-        const unsigned char *behind = element + 1 < kCoreElements ? starts[element + 1] : at;
-        *counter.read = {0, static_cast<int32_t>(behind - starts[element]),
+        *counter.read = {0, static_cast<int32_t>(starts[element + 1] - starts[element]),
                          static_cast<uint64_t>((sample->*counter.figures)[kCoreCount - 1])};
     }
     return at;
+}
+
+static void log_message(const MessagePlace &place, const char *text, int line, const unsigned char *at, int elements) {
+    log_check(DLOG_WARN, text, place.function, line, place.offset, place.frame_len, place.message_type,
+              place.consumed(at), elements);
+}
+
+// Reads the varint at *at with its field reader and moves *at behind it. Reports one that cannot be read.
+static bool read_number(const MessagePlace &place, const unsigned char **at, const char *check, retIntStruct *ret) {
+    initiailizeRet(0, ret);
+    get_unpackedInt(place.frame_len, place.offset + place.consumed(*at), place.frame, ret);
+    if (ret->status == -1) {
+        log_message(place, check, __LINE__, *at, 0);
+        return false;
+    }
+    *at += ret->length;
+    return true;
+}
+
+// Likewise a string: its length, then its bytes, which stay where they are. *at moves behind what could be read of it.
+static bool read_string(const MessagePlace &place, const MessageFormat &format, const unsigned char **at) {
+    retIntStruct length;
+    if (!read_number(place, at, format.length_check, &length)) return false;
+    if (length.value > 0 && length.value <= static_cast<uint64_t>(place.end() - *at)) {
+        *at += length.value;
+        return true;
+    }
+    // A length beyond an int is longer than any frame, which is all that matters of it.
+    constexpr uint64_t kMost = std::numeric_limits<int>::max();
+    initiailizeRet(1, &retCs);
+    get_unpackedBytesWithLength(place.frame_len, place.offset + place.consumed(*at), place.frame,
+                                static_cast<int>(std::min(length.value, kMost)), &retCs);
+    log_message(place, format.bytes_check, __LINE__, *at, 0);
+    return false;
+}
+
+// Reports what is wrong with a message's elements.
+[[gnu::cold]] static void report_elements(const MessagePlace &place, const MessageFormat &format) {
+    const unsigned char *at = place.body();
+    int element = 0;
+    for (; element < format.elements && at < place.end(); ++element) {
+        retIntStruct number;
+        const bool read = format.kinds[element] == kString ? read_string(place, format, &at)
+                                                           : read_number(place, &at, format.varint_check, &number);
+        if (!read) break;
+    }
+    log_message(place, element < format.elements ? format.count_check : format.guard_check, __LINE__, at, element);
+}
+
+// Reports what is wrong with the per-core block at `at`. The shared results get what could be read of it.
+[[gnu::cold]] static void report_core_block(const MessagePlace &place, const unsigned char *at) {
+    for (int number = 0; number < kCoreCount * kCoreElements; ++number) {
+        const CoreCounter &counter = kCoreBlock[number % kCoreElements];
+        if (!read_number(place, &at, counter.check, counter.read)) break;
+    }
+    log_message(place, kSwitchCores, __LINE__, at, kSwitchElements);
 }
 
 // Fetches what accounting is about to touch, the process's record and the node that may fall off, while the rest of the
@@ -865,14 +916,13 @@ void decode_switchFrame(int /*frame_type*/, int frame_len, int offset, char *fra
     const MessagePlace place = {__func__, frame, frame_len, offset, message_type};
     std::string_view name;
     uint64_t value[kSwitchElements];
-    const ElementsRead read = read_elements<kSwitchMessage>(place, value, &name);
-    if (read.count < kSwitchElements) {
-        return log_message(place, kSwitchCount, __LINE__, place.consumed(read.at), read.count);
-    }
+    const unsigned char *cores =
+        take_elements<kSwitchMessage>(place, value, &name, std::make_index_sequence<kSwitchElements>());
+    if (cores == nullptr) return report_elements(place, kSwitchMessage);
     prefetch_process(static_cast<int32_t>(value[kSwitchPid]));
     _SYSDATA_ sample;  // of which the store takes what is set here
-    const unsigned char *behind = read_core_block(place, read.at, &sample);
-    if (behind == nullptr) return;
+    const unsigned char *behind = take_core_block(cores, place.end(), &sample);
+    if (behind == nullptr) return report_core_block(place, cores);
     sample.timestamp = static_cast<int64_t>(value[kSwitchTime]);
     sample.switch_timestamp = sample.timestamp;
     sample.aux_time = 0;
@@ -895,14 +945,12 @@ void decode_cpumeminfoFrame(int /*frame_type*/, int frame_len, int offset, char 
     const MessagePlace place = {__func__, frame, frame_len, offset, message_type};
     std::string_view name;  // nobody wants it
     uint64_t value[kMeminfoElements];
-    const ElementsRead read = read_elements<kMeminfoMessage>(place, value, &name);
-    const int consumed = place.consumed(read.at);
-    if (read.count != kMeminfoElements) return log_message(place, kMeminfoCount, __LINE__, consumed, read.count);
-    // Kept as it stands: for a reader that goes on behind a damaged element. This one stops there.
-    if (!read.intact) return log_message(place, kMeminfoGuard, __LINE__, consumed, read.count);
+    const unsigned char *behind =
+        take_elements<kMeminfoMessage>(place, value, &name, std::make_index_sequence<kMeminfoElements>());
+    if (behind == nullptr) return report_elements(place, kMeminfoMessage);
 
     ret->status = 0;
-    ret->length = consumed;
+    ret->length = place.consumed(behind);
     _SYSDATA_ sample;  // of which the store takes what is set here
     sample.timestamp = static_cast<int64_t>(value[kMeminfoTime]);
     sample.aux_time = 0;

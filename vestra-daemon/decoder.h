@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "platform/vestra_api.h"
 
@@ -110,30 +111,44 @@ constexpr bool is_message_type(uint64_t type) {
     return type == 1 || type == 2;
 }
 
-// Takes the varint at *at, in front of `end`, and moves *at behind it. False, and *at stays, when it does not end there
-// or within ten bytes. Bits beyond 64 are lost.
-inline bool take_varint(const unsigned char **at, const unsigned char *end, uint64_t *value) {
-    const unsigned char *byte = *at;
-    if (end - byte >= kVarintMax) {  // nearly every number: no bound to look at
-        uint64_t number = byte[0];
-        if (byte[0] < 0x80) return *value = number, *at = byte + 1, true;
-        // What is added takes the top bit of the byte before off again.
-        number += (uint64_t{byte[1]} - 1) << 7;
-        if (byte[1] < 0x80) return *value = number, *at = byte + 2, true;
-        number += (uint64_t{byte[2]} - 1) << 14;
-        if (byte[2] < 0x80) return *value = number, *at = byte + 3, true;
-        for (int i = 3; i < kVarintMax; ++i) {
-            number += (uint64_t{byte[i]} - 1) << (7 * i);
-            if (byte[i] < 0x80) return *value = number, *at = byte + i + 1, true;
-        }
-        return false;
-    }
+// A varint that was taken. `behind` is null when there is none: it does not end within the bytes that may be read, or
+// within ten. Bits beyond 64 are lost.
+struct Varint {
+    const unsigned char *behind;
+    uint64_t value;
+};
+
+// The varint at `at`, in front of `end`. Not inlined, so that the short way of most numbers, below, can be.
+[[gnu::noinline]] inline Varint take_any_varint(const unsigned char *at, const unsigned char *end) {
     uint64_t number = 0;
-    for (int i = 0; i < end - byte; ++i) {
-        number |= uint64_t{byte[i] & 0x7fU} << (7 * i);
-        if (byte[i] < 0x80) return *value = number, *at = byte + i + 1, true;
+    for (int shift = 0; at < end && shift < 7 * kVarintMax; shift += 7, ++at) {
+        number |= uint64_t{*at & 0x7fU} << shift;
+        if (*at < 0x80) return {at + 1, number};
     }
-    return false;
+    return {nullptr, 0};
+}
+
+// The same.
+inline Varint take_varint(const unsigned char *at, const unsigned char *end) {
+    if (end - at < kVarintMax) return take_any_varint(at, end);
+    // What is taken off is the top bits of the bytes before the last.
+    if (at[0] < 0x80) return {at + 1, at[0]};
+    if (at[1] < 0x80) return {at + 2, at[0] + (uint32_t{at[1]} << 7) - 0x80};
+    if (at[2] < 0x80) return {at + 3, at[0] + (uint32_t{at[1]} << 7) + (uint32_t{at[2]} << 14) - 0x4080};
+    return take_any_varint(at, end);
+}
+
+// One element at `at`: a number into *value, or a string, which stays where it is, into *text. Returns what follows it,
+// null when it is not all there.
+template <ElementKind kind>
+inline const unsigned char *take_element(const unsigned char *at, const unsigned char *end, uint64_t *value,
+                                         std::string_view *text) {
+    const Varint number = take_varint(at, end);
+    if (number.behind == nullptr) return nullptr;
+    if (kind == kVarint) return *value = number.value, number.behind;
+    if (number.value == 0 || number.value > static_cast<uint64_t>(end - number.behind)) return nullptr;
+    *text = std::string_view(reinterpret_cast<const char *>(number.behind), static_cast<size_t>(number.value));
+    return number.behind + number.value;
 }
 
 // Figures of a vitals sample: a varint as a signed number, and a pair of them as integer part and digits.

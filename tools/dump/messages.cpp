@@ -19,7 +19,13 @@ class Fields {
     bool at_end() const { return at_ == end_; }
     const uint8_t *at() const { return at_; }
 
-    bool number(uint64_t *value) { return trace::take_varint(&at_, end_, value); }
+    bool number(uint64_t *value) {
+        const trace::Varint number = trace::take_varint(at_, end_);
+        if (number.behind == nullptr) return false;
+        *value = number.value;
+        at_ = number.behind;
+        return true;
+    }
 
     bool text(std::string_view *text) {
         uint64_t size = 0;
