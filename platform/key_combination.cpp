@@ -9,7 +9,6 @@
 #include <charconv>
 #include <cstdio>
 #include <ctime>
-#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -39,15 +38,14 @@ std::vector<Registration> current_handlers() {
 }
 
 std::vector<std::string> waiting_presses() {
-    std::vector<std::string> names;
-    std::error_code ignored;
-    for (const auto &entry : std::filesystem::directory_iterator(state_path(kDirectory), ignored)) {
-        if (entry.path().extension() == kSuffix && entry.path().filename().native()[0] != '.') {
-            names.push_back(entry.path().native());
-        }
+    constexpr size_t kSuffixSize = sizeof(kSuffix) - 1;
+    std::vector<std::string> paths;
+    for (const std::string &name : list_state_directory(kDirectory).value_or(std::vector<std::string>())) {
+        const bool press =
+            name.size() > kSuffixSize && name.compare(name.size() - kSuffixSize, kSuffixSize, kSuffix) == 0;
+        if (press) paths.push_back(state_path(std::string(kDirectory) + "/" + name));
     }
-    std::sort(names.begin(), names.end());
-    return names;
+    return paths;
 }
 
 // Takes a press away and reads it. Nothing when it was not one, or when it cannot be taken away: it would come for

@@ -1,12 +1,15 @@
 #include "platform/state_dir.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 #include "platform/platform_log.h"
 
@@ -59,6 +62,22 @@ std::optional<std::string> read_state_file(const std::string &path, size_t limit
     }
     contents.resize(used);
     return contents;
+}
+
+// Not with the standard library's iterator: when memory runs out, that one ends the process.
+std::optional<std::vector<std::string>> list_state_directory(std::string_view relative) {
+    const std::string path = state_path(relative);
+    const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
+    if (directory == nullptr) {
+        PLATFORM_LOGW("cannot list %s (%d:%m)", path.c_str(), errno);
+        return std::nullopt;
+    }
+    std::vector<std::string> names;
+    while (const dirent *entry = readdir(directory.get())) {
+        if (entry->d_name[0] != '.') names.emplace_back(entry->d_name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 bool replace_state_file(const std::string &path, std::string_view contents) {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Path of `relative` in the state directory. Reads the environment at each call.
 std::string state_path(std::string_view relative);
@@ -15,6 +16,10 @@ std::string state_path(std::string_view relative);
 // Contents of a regular file of at most `limit` bytes. Nothing, with a log line, when it is missing, larger, or not a
 // file. `quiet_when_missing`: a missing file is no news.
 std::optional<std::string> read_state_file(const std::string &path, size_t limit, bool quiet_when_missing = false);
+
+// Names in the directory `relative` that do not begin with a point, sorted. Nothing, with a log line, when it cannot be
+// read.
+std::optional<std::vector<std::string>> list_state_directory(std::string_view relative);
 
 // Replaces the file (mode 0644) in one step: a reader sees the old contents or the new ones. A link in its place is
 // replaced, not followed. False, with a log line and errno, on failure; the old file is as it was then.

@@ -7,7 +7,6 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,8 +27,6 @@ struct usb_device_list_s {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr char kDirectory[] = "usb";
 constexpr char kGroup[] = "device";
 constexpr size_t kEntryLimit = 8192;
@@ -42,32 +39,27 @@ struct Entry {
     std::string path;
 };
 
-std::optional<Entry> parse_entry(const fs::path &path) {
-    const std::string name = path.filename().native();
+std::optional<Entry> parse_entry(const std::string &name) {
     Entry entry = {};
     const char *end = name.data() + name.size();
     const auto parsed = std::from_chars(name.data(), end, entry.order);
     if (parsed.ec != std::errc() || parsed.ptr == end || *parsed.ptr != '-') return std::nullopt;
     entry.label = std::string(parsed.ptr + 1, end);
-    entry.path = path.native();
+    entry.path = state_path(std::string(kDirectory) + "/" + name);
     return entry;
 }
 
 // The entries in order of plugging. Nothing, with a log line, when the directory cannot be read.
 std::optional<std::vector<Entry>> plugged_entries() {
-    std::error_code error;
+    const auto names = list_state_directory(kDirectory);
+    if (!names) return std::nullopt;
     std::vector<Entry> entries;
-    for (const auto &file : fs::directory_iterator(state_path(kDirectory), error)) {
-        if (file.path().filename().native()[0] == '.') continue;
-        if (auto entry = parse_entry(file.path())) {
+    for (const std::string &name : *names) {
+        if (auto entry = parse_entry(name)) {
             entries.push_back(std::move(*entry));
         } else {
-            PLATFORM_LOGW("not a device: %s", file.path().c_str());
+            PLATFORM_LOGW("not a device: %s", name.c_str());
         }
-    }
-    if (error) {
-        PLATFORM_LOGW("cannot list %s: %s", state_path(kDirectory).c_str(), error.message().c_str());
-        return std::nullopt;
     }
     std::sort(entries.begin(), entries.end(), [](const Entry &a, const Entry &b) {
         return a.order != b.order ? a.order < b.order : a.label < b.label;
