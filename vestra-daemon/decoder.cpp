@@ -1135,6 +1135,8 @@ static int execute(const char *statement) {
 }
 
 int openDB() {
+    // What a fill that failed has left open; else its descriptor would never be closed.
+    sqlite3_close(std::exchange(db, nullptr));
     if (sqlite3_open(dbPath, &db) != 0) {
         LOGE("Can't open database: %s", sqlite3_errmsg(db));
     } else {

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
 
 #include "vestra-daemon/vestra_log.h"
 
@@ -63,8 +64,10 @@ int ToInt(const char *text) {
 
 // One function, because every line it logs carries its name.
 int GetVestraConfigInfo(VestraConfig_t &config, char *path) try {
+    // Opened here: the library's own descriptor would be open in children, and be left behind when memory runs out.
+    const std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path, "re"), fclose);
     tinyxml2::XMLDocument document;
-    if (document.LoadFile(path) != tinyxml2::XML_SUCCESS) {
+    if (file == nullptr || document.LoadFile(file.get()) != tinyxml2::XML_SUCCESS) {
         LOGE("vestra Config file loading failed: %s\n", path);
         return -1;
     }
