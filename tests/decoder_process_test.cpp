@@ -4,8 +4,6 @@
 #include <random>
 
 #include "decoder_support.h"
-#include "failing_new.h"
-#include "platform/vconf.h"
 
 using namespace decoder_test;
 using vestra_set::SwitchMessage;
@@ -139,21 +137,6 @@ TEST_F(DecoderTest, OldestOfTheListFallOffAboveTheLimitOnly) {
     shm_list_size = 0;
     decode(sample(9, 77, "player"));
     EXPECT_EQ(list().size(), 1U);
-}
-
-TEST_F(DecoderTest, MessageIsDroppedWithoutMemory) {
-    EXPECT_EQ(vconf_set_int("memory/SHM/trigger_db_write", 1), 0);
-    failing_size = sizeof(circ_buf_shm);
-    decode(sample(4, 78, "other"));
-    failing_size = 0;
-    int waiting = -1;
-    EXPECT_EQ(vconf_get_int("memory/SHM/trigger_db_write", &waiting), 0);
-    EXPECT_EQ(waiting, 0) << "who waits for the database is told not to";
-    EXPECT_THAT(log_text(kWarning),
-                testing::StartsWith("5 decode_frame vestra : 4. Corrupted frame at file_index:4, "));
-    EXPECT_EQ(list().size(), 0U);
-    EXPECT_EQ(vesrta_checkhash_hist(78), -1);
-    EXPECT_EQ(collectedData[4].flags, 0U);
 }
 
 }  // namespace

@@ -68,17 +68,12 @@ TEST_F(VestradChain, WhatGivesNoBlockLeavesTheChainAsItWas) {
     errno = 0;
     EXPECT_EQ(read_from(nothing), 0);
     EXPECT_EQ(read_from(directory), -1);
-    // Only a request of this very size fails: a node, or the room for so much data.
-    for (const auto &[bytes, length] : Table<size_t, size_t>{{sizeof(circ_buf_s), 1}, {40, 31}, {72, 32}, {72, 63}}) {
-        world().malloc_fails_for = bytes;
-        EXPECT_EQ(read_block(std::string(length, 'y')), -1);
-    }
     exit_flag = 1;
     EXPECT_EQ(read_block("abc"), 0);
     EXPECT_EQ(drain_node(), "abc") << "nothing is read once stopped";
-    EXPECT_THAT(seen("3456w"), ElementsAre("5 WARN: Invalid Read (0:Success)  *20",
-                                           "6 ERROR: malloc failed (21:Is a directory)",  // a read error, by that text
-                                           "6 ERROR: malloc failed (12:Cannot allocate memory) *8"));
+    EXPECT_THAT(seen("3456w"),
+                ElementsAre("5 WARN: Invalid Read (0:Success)  *20", "6 ERROR: malloc failed (21:Is a directory)"))
+        << "a read error, by that text";
     EXPECT_THAT(chain_sizes(), ElementsAre(50U));
     EXPECT_EQ(gtotal_bytes, 50U);
     close(nothing);
@@ -156,7 +151,7 @@ TEST_F(VestradReader, DumpsWhenTimeAndDataAreEnough) {
 }
 
 TEST_F(VestradReader, DumpThatFailsIsTriedAgainInTheNextRound) {
-    world().write_fails_in = 2;
+    world().fails_in[kWrite] = 2;
     run(5);
     EXPECT_EQ(seen("6").back(), "6 ERROR: trf write_data failed (28:No space left on device)");
     EXPECT_THAT(seen(), Contains("3 INFO: prevtime[0]:curtime[5] secs, newdata[655360]:min_req_data[262144]"));

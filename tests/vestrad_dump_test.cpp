@@ -164,7 +164,7 @@ TEST_F(VestradDump, FailureKeepsTheChainAndTheTemporaryFile) {
         SCOPED_TRACE(message);
         prepare();
         g_vestra_config.vestra_litemode_on = 1;
-        world().write_fails_in = failing;
+        world().fails_in[kWrite] = failing;
         world().write_most = most;
         const int descriptor = next_descriptor();
         EXPECT_EQ(dump(WRITE_REASON_CONTINUOUS), -1);

@@ -200,7 +200,7 @@ TEST_F(VestradStartup, WithoutItsNeedsItShutsDown) {
         SCOPED_TRACE(std::to_string(fault) + " thread " + std::to_string(failing));
         prepare();
         if (failing == 0) platform_fail_always(fault);
-        world().thread_fails_in = failing;
+        world().fails_in[kThread] = failing;
         EXPECT_THAT(run(), EndsWith("\n[Vestra]  INFO: main loop exit\n"));
         EXPECT_EQ(g_loop, nullptr);
         Strings expected(calls.begin(), calls.begin() + made);

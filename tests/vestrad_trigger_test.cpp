@@ -53,7 +53,7 @@ TEST_F(VestradTrigger, KeyWaitsForTheFaultAndAFullChain) {
 TEST_F(VestradTrigger, KeyDumpIsShown) {
     const std::string dump = "/tmp/stick/0000000000_" + std::to_string(getpid()) + "_vestrad_1709618828";
     file_complete_flag = 1;
-    world().write_fails_in = 1;
+    world().fails_in[kWrite] = 1;
     Handler_Cb(87, nullptr);
     EXPECT_THAT(notices(), HasSubstr("\"VESTRA : USERKEY\\nFile Dump Failed!!!\\nFilePath:" + dump + "\""));
     EXPECT_THAT(seen("6"), Contains(StartsWith("6 ERROR: hcb write_data failed (")));
@@ -154,7 +154,7 @@ TEST_F(VestradTrigger, RobustnessKeyBecomesADump) {
         EXPECT_EQ(notices(), "");
     }
     prepare();
-    world().write_fails_in = 1;
+    world().fails_in[kWrite] = 1;
     call_with_key(key, "/tmp/stick|p|1", robustness_vconf_notify_cb);
     EXPECT_EQ(seen("6").back(), "6 [vestra] ERROR: robustness write_data failed (28:No space left on device)");
     begin_transcript();

@@ -13,8 +13,6 @@ static void reset_globals() {
     free_bufs_shm(&ghead_shm);
     last_node = nullptr;
     shm_list_size = 0;
-    if (g_loop != nullptr) g_main_loop_unref(g_loop);  // the daemon leaves it to the process's end
-    g_loop = nullptr;
     exit_flag = key_handling_flag = fault_handling_flag = dod_mode_flag = file_complete_flag = 0;
     max_file_size = 10U << 20;
     sleep_time_usec_buf = 1000000;
@@ -47,17 +45,22 @@ static void clean_set() {
     fs::remove(state_path("notifications.jsonl"));
 }
 
+void forget_start() {
+    vconf_ignore_key_changed("memory/SHM/trigger_db_write", callbackSHMdbpop);
+    vconf_ignore_key_changed("memory/scenario_manager_tv/memory_drop", __scenario_manager_tv_memory);
+    vconf_ignore_key_changed("system/DOD/test_monitor", dod_vconf_notify_cb);
+    vconf_ignore_key_changed("system/vestra/robust", robustness_vconf_notify_cb);
+    if (g_loop != nullptr) g_main_loop_unref(g_loop);  // the daemon leaves it to the process's end
+    g_loop = nullptr;
+}
+
 static int node = -1;
 
 void DaemonTest::start_afresh() {
     world() = World{};
     platform_faults_reset();
     dlog_set_threshold(DLOG_DEBUG);
-    // What a start-up has registered.
-    vconf_ignore_key_changed("memory/SHM/trigger_db_write", callbackSHMdbpop);
-    vconf_ignore_key_changed("memory/scenario_manager_tv/memory_drop", __scenario_manager_tv_memory);
-    vconf_ignore_key_changed("system/DOD/test_monitor", dod_vconf_notify_cb);
-    vconf_ignore_key_changed("system/vestra/robust", robustness_vconf_notify_cb);
+    forget_start();
     if (node >= 0) close(std::exchange(node, -1));
     clean_set();
     reset_globals();

@@ -39,21 +39,47 @@ using Strings = std::vector<std::string>;
 template <class... Columns>
 using Table = std::vector<std::tuple<Columns...>>;
 
+// Calls that can be made to fail, whoever makes them: the daemon, a library it is linked with, the stand-ins. Those of
+// the tests themselves, and the stand-ins' calls on their own files, do not count.
+enum Call {
+    kNew,      // throws std::bad_alloc
+    kMalloc,   // malloc, calloc: ENOMEM
+    kOpen,     // open, fopen: EMFILE
+    kRead,     // EIO
+    kWrite,    // to a temporary file of the daemon's in /tmp, or to the node: ENOSPC
+    kFsync,    // EIO
+    kFork,     // fork, vfork: EAGAIN
+    kWaitpid,  // ECHILD; the child has ended all the same
+    kThread,   // pthread_create: EAGAIN; the threads get a body that returns at once
+    kSql,      // sqlite3_exec: SQLITE_IOERR, with its text
+    kRename,   // EIO, a stand-in's too
+    kInotify,  // inotify_init1, inotify_add_watch: ENOSPC
+    kCalls     // their number
+};
+
 // What the redirected operations do. The defaults are those of a quiet world.
 struct World {
     std::function<void(int)> on_wait;  // waits return at once, but call this with their number in the transcript
     int64_t clock_us = 1'709'618'828'250'000;  // 5 March 2024, 06:07:08.25; the waits move it
     std::function<void()> on_write;            // before each write to a temporary file of the daemon's in /tmp
-    int write_fails_in = 0;        // such a write fails with ENOSPC: 1 the next, 2 the one behind it; 0 none
-    size_t write_most = SIZE_MAX;  // bytes that each takes
-    size_t malloc_fails_for = 0;   // bytes; 0: none
-    bool fork_fails = false;
-    int thread_fails_in = 0;          // as write_fails_in, with EAGAIN; the threads get a body that returns at once
-    int name_error = 0;               // what naming a thread gives
-    int nice_result = 0;              // nice() never changes anything; errno is EPERM when this is -1
-    std::function<int()> on_request;  // in place of the client library's wait for a request
+    int fails_in[kCalls] = {};                 // a call of this kind fails: 1 the next, 2 the one behind it; 0 none
+    bool fails_on = false;                     // and every later one
+    bool failed = false;                       // one has
+    size_t write_most = SIZE_MAX;              // bytes that each such write takes
+    int name_error = 0;                        // what naming a thread gives
+    int nice_result = 0;                       // nice() never changes anything; errno is EPERM when this is -1
+    std::function<int()> on_request;           // in place of the client library's wait for a request
 };
 World &world();
+
+// While it lives, no call of this thread's fails or counts.
+class OwnCalls {
+  public:
+    OwnCalls();
+    ~OwnCalls();
+    OwnCalls(const OwnCalls &) = delete;
+    OwnCalls &operator=(const OwnCalls &) = delete;
+};
 
 // The transcript since it was begun: its entries whose first character is one of `kinds`, in order. Entries that follow
 // each other and are equal become one with their number behind it ("wait 10000 *400"). The kinds are
@@ -71,6 +97,8 @@ class DaemonTest : public Test {
     ~DaemonTest() override { start_afresh(); }
 
     static void start_afresh();
+
+  public:
     // A block of `size` bytes of `fill` at the end of the chain, as the reader would have appended it.
     static void append_block(size_t size, char fill);
     // Debug image, notices on, version file there: dumps are written and shown.
@@ -78,6 +106,8 @@ class DaemonTest : public Test {
     // A stick that has been found before.
     static void plug_known_stick();
 };
+
+void forget_start();  // what a start-up has registered, and its loop
 
 // A pipe in the control node's place, or, by the descriptor that this gives, a device that hands out what was put in.
 int make_node();

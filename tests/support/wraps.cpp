@@ -2,13 +2,19 @@
 //
 // Each has the C library's or the platform's own signature. The daemon calls them on all of its threads.
 
+#include <sqlite3.h>
+#include <sys/inotify.h>
+#include <sys/wait.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <ctime>
 #include <map>
 #include <mutex>
+#include <new>
 
 #include "platform/dlog.h"
+#include "platform/notification.h"
 #include "support/daemon_env.h"
 #include "vestra-daemon/vestra_log.h"
 
@@ -46,16 +52,34 @@ void begin_transcript() {
 }
 
 // Returns the number of waits so far.
-static int note(std::string entry) {
+static int note(std::string_view head, std::string_view tail = {}) {
+    const OwnCalls ours;
+    std::string entry(head);
+    entry += tail;
     const std::lock_guard<std::mutex> guard(mutex);
     waits += entry[0] == 'w' ? 1 : 0;
     transcript.push_back(std::move(entry));
     return waits;
 }
 
+static thread_local int own_calls;  // depth
+
+OwnCalls::OwnCalls() {
+    ++own_calls;
+}
+OwnCalls::~OwnCalls() {
+    --own_calls;
+}
+
 // Counts down to the call that fails.
-static bool fails_now(int *fails_in) {
-    return *fails_in > 0 && --*fails_in == 0;
+static bool fails_now(Call call, int error) {
+    if (own_calls > 0) return false;
+    int &fails_in = world().fails_in[call];
+    if (fails_in == 0 || --fails_in > 0) return false;
+    fails_in = world().fails_on ? 1 : 0;
+    world().failed = true;
+    errno = error;
+    return true;
 }
 
 extern "C" {
@@ -63,11 +87,22 @@ extern "C" {
 ssize_t __real_write(int fd, const void *data, size_t size);
 int __real_fsync(int fd);
 void *__real_malloc(size_t size);
+void *__real_calloc(size_t count, size_t size);
+int __real_open64(const char *path, int flags, ...);
+FILE *__real_fopen64(const char *path, const char *mode);
+ssize_t __real_read(int fd, void *data, size_t size);
+int __real_rename(const char *from, const char *to);
+int __real_inotify_init1(int flags);
+int __real_inotify_add_watch(int fd, const char *path, uint32_t mask);
+int __real_sqlite3_exec(sqlite3 *db, const char *sql, int (*row)(void *, int, char **, char **), void *out,
+                        char **error);
 pid_t __real_fork();
+pid_t __real_waitpid(pid_t child, int *status, int options);
 int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument);
 int __real_pthread_join(pthread_t thread, void **result);
 int __real_vconf_notify_key_changed(const char *key, vconf_callback_fn callback, void *user_data);
 int __real_vconf_ignore_key_changed(const char *key, vconf_callback_fn callback);
+int __real_notification_post(notification_h notification);
 int __real_KeyCombination_Add_Handler(_KeyComb combination, KeyCombination_Handler handler);
 int __real_vestra_request_sem_lock_func(const char *caller, int n);
 
@@ -75,6 +110,7 @@ int __real_vestra_request_sem_lock_func(const char *caller, int n);
 int __wrap___dlog_print(log_id_t id, int priority, const char *tag, const char *format, ...) {
     constexpr size_t kPrefix = sizeof(VESTRA_LOG_PREFIX) - 1;
     const int error = errno;
+    const OwnCalls ours;
     if (strcmp(tag, "VESTRA") != 0 || strncmp(format, VESTRA_LOG_PREFIX, kPrefix) != 0) return 0;
     va_list arguments;
     va_start(arguments, format);
@@ -97,12 +133,13 @@ int __wrap___dlog_print(log_id_t id, int priority, const char *tag, const char *
     std::string entry = std::to_string(priority) + " " + text;
     if (entry.back() == '\n') entry.pop_back();
     if (const size_t at = entry.find(line); at != std::string::npos) entry.replace(at, line.size(), ":LINE]");
-    note(std::move(entry));
+    note(entry);
     errno = error;
     return 0;
 }
 
 static int wait(int64_t usec) {
+    const OwnCalls ours;
     const int number = note("wait " + std::to_string(usec));
     world().clock_us += usec;
     if (world().on_wait) world().on_wait(number);
@@ -128,38 +165,92 @@ int __wrap_gettimeofday(timeval *now, void * /*zone*/) {
 }
 
 static std::string path_of(int fd) {
+    const OwnCalls ours;
     std::error_code none;
     return fs::read_symlink("/proc/self/fd/" + std::to_string(fd), none);
 }
 
-static bool is_temporary_file(int fd) {
-    return path_of(fd).rfind("/tmp/temp-vestra", 0) == 0;
+static bool is_temporary_file(const std::string &path) {
+    return path.rfind("/tmp/temp-vestra", 0) == 0;
+}
+
+static bool is_of_a_stand_in(std::string_view path) {
+    const OwnCalls ours;
+    const std::string theirs = state_path("");
+    return path.substr(0, theirs.size()) == theirs;
 }
 
 ssize_t __wrap_write(int fd, const void *data, size_t size) {
-    if (path_of(fd) == kControlNode) note("node " + std::string(static_cast<const char *>(data), size));
-    if (!is_temporary_file(fd)) return __real_write(fd, data, size);
-    if (world().on_write) world().on_write();
-    if (!fails_now(&world().write_fails_in)) return __real_write(fd, data, std::min(size, world().write_most));
-    errno = ENOSPC;
-    return -1;
+    std::string path;
+    {
+        const OwnCalls ours;
+        path = path_of(fd);
+        if (path == kControlNode) note("node ", {static_cast<const char *>(data), size});
+        if (is_temporary_file(path) && world().on_write) world().on_write();
+    }
+    if (!is_temporary_file(path) && path != kControlNode) return __real_write(fd, data, size);
+    if (fails_now(kWrite, ENOSPC)) return -1;
+    return __real_write(fd, data, is_temporary_file(path) ? std::min(size, world().write_most) : size);
+}
+
+ssize_t __wrap_read(int fd, void *data, size_t size) {
+    return !is_of_a_stand_in(path_of(fd)) && fails_now(kRead, EIO) ? -1 : __real_read(fd, data, size);
 }
 
 int __wrap_fsync(int fd) {
-    if (is_temporary_file(fd)) note("sync");
-    return __real_fsync(fd);
+    if (is_temporary_file(path_of(fd))) note("sync");
+    return fails_now(kFsync, EIO) ? -1 : __real_fsync(fd);
+}
+
+static bool opening_fails(const char *path) {
+    return !is_of_a_stand_in(path) && fails_now(kOpen, EMFILE);
+}
+int __wrap_open64(const char *path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    return opening_fails(path) ? -1 : __real_open64(path, flags, mode);
+}
+FILE *__wrap_fopen64(const char *path, const char *mode) {
+    return opening_fails(path) ? nullptr : __real_fopen64(path, mode);
 }
 
 void *__wrap_malloc(size_t size) {
-    if (world().malloc_fails_for == 0 || size != world().malloc_fails_for) return __real_malloc(size);
-    errno = ENOMEM;
-    return nullptr;
+    return fails_now(kMalloc, ENOMEM) ? nullptr : __real_malloc(size);
+}
+void *__wrap_calloc(size_t count, size_t size) {
+    return fails_now(kMalloc, ENOMEM) ? nullptr : __real_calloc(count, size);
+}
+
+int __wrap_rename(const char *from, const char *to) {
+    return fails_now(kRename, EIO) ? -1 : __real_rename(from, to);
+}
+
+int __wrap_inotify_init1(int flags) {
+    return fails_now(kInotify, ENOSPC) ? -1 : __real_inotify_init1(flags);
+}
+int __wrap_inotify_add_watch(int fd, const char *path, uint32_t mask) {
+    return fails_now(kInotify, ENOSPC) ? -1 : __real_inotify_add_watch(fd, path, mask);
+}
+
+int __wrap_sqlite3_exec(sqlite3 *db, const char *sql, int (*row)(void *, int, char **, char **), void *out,
+                        char **error) {
+    if (!fails_now(kSql, EIO)) return __real_sqlite3_exec(db, sql, row, out, error);
+    *error = sqlite3_mprintf("disk I/O error");
+    return SQLITE_IOERR;
 }
 
 pid_t __wrap_fork() {
-    if (!world().fork_fails) return __real_fork();
-    errno = EAGAIN;
-    return -1;
+    return fails_now(kFork, EAGAIN) ? -1 : __real_fork();
+}
+// The real one cannot be called from a function that returns. To the caller the two are one.
+pid_t __wrap_vfork() {
+    return __wrap_fork();
+}
+pid_t __wrap_waitpid(pid_t child, int *status, int options) {
+    const pid_t ended = __real_waitpid(child, status, options);
+    return fails_now(kWaitpid, ECHILD) ? -1 : ended;
 }
 
 static void *return_at_once(void * /*argument*/) {
@@ -167,42 +258,52 @@ static void *return_at_once(void * /*argument*/) {
 }
 
 int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*)(void *), void *argument) {
-    if (fails_now(&world().thread_fails_in)) return EAGAIN;
+    if (fails_now(kThread, EAGAIN)) return EAGAIN;
     return __real_pthread_create(thread, attributes, return_at_once, argument);
 }
 
 // The thread may have ended before it gets its name, so only the name is noted.
 int __wrap_pthread_setname_np(pthread_t thread, const char *name) {
-    note(std::string("call name ") + name);
+    note("call name ", name);
+    const OwnCalls ours;
     const std::lock_guard<std::mutex> guard(mutex);
     thread_names[thread] = name;
     return world().name_error;
 }
 
 int __wrap_pthread_join(pthread_t thread, void **result) {
-    note("call join " + thread_names[thread] + (ghead_s != nullptr ? " with the chain still there" : ""));
+    {
+        const OwnCalls ours;
+        note("call join " + thread_names[thread], ghead_s != nullptr ? " with the chain still there" : "");
+    }
     return __real_pthread_join(thread, result);
 }
 
 int __wrap_nice(int increment) {
-    note("call nice " + std::to_string(increment));
+    note("call nice ", std::to_string(increment));
     if (world().nice_result == -1) errno = EPERM;
     return world().nice_result;
 }
 
 int __wrap_vconf_notify_key_changed(const char *key, vconf_callback_fn callback, void *user_data) {
-    note(std::string("call notify ") + key);
+    note("call notify ", key);
     return __real_vconf_notify_key_changed(key, callback, user_data);
 }
 
 int __wrap_vconf_ignore_key_changed(const char *key, vconf_callback_fn callback) {
-    note(std::string("call ignore ") + key);
+    note("call ignore ", key);
     return __real_vconf_ignore_key_changed(key, callback);
 }
 
 int __wrap_KeyCombination_Add_Handler(_KeyComb combination, KeyCombination_Handler handler) {
-    note("call combination " + std::to_string(combination));
+    note("call combination ", std::to_string(combination));
     return __real_KeyCombination_Add_Handler(combination, handler);
+}
+
+// The stand-in's JSON library ends the process when memory runs out while it frees some.
+int __wrap_notification_post(notification_h notification) {
+    const OwnCalls ours;
+    return __real_notification_post(notification);
 }
 
 int __wrap_vestra_request_sem_lock_func(const char *caller, int n) {
@@ -211,6 +312,28 @@ int __wrap_vestra_request_sem_lock_func(const char *caller, int n) {
     return world().on_request ? world().on_request() : __real_vestra_request_sem_lock_func(caller, n);
 }
 
+static void *allocate(size_t size) {
+    if (fails_now(kNew, ENOMEM)) throw std::bad_alloc();
+    void *memory = __real_malloc(size > 0 ? size : 1);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+
 }  // extern "C"
 
 }  // namespace vestra_test
+
+void *operator new(size_t size) {
+    return vestra_test::allocate(size);
+}
+void *operator new(size_t size, const std::nothrow_t & /*unused*/) noexcept try {
+    return vestra_test::allocate(size);
+} catch (const std::bad_alloc &) {
+    return nullptr;
+}
+void operator delete(void *memory) noexcept {
+    free(memory);
+}
+void operator delete(void *memory, size_t) noexcept {
+    free(memory);
+}
