@@ -63,6 +63,11 @@ void add_set_options(CLI::App &app, Typed &typed, const std::string &rate_note) 
         ->capture_default_str()
         ->group(group);
     app.add_option("--processes", source.processes, "synthetic: number of processes, up to 32000; 0: 24")->group(group);
+    app.add_option_function<double>(
+           "--step", [&source](const double &seconds) { source.step_ns = static_cast<uint64_t>(seconds * 1e9); },
+           "synthetic, with a rate of 0: seconds of the stream in a block, 0.0001 to 3600 (default 1)")
+        ->check(CLI::Range(0.0001, 3600.0))
+        ->group(group);
     app.add_option("--seed", source.seed, "synthetic: equal seeds give equal blocks")->group(group);
     app.add_flag("--loop", source.loop, "replay: begin again at the end")->group(group);
 
