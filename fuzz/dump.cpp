@@ -1,0 +1,153 @@
+// A file of any content as a dump: read, summed up, and written out as every table.
+//
+// An input's first byte says in what pieces the file comes. Rules: what is read covers the file, stretch by stretch,
+// without gap or overlap, and the totals are the sums of the stretches, whatever the pieces. The work is bounded by the
+// file's size: so many looks for a frame's beginning and so many bytes read for messages a byte, however they are laid
+// out.
+
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "fuzz/fuzz_env.h"
+#include "tools/dump/row_text.h"
+#include "tools/dump/summary.h"
+
+using namespace vestra_dump;
+
+namespace {
+
+// Work, counted where the reader calls for it.
+uint64_t looks;       // for a frame's beginning, each of at most eight messages
+uint64_t bytes_read;  // of frames whose messages were read, up to their first fault
+
+class Trickle : public ByteSource {
+  public:
+    Trickle(std::string_view bytes, size_t piece) : source_(bytes), piece_(piece) {}
+    int64_t read(uint8_t *out, size_t count) override { return source_.read(out, std::min(count, piece_)); }
+
+  private:
+    MemorySource source_;
+    size_t piece_;
+};
+
+// Rows, and the stretches beside.
+class Checker : public RowMaker {
+  public:
+    Checker(const DumpTime &time, RowSink &sink) : RowMaker("DUMP", time, 5, {true, true, true, true}, sink) {}
+
+    void on_frame(const Frame &frame) override {
+        RowMaker::on_frame(frame);
+        FUZZ_RULE(frame.offset == end_, "a frame begins where the stretch before ends");
+        FUZZ_RULE(frame.raw_size + trace::kLengthField <= frame.bytes, "a frame's messages lie in it");
+        if (frame.whole) end_ += frame.bytes;
+    }
+    void on_empty_record(uint64_t offset) override {
+        RowMaker::on_empty_record(offset);
+        FUZZ_RULE(offset == end_, "an empty record begins where the stretch before ends");
+        end_ += trace::kLengthField;
+    }
+    void on_damage(const DamagedSpan &span) override {
+        RowMaker::on_damage(span);
+        FUZZ_RULE(span.offset == end_, "a damaged span begins where the stretch before ends");
+        FUZZ_RULE(span.bytes > 0, "a damaged span is not empty");
+        end_ += span.bytes;
+    }
+    uint64_t end() const { return end_; }
+
+  private:
+    uint64_t end_ = 0;
+};
+
+// Every row as CSV and as JSON.
+class Tee : public RowSink {
+  public:
+    explicit Tee(const DumpTime &time) : json_(time, *out_) {
+        for (const Table *table : {&kVitalsTable, &kProcessesTable, &kFramesTable, &kDamageTable}) {
+            csv_.emplace_back(table, std::make_unique<CsvWriter>(*table, time, *out_));
+        }
+    }
+    void add(const Table &table, const Row &row) override {
+        for (const auto &[known, writer] : csv_) {
+            if (known == &table) writer->add(table, row);
+        }
+        json_.add(table, row);
+    }
+
+  private:
+    std::string error_;
+    std::unique_ptr<Output> out_ = Output::open("/dev/null", &error_);
+    std::vector<std::pair<const Table *, std::unique_ptr<CsvWriter>>> csv_;
+    JsonWriter json_;
+};
+
+std::string totals_text(const DumpTotals &totals) {
+    std::ostringstream text;
+    text << totals.bytes << ' ' << totals.payload_bytes << ' ' << totals.frame_bytes << ' ' << totals.messages << ' '
+         << totals.empty_records << ' ' << totals.damaged_spans << ' ' << totals.damaged_bytes << ' '
+         << (totals.trailer ? totals.trailer->bytes : "none");
+    for (const auto &[type, count] : totals.frames) text << ' ' << type << ':' << count;
+    return text.str();
+}
+
+}  // namespace
+
+// The reader's calls of two of its own functions come here.
+std::optional<size_t> real_well_formed(const uint8_t *frame, size_t size,
+                                       size_t limit) asm("__real__ZN11vestra_dump11well_formedEPKhmm");
+std::optional<size_t> counted_well_formed(const uint8_t *frame, size_t size,
+                                          size_t limit) asm("__wrap__ZN11vestra_dump11well_formedEPKhmm");
+Fault real_read(FrameMessages *self, const uint8_t *frame,
+                size_t size) asm("__real__ZN11vestra_dump13FrameMessages4readEPKhm");
+Fault counted_read(FrameMessages *self, const uint8_t *frame,
+                   size_t size) asm("__wrap__ZN11vestra_dump13FrameMessages4readEPKhm");
+
+std::optional<size_t> counted_well_formed(const uint8_t *frame, size_t size, size_t limit) {
+    ++looks;
+    FUZZ_RULE(limit <= 8, "a look is at a few messages");
+    return real_well_formed(frame, size, limit);
+}
+
+Fault counted_read(FrameMessages *self, const uint8_t *frame, size_t size) {
+    const Fault fault = real_read(self, frame, size);
+    bytes_read += fault == Fault::kNone ? size : self->end();
+    return fault;
+}
+
+void vestra_fuzz::prepare() {}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static constexpr size_t kPieces[] = {SIZE_MAX, 1, 100, 4096};
+    if (size == 0) return 0;
+    const std::string_view bytes(reinterpret_cast<const char *>(data + 1), size - 1);
+    DumpTime time;
+    if ((data[0] & 4) != 0) time.epoch_ns = int64_t{1'700'000'000} * trace::kNsPerSecond;
+    Tee tee(time);
+    Checker checker(time, tee);
+    Trickle source(bytes, kPieces[data[0] % 4]);
+    looks = bytes_read = 0;
+    const DumpTotals totals = read_dump(source, checker);
+    // Once for the file, and up to three times for the trailer. What is read again is at most as much as there is, and
+    // what a frame of the greatest length allows.
+    constexpr uint64_t kPasses = 4, kFree = 9 * kRecordMax;
+    FUZZ_RULE(looks <= kPasses * bytes.size(), "no place is looked at more than once a pass");
+    FUZZ_RULE(bytes_read <= kPasses * 2 * (bytes.size() + kFree), "no more is read again than there is");
+    const uint64_t trailer = totals.trailer ? totals.trailer->bytes.size() : 0;
+    FUZZ_RULE(checker.end() == totals.payload_bytes, "the stretches cover the payload");
+    FUZZ_RULE(totals.payload_bytes + trailer == totals.bytes && totals.bytes == bytes.size(), "nothing is left out");
+    FUZZ_RULE(totals.frame_bytes + totals.damaged_bytes + 4 * totals.empty_records == totals.payload_bytes,
+              "the totals are the sums of the stretches");
+    std::ostringstream page;
+    print(checker.summary(), page);
+    page << to_json(checker.summary()).dump();
+    FUZZ_RULE(page.good(), "a summary can be shown");
+
+    MemorySource whole(bytes);
+    DumpVisitor nobody;
+    FUZZ_RULE(totals_text(read_dump(whole, nobody)) == totals_text(totals), "the pieces make no difference");
+    return 0;
+}

@@ -1,0 +1,241 @@
+// What is dropped into the watched directory: files of any name, and a process list of any content.
+//
+// An input is the names, '/' between them, up to the first zero byte, and behind it the content of the list
+// "processes.txt", which is dropped first. Without a zero byte all of it is the list. A first character '!' (taken off)
+// runs the daemon's shell commands for real; otherwise they fail and are only looked at.
+//
+// Rules: for each file one command runs, whose words are "/bin/rm", "-rf" and that file's path, whatever the shell
+// makes of it; run for real, it leaves nothing in the directory and nothing else touched. Each command to the control
+// node is one write of "c-6-LENGTH-NAME", a name the list's own line cut to 128 bytes, at most five a list, and the
+// module accepts those whose names it can accept. Behind the six slots nothing is written. No descriptor stays open.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fuzz/fuzz_env.h"
+#include "set/user_data.h"
+#include "vestra-daemon/vestrad.h"
+
+namespace fs = std::filesystem;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+const std::string kDirectory = "/tmp/vestra_processes/", kList = "processes.txt", kCanary = "/tmp/canary";
+constexpr char kNode[] = "/proc/vesertra_info";
+
+struct Stop {};
+
+std::optional<std::string> list;  // what is dropped with the next wait
+Strings names;
+int waits;
+
+int node = -1;
+ino_t node_inode;
+Strings commands, node_writes;  // the shell's, and those of the node
+
+void write_file(const std::string &path, std::string_view text) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    // A name that no file can have is none of ours.
+    if (fd < 0) return;
+    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) abort();
+    close(fd);
+}
+
+Strings files_there() {
+    Strings there;
+    for (const auto &entry : fs::directory_iterator(kDirectory)) there.push_back(entry.path().filename());
+    std::sort(there.begin(), there.end());
+    return there;
+}
+
+void drop_files() {
+    if (list) write_file(kDirectory + kList, *list);
+    for (const std::string &name : names) write_file(kDirectory + name, "");
+}
+
+// The words of a command as a shell takes them; nothing when any of it means something else to the shell.
+std::optional<Strings> words_of(std::string_view command) {
+    static constexpr std::string_view kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-+,@%/";
+    Strings words(1);
+    while (!command.empty()) {
+        const char c = command[0];
+        command.remove_prefix(1);
+        if (c == ' ') {
+            words.emplace_back();
+        } else if (c == '\'') {
+            const size_t end = command.find('\'');
+            if (end == std::string_view::npos) return std::nullopt;
+            words.back() += command.substr(0, end);
+            command.remove_prefix(end + 1);
+        } else if (c == '\\' && !command.empty() && command[0] == '\'') {
+            words.back() += '\'';
+            command.remove_prefix(1);
+        } else if (kPlain.find(c) != std::string_view::npos) {
+            words.back() += c;
+        } else {
+            return std::nullopt;
+        }
+    }
+    return words;
+}
+
+void remember(const char *text, va_list arguments) {
+    const std::string_view line = text;
+    if (line.find("removing file") != std::string_view::npos) {
+        static_cast<void>(va_arg(arguments, const char *));
+        commands.emplace_back(va_arg(arguments, const char *));
+    } else if (line == "command [%s]") {
+        commands.emplace_back(va_arg(arguments, const char *));
+    }
+}
+
+void check_commands(bool for_real, const Strings &dropped) {
+    Strings removed;
+    for (const std::string &command : commands) {
+        const auto words = words_of(command);
+        FUZZ_RULE(words && words->size() == 3 && (*words)[0] == "/bin/rm" && (*words)[1] == "-rf",
+                  "a command removes one file, and means nothing else to the shell");
+        const std::string path = (*words)[2];
+        FUZZ_RULE(path.compare(0, kDirectory.size(), kDirectory) == 0, "what is removed lies in the directory");
+        std::string name = path.substr(kDirectory.size());
+        if (name[0] == '/') name.erase(0, 1);  // the commands write it twice
+        removed.push_back(name);
+        if (for_real && system(command.c_str()) != 0) abort();
+    }
+    std::sort(removed.begin(), removed.end());
+    FUZZ_RULE(removed == dropped, "every file that was dropped is removed, and nothing else");
+    if (for_real) FUZZ_RULE(files_there().empty(), "the directory is empty afterwards");
+    FUZZ_RULE(fs::file_size(kCanary) == 5, "nothing else is touched");
+}
+
+// The lines of the list as the daemon takes them.
+Strings expected_names(std::string_view text) {
+    Strings expected;
+    text = text.substr(0, 65536);
+    while (!text.empty() && expected.size() < 5) {
+        const size_t end = text.find('\n');
+        const std::string line(text.substr(0, std::min<size_t>(end, 1023)));
+        expected.push_back(std::string(line.c_str()).substr(0, kFilterNameSize));
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    }
+    return expected;
+}
+
+void check_node(const Strings &expected) {
+    FUZZ_RULE(node_writes.size() == expected.size(), "each of the first five names is one write");
+    for (size_t i = 0; i < expected.size(); ++i) {
+        const std::string &name = expected[i];
+        FUZZ_RULE(node_writes[i] == "c-6-" + std::to_string(name.size()) + "-" + name, "a write is one command");
+        const bool acceptable = !name.empty() && std::all_of(name.begin(), name.end(),
+                                                             [](unsigned char c) { return c >= 0x20 && c != 0x7f; });
+        const auto command = vestra_set::parse_node_command(node_writes[i]);
+        FUZZ_RULE(command.has_value() == acceptable, "the module accepts a name that it can accept");
+        FUZZ_RULE(!command || command->name == name, "the module reads the name that was meant");
+    }
+}
+
+void empty_directory() {
+    for (const std::string &name : files_there()) fs::remove_all(kDirectory + name);
+}
+
+}  // namespace
+
+extern "C" {
+
+// The watcher's pause between two passes: the files come with the first, and behind the second it ends.
+int __wrap_usleep(useconds_t) {
+    ++waits;
+    if (waits == 2) drop_files();
+    if (waits == 3) throw Stop();
+    return 0;
+}
+
+pid_t __wrap_vfork() {
+    errno = EAGAIN;
+    return -1;
+}
+
+ssize_t __real_write(int fd, const void *data, size_t size);
+ssize_t __wrap_write(int fd, const void *data, size_t size) {
+    struct stat info;
+    if (fd > 2 && node_inode != 0 && fstat(fd, &info) == 0 && info.st_ino == node_inode && S_ISFIFO(info.st_mode)) {
+        node_writes.emplace_back(static_cast<const char *>(data), size);
+        return static_cast<ssize_t>(size);
+    }
+    return __real_write(fd, data, size);
+}
+
+}  // extern "C"
+
+void vestra_fuzz::prepare() {
+    if (mkfifo(kNode, 0600) != 0) abort();
+    node = open(kNode, O_RDWR | O_NONBLOCK | O_CLOEXEC);  // or the daemon's open would wait for a reader
+    struct stat info;
+    if (node < 0 || fstat(node, &info) != 0) abort();
+    node_inode = info.st_ino;
+    write_file(kCanary, "alive");
+    on_log(remember);
+    // The directory, and the watch on it.
+    waits = 1;
+    try {
+        names.clear();
+        thread_user_process_func(nullptr);
+    } catch (const Stop &) {
+    }
+    if (inotify_fd < 0) abort();
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    std::string_view input(reinterpret_cast<const char *>(data), size);
+    const bool for_real = !input.empty() && input[0] == '!';
+    if (for_real) input.remove_prefix(1);
+    const size_t zero = input.find('\0');
+    list.reset();
+    names.clear();
+    if (zero == std::string_view::npos) {
+        list = input;
+    } else {
+        if (zero + 1 < input.size()) list = input.substr(zero + 1);
+        std::string_view rest = input.substr(0, zero);
+        while (!rest.empty()) {
+            const size_t end = std::min(rest.find('/'), rest.size());
+            const std::string name(rest.substr(0, end));
+            if (!name.empty() && name != "." && name != ".." && name != kList && name.size() <= NAME_MAX) {
+                names.push_back(name);
+            }
+            rest.remove_prefix(std::min(end + 1, rest.size()));
+        }
+    }
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+
+    g_vestra_config = VestraConfig_t{};
+    commands.clear();
+    node_writes.clear();
+    waits = 1;
+    const int descriptors = vestra_fuzz::open_descriptors();
+    try {
+        thread_user_process_func(nullptr);
+    } catch (const Stop &) {
+    }
+    FUZZ_RULE(vestra_fuzz::open_descriptors() == descriptors, "no descriptor stays open");
+    Strings dropped = names;
+    if (list) dropped.push_back(kList);
+    std::sort(dropped.begin(), dropped.end());
+    check_commands(for_real, dropped);
+    check_node(list ? expected_names(*list) : Strings());
+    FUZZ_RULE(g_vestra_config.vestra_proc_filter_pid_num == 0, "behind the slots nothing is written");
+    empty_directory();
+    return 0;
+}

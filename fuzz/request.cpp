@@ -1,0 +1,172 @@
+// What a client, or anybody who may open the segment, writes into it while the daemon is at work.
+//
+// An input is a row of entries: two bytes of an offset, one of a length (0 to 63), and the bytes that are written
+// there. One entry is carried out before each step that the daemon takes with the segment: whenever it looks at it,
+// pauses or waits for a request. An entry of length 63 is a request of a well-behaved client instead, one of 62 removes
+// the segment.
+//
+// Rules: the service ends when it is told to, and nothing that it keeps changes. The next client is answered, each
+// vital with the figures that a direct question gives. No descriptor stays open.
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include "fuzz/decoder_state.h"
+#include "fuzz/fuzz_env.h"
+#include "platform/vestra_api.h"
+#include "vestra-daemon/decoder.h"
+#include "vestra-daemon/vestra_ipc.h"
+#include "vestra-daemon/vestrad.h"
+
+namespace {
+
+constexpr char kName[] = "/vestra_fuzz";
+// The library's own part of the segment: the turn, the magic number, the stage, the knock.
+constexpr size_t kStage = sizeof(vestra_shm_record) + sizeof(pthread_mutex_t) + 4;
+constexpr size_t kSegment = kStage + 8;
+constexpr uint32_t kPosted = 1;
+constexpr int kMostSteps = 20000;  // a service that takes more than that does not end
+
+const uint8_t *entries;
+size_t left;
+int steps;
+bool last_request;  // the clean one behind all entries
+vestra_shm_record *record;
+_SYSDATA_ ring[kSlotCount];
+vestra_api_data expected[kVestraVitals];
+
+uint8_t *bytes() {
+    return reinterpret_cast<uint8_t *>(record);
+}
+
+// The request of a client that behaves.
+void post() {
+    for (int i = 0; i < kVestraVitals; ++i) record->request[i] = {i, 10 * (i % 3), 0, 0, 0, 0, kVestraUnused, 0};
+    record->state = VESTRA_REQUEST_POSTED;
+    memcpy(bytes() + kStage, &kPosted, sizeof(kPosted));
+}
+
+void do_entry() {
+    FUZZ_RULE(++steps < kMostSteps, "the service ends");
+    if (record == nullptr || left < 3) return;
+    const size_t offset = (entries[0] + 256U * entries[1]) % kSegment;
+    const size_t length = entries[2] % 64U;
+    entries += 3;
+    left -= 3;
+    if (length == 62) {
+        shm_unlink(kName);
+    } else if (length == 63) {
+        post();
+    } else {
+        const size_t count = std::min({length, left, kSegment - offset});
+        memcpy(bytes() + offset, entries, count);
+        entries += count;
+        left -= count;
+    }
+}
+
+// Without the padding, which is nobody's.
+bool same_figures(const vestra_api_data &a, const vestra_api_data &b) {
+    return memcmp(&a.maximum, &b.maximum, 4 * sizeof(double)) == 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+void *__real_get_shm();
+void *__wrap_get_shm() {
+    do_entry();
+    record = static_cast<vestra_shm_record *>(__real_get_shm());
+    if (record != nullptr) do_entry();
+    return record;
+}
+
+int __real_check_if_valid_shm(void **shm);
+int __wrap_check_if_valid_shm(void **shm) {
+    do_entry();
+    return __real_check_if_valid_shm(shm);
+}
+
+int __wrap_nanosleep(const timespec *, timespec *) {
+    do_entry();
+    // A segment that says "not ready" is looked for until a client knocks, as clients do that find it so.
+    if (record != nullptr) bytes()[kSegment - 4] = 1;
+    return 0;
+}
+
+int __real_vestra_request_sem_lock_func(const char *caller, int n);
+int __wrap_vestra_request_sem_lock_func(const char *caller, int n) {
+    do_entry();
+    if (last_request) exit_flag = 1;
+    if (left < 3 && !last_request) {
+        last_request = true;
+        post();
+        exit_flag = 0;
+    }
+    // Posted, or it would wait for a second.
+    memcpy(bytes() + kStage, &kPosted, sizeof(kPosted));
+    return __real_vestra_request_sem_lock_func(caller, n);
+}
+
+}  // extern "C"
+
+void vestra_fuzz::prepare() {
+    setenv("VESTRA_API_SHM", kName, 1);
+    reset_decoder();
+    _SYSDATA_ sample = {};
+    for (int second = 1; second <= 200; ++second) {
+        sample.timestamp = sample.switch_timestamp = second * int64_t{1'000'000'000};
+        sample.element10 = second;
+        sample.element11 = second % 7;
+        for (int core = 0; core < kCoreCount; ++core) {
+            sample.utime[core] = second * 50 + core;
+            sample.stime[core] = second * 20;
+            sample.temperature[core] = 40 + core;
+            sample.iowaittime[core] = second;
+        }
+        groupData(&sample, trace::kSwitchFrame, 1);
+        for (double &figure : sample.meminfo) figure = second + 0.5;
+        groupData(&sample, trace::kMeminfoFrame, 1);
+    }
+    memcpy(ring, collectedData, sizeof(ring));
+    for (int i = 0; i < kVestraVitals; ++i) {
+        expected[i] = {i, 10 * (i % 3), 0, 0, 0, 0, 0, 0};
+        process_request(&expected[i], 1);
+    }
+    record = static_cast<vestra_shm_record *>(__real_get_shm());
+    if (record == nullptr) abort();
+    record->marker = 1;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    // A segment as new, whatever was written into the one before.
+    shm_unlink(kName);
+    entries = nullptr;
+    left = 0;
+    record = static_cast<vestra_shm_record *>(__real_get_shm());
+    if (record == nullptr) abort();
+    record->marker = 1;
+    const int descriptors = vestra_fuzz::open_descriptors();
+    entries = data;
+    left = size;
+    steps = 0;
+    last_request = false;
+    exit_flag = 0;
+    client_request_process(nullptr);
+    FUZZ_RULE(vestra_fuzz::open_descriptors() == descriptors, "no descriptor stays open");
+    FUZZ_RULE(memcmp(ring, collectedData, sizeof(ring)) == 0, "a request changes nothing in the ring");
+    for (int i = 0; i < kVestraVitals; ++i) {
+        FUZZ_RULE(record->request[i].answer_type == i, "the next client is answered");
+        FUZZ_RULE(same_figures(record->request[i], expected[i]), "with the ring's figures");
+    }
+    return 0;
+}
