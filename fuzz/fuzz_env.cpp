@@ -20,9 +20,16 @@ void on_log(LogHook hook) {
 }
 
 int open_descriptors() {
+    static constexpr int kBehind = 40;  // far more than a target has open
     int open = 0;
-    for (int fd = 3; fd < 64; ++fd) open += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+    for (int fd = 3; fd < kBehind; ++fd) open += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
     return open;
+}
+
+bool runs_commands(std::string_view input) {
+    unsigned sum = 0;
+    for (const char c : input) sum += static_cast<unsigned char>(c);
+    return !input.empty() && input[0] == '!' && sum % 64 == 0;
 }
 
 void broken(const char *rule, const char *file, int line) {
@@ -53,6 +60,11 @@ extern "C" int __wrap___dlog_print(log_id_t /*id*/, int /*priority*/, const char
     log_hook(format + kPrefix, arguments);
     va_end(arguments);
     return 0;
+}
+
+// Freed blocks are kept from use for a while, but not for so long that every block is a new page.
+extern "C" const char *__asan_default_options() {
+    return "quarantine_size_mb=8";
 }
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv) {

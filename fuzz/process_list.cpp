@@ -1,8 +1,8 @@
 // What is dropped into the watched directory: files of any name, and a process list of any content.
 //
 // An input is the names, '/' between them, up to the first zero byte, and behind it the content of the list
-// "processes.txt", which is dropped first. Without a zero byte all of it is the list. A first character '!' (taken off)
-// runs the daemon's shell commands for real; otherwise they fail and are only looked at.
+// "processes.txt", which is dropped first. Without a zero byte all of it is the list. Where
+// runs_commands() says so, the daemon's shell commands run for real; otherwise they fail and are only looked at.
 //
 // Rules: for each file one command runs, whose words are "/bin/rm", "-rf" and that file's path, whatever the shell
 // makes of it; run for real, it leaves nothing in the directory and nothing else touched. Each command to the control
@@ -32,6 +32,7 @@ using Strings = std::vector<std::string>;
 namespace {
 
 const std::string kDirectory = "/tmp/vestra_processes/", kList = "processes.txt", kCanary = "/tmp/canary";
+constexpr char kWorking[] = "/tmp/working";  // where the commands run
 constexpr char kNode[] = "/proc/vesertra_info";
 
 struct Stop {};
@@ -52,11 +53,8 @@ void write_file(const std::string &path, std::string_view text) {
     close(fd);
 }
 
-Strings files_there() {
-    Strings there;
-    for (const auto &entry : fs::directory_iterator(kDirectory)) there.push_back(entry.path().filename());
-    std::sort(there.begin(), there.end());
-    return there;
+bool is_empty(const char *directory) {
+    return fs::directory_iterator(directory) == fs::directory_iterator();
 }
 
 void drop_files() {
@@ -115,8 +113,9 @@ void check_commands(bool for_real, const Strings &dropped) {
     }
     std::sort(removed.begin(), removed.end());
     FUZZ_RULE(removed == dropped, "every file that was dropped is removed, and nothing else");
-    if (for_real) FUZZ_RULE(files_there().empty(), "the directory is empty afterwards");
-    FUZZ_RULE(fs::file_size(kCanary) == 5, "nothing else is touched");
+    if (!for_real) return;
+    FUZZ_RULE(is_empty(kDirectory.c_str()), "the directory is empty afterwards");
+    FUZZ_RULE(fs::file_size(kCanary) == 5 && is_empty(kWorking), "nothing else is touched");
 }
 
 // The lines of the list as the daemon takes them.
@@ -143,10 +142,6 @@ void check_node(const Strings &expected) {
         FUZZ_RULE(command.has_value() == acceptable, "the module accepts a name that it can accept");
         FUZZ_RULE(!command || command->name == name, "the module reads the name that was meant");
     }
-}
-
-void empty_directory() {
-    for (const std::string &name : files_there()) fs::remove_all(kDirectory + name);
 }
 
 }  // namespace
@@ -185,6 +180,8 @@ void vestra_fuzz::prepare() {
     if (node < 0 || fstat(node, &info) != 0) abort();
     node_inode = info.st_ino;
     write_file(kCanary, "alive");
+    fs::create_directories(kWorking);
+    fs::current_path(kWorking);
     on_log(remember);
     // The directory, and the watch on it.
     waits = 1;
@@ -198,7 +195,7 @@ void vestra_fuzz::prepare() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::string_view input(reinterpret_cast<const char *>(data), size);
-    const bool for_real = !input.empty() && input[0] == '!';
+    const bool for_real = vestra_fuzz::runs_commands(input);
     if (for_real) input.remove_prefix(1);
     const size_t zero = input.find('\0');
     list.reset();
@@ -223,8 +220,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     g_vestra_config = VestraConfig_t{};
     commands.clear();
     node_writes.clear();
-    waits = 1;
     const int descriptors = vestra_fuzz::open_descriptors();
+    waits = 1;
     try {
         thread_user_process_func(nullptr);
     } catch (const Stop &) {
@@ -236,6 +233,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check_commands(for_real, dropped);
     check_node(list ? expected_names(*list) : Strings());
     FUZZ_RULE(g_vestra_config.vestra_proc_filter_pid_num == 0, "behind the slots nothing is written");
-    empty_directory();
+    if (!for_real) {
+        for (const std::string &name : dropped) unlink((kDirectory + name).c_str());
+    }
     return 0;
 }

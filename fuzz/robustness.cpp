@@ -1,13 +1,12 @@
 // The value of the robustness key, "DIR|NAME|PID", and the dump that follows from it.
 //
-// A value that begins with '!' (which is taken off) runs the real commands, if its directory is the target's own; other
-// inputs go as far as the failing fork.
+// Where runs_commands() says so and the directory is the target's own, the daemon's commands run; other inputs go as
+// far as the failing fork.
 //
 // Rules: the fields are what "%255[^|]| %255[^|]|%d" reads. No descriptor stays open, the chain and its lock are as
 // before. A value without a directory that exists leaves no file; otherwise there is one, with the chain's bytes in it:
 // in the directory, under the process's name, when the commands ran.
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,6 +29,7 @@ namespace {
 constexpr char kDirectory[] = "/tmp/robust";
 constexpr char kBlock[] = "the chain";
 
+pthread_t fuzzing;  // the thread that does; libFuzzer has another, which sleeps
 std::string key_value;
 bool commands_run;
 std::string read_path, read_name;  // as the daemon has logged them
@@ -84,8 +84,9 @@ pid_t __wrap_fork() {
     errno = EAGAIN;
     return -1;
 }
-unsigned __wrap_sleep(unsigned) {
-    return 0;
+unsigned __real_sleep(unsigned seconds);
+unsigned __wrap_sleep(unsigned seconds) {
+    return pthread_equal(pthread_self(), fuzzing) != 0 ? 0 : __real_sleep(seconds);
 }
 char *__wrap_vconf_keynode_get_name(keynode_t *) {
     static char name[] = "system/vestra/robust";
@@ -101,6 +102,7 @@ char *__wrap_vconf_keynode_get_str(keynode_t *) {
 }  // extern "C"
 
 void vestra_fuzz::prepare() {
+    fuzzing = pthread_self();
     fs::create_directories(kDirectory);
     FILE *version = fopen("/etc/prd_info.ini", "we");
     if (version == nullptr || fputs("Model=QX-55\r\nBuild=1234.5\r\n", version) < 0 || fclose(version) != 0) abort();
@@ -113,15 +115,15 @@ void vestra_fuzz::prepare() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     key_value.assign(reinterpret_cast<const char *>(data), size);
-    const bool wanted = !key_value.empty() && key_value[0] == '!';
+    const bool wanted = vestra_fuzz::runs_commands(key_value);
     if (wanted) key_value.erase(0, 1);
     key_value.resize(strlen(key_value.c_str()));
     const Fields fields = scan(key_value);
     commands_run = wanted && strcmp(fields.path, kDirectory) == 0;
     struct stat info = {};
     const bool exists = stat(fields.path, &info) == 0 && S_ISDIR(info.st_mode);
-    const int descriptors = vestra_fuzz::open_descriptors();
 
+    const int descriptors = vestra_fuzz::open_descriptors();
     robustness_vconf_notify_cb(nullptr, nullptr);
 
     FUZZ_RULE(read_path == fields.path && read_name == fields.name, "directory and name are what the pattern reads");
