@@ -59,11 +59,12 @@ void write_seeds(const fs::path &directory) {
         }
     }
     save(directory / "decode_file" / "turns-of-the-ring", join(blocks_of("steady", 2, 200, 8, 61 * kSecond), "NEXT"));
-    // Beginnings of frames that hold each other, in the names of processes.
-    std::string nested = {1};
-    for (int i = 0; i < 3000; ++i) {
-        const char period[] = "\x27\x7f\x7f\x01\x00\x07\x00\x01";
-        nested.append(period, sizeof(period) - 1).append(31, '\x01');
+    // Beginnings of frames in the names of processes, thousands of them in each other, and a fault in every one.
+    const std::string part("\x01\x01\x01\x01\x06\x7f\x0f\x00\x00\x07\x00", 11);
+    std::string nested(1, '\0');
+    for (int i = 1; i <= 1600; ++i) {
+        nested += part + part + part + "\x01\x01\x01\x01\x06\x01";
+        if (i % 100 == 0) nested.append(40, '\xff');
     }
     save(directory / "dump" / "nested-beginnings", nested);
 }

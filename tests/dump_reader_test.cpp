@@ -151,6 +151,36 @@ TEST(DumpReader, DamageIsOneSpanWithItsReason) {
     }
 }
 
+// A period whose bytes are messages from each of its three names on, and each name is the beginning of a long frame. A
+// fault now and then damages every one of them.
+std::string nested_beginnings(size_t size) {
+    const std::string head("\x7f\x7f\x01\x00\x07\x00", 6);  // a length of 98175, a switch frame
+    const std::string part = "\x01\x01\x01\x01\x06" + head, period = part + part + part + "\x01\x01\x01\x01\x06\x01";
+    std::string bytes;
+    while (bytes.size() < size) {
+        bytes += period;
+        if (bytes.size() % 98000 < period.size()) bytes.append(40, '\xff');
+    }
+    return bytes;
+}
+
+TEST(DumpReader, BytesAreReadAgainAtMostOnceHoweverTheyAreLaidOut) {
+    const std::string bytes = nested_beginnings(3'000'000);
+    vestra_dump::Rework rework;
+    vestra_dump::FrameMessages messages;
+    bool searching = false;
+    for (size_t at = 0; at < bytes.size();) {
+        const vestra_dump::View view{reinterpret_cast<const uint8_t *>(bytes.data()) + at, bytes.size() - at, true};
+        const vestra_dump::Record record = judge_record(view, searching, &messages, &rework);
+        searching = record.kind == vestra_dump::Record::kDamaged && record.open;
+        rework.passed(record.size);
+        at += record.size;
+    }
+    EXPECT_EQ(rework.bytes_passed(), bytes.size());
+    EXPECT_GT(rework.bytes_again(), vestra_dump::Rework::kFree) << "the limit is what ends it";
+    EXPECT_LE(rework.bytes_again(), bytes.size() + vestra_dump::Rework::kFree + vestra_dump::kRecordMax);
+}
+
 // The simulated set has a reader that shares nothing with this one.
 TEST(DumpReader, AgreesWithTheIndependentReaderAboutHostileStreams) {
     for (const uint64_t seed : {1U, 2U, 3U}) {

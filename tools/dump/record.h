@@ -58,8 +58,12 @@ class Rework {
     void passed(size_t bytes) { passed_ += bytes; }
     void again(size_t bytes) { again_ += bytes; }
 
+    uint64_t bytes_passed() const { return passed_; }
+    uint64_t bytes_again() const { return again_; }
+
+    static constexpr uint64_t kFree = 8 * kRecordMax;  // bytes read again that are allowed beyond those that there are
+
   private:
-    static constexpr uint64_t kFree = 8 * kRecordMax;
     uint64_t passed_ = 0;
     uint64_t again_ = 0;
 };
