@@ -22,6 +22,7 @@
 namespace {
 
 constexpr size_t kEntry = 8;
+constexpr size_t kFull = 64000;  // bytes of a block: a frame ends at twice as many
 constexpr uint64_t kSecond = 1'000'000'000;
 
 // Steps of the stream's clock. The ring turns in 180 s, what is 8 s older is of the lap before, and percentages want
@@ -73,6 +74,7 @@ enum Operation : uint8_t { kSwitch, kMemory, kManySwitches, kAsk, kNextBlock, kO
 class Stream {
   public:
     void take(const uint8_t *entry) {
+        if (bytes_.size() > kFull) decode();
         now_ += kSteps[entry[1] % kSteps.size()];
         switch (entry[0] % kOperations) {
             case kSwitch:
@@ -113,8 +115,7 @@ class Stream {
     bool may_add(uint64_t pid, bool accounted) {
         const bool costly = pid != last_pid_ || !accounted;
         last_pid_ = pid;
-        cost_ += costly ? 20 : 1;
-        return cost_ < 6000;
+        return costly ? --costly_left_ > 0 : --left_ > 0;
     }
 
     void add_switch(const uint8_t *entry) {
@@ -200,7 +201,7 @@ class Stream {
     uint64_t process_ = 1;
     uint64_t ticks_ = 0;
     uint64_t last_pid_ = 0;
-    int cost_ = 0;
+    int left_ = 6000, costly_left_ = 100;
 };
 
 }  // namespace
