@@ -156,7 +156,7 @@ TEST(DumpOutput, CutIsAWholeDumpOfItsStretch) {
     EXPECT_EQ(std::ifstream("/tmp/cut").seekg(0, std::ios::end).tellg(), static_cast<std::streamoff>(cut.size()));
     EXPECT_LT(cut.size(), whole.size() * 6 / 10);
     // Where blocks are not marked, they end before they are longer than one read of the node.
-    for (const Place &frame : record(whole).frames) unmarked += whole.substr(frame.first, frame.second);
+    for (const Place &frame : record(whole).frames) unmarked += whole.substr(size_t(frame.first), size_t(frame.second));
     put("/tmp/unmarked", unmarked + kTrailer);
     uint64_t block = 0, longest = 0;
     for (const Place &stretch : record(run("cut /tmp/unmarked -").out).stretches) {
