@@ -61,6 +61,12 @@ Sample look_at(pid_t pid, double seconds) {
             figure("Threads:")};
 }
 
+long lowest(std::vector<Sample>::const_iterator begin, std::vector<Sample>::const_iterator end, long Sample::*figure) {
+    const auto least =
+        std::min_element(begin, end, [&](const Sample &a, const Sample &b) { return a.*figure < b.*figure; });
+    return least == end ? 0 : (*least).*figure;
+}
+
 long median(std::vector<Sample>::const_iterator begin, std::vector<Sample>::const_iterator end, long Sample::*figure) {
     std::vector<long> figures;
     for (; begin != end; ++begin) figures.push_back((*begin).*figure);
@@ -118,11 +124,13 @@ int main(int argc, char **argv) {
     reader.join();
 
     const auto third = static_cast<std::ptrdiff_t>(full.size() / 3);
+    const long rss =
+        median(full.end() - third, full.end(), &Sample::rss) - median(full.begin(), full.begin() + third, &Sample::rss);
+    // A dump in the making has descriptors of its own: what is left between two is what counts.
     const auto growth = [&](long Sample::*figure) {
-        return median(full.end() - third, full.end(), figure) - median(full.begin(), full.begin() + third, figure);
+        return lowest(full.end() - third, full.end(), figure) - lowest(full.begin(), full.begin() + third, figure);
     };
-    const long rss = growth(&Sample::rss), descriptors = growth(&Sample::descriptors),
-               threads = growth(&Sample::threads);
+    const long descriptors = growth(&Sample::descriptors), threads = growth(&Sample::threads);
     std::printf("%-44s %.0f s in %.1f minutes, %llu blocks of 128 KiB\n", "set time",
                 static_cast<double>(blocks) * in_a_block, minutes, static_cast<unsigned long long>(blocks));
     std::printf("%-44s keys %d, faults %d, history %d, DOD %d, lists %d\n", "triggers", triggers.count[0],

@@ -1,7 +1,9 @@
 #include "fuzz/fuzz_env.h"
 
 #include <fcntl.h>
+#include <sys/wait.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,6 +37,18 @@ bool runs_commands(std::string_view input) {
 void broken(const char *rule, const char *file, int line) {
     std::fprintf(stderr, "%s:%d: broken rule: %s\n", file, line, rule);
     std::abort();
+}
+
+// libFuzzer's clock is a signal that interrupts waiting; none does that to the daemon, which goes on without its child
+// then.
+extern "C" {
+pid_t __real_waitpid(pid_t child, int *status, int options);
+pid_t __wrap_waitpid(pid_t child, int *status, int options) {
+    pid_t result = -1;
+    do result = __real_waitpid(child, status, options);
+    while (result < 0 && errno == EINTR);
+    return result;
+}
 }
 
 // The calls of __dlog_print come here. Formatting is part of what is tested: arguments that are no text show there.
