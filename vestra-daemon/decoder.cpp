@@ -303,7 +303,8 @@ static void set_time_text(int64_t time, std::string *text) {
     }
     const Second &second = second_of(time);
     text->resize(second.digits + kFraction);
-    // Leading zeros count in the fraction: a one in front of it keeps them, until the second's last digit takes its place.
+    // Leading zeros count in the fraction: a one in front of it keeps them, until the second's last digit takes its
+    // place.
     const auto fraction = static_cast<uint32_t>(time - second.start) + static_cast<uint32_t>(kNsPerSecond);
     char *begin = text->data(), *end = begin + text->size();
     std::to_chars(end - kFraction - 1, end, fraction);
@@ -713,7 +714,7 @@ struct MessageFormat {
     const ElementKind *kinds;
     int elements;
     const char *varint_check, *length_check, *bytes_check;  // what is logged when an element cannot be read
-    const char *count_check;  // and then, or when the frame ends before the last
+    const char *count_check;                                // and then, or when the frame ends before the last
     // Kept as it stands: when the last is damaged but counts. No element does that.
     const char *guard_check;
 };
@@ -728,14 +729,13 @@ static constexpr MessageFormat kSwitchMessage = {kSwitchKinds,
                                                  CHECK_TEXT("9. Corrupted" AT_TEXT " \n"),
                                                  CHECK_TEXT("Corrupted" AT_TEXT ", elm_count:%d \n"),
                                                  CHECK_TEXT("Corrupted" AT_TEXT ", elm_count:%d \n")};
-static constexpr MessageFormat kMeminfoMessage = {
-    kMeminfoKinds,
-    kMeminfoElements,
-    CHECK_TEXT("6. cpumeminfo Corrupted" AT_TEXT " \n"),
-    CHECK_TEXT("7. cpumeminfo Corrupted" AT_TEXT "\n"),
-    CHECK_TEXT("8. cpumeminfo Corrupted" AT_TEXT " \n"),
-    CHECK_TEXT("9. cpumeminfo Corrupted" AT_TEXT ", elm_count:%d \n"),
-    CHECK_TEXT("10. cpumeminfo Corrupted" AT_TEXT ", elm_count:%d \n")};
+static constexpr MessageFormat kMeminfoMessage = {kMeminfoKinds,
+                                                  kMeminfoElements,
+                                                  CHECK_TEXT("6. cpumeminfo Corrupted" AT_TEXT " \n"),
+                                                  CHECK_TEXT("7. cpumeminfo Corrupted" AT_TEXT "\n"),
+                                                  CHECK_TEXT("8. cpumeminfo Corrupted" AT_TEXT " \n"),
+                                                  CHECK_TEXT("9. cpumeminfo Corrupted" AT_TEXT ", elm_count:%d \n"),
+                                                  CHECK_TEXT("10. cpumeminfo Corrupted" AT_TEXT ", elm_count:%d \n")};
 
 // The per-core block of a switch message: these five for core 0, then for core 1, 2 and 3.
 static constexpr struct CoreCounter {
@@ -787,8 +787,7 @@ template <const MessageFormat &format, size_t... element>
 static inline const unsigned char *take_elements(const MessagePlace &place, uint64_t *value, std::string_view *text,
                                                  std::index_sequence<element...> /*all*/) {
     const unsigned char *at = place.body(), *const end = place.end();
-    const bool taken =
-        (((at = take_element<format.kinds[element]>(at, end, &value[element], text)) != nullptr) && ...);
+    const bool taken = (((at = take_element<format.kinds[element]>(at, end, &value[element], text)) != nullptr) && ...);
     return taken ? at : nullptr;
 }
 
