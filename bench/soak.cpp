@@ -20,8 +20,7 @@ using namespace rig;
 
 constexpr char kLogPipe[] = "/tmp/log.pipe";
 constexpr uint64_t kChainBytes = 4U << 20;
-// That the median of resident memory may grow by: it swings by so much with dumps, fills and the list of processes.
-constexpr long kFlatKib = 1024;
+constexpr long kFlatKib = 256;  // that the median of resident memory may grow by
 constexpr double kSampleMs = 500;
 
 struct Counted {
