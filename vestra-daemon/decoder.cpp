@@ -239,17 +239,19 @@ struct ProcessSample {
 
 // Takes a sample into the history: percentages always span more than a second. The switch decoder gives the process's
 // name; the slot writer has none (null) but gives `element1`: a process known by name keeps it, an unknown one is
-// stored without, so that its record stays free. Returns the total percentage as it stands now. Looked up once.
-static double update_history(const ProcessSample &sample, const std::string *name, int32_t element1) {
+// stored without, so that its record stays free. Returns the process's record as it stands now, null when the table is
+// full.
+static const __VestraProcCPUUsageHist__ *update_history(const ProcessSample &sample, const std::string *name,
+                                                        int32_t element1) {
     const int index = vesrta_checkhash_hist(sample.pid);
     const bool fresh = index == -1 || gProcCpuUsageHist[index].timestamp == 0;
     double percent_total = 0, percent_a = 0, percent_b = 0;
     if (!fresh) {
         const __VestraProcCPUUsageHist__ &known = gProcCpuUsageHist[index];
-        if (known.timestamp >= sample.timestamp) return known.total_percent;
-        if (known.cpu_time_a == sample.cpu_time_a && known.cpu_time_b == sample.cpu_time_b) return known.total_percent;
+        if (known.timestamp >= sample.timestamp) return &known;
+        if (known.cpu_time_a == sample.cpu_time_a && known.cpu_time_b == sample.cpu_time_b) return &known;
         const uint64_t interval = distance(sample.timestamp, known.timestamp);
-        if (interval <= kNsPerSecond) return known.total_percent;
+        if (interval <= kNsPerSecond) return &known;
         const double interval_ms = static_cast<double>(interval) / 1000000;
         const double ticks = ticks_in(interval_ms / 1000);
         percent_b = percent_of(sample.cpu_time_b, known.cpu_time_b, ticks);
@@ -258,13 +260,13 @@ static double update_history(const ProcessSample &sample, const std::string *nam
                                    wrapping_sum(known.cpu_time_a, known.cpu_time_b), ticks);
     }
     __VestraProcCPUUsageHist__ *record = hist_place(index, sample.pid);
-    if (record == nullptr) return percent_total;
+    if (record == nullptr) return nullptr;
     if (name == nullptr) {
         record->element1 = element1;
         if (index == -1) record->name.clear();
     } else {
         if (fresh) record->element1 = -1;
-        record->name = *name;
+        if (record->name != *name) record->name = *name;
     }
     record->timestamp = sample.timestamp;
     record->pid = sample.pid;
@@ -273,7 +275,7 @@ static double update_history(const ProcessSample &sample, const std::string *nam
     record->total_percent = percent_total;
     record->percent_a = percent_a;
     record->percent_b = percent_b;
-    return percent_total;
+    return record;
 }
 
 /* ------------------------------ 4. Per-process memory list ------------------------------ */
@@ -411,10 +413,10 @@ void init_collected_data() {
     vesrta_hash_init_hist();
 }
 
-static void copy_switch_sample(_SYSDATA_ *slot, const _SYSDATA_ &sample) {
+static void copy_switch_sample(_SYSDATA_ *slot, const _SYSDATA_ &sample, bool in_history) {
     slot->switch_timestamp = sample.switch_timestamp;
     slot->aux_time = sample.aux_time;
-    if (sample.pid > 0) {
+    if (sample.pid > 0 && !in_history) {
         update_history({sample.timestamp, sample.pid, sample.cpu_time_a, sample.cpu_time_b}, nullptr, sample.element1);
     }
     slot->element1 = sample.element1;
@@ -430,7 +432,10 @@ static void copy_switch_sample(_SYSDATA_ *slot, const _SYSDATA_ &sample) {
     slot->element11 = sample.element11;
 }
 
-int fillData(int slot, _SYSDATA_ *sample, int frame_type, int /*message_type*/) {
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "fillData"
+// fillData. `in_history`: the decoder has taken the sample into the CPU history, to which it adds nothing any more.
+static int fill_slot(int slot, const _SYSDATA_ *sample, int frame_type, bool in_history) {
     if (frame_type != kSwitchFrame && frame_type != kMeminfoFrame) {
         LOGE("ERR:vestrad : Not handling frametype %d\n", frame_type);
         return last_index;
@@ -447,9 +452,16 @@ int fillData(int slot, _SYSDATA_ *sample, int frame_type, int /*message_type*/) 
         data.flags |= kFlagMeminfo;
     } else {
         data.flags |= kFlagSwitch;
-        copy_switch_sample(&data, *sample);
+        copy_switch_sample(&data, *sample, in_history);
     }
     return (data.flags & kFlagSwitch) != 0 ? slot : last_index;
+}
+
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
+
+int fillData(int slot, _SYSDATA_ *sample, int frame_type, int /*message_type*/) {
+    return fill_slot(slot, sample, frame_type, false);
 }
 
 void find_valid_index() {
@@ -564,13 +576,16 @@ void calculateCPUAvgValues() {
     add_cpu_samples(totals, steps);
 }
 
-void groupData(_SYSDATA_ *sample, int frame_type, int message_type) {
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION "groupData"
+// groupData; `in_history` as above.
+static void store_sample(const _SYSDATA_ *sample, int frame_type, bool in_history) {
     if (sample->timestamp < 0) {
         LOGE("ERR:vestrad : Not handling timestamp %lld\n", static_cast<long long>(sample->timestamp));
         return;
     }
     const int slot = second_of(sample->timestamp).slot;
-    const int newest = fillData(slot, sample, frame_type, message_type);
+    const int newest = fill_slot(slot, sample, frame_type, in_history);
     const bool first = maxTimeValue == -1;
     // Within one second the head stays, and so does maxTimeValue: it is the time of the sample that moved the head.
     if (!first && (newest == last_index || maxTimeValue >= sample->timestamp)) return;
@@ -580,6 +595,13 @@ void groupData(_SYSDATA_ *sample, int frame_type, int message_type) {
     if (first) return;
     find_valid_index();
     calculateCPUAvgValues();
+}
+
+#undef VESTRA_LOG_OPERATION
+#define VESTRA_LOG_OPERATION __func__
+
+void groupData(_SYSDATA_ *sample, int frame_type, int /*message_type*/) {
+    store_sample(sample, frame_type, false);
 }
 
 void printCollectedData() {
@@ -879,28 +901,33 @@ static bool read_string(const MessagePlace &place, const MessageFormat &format, 
     log_message(place, kSwitchCores, __LINE__, at, kSwitchElements);
 }
 
-// Fetches what accounting is about to touch, the process's record and the node that may fall off, while the rest of the
-// message is read.
+// Fetches what accounting is about to touch, the process's record and the list's two oldest nodes, while the rest of
+// the message is read.
 static inline void prefetch_process(int32_t pid) {
     const __VestraProcCPUUsageHist__ *record = &gProcCpuUsageHist[home_index(pid)];
     __builtin_prefetch(record);
     __builtin_prefetch(reinterpret_cast<const char *>(record + 1) - 1);
+    if (last_node == nullptr || last_node->prev == nullptr) return;
     __builtin_prefetch(last_node);
+    __builtin_prefetch(&last_node->prev->next);
 }
 
-// Takes a sample of a process into CPU history and memory list. False without memory: the message is dropped, and
-// whoever waits for the database is told not to.
-static bool account_process(const _SYSDATA_ &sample, std::string_view name, uint64_t rss, uint64_t swap) {
+// Takes a sample of a process into CPU history and memory list. *in_history: the history knows the process by name, and
+// the sample, once seen, changes nothing in it. False without memory: the message is dropped, and whoever waits for the
+// database is told not to.
+static bool account_process(const _SYSDATA_ &sample, std::string_view name, uint64_t rss, uint64_t swap,
+                            bool *in_history) {
     try {
         const size_t kept = std::min(kNameKept, name.length());
         process_mem record = {sample.timestamp, sample.pid, std::string(name.data(), strnlen(name.data(), kept)),
                               static_cast<int32_t>(rss), static_cast<int32_t>(swap)};
         // First, because it alone can fail: a message that is dropped leaves nothing in the history.
         circ_buf_shm *node = GetShmNode(&record, 0);
-        const double percent =
+        const __VestraProcCPUUsageHist__ *known =
             update_history({sample.timestamp, sample.pid, sample.cpu_time_a, sample.cpu_time_b}, &record.name, -1);
+        *in_history = known != nullptr && known->timestamp != 0 && !known->name.empty();
         if (node != nullptr) {
-            node->cpu = percent;
+            node->cpu = known != nullptr ? known->total_percent : 0;
             insert_node(node);
         }
         return true;
@@ -933,10 +960,11 @@ void decode_switchFrame(int /*frame_type*/, int frame_len, int offset, char *fra
     sample.element11 = plain_figure(value[kSwitchElement11]);
 
     const bool accounted = value[kSwitchPid] != 0 && value[kSwitchRss] != 0 && value[kSwitchSwap] != 0;
-    if (accounted && !account_process(sample, name, value[kSwitchRss], value[kSwitchSwap])) return;
+    bool in_history = false;
+    if (accounted && !account_process(sample, name, value[kSwitchRss], value[kSwitchSwap], &in_history)) return;
     ret->status = 0;
     ret->length = place.consumed(behind);
-    groupData(&sample, kSwitchFrame, message_type);
+    store_sample(&sample, kSwitchFrame, in_history);
 }
 
 void decode_cpumeminfoFrame(int /*frame_type*/, int frame_len, int offset, char *frame, int message_type,
