@@ -17,6 +17,7 @@ using Block = std::vector<uint8_t>;
 constexpr int kMessagesPerFrame = 8;
 constexpr size_t kBlock = 131072;
 constexpr uint64_t kMessageInterval = 1'000'000'000 / 1500;
+constexpr size_t kMessagesPerTick = 1500 / 250;  // the cores' counters advance with the clock
 
 // How processes come and go.
 enum class Life {
@@ -90,12 +91,10 @@ class Stream {
     }
 
     vestra_set::SwitchMessage next_message() {
-        if (turn_ % 1500 == 0) {
+        if (turn_ % kMessagesPerTick == 0) {
             for (vestra_set::CoreTimes &core : cores_) {
-                core.user += random_() % 90;
-                core.system += random_() % 40;
-                core.idle += random_() % 200;
-                core.iowait += random_() % 3;
+                const auto spent = random_() % 16;
+                ++(spent < 4 ? core.user : spent < 6 ? core.system : spent < 15 ? core.idle : core.iowait);
             }
         }
         Process &process = next_process();

@@ -230,4 +230,41 @@ TEST_F(DecoderTest, CutMessageStoresNothingAndSaysWhereAtEveryLength) {
     EXPECT_EQ(maxTimeValue, -1);
 }
 
+TEST_F(DecoderTest, CoresAreReadAnewWhateverTheMessageBeforeSaid) {
+    const auto cores_of_slot = [] {
+        std::string figures;
+        for (int core = 0; core < 4; ++core) {
+            const _SYSDATA_ &slot = collectedData[2];
+            for (const int64_t figure : {slot.utime[core], slot.stime[core], slot.idletime[core],
+                                         slot.temperature[core], slot.iowaittime[core]}) {
+                figures += std::to_string(figure) + " ";
+            }
+        }
+        return figures;
+    };
+    for (size_t changed = 0; changed < 20; ++changed) {
+        for (const uint64_t figure : {8U, 300U, 300U}) {
+            vestra_set::SwitchMessage message = sample(2, 77, "player");
+            std::string expected;
+            for (size_t i = 0; i < 20; ++i) {
+                vestra_set::CoreTimes &core = message.cores[i / 5];
+                uint64_t *const figures[] = {&core.user, &core.system, &core.idle, &core.temperature, &core.iowait};
+                *figures[i % 5] = i == changed ? figure : 7;
+                expected += std::to_string(*figures[i % 5]) + " ";
+            }
+            const Bytes whole = frame(vestra_set::kSwitchFrame, message);
+            decode({whole});
+            EXPECT_EQ(cores_of_slot(), expected);
+            decode({Bytes(whole.begin(), whole.end() - 1)});  // a block that is damaged at its end
+            EXPECT_EQ(cores_of_slot(), expected);
+            initiailizeRet(0, &iowaittimeIs);
+            collectedData[2] = {};
+            decode({whole, whole});
+            EXPECT_EQ(cores_of_slot(), expected);
+            EXPECT_EQ(iowaittimeIs.value, message.cores[3].iowait);
+            EXPECT_EQ(iowaittimeIs.length, message.cores[3].iowait > 127 ? 2 : 1);
+        }
+    }
+}
+
 }  // namespace

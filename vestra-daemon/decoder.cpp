@@ -305,12 +305,16 @@ static void set_time_text(int64_t time, std::string *text) {
     }
     const Second &second = second_of(time);
     text->resize(second.digits + kFraction);
-    // Leading zeros count in the fraction: a one in front of it keeps them, until the second's last digit takes its
-    // place.
-    const auto fraction = static_cast<uint32_t>(time - second.start) + static_cast<uint32_t>(kNsPerSecond);
-    char *begin = text->data(), *end = begin + text->size();
-    std::to_chars(end - kFraction - 1, end, fraction);
-    memcpy(begin, second.text, second.digits);
+    char *to = text->data();
+    memcpy(to, second.text, second.digits);
+    to += second.digits;
+    const auto fraction = static_cast<uint32_t>(time - second.start);
+    // By threes: no division waits for many before it.
+    for (const uint32_t three : {fraction / 1000000, fraction / 1000 % 1000, fraction % 1000}) {
+        *to++ = static_cast<char>('0' + three / 100);
+        *to++ = static_cast<char>('0' + three / 10 % 10);
+        *to++ = static_cast<char>('0' + three % 10);
+    }
 }
 
 circ_buf_shm *GetShmNode(process_mem *record, double cpu) {
@@ -828,20 +832,39 @@ static inline const unsigned char *take_core(const unsigned char *at, const unsi
     return (take(element, kCoreBlock[element].figures) && ...) ? at : nullptr;
 }
 
-// Takes the per-core block at `at` into the sample, likewise.
-static inline const unsigned char *take_core_block(const unsigned char *at, const unsigned char *end,
-                                                   _SYSDATA_ *sample) {
-    const unsigned char *starts[kCoreElements + 1];  // of the numbers of the core taken last
-    for (int core = 0; core < kCoreCount; ++core) {
-        at = take_core(at, end, core, sample, starts, std::make_index_sequence<kCoreElements>());
-        if (at == nullptr) return nullptr;
+// The sample of the switch message that was taken last, of which the store takes what is set. It keeps the figures of
+// its per-core block for the next message.
+static _SYSDATA_ switch_sample;
+
+// Takes the per-core block at `at` into switch_sample, likewise.
+//
+// The counters advance with the clock, 250 times a second, and messages come more often: a block that is, byte for
+// byte, the one before has been taken already.
+static inline const unsigned char *take_core_block(const unsigned char *at, const unsigned char *end) {
+    static unsigned char block[kCoreCount * kCoreElements * kVarintMax];
+    static size_t length;  // of the block before; 0 when it was damaged
+    static retIntStruct results[kCoreElements];
+    const size_t left = static_cast<size_t>(end - at);
+    if (length == 0 || left < length || memcmp(at, block, length) != 0) {
+        const unsigned char *const start = at;
+        const unsigned char *starts[kCoreElements + 1];  // of the numbers of the core taken last
+        length = 0;
+        for (int core = 0; core < kCoreCount; ++core) {
+            at = take_core(at, end, core, &switch_sample, starts, std::make_index_sequence<kCoreElements>());
+            if (at == nullptr) return nullptr;
+        }
+        starts[kCoreElements] = at;
+        for (int element = 0; element < kCoreElements; ++element) {
+            const int64_t figure = (switch_sample.*kCoreBlock[element].figures)[kCoreCount - 1];
+            results[element] = {0, static_cast<int32_t>(starts[element + 1] - starts[element]),
+                                static_cast<uint64_t>(figure)};
+        }
+        length = static_cast<size_t>(at - start);
+        memcpy(block, start, length);
+    } else {
+        at += length;
     }
-    starts[kCoreElements] = at;
-    for (int element = 0; element < kCoreElements; ++element) {
-        const CoreCounter &counter = kCoreBlock[element];
-        *counter.read = {0, static_cast<int32_t>(starts[element + 1] - starts[element]),
-                         static_cast<uint64_t>((sample->*counter.figures)[kCoreCount - 1])};
-    }
+    for (int element = 0; element < kCoreElements; ++element) *kCoreBlock[element].read = results[element];
     return at;
 }
 
@@ -946,9 +969,9 @@ void decode_switchFrame(int /*frame_type*/, int frame_len, int offset, char *fra
         take_elements<kSwitchMessage>(place, value, &name, std::make_index_sequence<kSwitchElements>());
     if (cores == nullptr) return report_elements(place, kSwitchMessage);
     prefetch_process(static_cast<int32_t>(value[kSwitchPid]));
-    _SYSDATA_ sample;  // of which the store takes what is set here
-    const unsigned char *behind = take_core_block(cores, place.end(), &sample);
+    const unsigned char *behind = take_core_block(cores, place.end());
     if (behind == nullptr) return report_core_block(place, cores);
+    _SYSDATA_ &sample = switch_sample;
     sample.timestamp = static_cast<int64_t>(value[kSwitchTime]);
     sample.switch_timestamp = sample.timestamp;
     sample.aux_time = 0;
