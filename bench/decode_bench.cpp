@@ -267,15 +267,50 @@ void HistoryMiss(benchmark::State &state) {
     }
 }
 
-// One sample more in the list at its bound: one node in, one off.
+// One sample more in the list at its bound: a node is made, goes in, and one falls off.
+class FullList {
+  public:
+    FullList() {
+        for (int i = 0; i < 10000; ++i) insert_node(node());
+    }
+    circ_buf_shm *node() {
+        record_.timestamp += kMessageInterval;
+        return GetShmNode(&record_, 1.5);
+    }
+
+  private:
+    process_mem record_ = {3'600'000'000'000, 4711, "process-4711", 100000, 2000};
+};
 void ListAtBound(benchmark::State &state) {
-    int64_t time = 3'600'000'000'000;
-    process_mem record = {time, 4711, "process-4711", 100000, 2000};
-    for (int i = 0; i < 10000; ++i) insert_node(GetShmNode(&record, 1.5));
+    FullList list;
     for (auto unused : state) {
         (void)unused;
-        record.timestamp = time += kMessageInterval;
-        insert_node(GetShmNode(&record, 1.5));
+        insert_node(list.node());
+    }
+}
+// Going in and falling off alone. Of the nodes that fall off one is kept for the next to be made, the others are freed.
+void ListInsertAndTrim(benchmark::State &state) {
+    static constexpr int kNodes = 1000;
+    FullList list;
+    std::vector<circ_buf_shm *> nodes(kNodes);
+    double seconds = 0;
+    for (auto unused : state) {
+        (void)unused;
+        for (circ_buf_shm *&node : nodes) node = list.node();
+        const double start = thread_seconds();
+        for (circ_buf_shm *node : nodes) insert_node(node);
+        const double taken = thread_seconds() - start;
+        state.SetIterationTime(taken);
+        seconds += taken;
+    }
+    state.counters["ns/node"] = seconds * 1e9 / kNodes / static_cast<double>(state.iterations());
+}
+// What the list's lock takes of both.
+void LockUnlock(benchmark::State &state) {
+    for (auto unused : state) {
+        (void)unused;
+        pthread_mutex_lock(&shm_lock);
+        pthread_mutex_unlock(&shm_lock);
     }
 }
 
@@ -334,6 +369,8 @@ BENCHMARK(ReadDump)->UseManualTime();
 BENCHMARK(ReadDumpAndDerive)->UseManualTime();
 BENCHMARK(HistoryMiss);
 BENCHMARK(ListAtBound);
+BENCHMARK(ListInsertAndTrim)->UseManualTime();
+BENCHMARK(LockUnlock);
 BENCHMARK(MallocFree);
 BENCHMARK(MallocFreeOldest);
 BENCHMARK_CAPTURE(DerivedPercentages, even, false);

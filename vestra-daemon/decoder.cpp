@@ -53,7 +53,7 @@ struct Second {
     int64_t start;  // ns
     int slot;
     size_t digits;  // of `text`; 0 for the first second, in which a time has none in front of its nanoseconds
-    char text[12];  // the number of the second
+    char text[10];  // the number of the second, which is at most 9223372036
 };
 
 // The second of a time that is not negative. Reader thread; holds until the next call.
@@ -306,7 +306,7 @@ static void set_time_text(int64_t time, std::string *text) {
     const Second &second = second_of(time);
     text->resize(second.digits + kFraction);
     char *to = text->data();
-    memcpy(to, second.text, second.digits);
+    memcpy(to, second.text, sizeof(second.text));  // always as many, of which the fraction takes some back
     to += second.digits;
     const auto fraction = static_cast<uint32_t>(time - second.start);
     // By threes: no division waits for many before it.
