@@ -14,6 +14,7 @@
 #include "vestra-daemon/vestrad.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -2215,7 +2216,14 @@ static bool start_up(int argc, char **argv) {
 #undef VESTRA_LOG_OPERATION
 #define VESTRA_LOG_OPERATION __func__
 
+// Bytes from which on a block is a mapping of its own.
+static constexpr int kMappedFrom = 64 * 1024;
+
 int main(int argc, char **argv) {
+    // A large block of the chain goes back to the system when it leaves the chain. Left alone, malloc takes such blocks
+    // from the reader's arena as soon as one was freed; the process list's small nodes settle in the holes, and resident
+    // memory creeps up by a dozen blocks within the hour.
+    mallopt(M_MMAP_THRESHOLD, kMappedFrom);
     // Into a file or pipe, too, what is printed must not wait in a buffer for an end that may come by force.
     if (!isatty(STDOUT_FILENO)) setvbuf(stdout, nullptr, _IOLBF, 0);
     if (start_up(argc, argv)) run_main_loop();
