@@ -255,11 +255,12 @@ int start_sandbox(Typed &typed, const Rest &rest) {
     return leave(code, signal_number);
 }
 
-const CLI::Validator kValidName(
-    [](std::string &text) {
-        return valid_name(text) ? std::string() : "wanted up to 32 letters, digits, '-', '_' and '.'";
-    },
-    "NAME");
+CLI::Validator is_valid_name() {
+    return {[](std::string &text) {
+                return valid_name(text) ? std::string() : "wanted up to 32 letters, digits, '-', '_' and '.'";
+            },
+            "NAME"};
+}
 
 }  // namespace
 
@@ -268,7 +269,7 @@ Action setup_run(CLI::App &app) {
     typed->plan.options.name = "default";
     typed->plan.options.source.rate = 2;  // what the daemon reads in a second
     app.add_option("--name", typed->plan.options.name, "The set's name; sets with different names run side by side")
-        ->check(kValidName)
+        ->check(is_valid_name())
         ->capture_default_str();
     app.add_option("--vestrad", typed->daemon, "The daemon; by default the one beside this program")->type_name("PATH");
     add_set_options(app, *typed, "Default: 2");
@@ -290,7 +291,7 @@ Action setup_sandbox(CLI::App &app) {
     typed->plan.quiet = true;
     app.add_option("--name", typed->plan.options.name,
                    "A name lets \"vestra-set exec\" and the like reach it; auto: nobody can")
-        ->check(kValidName)
+        ->check(is_valid_name())
         ->capture_default_str();
     app.add_flag("--node", typed->plan.options.node, "Serve the trace control node as well");
     add_set_options(app, *typed, "Default: 0");

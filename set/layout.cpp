@@ -122,7 +122,7 @@ int newest_process_id() {
     const auto text = read_file(std::string(kRealProc) + "/loadavg");
     if (!text) return 0;
     const size_t blank = text->rfind(' ');
-    return blank == std::string::npos ? 0 : std::atoi(text->c_str() + blank);
+    return blank == std::string::npos ? 0 : static_cast<int>(std::strtol(text->c_str() + blank, nullptr, 10));
 }
 
 bool mount_stick(const std::string &label, const std::string &size, std::string *error) {

@@ -66,7 +66,7 @@ bool is_locked(const std::string &path) {
 }
 
 pid_t lock_owner(const std::string &path) {
-    return std::atoi(read_file(path).value_or("0").c_str());
+    return static_cast<pid_t>(std::strtol(read_file(path).value_or("0").c_str(), nullptr, 10));
 }
 
 }  // namespace

@@ -29,7 +29,6 @@ constexpr const char *kNames[] = {"ui-shell", "compositor", "media-player", "aud
                                   "epg",      "input",      "netd",         "voice",       "updater", "logger"};
 constexpr std::string_view kIdleName = "swapper";
 constexpr size_t kCommLimit = 15;  // bytes of a name that the kernel keeps
-const std::string kLongName(300, 'n');
 
 // Up and down between 0 and `height`, `half` seconds each way.
 uint64_t swing(uint64_t seconds, uint64_t half, uint64_t height) {
@@ -406,7 +405,8 @@ bool SyntheticSource::write_damage(FrameWriter *writer, const Clock &now) {
             constexpr uint64_t kMost = std::numeric_limits<uint64_t>::max();
             SwitchMessage most;
             most.time_ns = now.ns;
-            most.name = kLongName;
+            const std::string long_name(300, 'n');
+            most.name = long_name;
             most.element1 = most.element4 = most.element5 = most.cpu_a = most.cpu_b = kMost;
             most.pid = most.rss = most.swap = most.element10 = most.element11 = kMost;
             for (CoreTimes &times : most.cores) times = {kMost, kMost, kMost, kMost, kMost};
