@@ -1,5 +1,5 @@
-// The streams that decoding is measured with: blocks of 128 KiB, eight switch messages a frame, 1500 messages a second
-// of the set's time.
+// The streams that decoding is measured with: blocks of 128 KiB unless told otherwise, eight switch messages a frame,
+// 1500 messages a second of the set's time.
 #pragma once
 
 #include <array>
@@ -30,7 +30,8 @@ enum class Life {
 class Stream {
   public:
     // `blocks` is what next() gives. 24 of them hold three samples of each of 10,000 short-lived processes.
-    explicit Stream(int processes, Life life = Life::steady, size_t blocks = 10) : life_(life), blocks_(blocks) {
+    explicit Stream(int processes, Life life = Life::steady, size_t blocks = 10, size_t block_size = kBlock)
+        : life_(life), block_size_(block_size), blocks_(blocks) {
         for (int i = 0; i < processes; ++i) {
             Process process;
             process.pid = static_cast<uint64_t>(i) * (life == Life::short_ ? 1 : 3) + 101;
@@ -50,8 +51,8 @@ class Stream {
     const std::vector<Block> &next(Visit visit) {
         messages_ = bytes_ = 0;
         for (Block &block : blocks_) {
-            block.resize(kBlock);
-            vestra_set::FrameWriter writer(block.data(), kBlock - vestra_set::kEndMark);
+            block.resize(block_size_);
+            vestra_set::FrameWriter writer(block.data(), block_size_ - vestra_set::kEndMark);
             bool room = true;
             while (room) {
                 room = writer.begin_frame(vestra_set::kSwitchFrame, 0);
@@ -117,6 +118,7 @@ class Stream {
     }
 
     Life life_;
+    size_t block_size_;
     std::mt19937 random_{1};
     std::vector<Process> processes_;
     std::array<vestra_set::CoreTimes, vestra_set::kCores> cores_{};
