@@ -177,7 +177,7 @@ void WriteFsync(benchmark::State &state) {
 
 const std::vector<int64_t> kSizes = {1024, 4096, 16384, 65536, 131072}, kChains = {1, 2, 4, 7, 10};
 
-BENCHMARK(Memcpy)->ArgsProduct({kSizes})->UseManualTime();
+BENCHMARK(Memcpy)->ArgsProduct({kSizes})->UseManualTime()->Iterations(100);  // making the blocks takes longest
 BENCHMARK(Decode)->ArgsProduct({kSizes})->UseManualTime();
 BENCHMARK(ReadData)->ArgsProduct({kSizes, {10}})->UseManualTime();
 BENCHMARK(ReadData)->ArgsProduct({{1024}, {1, 2, 4, 7}})->UseManualTime();
