@@ -2,7 +2,6 @@
 set terminal svg size 900,640 font "sans-serif,12" background "#ffffff"
 set output ARG2
 set key top left reverse Left samplen 2
-set grid lc "#dddddd"
 set yrange [0:]
 set style data linespoints
 set linetype 1 lc "#4477aa" pt 7 ps 0.5 lw 1.5
@@ -21,7 +20,7 @@ set title "A block, us"
 set xlabel "block, KiB"
 set logscale x 2
 set logscale y
-set yrange [*:*]
+set yrange [*:3000]
 set xrange [1:128]
 plot file("block") using 1:4 title "read data, chain of 10 MiB", "" using 1:3 title "decode", "" using 1:2 title "copy"
 
