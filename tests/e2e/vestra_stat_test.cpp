@@ -1,39 +1,15 @@
 // vestra-stat as a user has it, with a daemon that has been given its last second.
 
-#include <pty.h>
-#include <sys/mman.h>
-
-#include <algorithm>
 #include <cmath>
-#include <cstring>
-#include <vector>
 
-#include "client_env.h"
-#include "gmock/gmock.h"
+#include "e2e/set_env.h"
 
 namespace vestra_test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
-
-struct Result {
-    int code = -1;
-    std::string out, err;
-};
-
-// Runs the program with these arguments, as a shell splits them.
-Result run_stat(const std::string &arguments) {
-    const std::string command = "exec " VESTRA_STAT_PROGRAM " " + arguments + " >/tmp/stat.out 2>/tmp/stat.err";
-    Child shell([&] { execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); });
-    Result result;
-    result.code = shell.wait();
-    result.out = read_file("/tmp/stat.out");
-    result.err = read_file("/tmp/stat.err");
-    return result;
+// The program with these arguments, as a shell splits them.
+Ran run_stat(const std::string &arguments) {
+    return run(VESTRA_STAT_PROGRAM " " + arguments);
 }
 
 std::vector<std::vector<std::string>> words_of(const std::string &text) {
@@ -47,13 +23,7 @@ std::vector<std::vector<std::string>> words_of(const std::string &text) {
     return lines;
 }
 
-size_t count(const std::string &text, const std::string &part) {
-    size_t times = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++times;
-    return times;
-}
-
-class VestraStat : public ClientTest {
+class VestraStat : public SetTest {
   protected:
     void start_with_a_ring() {
         start();
@@ -63,10 +33,10 @@ class VestraStat : public ClientTest {
 
 TEST_F(VestraStat, ShowsWhatTheDaemonAnswers) {
     start_with_a_ring();
-    const Result json = run_stat("--json --window 30");
-    ASSERT_EQ(json.code, 0) << json.err;
-    EXPECT_EQ(std::count(json.out.begin(), json.out.end(), '\n'), 1);
-    const auto answer = nlohmann::json::parse(json.out);
+    const Ran told = run_stat("--json --window 30");
+    ASSERT_EQ(told.code, 0) << told.err;
+    EXPECT_EQ(count(told.out, "\n"), 1U);
+    const json answer = json::parse(told.out);
     EXPECT_EQ(answer["window"], 30);
     ASSERT_THAT(answer["vitals"], SizeIs(kVestraVitals));
     const auto table = words_of(run_stat("--window 30").out);
@@ -79,18 +49,17 @@ TEST_F(VestraStat, ShowsWhatTheDaemonAnswers) {
         ASSERT_GE(line.size(), 6U) << name;
         EXPECT_EQ(line[0], std::to_string(type));
         EXPECT_EQ(line[1], name);
-        const std::pair<const char *, double> figures[] = {{"maximum", asked.maximum},
-                                                           {"minimum", asked.minimum},
-                                                           {"average", asked.average},
-                                                           {"variance", asked.variance}};
+        const char *names[] = {"maximum", "minimum", "average", "variance"};
+        const double figures[] = {asked.maximum, asked.minimum, asked.average, asked.variance};
         for (size_t i = 0; i < 4; ++i) {
-            const auto &[figure, value] = figures[i];
+            SCOPED_TRACE(name + " " + names[i]);
+            const double value = figures[i];
             const std::string &in_table = line[line.size() - 4 + i];
-            EXPECT_EQ(in_table == "-", std::isnan(value)) << name << figure;
-            EXPECT_EQ(shown[figure].is_null(), std::isnan(value)) << name << figure;
+            EXPECT_EQ(in_table == "-", std::isnan(value));
+            EXPECT_EQ(shown[names[i]].is_null(), std::isnan(value));
             if (std::isnan(value)) continue;
-            EXPECT_EQ(shown[figure], value) << name;
-            EXPECT_NEAR(std::stod(in_table), value, 0.5 + 0.001 * std::fabs(value)) << name << figure;
+            EXPECT_EQ(shown[names[i]], value);
+            EXPECT_NEAR(std::stod(in_table), value, 0.5 + 0.001 * std::fabs(value));
         }
     }
     const auto now = words_of(run_stat("--window 0 16 cpu cpu-user").out);
@@ -101,7 +70,7 @@ TEST_F(VestraStat, ShowsWhatTheDaemonAnswers) {
 }
 
 TEST_F(VestraStat, TellsItsFailuresApart) {
-    Result result = run_stat("");
+    Ran result = run_stat("");
     EXPECT_EQ(result.code, 4);
     EXPECT_THAT(result.err, StartsWith("vestra-stat: no daemon is running\n"));
     EXPECT_THAT(result.out, IsEmpty());
@@ -116,20 +85,14 @@ TEST_F(VestraStat, TellsItsFailuresApart) {
     result = run_stat("--timeout 0.2");
     EXPECT_EQ(result.code, 5);
     EXPECT_THAT(result.err, HasSubstr("did not answer in time, 200 ms"));
+    const Segment segment;
+    segment.record->state = 0;  // of the request that nobody answered
+    Child asking([] { _exit(run_stat("cpu-total").code); });
+    ASSERT_TRUE(comes_true([&] { return segment.posted(); }));
+    segment.record->request[0].packet_type = 5;  // somebody makes another question of it
     resume();
-    // Somebody makes another question of it before the daemon reads it.
-    const Child liar([] {
-        const int fd = shm_open("/vestra_api", O_RDWR, 0);
-        void *address = mmap(nullptr, sizeof(vestra_shm_record), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (address == MAP_FAILED) _exit(1);
-        int32_t *type = &static_cast<vestra_shm_record *>(address)->request[0].packet_type;
-        for (;;) __atomic_store_n(type, 5, __ATOMIC_RELAXED);
-    });
-    EXPECT_TRUE(comes_true([&] {
-        result = run_stat("cpu-total");
-        return result.code == 6;
-    })) << result.code;
-    EXPECT_THAT(result.err, HasSubstr("left a vital unanswered"));
+    EXPECT_EQ(asking.wait(), 6);
+    EXPECT_THAT(read_file("/tmp/run.err"), HasSubstr("left a vital unanswered"));
 }
 
 TEST_F(VestraStat, WatchGoesOnOverARestart) {
@@ -150,45 +113,27 @@ TEST_F(VestraStat, WatchGoesOnOverARestart) {
               "vestra-stat: no daemon is running; asking on\nvestra-stat: the daemon answers again\n");
     kill(watching.pid(), SIGINT);
     EXPECT_EQ(watching.wait(), 0);
-    EXPECT_EQ(run_stat("--watch cpu --count 2").code, 0) << "a vital's name behind --watch is no number of seconds";
-    EXPECT_EQ(count(read_file("/tmp/stat.out"), "cpu-total"), 2U);
+    const Ran twice = run_stat("--watch cpu --count 2");
+    EXPECT_EQ(twice.code, 0) << "a vital's name behind --watch is no number of seconds";
+    EXPECT_EQ(count(twice.out, "cpu-total"), 2U);
 }
 
 TEST_F(VestraStat, WatchOnATerminalStaysInItsPlace) {
     start_with_a_ring();
-    int terminal = -1;
-    const pid_t watching = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (watching == 0) {
-        setenv("TERM", "xterm", 1);
-        execl(VESTRA_STAT_PROGRAM, VESTRA_STAT_PROGRAM, "--watch", "0.1", nullptr);
-        _exit(127);
-    }
-    std::string shown;
-    EXPECT_TRUE(comes_true([&] {
-        char bytes[4096];
-        const ssize_t size = read(terminal, bytes, sizeof bytes);
-        if (size > 0) shown.append(bytes, static_cast<size_t>(size));
-        return count(shown, "\x1b[H") >= 3;
-    }));
-    EXPECT_EQ(count(shown, "\x1b[2J"), 1U) << "cleared once, then written over";
-    EXPECT_GE(count(shown, "memory-available"), 2U);
-    EXPECT_EQ(write(terminal, "\x03", 1), 1);
-    int status = -1;
-    EXPECT_EQ(waitpid(watching, &status, 0), watching);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "Ctrl-C ends it cleanly";
-    close(terminal);
+    const Ran terminal = run("TERM=xterm script -qec '" VESTRA_STAT_PROGRAM " --watch 0.1 --count 3' /dev/null");
+    EXPECT_EQ(terminal.code, 0);
+    EXPECT_EQ(count(terminal.out, "\x1b[2J"), 1U) << "cleared once, then written over";
+    EXPECT_EQ(count(terminal.out, "\x1b[H"), 3U);
+    EXPECT_EQ(count(terminal.out, "memory-available"), 3U);
 }
 
 // What is completed is what there is.
 TEST_F(VestraStat, CompletionKnowsEveryOptionAndVital) {
     const auto completed = [](const std::string &word) {
-        const std::string script = "source " VESTRA_COMPLETION "; COMP_WORDS=(vestra-stat " + word +
-                                   "); COMP_CWORD=1; _vestra_stat; printf '%s\\n' \"${COMPREPLY[@]}\" >/tmp/completed";
-        Child bash([&] { execl("/bin/bash", "bash", "-c", script.c_str(), nullptr); });
-        EXPECT_EQ(bash.wait(), 0);
-        std::vector<std::string> words;
-        for (const auto &line : words_of(read_file("/tmp/completed")))
-            words.insert(words.end(), line.begin(), line.end());
+        const Ran bash = run("bash -c 'source " VESTRA_COMPLETION "; COMP_WORDS=(vestra-stat " + word +
+                             "); COMP_CWORD=1; _vestra_stat; echo ${COMPREPLY[@]}'");
+        EXPECT_EQ(bash.code, 0) << bash.err;
+        std::vector<std::string> words = words_of(bash.out).at(0);
         std::sort(words.begin(), words.end());
         return words;
     };
@@ -204,7 +149,7 @@ TEST_F(VestraStat, CompletionKnowsEveryOptionAndVital) {
     }
     std::sort(vitals.begin(), vitals.end());
     EXPECT_THAT(vitals, SizeIs(kVestraVitals));
-    EXPECT_EQ(completed("''"), vitals);
+    EXPECT_EQ(completed("\"\""), vitals);
     EXPECT_THAT(completed("cpu-t"), ElementsAre("cpu-total"));
 }
 
