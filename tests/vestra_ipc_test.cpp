@@ -1,11 +1,10 @@
-// The client service on a segment whose contents nobody can trust, and with clients of the library's.
+// The client service on a segment whose contents nobody can trust. Real clients are in e2e/client_set_test.cpp.
 
 #include "vestra-daemon/vestra_ipc.h"
 
 #include <sys/mman.h>
 
 #include <cmath>
-#include <thread>
 
 #include "support/daemon_env.h"
 
@@ -113,20 +112,4 @@ TEST_F(VestraIpc, SegmentThatIsNotReadyIsLookedForAgain) {
     EXPECT_EQ(printed_by([] { serve({false, false}); }), notice + notice + notice + notice);
     EXPECT_THAT(seen("w"), ElementsAre("wait 200000 *4"));
     EXPECT_EQ(record_->state, 1) << "a wait without a request answers none";
-}
-
-TEST_F(VestraIpc, ManyClientsTakeTurns) {
-    const auto ask = [](int type) {
-        const vestra_api_h client = vestra_api_open();
-        for (int n = 0; n < 10; ++n) {
-            vestra_api_data question = {type, 10, 0, 0, 0, 0, 99, 0};
-            EXPECT_EQ(vestra_api_ask(client, &question, 1, 30000), VESTRA_API_OK);
-            EXPECT_EQ(question.answer_type, type);
-        }
-        vestra_api_close(client);
-    };
-    std::thread service(client_request_process, nullptr), first(ask, 0), second(ask, 1), third(ask, 2);
-    for (std::thread *client : {&first, &second, &third}) client->join();
-    exit_flag = 1;
-    service.join();
 }
