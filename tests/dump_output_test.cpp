@@ -1,10 +1,7 @@
 // What the dump tool writes: tables in CSV, JSON and SQLite, smaller dumps, times on the wall, exit codes.
 
 #include <sqlite3.h>
-#include <sys/wait.h>
 
-#include <cstdio>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -18,28 +15,14 @@ using testing::ElementsAre;
 
 namespace {
 
-std::string put(const std::string &path, const std::string &bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-    return path;
-}
-
-struct Outcome {
-    int code;
-    std::string out;
-};
-Outcome run(const std::string &arguments) {
-    FILE *pipe = popen((VESTRA_DUMP_PROGRAM " " + arguments).c_str(), "r");
-    Outcome outcome{};
-    char buffer[4096];
-    for (size_t got = 0; (got = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) outcome.out.append(buffer, got);
-    outcome.code = WEXITSTATUS(pclose(pipe));
-    return outcome;
+vestra_test::Ran run_dump(const std::string &arguments) {
+    return vestra_test::run(VESTRA_DUMP_PROGRAM " " + arguments);
 }
 
 // Rows of RFC 4180; names never hold a line end here.
 using Rows = std::vector<std::vector<std::string>>;
 Rows csv(const std::string &arguments) {
-    std::istringstream lines(run("csv " + arguments + " 2>/dev/null").out);
+    std::istringstream lines(run_dump("csv " + arguments).out);
     Rows rows;
     for (std::string line; std::getline(lines, line);) {
         rows.push_back({""});
@@ -103,31 +86,31 @@ TEST(DumpOutput, AnyNameComesOutOfEveryTableAndDoesNoHarm) {
     for (const auto &row : csv("--processes " + dump)) from_csv.push_back(row.at(3));
     from_csv.erase(from_csv.begin());
     EXPECT_EQ(from_csv, expected);
-    std::istringstream lines(run("json --processes " + dump).out);
+    std::istringstream lines(run_dump("json --processes " + dump).out);
     for (std::string line; std::getline(lines, line);) {
         const json object = json::parse(line);  // throws for what is not UTF-8
         if (object["table"] == "processes") from_json.push_back(object["name"]);
     }
     EXPECT_EQ(from_json, expected);
-    EXPECT_EQ(run("sqlite /tmp/names.db " + dump).code, 0);
+    EXPECT_EQ(run_dump("sqlite /tmp/names.db " + dump).code, 0);
     EXPECT_EQ(query("/tmp/names.db", "SELECT name FROM processes ORDER BY time_ns"), expected);
     EXPECT_EQ(query("/tmp/names.db", "SELECT * FROM processes LIMIT 1")[0],
               "1|600000000000|7|0|a,b|2|-|-|-|0|0|0|0|0|0|0");
-    for (const char c : run("info " + dump).out) EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= ' ');
+    for (const char c : run_dump("info " + dump).out) EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= ' ');
 }
 
 TEST(DumpOutput, DatabaseHoldsTheSameRowsOfManyDumps) {
     const std::string one = put("/tmp/0000000000_7_one_1795560058", synthetic("hostile", 30, 9000, 40, 1) + kTrailer);
     const std::string two = put("/tmp/two", synthetic("steady", 30, 9000, 40, 2));
-    EXPECT_EQ(run("sqlite /tmp/db " + two + " " + one + " 2>/dev/null").code, 1);
-    EXPECT_EQ(run("sqlite /tmp/db " + one + " 2>/dev/null").code, 1);  // again: in place of the first
+    EXPECT_EQ(run_dump("sqlite /tmp/db " + two + " " + one).code, 1);
+    EXPECT_EQ(run_dump("sqlite /tmp/db " + one).code, 1);  // again: in place of the first
     EXPECT_THAT(query("/tmp/db", "SELECT file, build, trailer FROM dumps ORDER BY dump_id"),
                 ElementsAre("/tmp/two|-|0", one + "|T-RX-1107.2/eu|1"));
     for (const std::string table : {"vitals", "processes", "frames", "damage"}) {
         EXPECT_EQ(query("/tmp/db", "SELECT count(*) FROM " + table + " WHERE dump_id = 2")[0],
                   std::to_string(csv("--" + table + " " + one).size() - 1));
     }
-    const json info = json::parse(run("info --json " + one).out);
+    const json info = json::parse(run_dump("info --json " + one).out);
     EXPECT_EQ(query("/tmp/db", "SELECT damaged_spans, damaged_bytes, messages FROM dumps WHERE dump_id = 2")[0],
               info["damaged_spans"].dump() + "|" + info["damaged_bytes"].dump() + "|" + info["messages"].dump());
     for (const char *list : {"top_cpu", "top_memory"}) {
@@ -136,7 +119,7 @@ TEST(DumpOutput, DatabaseHoldsTheSameRowsOfManyDumps) {
     }
     EXPECT_EQ(query("/tmp/db", "SELECT max(wall_time) FROM seconds WHERE dump_id = 2")[0], "2026-11-24T22:40:57Z");
     query("/tmp/other", "CREATE TABLE dumps(x)");
-    EXPECT_EQ(run("sqlite /tmp/other " + one + " 2>/dev/null").code, 2) << "a database of something else";
+    EXPECT_EQ(run_dump("sqlite /tmp/other " + one).code, 2) << "a database of something else";
 }
 
 TEST(DumpOutput, CutIsAWholeDumpOfItsStretch) {
@@ -147,9 +130,9 @@ TEST(DumpOutput, CutIsAWholeDumpOfItsStretch) {
         for (auto &row : all) row[5] = row[6] = row[7] = "";  // percentages begin anew
         return all;
     };
-    EXPECT_EQ(run("cut --from 610.5 --to 640 " + dump + " /tmp/cut 2>/dev/null").code, 1);
+    EXPECT_EQ(run_dump("cut --from 610.5 --to 640 " + dump + " /tmp/cut").code, 1);
     EXPECT_EQ(rows("/tmp/cut"), rows(dump));
-    const std::string cut = run("cut /tmp/cut -").out;
+    const std::string cut = run_dump("cut /tmp/cut -").out;
     const Recorder seen = record(cut);
     EXPECT_EQ(seen.totals.trailer->bytes, kLiteTrailer);
     EXPECT_TRUE(seen.totals.is_clean());
@@ -159,14 +142,14 @@ TEST(DumpOutput, CutIsAWholeDumpOfItsStretch) {
     for (const Place &frame : record(whole).frames) unmarked += whole.substr(size_t(frame.first), size_t(frame.second));
     put("/tmp/unmarked", unmarked + kTrailer);
     uint64_t block = 0, longest = 0;
-    for (const Place &stretch : record(run("cut /tmp/unmarked -").out).stretches) {
+    for (const Place &stretch : record(run_dump("cut /tmp/unmarked -").out).stretches) {
         block += stretch.second;
         longest = std::max(longest, block);
         if (stretch.second == 4) block = 0;
     }
     EXPECT_LE(longest, 131072U);
     EXPECT_GT(longest, 120000U);
-    EXPECT_EQ(run("cut " + dump + " " + dump + " 2>/dev/null").code, 64);
+    EXPECT_EQ(run_dump("cut " + dump + " " + dump).code, 64);
 }
 
 TEST(DumpOutput, TimesOnTheWallComeFromTheNewestSample) {
@@ -221,10 +204,9 @@ TEST(DumpOutput, ExitCodesTellWhatWasRead) {
         {"csv --from -5 - < /tmp/clean", 64},
     };
     for (const auto &[arguments, code] : kRuns) {
-        EXPECT_EQ(run(std::string(arguments) + " 2>/dev/null").code, code) << arguments;
+        EXPECT_EQ(run_dump(arguments).code, code) << arguments;
     }
-    EXPECT_EQ(run("csv /tmp/damaged 2>&1 >/dev/null").out,
-              "vestra-dump: /tmp/damaged: 77 bytes are damaged, in 1 place\n");
+    EXPECT_EQ(run_dump("csv /tmp/damaged").err, "vestra-dump: /tmp/damaged: 77 bytes are damaged, in 1 place\n");
 }
 
 }  // namespace

@@ -37,6 +37,10 @@ const struct TrailerRow {
     {"OtherLineStandsIn", "Region=eu\r\n", "=eu", ""},
     {"NotAscii", "Model=\xc3\xbc\xff\r\nBuild=\x01\r\n", "\x01", "\xc3\xbc\xff"},
     {"NothingAtAll", "", "", ""},
+    {"KeysStandAtTheLineStart", "MODEL=A\n Build=2\r\nBuild=1\r\n", "1", ""},
+    {"BuildOnLine19", std::string(18, '\n') + "Build=1\r\n", "1", ""},
+    {"NoBuildIn20LinesTakesThe20th", std::string(19, '\n') + "Twentieth\r\nBuild=1\r\n", "eth", ""},
+    {"LongLineIsReadIn128s", "Model=M\r\n" + std::string(128, 'x') + "Build=1\r\n", "1", "M"},
 };
 
 std::string written_trailer(const std::string &ini, int lite_mode) {

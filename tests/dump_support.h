@@ -7,6 +7,7 @@
 
 #include "gtest/gtest.h"
 #include "set/trace/synthetic_source.h"
+#include "support/shell.h"
 #include "tools/dump/dump_reader.h"
 
 namespace dump_test {
@@ -68,6 +69,11 @@ inline std::string synthetic(const char *profile, uint32_t processes, uint32_t b
         all.append(reinterpret_cast<const char *>(block.data()), size);
     }
     return all;
+}
+
+inline std::string put(const std::string &path, const std::string &bytes) {
+    vestra_test::write_file(path, bytes);
+    return path;
 }
 
 const std::string kTrailer = "T-RX-1107.2/eu/24_TVX\r\n\x17";
