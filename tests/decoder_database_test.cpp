@@ -3,26 +3,14 @@
 
 #include <sqlite3.h>
 
-#include <filesystem>
 #include <limits>
 
 #include "decoder_support.h"
+#include "golden.h"
 #include "platform/vconf.h"
 #include "vestra-daemon/vestrad.h"
 
 using namespace decoder_test;
-using ::testing::EndsWith;
-namespace fs = std::filesystem;
-
-static int page_limit;  // pages that a database which the daemon opens may have; 0: no limit
-
-extern "C" int __real_sqlite3_open(const char *path, sqlite3 **handle);
-extern "C" int __wrap_sqlite3_open(const char *path, sqlite3 **handle) {
-    const int result = __real_sqlite3_open(path, handle);
-    const std::string limit = "PRAGMA max_page_count=" + std::to_string(page_limit);
-    if (page_limit > 0) sqlite3_exec(*handle, limit.c_str(), nullptr, nullptr, nullptr);
-    return result;
-}
 
 namespace {
 
@@ -59,13 +47,18 @@ void add_many(int count) {
     for (int i = 0; i < count; ++i) add(1000 + i, i, "process", 10, 20, 1);
 }
 
+// Has a database that is opened prepared so.
+void at_every_opening(int (*prepare)(sqlite3 *, char **, const void *)) {
+    sqlite3_auto_extension(reinterpret_cast<void (*)()>(prepare));
+}
+
 class Database : public DecoderTest {
   protected:
     Database() {
         fs::create_directories(kDirectory);
         fs::remove(kFile);
         EXPECT_EQ(ProcessDbInit(), 0);
-        take_log();
+        begin_transcript();
     }
     ~Database() override {
         sqlite3_close(db);
@@ -86,30 +79,10 @@ TEST_F(Database, StartMakesTheTableAnewOrGoesOnWithoutOne) {
     query(kInsert);
     EXPECT_EQ(ProcessDbInit(), 0);
     EXPECT_EQ(query("SELECT COUNT(*) FROM PROCESS_INFO"), "0\n");
-    EXPECT_EQ(query("SELECT sql FROM sqlite_master WHERE name='PROCESS_INFO'"),
-              "CREATE TABLE PROCESS_INFO(TIMESTAMP         VARCHAR(20)   NOT NULL,PROCESS_ID   INT   NOT "
-              "NULL,PROCESS_NAME VARCHAR(20)  NULL,RSS_USED     INT   NOT NULL,SWAP_USED    INT   NOT "
-              "NULL,CPU_PERCENTAGE_USED  DOUBLE   NOT NULL,RSS_BIN      INT   DEFAULT 0 NOT NULL,SWAP_BIN     INT   "
-              "DEFAULT 0 NOT NULL,AVG_RSS      INT   DEFAULT 0 NOT NULL,SHM_CURR_TIME DATETIME DEFAULT "
-              "CURRENT_TIMESTAMP,AVG_CPU      INT   DEFAULT 0 NOT NULL )\n");
-    EXPECT_EQ(log_text(), R"(3 set_shm_default_vconf vconf_set_int(memory/SHM/trigger_db_write) success with 0
-6 ProcessDbInit DATABASE PATH : /opt/usr/home/owner/share/tvhistory.db
-6 openDB Opened database successfully
-6 ProcessDbInit Success in Opening db : /opt/usr/home/owner/share/tvhistory.db
-3 createTables Table PROCESS_INFO DROPPED successfully
-3 createTables Table PROCESS_INFO created successfully
-6 closeDB Closed database successfully
-3 ProcessDbInit Success in Closing db : /opt/usr/home/owner/share/tvhistory.db
-)");
+    expect_golden("database-start", query("SELECT sql FROM sqlite_master WHERE name='PROCESS_INFO'") + log_text());
     fs::rename(kDirectory, "/opt/usr/home/owner/away");
     EXPECT_EQ(ProcessDbInit(), 0);
-    EXPECT_THAT(log_text(kError), EndsWith(R"(
-6 openDB Can't open database: unable to open database file
-6 ProcessDbInit Success in Opening db : /opt/usr/home/owner/share/tvhistory.db
-6 createTables SQL error: unable to open database file
-6 createTables SQL error: unable to open database file
-6 closeDB Closed database successfully
-)"));
+    expect_golden("database-start-without-storage", log_text());
     fill(-1, 1);
     fs::rename("/opt/usr/home/owner/away", kDirectory);
 }
@@ -125,23 +98,14 @@ TEST_F(Database, RowsAreTheSamplesNewestFirstInBatchesOfAHundred) {
                     "PROCESS_INFO ORDER BY rowid"),
               "9|3|huge|1|2|-9223372036854775808\n8|2|inf|1|2|9223372036854775807\n7|1||1|2|0\n"
               "1234567890123456789|32767|it's;|2147483647|0|99\n-5|-3|first|-2147483648|-1|0\n");
-    EXPECT_EQ(log_text(), R"(6 openDB Opened database successfully
-6 Process_Info_fill Success in Opening db : /opt/usr/home/owner/share/tvhistory.db
-3 Process_Info_fill Table PROCESS_INFO previous record cleared successfully
-3 Process_Info_fill Records inserted successfully!
-6 closeDB Closed database successfully
-3 Process_Info_fill Success in Closing db : /opt/usr/home/owner/share/tvhistory.db
-6 Process_Info_fill Filling in Table PROCESS_INFO Ends
-3 set_shm_default_vconf vconf_set_int(memory/SHM/trigger_db_write) success with 0
-)");
-    const std::pair<int, int> batches[] = {{0, 0}, {100, 1}, {101, 2}, {250, 3}};
+    expect_golden("database-fill", log_text());
+    const std::pair<int, const char *> batches[] = {
+        {0, "with 0\n"}, {100, "fully!\n"}, {101, "! *2\n"}, {250, "! *3\n"}};
     for (const auto &[samples, statements] : batches) {
         free_bufs_shm(&ghead_shm);
         add_many(samples);
         fill(samples, 0);
-        int inserts = 0;
-        for (const LogLine &line : take_log()) inserts += line.text == "Records inserted successfully!" ? 1 : 0;
-        EXPECT_EQ(inserts, statements) << samples;
+        EXPECT_THAT(log_text(), HasSubstr(statements)) << samples;
     }
     EXPECT_EQ(query("SELECT COUNT(DISTINCT PROCESS_ID) FROM PROCESS_INFO"), "250\n");
 }
@@ -150,25 +114,23 @@ TEST_F(Database, FailuresLeaveTheKeyAndAreNamed) {
     add(2, 20, "bad\"name", 5, 6, 7.5);
     add(3, 30, "good", -5, 6, 7.5);
     fill(0, 1);
-    EXPECT_THAT(log_text(kError),
-                EndsWith("\n6 Process_Info_fill SQL error: near \"name\": syntax error Query = INSERT INTO "
-                         "PROCESS_INFO(TIMESTAMP,PROCESS_ID,PROCESS_NAME,RSS_USED,SWAP_USED,CPU_"
-                         "PERCENTAGE_USED) VALUES  (3,30,\"good\",-5,6,7),(2,20,\"bad\"name\",5,6,7);"
-                         "\n6 closeDB Closed database successfully\n"));
+    expect_golden("database-fill-of-a-bad-name", log_text());
     add_many(150);
     fill(100, 1);  // the batch before the failed one stays
     free_bufs_shm(&ghead_shm);
     add_many(2000);
-    page_limit = 4;
+    at_every_opening([](sqlite3 *handle, char **, const void *) {
+        return sqlite3_exec(handle, "PRAGMA max_page_count=4", nullptr, nullptr, nullptr);
+    });
     fill(-1, 1);
-    page_limit = 0;
-    const std::string log = log_text(kError);
-    EXPECT_THAT(log, testing::HasSubstr("6 Process_Info_fill SQL error: database or disk is full Query = INSERT INTO"));
+    sqlite3_reset_auto_extension();
+    const std::string log = log_text("6");
+    EXPECT_THAT(log, HasSubstr("6 Process_Info_fill SQL error: database or disk is full Query = INSERT INTO"));
     EXPECT_THAT(log, EndsWith("\n6 Process_Info_fill Can't fill the table because there is no disk space left\n"));
     fill(2000, 0);
     query("DROP TABLE PROCESS_INFO");
     fill(-1, 1);
-    EXPECT_THAT(log_text(kError), EndsWith("SQL error: no such table: PROCESS_INFO\n"));
+    EXPECT_THAT(log_text("6"), EndsWith("SQL error: no such table: PROCESS_INFO\n"));
     EXPECT_STREQ(sqlite3_db_filename(db, "main"), kFile) << "still open";
 }
 
@@ -176,7 +138,7 @@ TEST_F(Database, FailuresLeaveTheKeyAndAreNamed) {
 TEST_F(Database, HeadThatFellOffDuringTheDeleteIsNotTouched) {
     query(kInsert);
     add_many(3);
-    sqlite3_auto_extension(reinterpret_cast<void (*)()>(+[](sqlite3 *handle, char **, const void *) {
+    at_every_opening([](sqlite3 *handle, char **, const void *) {
         const auto replace_list = [](void *) {
             if (ghead_shm->name == "newest") return 0;
             circ_buf_shm *old = std::exchange(ghead_shm, nullptr);
@@ -186,7 +148,7 @@ TEST_F(Database, HeadThatFellOffDuringTheDeleteIsNotTouched) {
         };
         sqlite3_commit_hook(handle, replace_list, nullptr);
         return SQLITE_OK;
-    }));
+    });
     fill(1, 0);
     sqlite3_reset_auto_extension();
     EXPECT_EQ(query("SELECT PROCESS_NAME FROM PROCESS_INFO"), "newest\n");

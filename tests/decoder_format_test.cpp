@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "decoder_support.h"
+#include "golden.h"
 
 using namespace decoder_test;
 
@@ -86,26 +87,19 @@ TEST_F(DecoderTest, FieldsAreReadOrReported) {
 }
 
 TEST_F(DecoderTest, BlocksEndAsTheySay) {
-    const auto ends = [](Bytes bytes, int type, const char *lines) {
+    std::string lines;
+    const auto ends = [&](const char *name, Bytes bytes, int type) {
         EXPECT_EQ(decode_file(bytes.empty() ? nullptr : bytes.data(), static_cast<unsigned>(bytes.size())), type);
-        EXPECT_EQ(log_text(), lines);
+        lines += std::string(name) + "\n" + log_text();
     };
-    ends({2, 0, 0, 0}, -1, "3 decode_file vestra : No more valid data file_index 0 total 4 $\n");
-    ends({2, 0, 0, 0, 7, 0}, -1, "3 decode_file vestra : No more data file_index 0 total 6 $\n");
-    ends({2, 0, 0, 0, 7, 0, 2, 0, 0, 0, 8, 3, 0xee}, 8, R"(3 decode_file vestra : frame_len 2 frame_type:7$
-3 decode_file vestra : frame_len 2 frame_type:8$
-3 decode_file vestra : No more valid data file_index 12 total 13 $
-)");
-    // A frame of one byte is passed over, and the type before it stays.
-    ends({3, 0, 0, 0, 0xfe, 9, 9, 1, 0, 0, 0, 8, 0}, -2, R"(3 decode_file vestra : frame_len 3 frame_type:-2$
-3 decode_file vestra : No more valid data file_index 12 total 13 $
-)");
-    ends(joined({0x00, 0x00, 0x02, 0x00, 9}, Bytes(131072)), 9,
-         R"(3 decode_file vestra : frame_len 131072 frame_type:9$
-3 decode_file vestra : No more valid data file_index 131076 total 131077 $
-)");
-    ends({0x01, 0x00, 0x02, 0x00, 7, 0}, -1, "3 decode_file vestra : Invalid frame_len 131073 $\n");
-    ends({}, -1, "6 decode_file vestra:Invalid I/P pBuf=(nil) tfs=0$\n");
+    ends("length alone", {2, 0, 0, 0}, -1);
+    ends("frame up to the end", {2, 0, 0, 0, 7, 0}, -1);
+    ends("another up to the last byte", {2, 0, 0, 0, 7, 0, 2, 0, 0, 0, 8, 3, 0xee}, 8);
+    ends("a frame of one byte is passed over", {3, 0, 0, 0, 0xfe, 9, 9, 1, 0, 0, 0, 8, 0}, -2);
+    ends("longest frame", joined({0x00, 0x00, 0x02, 0x00, 9}, Bytes(131072)), 9);
+    ends("longer frame", {0x01, 0x00, 0x02, 0x00, 7, 0}, -1);
+    ends("nothing", {}, -1);
+    expect_golden("block-ends", lines);
 }
 
 // Each numbered check of the two walkers; between them the readers' own lines.
@@ -128,26 +122,7 @@ TEST_F(DecoderTest, RefusedFramesAreNumberedInTheLog) {
         (frame[0] == 7 ? decode_frame : decode_frame_8)(length(frame), chars(frame), 4711, &result);
         EXPECT_NE(result.status, 0);
     }
-    EXPECT_EQ(
-        log_text(),
-        R"(6 decode_frame vestra : 2. Invalid core id at file_index:4711, frame_index:0, frame_len:2, core_id:4 offset:0$
-6 decode_frame vestra : 2. Invalid core id at file_index:4711, frame_index:0, frame_len:3, core_id:255 offset:0$
-5 get_unpackedInt vestra : Corrupted at frame_index:2, frame_len:3, offset:1 $
-5 decode_frame vestra : 3. Corrupted frame at file_index:4711, frame index:2, frame_len:3, messageType:0, offset:0$
-5 decode_switchFrame vestra : Corrupted at frame_index:3, frame_len:3, messageType:2, offset:0, elm_count:0 $
-5 decode_frame vestra : 4. Corrupted frame at file_index:4711, frame index:2, frame_len:3, messageType:2, offset:1$
-5 decode_frame vestra : 5. Corrupted frame at file_index:4711, frame index:2, frame_len:4, messageType:0, offset:1$
-5 decode_frame vestra : 5. Corrupted frame at file_index:4711, frame index:2, frame_len:4, messageType:3, offset:1$
-5 decode_frame vestra : 5. Corrupted frame at file_index:4711, frame index:2, frame_len:7, messageType:1, offset:5$
-5 decode_frame_8 vestra : 1. frame_8 Empty frame at file_index:4711, frame_index:0, frame_len:1, offset:0$
-5 decode_frame_8 vestra : frame_8 Invalid frametype:-121 Empty frame at file_index:4711, frame_index:0, frame_len:2, offset:0$
-5 decode_frame_8 vestra : 2. frame_8 Invalid core id at file_index:4711, frame_index:0, frame_len:2, core_id:4 offset:0$
-5 get_unpackedInt vestra : Corrupted at frame_index:2, frame_len:3, offset:1 $
-5 decode_frame_8 vestra : 3. frame_8 Corrupted frame at file_index:4711, frame index:2, frame_len:3, messageType:0, offset:0$
-5 decode_cpumeminfoFrame vestra : 9. cpumeminfo Corrupted at frame_index:3, frame_len:3, messageType:1, offset:0, elm_count:0 $
-5 decode_frame_8 vestra : 4. frame_8 Corrupted frame at file_index:4711, frame index:2, frame_len:3, messageType:1, offset:1$
-5 decode_frame_8 vestra : 5. frame_8 Corrupted frame at file_index:4711, frame index:2, frame_len:4, messageType:9, offset:1$
-)");
+    expect_golden("refused-frames", log_text());
     Bytes other = {8, 9, 1};
     retIntStruct result = {5, 6, 7};
     decode_frame(3, chars(other), 0, &result);
@@ -175,48 +150,19 @@ Bytes even_message(uint8_t type, int fields) {
     return frame;
 }
 
-// What decoding such a frame must log that has only `size` bytes of its message's body, but for the readers' own lines.
-std::string lines_of_cut(bool info, int size) {
-    const int whole = size / 2;  // fields
-    const int behind_elements = whole - (info ? 19 : 13);
-    std::string lines;
-    const auto expect = [&](const std::string &number, const char *blank, int elements = -1) {
-        lines += text("5 %s vestra : %s%sCorrupted at frame_index:3, frame_len:%d, messageType:1, offset:%d%s%s$\n",
-                      info ? "decode_cpumeminfoFrame" : "decode_switchFrame", number.c_str(), info ? "cpumeminfo " : "",
-                      3 + size, 2 * whole, elements < 0 ? "" : text(", elm_count:%d", elements).c_str(), blank);
-    };
-    if (behind_elements >= 0) {
-        const char *const kCoreChecks[] = {"10. ", "11. ", "12 .", "13 .", "14 ."};
-        expect(kCoreChecks[behind_elements % 5], " ");
-        expect("15. ", " ", 12);
-    } else {
-        // A name that is announced must follow; elsewhere a frame may end between two fields.
-        if (whole == 4) {
-            expect(info ? "8. " : "9. ", " ");
-        } else if (size % 2 != 0) {
-            expect(whole == 3 ? (info ? "7. " : "8. ") : (info ? "6. " : "7. "), whole == 3 ? "" : " ");
-        }
-        expect(info ? "9. " : "", " ", whole > 3 ? whole - 1 : whole);
-    }
-    return lines + text(
-                       "5 decode_frame%s vestra : 4. %sCorrupted frame at file_index:4, frame index:2, frame_len:%d, "
-                       "messageType:1, offset:1$\n",
-                       info ? "_8" : "", info ? "frame_8 " : "", 3 + size);
-}
-
 TEST_F(DecoderTest, CutMessageStoresNothingAndSaysWhereAtEveryLength) {
     for (const bool info : {false, true}) {
         const Bytes whole = even_message(info ? 8 : 7, info ? 19 : 13 + 20);
+        std::string lines;
         for (int size = 0; size < length(whole) - 3; ++size) {
             decode({Bytes(whole.begin(), whole.begin() + 3 + size)});
-            std::string lines = log_text(kWarning);
-            if (lines.find("5 get_unpacked") == 0) lines.erase(0, lines.find('\n') + 1);
-            EXPECT_EQ(lines, lines_of_cut(info, size)) << size;
+            lines += text("body of %d bytes:\n", size) + log_text("56");
         }
+        expect_golden(info ? "cut-info-message" : "cut-switch-message", lines);
         EXPECT_EQ(maxTimeValue, -1);
         EXPECT_EQ(list().size(), 0U);
         decode({whole});
-        EXPECT_EQ(log_text(kWarning), "");
+        EXPECT_EQ(log_text("56"), "");
         EXPECT_EQ(maxTimeValue, 135);
         reset_decoder();
     }

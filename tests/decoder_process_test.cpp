@@ -55,22 +55,14 @@ TEST_F(DecoderTest, HistoryIsSearchedAsItStandsWhoeverChangedIt) {
     };
     for (int step = 0; step < 1000; ++step) {
         __VestraProcCPUUsageHist__ record = {kSecond, process(), -1, 1, 2, 0, 0, 0, any(3) == 0 ? "" : "name"};
-        switch (any(5)) {
-            case 0:
-                gProcCpuUsageHist[place()].pid = any(3) == 0 ? -1 : process();
-                break;
-            case 1:
-                gProcCpuUsageHist[place()] = record;
-                break;
-            case 2:
-                std::swap(gProcCpuUsageHist[place()], gProcCpuUsageHist[place()]);
-                break;
-            case 3:
-                gProcCpuUsageHist[place()].name.clear();
-                break;
-            default:
-                vestra_vital_update_cpuusage_hist(&record);
-        }
+        const std::function<void()> changes[] = {
+            [&] { gProcCpuUsageHist[place()].pid = any(3) == 0 ? -1 : process(); },
+            [&] { gProcCpuUsageHist[place()] = record; },
+            [&] { std::swap(gProcCpuUsageHist[place()], gProcCpuUsageHist[place()]); },
+            [&] { gProcCpuUsageHist[place()].name.clear(); },
+            [&] { vestra_vital_update_cpuusage_hist(&record); },
+        };
+        changes[any(5)]();
         const int pid = process();
         ASSERT_EQ(vesrta_checkhash_hist(pid), searched(pid)) << "step " << step << ", pid " << pid;
     }

@@ -3,99 +3,35 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
-#include <mutex>
-
-#include "platform/dlog.h"
-#include "vestra-daemon/vestra_log.h"
-#include "vestra-daemon/vestrad.h"
 
 namespace decoder_test {
 
-static std::mutex log_mutex;
-static std::vector<LogLine> log_lines;  // guarded by log_mutex
-
-static std::string vtext(const char *format, va_list arguments) {
+std::string text(const char *format, ...) {
     char buffer[16384];
+    va_list arguments;
+    va_start(arguments, format);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
     vsnprintf(buffer, sizeof(buffer), format, arguments);
 #pragma GCC diagnostic pop
+    va_end(arguments);
     return buffer;
 }
 
-// The daemon's calls of __dlog_print come here.
-extern "C" int __wrap___dlog_print(log_id_t id, int priority, const char *tag, const char *format, ...) {
-    static constexpr size_t kPrefix = sizeof(VESTRA_LOG_PREFIX) - 1;
-    if (strncmp(format, VESTRA_LOG_PREFIX, kPrefix) != 0) return 0;  // a platform service's line
-    EXPECT_EQ(id, LOG_ID_MAIN);
-    EXPECT_STREQ(tag, "VESTRA");
-    va_list arguments;
-    va_start(arguments, format);
-    const char *file = va_arg(arguments, const char *);
-    EXPECT_TRUE(strcmp(file, "decoder.cpp") == 0 || strcmp(file, "vestra_ipc.cpp") == 0) << file;
-    LogLine line{priority, va_arg(arguments, const char *), ""};
-    const int number = va_arg(arguments, int);
-    EXPECT_EQ(va_arg(arguments, const char *), line.function);
-    EXPECT_EQ(va_arg(arguments, int), number);
-    line.text = vtext(format + kPrefix, arguments);
-    va_end(arguments);
-    const std::lock_guard<std::mutex> hold(log_mutex);
-    log_lines.push_back(line);
-    return 0;
-}
-
-std::vector<LogLine> take_log(int least) {
-    std::vector<LogLine> taken;
-    const std::lock_guard<std::mutex> hold(log_mutex);
-    for (LogLine &line : log_lines) {
-        if (line.priority >= least) taken.push_back(std::move(line));
-    }
-    log_lines.clear();
-    return taken;
-}
-
-bool take_line(const LogLine &line) {
-    for (const LogLine &taken : take_log()) {
-        if (taken.priority == line.priority && taken.function == line.function && taken.text == line.text) return true;
-    }
-    return false;
-}
-
-std::string log_text(int least) {
-    std::string all;
-    for (const LogLine &line : take_log(least)) {
-        const bool ended = !line.text.empty() && line.text.back() == '\n';
-        all += text("%d %s ", line.priority, line.function.c_str()) + line.text.substr(0, line.text.size() - ended);
-        all += ended ? "$\n" : "\n";
-    }
+std::string log_text(std::string_view kinds) {
+    std::string all = seen_text(kinds);
+    begin_transcript();
     return all;
-}
-
-std::string text(const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    std::string result = vtext(format, arguments);
-    va_end(arguments);
-    return result;
-}
-
-void reset_decoder() {
-    free_bufs_shm(&ghead_shm);
-    last_node = nullptr;
-    shm_list_size = 0;
-    init_collected_data();
-    maxTimeValue = -1;
-    g_CPUTotalPercent = 0;
-    exit_flag = 0;
-    dlog_set_threshold(kDebug);
-    take_log();
 }
 
 DecoderTest::~DecoderTest() {
     EXPECT_EQ(pthread_mutex_trylock(&shm_lock), 0) << "the list is left locked";
     pthread_mutex_unlock(&shm_lock);
-    reset_decoder();
+}
+
+void DecoderTest::reset_decoder() {
+    start_afresh();
+    world().log_functions = true;
 }
 
 Bytes block(const std::vector<Bytes> &frames) {

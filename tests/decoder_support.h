@@ -1,45 +1,35 @@
-// What the tests of the decoder share: its log lines (redirected by the linker), its globals as at start, and frames.
+// What the tests of the decoder share beside support/daemon_env.h: its log lines with their functions, and frames.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
-#include "gmock/gmock.h"
-#include "gtest/gtest.h"
 #include "set/trace/frame_writer.h"
-#include "vestra-daemon/decoder.h"
+#include "support/daemon_env.h"
 
 namespace decoder_test {
 
+using namespace vestra_test;
+
 using Bytes = std::vector<uint8_t>;
 
-constexpr int kDebug = 3, kInfo = 4, kWarning = 5, kError = 6;
 constexpr int64_t kSecond = 1'000'000'000;
 
-// A line of the daemon's, without its prefix but with its line end.
-struct LogLine {
-    int priority;
-    std::string function;
-    std::string text;
-};
-// The lines since the last call, of `least` or a higher priority. Any thread.
-std::vector<LogLine> take_log(int least = kDebug);
-// Whether such a line came since the last take_log, which this is too.
-bool take_line(const LogLine &line);
-// The lines as a text, each "PRIORITY FUNCTION TEXT"; '$' stands before a line end that is the daemon's own.
-std::string log_text(int least = kDebug);
+// The log lines since the last call as a text, each "PRIORITY FUNCTION TEXT"; '$' stands for a line end that is the
+// daemon's own.
+std::string log_text(std::string_view kinds = "3456");
 
 // printf into a string.
 std::string text(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// Ring, history, list and log as at program start, debug lines on.
-void reset_decoder();
-class DecoderTest : public ::testing::Test {
+class DecoderTest : public DaemonTest {
   protected:
     DecoderTest() { reset_decoder(); }
     ~DecoderTest() override;
+
+    // Ring, history, list and log as at program start, debug lines on.
+    static void reset_decoder();
 };
 
 // A frame with its messages, without the length in front.

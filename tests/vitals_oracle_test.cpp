@@ -7,9 +7,8 @@
 #include <cmath>
 #include <deque>
 #include <map>
-#include <random>
 
-#include "decoder_support.h"
+#include "made_up_life.h"
 
 using namespace decoder_test;
 using vestra_set::CoreTimes;
@@ -147,72 +146,6 @@ struct Model {
     }
 };
 
-// A set: processes that come, run and rest, some with process ids that share a place in the history; cores that work;
-// seconds with one sample only; messages that come late or once more, memory figures also early.
-class Life {
-  public:
-    explicit Life(unsigned seed) : random_(seed) {
-        for (size_t i = 0; i < kProcesses; ++i) {
-            names_[i] = "proc-" + std::to_string(i) + "-of-many";
-            processes_[i] = sample(0, 300 + i / 2 * 7 + i % 2 * 32768, names_[i]);
-            processes_[i].swap = i % 5 == 0 ? 0 : i;
-            processes_[i].rss = 1 + random_() % 100000;
-        }
-    }
-
-    // One second's messages in a block of several frames, given to the daemon and to the model.
-    void live(int64_t second, Model *model) {
-        const bool glitch = random_() % 9 == 0;  // 80 percent, exactly so between two seconds of one sample
-        for (CoreTimes &core : cores_) {
-            core.user += random_() % 120;
-            core.system += random_() % 60;
-            core.idle += 40;
-            core.temperature = random_() % 60 - uint64_t{30};
-            core.iowait += glitch ? 200 : random_() % 17 == 0 ? 500 : random_() % 20;
-        }
-        std::vector<Bytes> frames;
-        const size_t messages = random_() % 2 == 0 ? 1 : 100 + random_() % 200;
-        for (size_t i = 0; i < messages; ++i) {
-            if (i % 50 == 0) frames.push_back(memory(second, model));
-            const size_t chosen = messages == 1 ? 1 + static_cast<size_t>(second) / 4 % 2 : random_() % kProcesses;
-            SwitchMessage message = processes_[chosen];
-            message.time_ns = static_cast<uint64_t>(second * kSecond) + i * (kSecond / messages);
-            if (i > 0 && random_() % 40 == 0 && second > 20) message.time_ns -= (1 + random_() % 4) * kSecond;
-            if (random_() % 40 == 0) message = last_;  // once more
-            message.cores = cores_;
-            message.element1 = random_();
-            message.element10 = random_() % 3000;
-            message.element11 = random_() % 900;
-            processes_[chosen].cpu_a += random_() % 30;
-            processes_[chosen].cpu_b -= random_() % 3;
-            last_ = message;
-            model->add(message);
-            frames.push_back(frame(vestra_set::kSwitchFrame, message));
-        }
-        EXPECT_NE(decode(frames), -1);
-    }
-
-  private:
-    static constexpr size_t kProcesses = 400;
-
-    Bytes memory(int64_t second, Model *model) {
-        InfoMessage message;
-        message.time_ns = static_cast<uint64_t>(second * kSecond) + random_() % (2 * kSecond);
-        message.name = "meminfo";
-        for (vestra_set::Decimal &figure : message.decimal) figure = {random_() % 100, random_() % 2000};
-        for (uint64_t *figure : {&message.figure13, &message.figure16}) *figure = random_();
-        message.figure17 = random_() % 7;
-        model->add(message);
-        return frame(vestra_set::kInfoFrame, message);
-    }
-
-    std::mt19937 random_;
-    std::array<std::string, kProcesses> names_;
-    std::array<SwitchMessage, kProcesses> processes_;
-    std::array<CoreTimes, 4> cores_{};
-    SwitchMessage last_ = sample(20, 300, "proc-0");
-};
-
 // Equal but for the last digits of a sum.
 void expect_close(double is, double should_be, double tolerance = 1e-9) {
     EXPECT_NEAR(is, should_be, tolerance * std::fabs(should_be));
@@ -293,12 +226,13 @@ TEST_F(DecoderTest, MinutesOfLifeAreKeptAsTheyWere) {
         Model model;
         for (int64_t second = 20; second < 950; ++second) {
             if ((second >= 120 && second < 123) || (second >= 500 && second < 900)) continue;
-            take_log();
-            life.live(second, &model);
+            begin_transcript();
+            life.live(second, [&](const auto &message) { model.add(message); });
             if (second % 45 != 0 && second != 949) continue;
             SCOPED_TRACE(text("seed %u, second %d", seed, static_cast<int>(second)));
             compare_processes(model);
             compare_ring(&model);
+            g_CPUTotalPercent = model.peak = 0;  // what comes later may have a lower peak
             for (const int window : {0, 1, 7, 60, 180}) compare_statistics(&model, window);
             ASSERT_FALSE(HasFailure());
         }

@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <set>
 
 #include "platform/dlog.h"
@@ -13,6 +14,9 @@ static void reset_globals() {
     free_bufs_shm(&ghead_shm);
     last_node = nullptr;
     shm_list_size = 0;
+    init_collected_data();
+    maxTimeValue = -1;
+    g_CPUTotalPercent = 0;
     exit_flag = key_handling_flag = fault_handling_flag = dod_mode_flag = file_complete_flag = 0;
     max_file_size = 10U << 20;
     sleep_time_usec_buf = 1000000;
@@ -135,6 +139,13 @@ std::string printed_by(const std::function<void()> &body) {
     body();
     fflush(stdout);
     return internal::GetCapturedStdout();
+}
+
+std::string seen_text(std::string_view kinds) {
+    std::string text;
+    static const std::regex kVaries(R"( success \(.*|0x[0-9a-f]{6,}|(append_image_version failed) \(.*)");
+    for (const std::string &entry : seen(kinds)) text += std::regex_replace(entry, kVaries, "$1") + "\n";
+    return text;
 }
 
 int next_descriptor() {

@@ -69,6 +69,7 @@ struct World {
     int name_error = 0;                        // what naming a thread gives
     int nice_result = 0;                       // nice() never changes anything; errno is EPERM when this is -1
     std::function<int()> on_request;           // in place of the client library's wait for a request
+    bool log_functions = false;                // log lines carry their function, and '$' for their line end
 };
 World &world();
 
@@ -87,6 +88,8 @@ class OwnCalls {
 //   "wait MICROSECONDS"   "node COMMAND" (a write into a pipe in the node's place)   "sync" (of a temporary file)
 //   "call ..."            registrations, nice, naming and joining a thread
 Strings seen(std::string_view kinds = "3456");
+// The same as a text, a line each, without what varies: pointers, error numbers that some call has left behind.
+std::string seen_text(std::string_view kinds = "3456");
 void begin_transcript();
 
 // Every test of the daemon's core: globals as at program start, no marker file, no node, no stick, no key, nothing of a

@@ -1,0 +1,86 @@
+// A set's life, second by second, for the tests that compare what is derived of it.
+#pragma once
+
+#include <array>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "decoder_support.h"
+
+namespace decoder_test {
+
+// Processes that come, run and rest, some with process ids that share a place in the history; cores that work; seconds
+// with one sample only; messages that come once more or, when `late`, up to four seconds late; memory figures also
+// early.
+class Life {
+  public:
+    explicit Life(unsigned seed, bool late = true) : random_(seed), late_(late) {
+        for (size_t i = 0; i < kProcesses; ++i) {
+            names_[i] = "proc-" + std::to_string(i) + "-of-many";
+            processes_[i] = sample(0, 300 + i / 2 * 7 + i % 2 * 32768, names_[i]);
+            processes_[i].swap = i % 5 == 0 ? 0 : i;
+            processes_[i].rss = 1 + random_() % 100000;
+        }
+    }
+
+    // Has the daemon decode one second's messages, in a block of several frames, which it gives. `seen` is called with
+    // each message.
+    template <class Seen>
+    Bytes live(int64_t second, const Seen &seen) {
+        const bool glitch = random_() % 9 == 0;  // 80 percent, exactly so between two seconds of one sample
+        for (vestra_set::CoreTimes &core : cores_) {
+            core.user += random_() % 120;
+            core.system += random_() % 60;
+            core.idle += 40;
+            core.temperature = random_() % 60 - uint64_t{30};
+            core.iowait += glitch ? 200 : random_() % 17 == 0 ? 500 : random_() % 20;
+        }
+        std::vector<Bytes> frames;
+        const size_t messages = random_() % 2 == 0 ? 1 : 100 + random_() % 200;
+        for (size_t i = 0; i < messages; ++i) {
+            if (i % 50 == 0) frames.push_back(memory(second, seen));
+            const size_t chosen = messages == 1 ? 1 + static_cast<size_t>(second) / 4 % 2 : random_() % kProcesses;
+            vestra_set::SwitchMessage message = processes_[chosen];
+            message.time_ns = static_cast<uint64_t>(second * kSecond) + i * (kSecond / messages);
+            if (late_ && i > 0 && random_() % 40 == 0 && second > 20) message.time_ns -= (1 + random_() % 4) * kSecond;
+            if (i > 0 && random_() % 40 == 0) message = last_;  // once more
+            message.cores = cores_;
+            message.element1 = random_();
+            message.element10 = random_() % 3000;
+            message.element11 = random_() % 900;
+            processes_[chosen].cpu_a += random_() % 30;
+            processes_[chosen].cpu_b -= random_() % 3;
+            last_ = message;
+            seen(message);
+            frames.push_back(frame(vestra_set::kSwitchFrame, message));
+        }
+        Bytes bytes = block(frames);
+        EXPECT_NE(decode_block(bytes), -1);
+        return bytes;
+    }
+
+  private:
+    static constexpr size_t kProcesses = 400;
+
+    template <class Seen>
+    Bytes memory(int64_t second, const Seen &seen) {
+        vestra_set::InfoMessage message;
+        message.time_ns = static_cast<uint64_t>(second * kSecond) + random_() % (2 * kSecond);
+        message.name = "meminfo";
+        for (vestra_set::Decimal &figure : message.decimal) figure = {random_() % 100, random_() % 2000};
+        for (uint64_t *figure : {&message.figure13, &message.figure16}) *figure = random_();
+        message.figure17 = random_() % 7;
+        seen(message);
+        return frame(vestra_set::kInfoFrame, message);
+    }
+
+    std::mt19937 random_;
+    const bool late_;
+    std::array<std::string, kProcesses> names_;
+    std::array<vestra_set::SwitchMessage, kProcesses> processes_;
+    std::array<vestra_set::CoreTimes, 4> cores_{};
+    vestra_set::SwitchMessage last_;
+};
+
+}  // namespace decoder_test
