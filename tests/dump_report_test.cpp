@@ -117,6 +117,14 @@ TEST_F(DumpReport, PageHoldsNamesAsTextAndTheVitalsAsTheyAre) {
     for (const json &row : data["rows"]) drawn[row[0].get<int64_t>()] = row;
     EXPECT_EQ(drawn.size(), 51U) << "50 seconds, and one for the gap";
     EXPECT_TRUE(drawn[620][1].is_null()) << "a gap stays one";
+    for (const json &row : rows("vitals")) {
+        for (size_t type = 0; type < kVitalCount; ++type) {
+            const json figure = drawn[row["second"]].at(type + 1);
+            ASSERT_EQ(figure.is_null(), !row.contains(kVitalNames[type])) << row;
+            if (figure.is_null()) continue;
+            EXPECT_NEAR(figure, row[kVitalNames[type]], 1e-5 * (1 + figure.get<double>()));
+        }
+    }
 }
 
 TEST(VitalSeries, KeepsExtremesAndGapsOfAnyLength) {

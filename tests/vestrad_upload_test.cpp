@@ -1,4 +1,11 @@
-// Live upload, to a program in curl's place that shows what it was given.
+// Live upload: with the real curl to a server on this machine, and to a program in curl's place that shows what it was
+// given.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <thread>
 
 #include "support/daemon_env.h"
 
@@ -12,6 +19,58 @@ static void send_to(std::string_view address) {
     char(&field)[kExtfilePathSize] = g_vestra_config.vestra_extfile_path_id;
     memset(field, 0, sizeof(field));
     memcpy(field, address.data(), std::min(address.size(), sizeof(field)));
+}
+
+// Takes one request and answers it with `status`. Gives the request's bytes.
+static std::string serve_one(int listener, const std::string &status) {
+    std::string request;
+    size_t whole = SIZE_MAX;
+    char buffer[65536];
+    const int peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    while (request.size() < whole) {
+        const ssize_t count = recv(peer, buffer, sizeof(buffer), 0);
+        if (count <= 0) break;
+        request.append(buffer, static_cast<size_t>(count));
+        const size_t body = request.find("\r\n\r\n"), length = request.find("Content-Length: ");
+        if (body != std::string::npos && length < body) whole = body + 4 + std::stoul(request.substr(length + 16));
+    }
+    const std::string answer = "HTTP/1.1 " + status + "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+    EXPECT_EQ(send(peer, answer.data(), answer.size(), MSG_NOSIGNAL), static_cast<ssize_t>(answer.size()));
+    close(peer);
+    return request;
+}
+
+class VestradUploadServer : public DaemonTest {};
+
+TEST_F(VestradUploadServer, GetsTheBlockAndWhatItSaysDoesNotMatter) {
+    make_debug_image();
+    g_vestra_config.live_data_collect = 1;
+    unsetenv("http_proxy");
+    std::string block(100000, '\0');
+    for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(i * 31 >> 3);
+    for (const char *status : {"200 OK", "500 No"}) {
+        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof(address);
+        ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), size), 0);
+        ASSERT_EQ(listen(listener, 1), 0);
+        getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size);
+        send_to("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/vestra/");
+        std::string request;
+        std::thread server([&] { request = serve_one(listener, status); });
+        EXPECT_EQ(upload(block), 0);
+        server.join();
+        close(listener);
+        EXPECT_THAT(request, StartsWith("POST /vestra/fileRead.py HTTP/1.1\r\n"));
+        EXPECT_THAT(request, HasSubstr("name=\"file\"; filename=\"0_1709618828_"));
+        EXPECT_TRUE(request.find("\r\n\r\n" + block + kTrailer + "\r\n--") != std::string::npos) << "equal bytes";
+        EXPECT_THAT(names_in("/tmp"), IsEmpty());
+    }
+    send_to("http://127.0.0.1:1/");
+    EXPECT_EQ(upload("nobody is there"), 0);
+    EXPECT_THAT(names_in("/tmp"), IsEmpty());
 }
 
 class VestradUpload : public DaemonTest {

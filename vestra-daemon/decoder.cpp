@@ -661,6 +661,9 @@ double calculateMin(int type, int window, long long end) {
     return minimum;
 }
 
+// A figure too large for a float becomes infinite, here and below.
+static_assert(std::numeric_limits<float>::is_iec559);
+
 float calculateAvg(int type, int window, long long end) {
     double sum = 0, count = 0;
     walk_window(type, window, end, [&](double value) {
@@ -930,7 +933,8 @@ static inline void prefetch_process(int32_t pid) {
     const __VestraProcCPUUsageHist__ *record = &gProcCpuUsageHist[home_index(pid)];
     __builtin_prefetch(record);
     __builtin_prefetch(reinterpret_cast<const char *>(record + 1) - 1);
-    if (last_node == nullptr || last_node->prev == nullptr) return;
+    // A list that was freed leaves last_node as it was.
+    if (ghead_shm == nullptr || last_node->prev == nullptr) return;
     __builtin_prefetch(last_node);
     __builtin_prefetch(&last_node->prev->next);
 }

@@ -2221,8 +2221,8 @@ static constexpr int kMappedFrom = 64 * 1024;
 
 int main(int argc, char **argv) {
     // A large block of the chain goes back to the system when it leaves the chain. Left alone, malloc takes such blocks
-    // from the reader's arena as soon as one was freed; the process list's small nodes settle in the holes, and resident
-    // memory creeps up by a dozen blocks within the hour.
+    // from the reader's arena as soon as one was freed; the process list's small nodes settle in the holes, and
+    // resident memory creeps up by a dozen blocks within the hour.
     mallopt(M_MMAP_THRESHOLD, kMappedFrom);
     // Into a file or pipe, too, what is printed must not wait in a buffer for an end that may come by force.
     if (!isatty(STDOUT_FILENO)) setvbuf(stdout, nullptr, _IOLBF, 0);
