@@ -86,6 +86,7 @@ TEST_F(Recorder, DumpsForFaultDodAndKeyAndOutlivesTheStick) {
     const std::string folder = std::string(kStick) + "/issue_report_agent_DOD/Vestra";
     ASSERT_EQ(mount("stick", kStick, "tmpfs", 0, "size=32m"), 0);
     start({"1", "2"});  // two arguments: the reader's clock counts seconds
+    ASSERT_TRUE(records());
     const std::string fault = dump_chain(77);
     EXPECT_TRUE(comes_true([&] { return dumps().size() == 1 && payload(dumps()[0]) == fault; })) << "a copy";
     fs::create_directories(folder);
@@ -185,6 +186,7 @@ TEST_F(Recorder, FillsAndDumpsUnderFullInputLoseNothing) {
     ASSERT_EQ(mount("stick", kStick, "tmpfs", 0, "size=256k"), 0);
     const int64_t others = handed_out("bytes");
     start();
+    ASSERT_TRUE(records());
     std::vector<std::string> dumped;
     for (int round = 0; round < kRounds; ++round) {
         const int64_t before = handed_out("blocks");
