@@ -121,7 +121,7 @@ int walk(const char *path) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc == 4 && strcmp(argv[1], "make") == 0) return make(argv[2], std::strtoull(argv[3], nullptr, 10) << 20);
+    if (argc == 4 && strcmp(argv[1], "make") == 0) return make(argv[2], std::strtoul(argv[3], nullptr, 10) << 20);
     if (argc == 3 && strcmp(argv[1], "walk") == 0) return walk(argv[2]);
     std::fprintf(stderr, "usage: dump_pair make DIR MIB | walk DUMP\n");
     return 64;
