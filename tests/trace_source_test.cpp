@@ -1,10 +1,13 @@
 // The sources of trace blocks: the made-up set, of which what is read must be what its plan says, and this machine, as
 // far as a test can know it.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <map>
 #include <string>
 
@@ -113,17 +116,30 @@ TEST(HostSource, SamplesTheProcessesAskedForWhenTheyAreDue) {
     std::string error;
     const auto source = make_source(options, &error);
     ASSERT_NE(source, nullptr) << error;
-    prctl(PR_SET_NAME, "vestra-asker");
+    int named[2];
+    ASSERT_EQ(pipe2(named, O_CLOEXEC), 0);
+    const pid_t child = fork();  // of another process, since an emulated one is not told its own figures
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        prctl(PR_SET_NAME, "vestra-child");
+        (void)!write(named[1], "", 1);
+        for (;;) pause();
+    }
+    char byte = 1;
+    ASSERT_EQ(read(named[0], &byte, 1), 1);
     ModuleControl control;
     control.tracing = true;
-    control.names = {"vestra-asker"};
+    control.names = {"vestra-child"};
     source->apply(control);
     const auto messages = read_block(next(*source)).messages;
     EXPECT_TRUE(next(*source).empty()) << "the next sample is not there before it is due";
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    for (const int end : named) close(end);
     ASSERT_EQ(messages.size(), 2U);
-    EXPECT_EQ(messages[0].name, "vestra-asker");
-    EXPECT_EQ(messages[0].switch_element(1), static_cast<uint64_t>(getppid()));
-    EXPECT_EQ(messages[0].switch_element(2), static_cast<uint64_t>(getpid()));
+    EXPECT_EQ(messages[0].name, "vestra-child");
+    EXPECT_EQ(messages[0].switch_element(1), static_cast<uint64_t>(getpid()));
+    EXPECT_EQ(messages[0].switch_element(2), static_cast<uint64_t>(child));
     EXPECT_EQ(messages[1].frame_type, 8);
     EXPECT_TRUE(messages[1].numbers[10] > messages[1].numbers[17] && messages[1].numbers[17] > 0);
     const uint64_t expected[] = {3000, 1000, 1000, 3000};  // ticks; three CPUs on four cores

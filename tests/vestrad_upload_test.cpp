@@ -45,6 +45,7 @@ class VestradUploadServer : public DaemonTest {};
 TEST_F(VestradUploadServer, GetsTheBlockAndWhatItSaysDoesNotMatter) {
     make_debug_image();
     g_vestra_config.live_data_collect = 1;
+    world().clock_us += 60'000'000;  // uploads of one second are numbered through, also over tests of one process
     unsetenv("http_proxy");
     std::string block(100000, '\0');
     for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(i * 31 >> 3);
@@ -64,7 +65,7 @@ TEST_F(VestradUploadServer, GetsTheBlockAndWhatItSaysDoesNotMatter) {
         server.join();
         close(listener);
         EXPECT_THAT(request, StartsWith("POST /vestra/fileRead.py HTTP/1.1\r\n"));
-        EXPECT_THAT(request, HasSubstr("name=\"file\"; filename=\"0_1709618828_"));
+        EXPECT_THAT(request, HasSubstr("name=\"file\"; filename=\"0_1709618888_"));
         EXPECT_TRUE(request.find("\r\n\r\n" + block + kTrailer + "\r\n--") != std::string::npos) << "equal bytes";
         EXPECT_THAT(names_in("/tmp"), IsEmpty());
     }
