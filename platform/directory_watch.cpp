@@ -29,7 +29,7 @@ void on_event(GFileMonitor * /*monitor*/, GFile *file, GFile *other, GFileMonito
     if (event == G_FILE_MONITOR_EVENT_MOVED_IN || event == G_FILE_MONITOR_EVENT_CHANGES_DONE_HINT) changed = file;
     if (changed == nullptr) return;
     char *name = g_file_get_basename(changed);
-    if (name != nullptr && name[0] != '.') {  // a point begins the names of files in the making
+    if (name != nullptr && name[0] != '.') {  // temporary files begin with a dot
         guarded(0, [&] {
             reinterpret_cast<Handler>(handler)(name);
             return 0;

@@ -14,7 +14,7 @@
 #include <ctime>
 
 static constexpr size_t kTextSize = 1920;  // formatted text, terminator included
-static constexpr size_t kLineSize = 4096;  // a whole line, control characters written out; one atomic append
+static constexpr size_t kLineSize = 4096;  // a whole line with control characters escaped; one atomic append
 static constexpr size_t kTagKept = 64;     // bytes of a tag that are written
 
 int dlog_threshold = DLOG_INFO;
@@ -34,7 +34,7 @@ static int threshold_from_environment() {
     return DLOG_INFO;
 }
 
-// At load and not at the first line: a forked child, or a thread that logs first, finds everything in place.
+// When the program is loaded, not at the first line: threads and forked children find everything in place.
 [[gnu::constructor]] static void read_environment() {
     dlog_threshold = threshold_from_environment();
     const char *path = getenv("VESTRA_DLOG_FILE");
@@ -47,7 +47,7 @@ void dlog_set_threshold(int prio) {
     dlog_threshold = prio;
 }
 
-// Appends `text` with control characters written out. Returns the new length, which leaves room for a line end.
+// Appends `text`, with control characters escaped. Returns the new length, which leaves room for a line end.
 static size_t append_escaped(char *line, size_t used, const char *text, size_t length) {
     static constexpr char kHex[] = "0123456789abcdef";
     for (size_t i = 0; i < length && used + 5 < kLineSize; ++i) {
@@ -68,11 +68,11 @@ struct UtcTime {
     int year, month, day, hour, minute, second;
 };
 
-// By hand, because the C library's conversion takes a lock that a forked child may find held.
+// Computed here because the C library's conversion takes a lock, which may be held in a forked child.
 static UtcTime utc_time(time_t seconds) {
     const int64_t days = seconds / 86400;
     const auto of_day = static_cast<int>(seconds % 86400);
-    // Days since 0000-03-01 in eras of 400 years, so that the leap day is a year's last.
+    // Days since 0000-03-01 in eras of 400 years: the leap day is then the last day of a year.
     const int64_t shifted = days + 719468;
     const int64_t era = shifted / 146097;
     const int64_t day_of_era = shifted % 146097;

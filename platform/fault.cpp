@@ -4,7 +4,7 @@
 
 static constexpr int kAlways = -1;
 
-// Calls left until the failing one; 0: none fails.
+// Calls left until one fails; 0: none fails.
 static std::atomic<int> countdown[FAULT_OPERATIONS];
 
 void platform_fail_nth(platform_operation operation, int nth) {

@@ -1,8 +1,8 @@
-// fault.h -- makes stand-in operations fail on purpose. For tests only; nothing is switched on unless a test does it.
+// fault.h -- makes platform operations fail on purpose. For tests only: no fault is active unless a test sets one.
 #pragma once
 
-// One entry for each operation that can fail. The failing result is the one that the operation's header gives. What the
-// launcher alone calls (key_combination_drop, usb_device_plug, usb_device_unplug) has none.
+// One entry for each operation that can fail, with the failure result that its header documents. Operations that only
+// the launcher calls (key_combination_drop, usb_device_plug, usb_device_unplug) have no entry.
 enum platform_operation {
     FAULT_VCONF_NOTIFY,
     FAULT_VCONF_IGNORE,
@@ -11,14 +11,14 @@ enum platform_operation {
     FAULT_VCONF_GET_STR,
     FAULT_VCONF_SET_STR,
     FAULT_VCONF_NODE_NAME,
-    FAULT_VCONF_NODE_STR,  // a change of type string without a string
+    FAULT_VCONF_NODE_STR,  // the change has type string, but its text is null
     FAULT_NOTIFICATION_CREATE,
     FAULT_NOTIFICATION_HIDE_TIMEOUT,
     FAULT_NOTIFICATION_AUTO_REMOVE,
     FAULT_NOTIFICATION_TEXT,
     FAULT_NOTIFICATION_APPLIST,
     FAULT_NOTIFICATION_POST,
-    FAULT_NOTIFICATION_FREE,  // the handle is freed all the same
+    FAULT_NOTIFICATION_FREE,  // reports failure, but frees the handle
     FAULT_USB_INIT,
     FAULT_USB_LIST,
     FAULT_USB_FIRST,
@@ -30,7 +30,7 @@ enum platform_operation {
     FAULT_KEY_INITIALIZE,
     FAULT_KEY_ADD_HANDLER,
     FAULT_GET_SHM,
-    FAULT_CHECK_SHM,  // says that the segment is gone
+    FAULT_CHECK_SHM,  // reports that the segment is gone
     FAULT_REQUEST_WAIT,
     FAULT_READY_POST,
     FAULT_API_OPEN,
@@ -38,13 +38,13 @@ enum platform_operation {
     FAULT_OPERATIONS  // their number
 };
 
-// From now on the `nth` call of `operation` fails (1: the next one), once. 0 switches the fault off.
+// Makes the `nth` call of `operation` from now on fail (1: the next one), once. 0 switches the fault off.
 void platform_fail_nth(platform_operation operation, int nth);
 
-// Every call of `operation` fails until the switch is reset.
+// Makes every call of `operation` fail until the faults are reset.
 void platform_fail_always(platform_operation operation);
 
 void platform_faults_reset();
 
-// For the stand-ins: counts a call and tells whether it must fail. Any thread.
+// For the operations themselves: counts one call and returns true if it must fail. Any thread.
 bool platform_fault(platform_operation operation);

@@ -1,11 +1,11 @@
-// guarded.h -- keeps the standard library's exceptions (memory) out of the services' C functions.
+// guarded.h -- keeps exceptions of the standard library (out of memory) inside the services' C functions.
 #pragma once
 
 #include <exception>
 
 #include "platform/platform_log.h"
 
-// Runs `body`; what it throws becomes a log line and `fallback`.
+// Runs `body` and returns its result. If it throws, logs the exception and returns `fallback`.
 template <typename Result, typename Body>
 Result guarded(Result fallback, const Body &body) noexcept {
     try {

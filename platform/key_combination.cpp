@@ -48,8 +48,8 @@ std::vector<std::string> waiting_presses() {
     return paths;
 }
 
-// Takes a press away and reads it. Nothing when it was not one, or when it cannot be taken away: it would come for
-// ever.
+// Reads a press and removes its file. Returns nothing if it is not a press, or if the file cannot be removed: it would
+// be delivered again and again.
 std::optional<_KeyComb> consume(const std::string &path) {
     auto text = read_state_file(path, kPressLimit, true);
     if (remove(path.c_str()) != 0) {
@@ -73,8 +73,8 @@ void deliver_presses(const std::string & /*name*/) {
     for (const std::string &path : waiting_presses()) {
         const auto combination = consume(path);
         if (!combination) continue;
-        for (const auto &[wanted, handler] : current_handlers()) {
-            if (wanted == *combination) handler(*combination, nullptr);
+        for (const auto &[key, handler] : current_handlers()) {
+            if (key == *combination) handler(*combination, nullptr);
         }
     }
 }

@@ -1,4 +1,4 @@
-// key_file.h -- GLib's key files, as the stand-ins read and write them.
+// key_file.h -- reads GLib key files from the state directory.
 #pragma once
 
 #include <glib.h>
@@ -15,7 +15,7 @@ struct KeyFileFree {
 };
 using KeyFile = std::unique_ptr<GKeyFile, KeyFileFree>;
 
-// The key file at `path`, of at most `limit` bytes; null, with a log line, when it cannot be read.
+// Reads the key file at `path`, at most `limit` bytes. Returns null, with a log line, if it cannot be read.
 inline KeyFile read_key_file(const std::string &path, size_t limit) {
     const auto text = read_state_file(path, limit);
     if (!text) return nullptr;
@@ -27,7 +27,8 @@ inline KeyFile read_key_file(const std::string &path, size_t limit) {
     return nullptr;
 }
 
-// A text of the file; nothing when it has none of that name, or one that is no text (*problem says which).
+// The text stored under `name` in `group`. Returns nothing if there is none or if it is not
+// valid text; *problem says which.
 inline std::optional<std::string> key_file_text(GKeyFile *file, const char *group, const char *name,
                                                 std::string *problem = nullptr) {
     GError *error = nullptr;

@@ -1,4 +1,4 @@
-// platform_log.h -- how the stand-ins say what is wrong with them.
+// platform_log.h -- warnings of the platform services themselves, with their own tag.
 #pragma once
 
 #include "platform/dlog.h"

@@ -16,7 +16,7 @@ namespace {
 
 enum Result : int { kDone = 0, kRefused = -1, kNotLoaded = -2, kNoService = -3 };
 
-// Where a loaded module stands. Empty for a file or name that names none.
+// Path of the state file of a loaded module. Empty if `name` names no module.
 std::string module_file(std::string name) {
     name.erase(0, name.rfind('/') + 1);
     static constexpr std::string_view kExtension = ".ko";

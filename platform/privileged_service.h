@@ -1,23 +1,26 @@
-// privileged_service.h -- the set's client of the service that may load kernel modules.
+// privileged_service.h -- client of the service that loads and unloads kernel modules.
 //
-// The set promises: a module is loaded from its file, or unloaded by its name. The stand-in: module NAME is loaded
-// while the file modules/NAME is in the state directory; the simulated kernel module watches for it, and its control
-// node appears and vanishes with it. NAME is the file's base name without ".ko", with '-' written as '_', as the kernel
-// does. Differs from the set: the module's file need not exist; loading a module that is loaded succeeds.
+// The set promises: a module is loaded from its file and unloaded by its name.
+//
+// The stand-in: module NAME is loaded while the file modules/NAME exists in the state directory. The simulated kernel
+// module watches for that file; its control node appears and disappears with it. NAME is the base name of the module's
+// file without ".ko", with '-' replaced by '_', as the kernel does.
+//
+// Differs from the set: the module's file need not exist, and loading a loaded module succeeds.
 #pragma once
 
 #include <cstddef>
 
 extern "C" {
 
-// Loads the module in the file `path` (`length` characters, fewer where a NUL comes first; no NUL is needed); flags is
-// 0. Returns 0 and *retValue 0, or a negative result and the same in *retValue, which may be null. Any thread.
+// Loads the module from the file `path`: `length` characters, or up to the first NUL. `flags` is 0. Returns 0, or a
+// negative result. *retValue gets the same value; `retValue` may be null. Any thread.
 int PS_Insmod_Fast(const char *path, size_t length, int flags, int *retValue);
 
-// Unloads the module `name`; fails when it is not loaded. Results as above.
+// Unloads the module `name`. Fails if it is not loaded. Parameters and results as above.
 int PS_Rmmod(const char *name, size_t length, int flags, int *retValue);
 
-// A text for a result of the two. Never null, never freed.
+// A text for a result of either function. Never null; the caller does not free it.
 const char *PS_ErrorToString(int result);
 
 }  // extern "C"

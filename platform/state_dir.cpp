@@ -33,7 +33,7 @@ std::string state_path(std::string_view relative) {
 }
 
 std::optional<std::string> read_state_file(const std::string &path, size_t limit, bool quiet_when_missing) {
-    // Not waiting for a pipe that someone put in a file's place.
+    // O_NONBLOCK: do not wait if someone put a pipe in the file's place.
     const Descriptor file{open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
     if (file.fd < 0) {
         if (!(quiet_when_missing && errno == ENOENT)) PLATFORM_LOGW("cannot open %s (%d:%m)", path.c_str(), errno);
@@ -64,7 +64,7 @@ std::optional<std::string> read_state_file(const std::string &path, size_t limit
     return contents;
 }
 
-// Not with the standard library's iterator: when memory runs out, that one ends the process.
+// Does not use the standard library's directory iterator, which ends the process when memory runs out.
 std::optional<std::vector<std::string>> list_state_directory(std::string_view relative) {
     const std::string path = state_path(relative);
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
@@ -81,8 +81,7 @@ std::optional<std::vector<std::string>> list_state_directory(std::string_view re
 }
 
 bool replace_state_file(const std::string &path, std::string_view contents) {
-    // A name that no reader takes for an entry (it begins with a point) and that nothing left behind by a killed
-    // process is in the way of.
+    // Readers skip names that begin with a dot, and the random part avoids files that a killed process left.
     std::string temporary = path.substr(0, path.rfind('/') + 1) + ".new-XXXXXX";
     {
         const Descriptor file{mkostemp(temporary.data(), O_CLOEXEC)};

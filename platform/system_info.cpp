@@ -26,7 +26,7 @@ int system_info_get_custom_string(const char *key, char **value) {
             PLATFORM_LOGW("%s: %s", key, problem.c_str());
             return -1;
         }
-        char *copy = strdup(text->c_str());  // from malloc, whatever GLib's allocator is
+        char *copy = strdup(text->c_str());  // the caller frees it with free(), whatever GLib allocates with
         if (copy == nullptr) return -1;
         *value = copy;
         return 0;

@@ -49,7 +49,7 @@ std::optional<Entry> parse_entry(const std::string &name) {
     return entry;
 }
 
-// The entries in order of plugging. Nothing, with a log line, when the directory cannot be read.
+// The entries in order of plugging. Returns nothing, with a log line, if the directory cannot be read.
 std::optional<std::vector<Entry>> plugged_entries() {
     const auto names = list_state_directory(kDirectory);
     if (!names) return std::nullopt;
@@ -67,7 +67,7 @@ std::optional<std::vector<Entry>> plugged_entries() {
     return entries;
 }
 
-// The device behind an entry when it is one of `device_class`.
+// Reads an entry's device. Returns nothing if it is of another class than `device_class`, or cannot be read.
 std::optional<usb_device_s> read_entry(const Entry &entry, int device_class) {
     const KeyFile file = read_key_file(entry.path, kEntryLimit);
     if (file == nullptr) return std::nullopt;
@@ -141,7 +141,7 @@ int usb_device_plug(const char *label, const char *mount, int device_class) {
         if (!entries) return -1;
         const uint32_t last = entries->empty() ? 0 : entries->back().order;
         if (last >= kLastOrder) {
-            PLATFORM_LOGW("no number left behind %s", entries->back().path.c_str());
+            PLATFORM_LOGW("no number left after %s", entries->back().path.c_str());
             return -1;
         }
         char number[32];
@@ -155,10 +155,10 @@ int usb_device_unplug(const char *label) {
     return guarded(-1, [&] {
         const auto entries = plugged_entries();
         if (!entries) return -1;
-        const std::string wanted = encode_name(label);
+        const std::string encoded = encode_name(label);
         int result = -1;
         for (const Entry &entry : *entries) {
-            if (entry.label != wanted) continue;
+            if (entry.label != encoded) continue;
             if (unlink(entry.path.c_str()) != 0) {
                 PLATFORM_LOGW("cannot unplug %s (%d:%m)", entry.path.c_str(), errno);
                 return -1;

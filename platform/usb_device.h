@@ -1,14 +1,18 @@
 // usb_device.h -- the set's USB device service.
 //
-// The set promises: the devices that are plugged in, in the order of plugging, with their class and mount path. The
-// stand-in: a device is a file NNNN-LABEL in the state directory's usb/ (NNNN, the order of plugging), in GLib's
-// key-file format:
+// The set promises: a list of the plugged devices, in the order in which they were plugged, with class and mount path.
+//
+// The stand-in: a device is a file NNNN-LABEL in the state directory's usb/, in GLib's key-file format.
+// NNNN is the order of plugging:
 //     [device]
 //     class=8
 //     mount=/media/usb1        (missing while it is not mounted)
-// An entry that cannot be read is left out with a log line. Differs from the set: listing works without init.
+// An entry that cannot be read is left out, with a log line.
 //
-// 0 is success and a negative value failure unless said otherwise. Any thread; a list or handle belongs to one thread.
+// Differs from the set: listing works without init.
+//
+// Unless noted otherwise, functions return 0 for success and a negative value for failure. Any thread; a list or handle
+// belongs to one thread.
 #pragma once
 
 extern "C" {
@@ -20,13 +24,13 @@ enum { USB_DEVICE_CLASS_MASS_STORAGE = 8 };
 int usb_device_init(void);
 int usb_device_fini(void);
 
-// The plugged devices of a class, perhaps none, in a list that the caller frees.
+// Stores a list of the plugged devices of a class, possibly empty, in *list; the caller frees it.
 int usb_device_get_device_list(int device_class, usb_device_list_h *list);
 
-// The list's first device, in a handle of its own that the caller frees; fails for an empty list.
+// Stores a new handle to the list's first device in *device; the caller frees it. Fails for an empty list.
 int usb_device_list_get_first(usb_device_list_h list, usb_device_h *device);
 
-// Where the device is mounted; null when it is not. Owned by the handle.
+// The device's mount path, owned by the handle. Null if the device is not mounted.
 const char *usb_device_get_mountpath(usb_device_h device);
 
 void free_usb_device_h(usb_device_h device);
@@ -34,9 +38,10 @@ void usb_device_free_device_list(usb_device_list_h list);
 
 /* ------------------------------ The stand-in's remote side ------------------------------ */
 
-// For the launcher and for tests; no set has it. Plugs a device in behind the others (`mount` null: not mounted;
-// UTF-8), or pulls every device of that label. `label` is any text but the empty one; it is percent-encoded in the
-// file's name. 0, or -1 with a log line, or when there is no such device. Any process, one at a time.
+// For the launcher and for tests; a real set does not have them. Plug a device, as the last in order, or unplug all
+// devices with that label. `mount` is UTF-8, or null for a device that is not mounted. `label` is any text that is
+// not empty; it is percent-encoded in the file name. Return 0, or -1 with a log line; unplugging a label that does
+// not exist is a failure without one. Any process, one at a time.
 int usb_device_plug(const char *label, const char *mount, int device_class);
 int usb_device_unplug(const char *label);
 

@@ -42,7 +42,7 @@ std::string key_path(const char *key) {
     return state_path("vconf/" + encode_name(key));
 }
 
-// The value of `key`, as a node of type VCONF_TYPE_NONE when there is none that can be read.
+// The value of `key`. The node has type VCONF_TYPE_NONE if there is no readable value.
 keynode_t read_node(const char *key, bool quiet_when_missing) {
     keynode_t node;
     node.name = key;
@@ -71,7 +71,7 @@ bool still_registered(unsigned id) {
     return std::any_of(registrations.begin(), registrations.end(), [id](const auto &r) { return r.id == id; });
 }
 
-// A file of the directory was replaced or written. Main loop's thread. No lock is held while a callback runs.
+// Called when a file of the directory was replaced or written. Main loop's thread. Callbacks run without a lock held.
 void on_changed(const std::string &file) {
     std::vector<Registration> concerned;
     {

@@ -37,33 +37,33 @@ using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC
 using std::chrono::milliseconds;
 
 constexpr char kDefaultName[] = "/vestra_api";
-constexpr uint32_t kMagic = 0x32415356;                   // the library's part is initialised
-constexpr int32_t kReady = 1;                             // the marker as the daemon's main writes it
-constexpr milliseconds kRequestWait{1000};                // the daemon's, so that its thread can end
-constexpr milliseconds kLookForDaemon{100};               // while a client waits
-constexpr std::chrono::microseconds kLooksAreFresh{100};  // while a request is answered
+constexpr uint32_t kMagic = 0x32415356;                   // the private part is initialised
+constexpr int32_t kReady = 1;                             // value that the daemon's main writes into the marker
+constexpr milliseconds kRequestWait{1000};                // of the daemon, so that its thread can end
+constexpr milliseconds kLookForDaemon{100};               // how often a waiting client checks for the daemon
+constexpr std::chrono::microseconds kLooksAreFresh{100};  // how long a check is valid while a request is answered
 constexpr size_t kServedAddresses = 4;
 
-// Of Segment::stage; the header says who moves it.
+// Values of Segment::stage; the header says who changes it.
 enum Stage : uint32_t { kFree = 0, kPosted = 1, kTaken = 2 };
 
-// The whole segment: the daemon's record, then the library's own part.
+// The whole segment: the daemon's record, then the library's private part.
 struct Segment {
     vestra_shm_record record;
-    pthread_mutex_t turn;  // robust; held by the client whose turn it is
+    pthread_mutex_t turn;  // robust; held by the client that may ask
     uint32_t magic;        // kMagic once everything is initialised
-    uint32_t stage;        // both sides sleep on it while there is nothing to do for them
+    uint32_t stage;        // both sides sleep on it while they have nothing to do
     uint32_t knock;        // not 0: a client has found the daemon not ready
 };
-static_assert(offsetof(Segment, turn) == 912, "the library's part begins behind the record");
+static_assert(offsetof(Segment, turn) == 912, "the private part begins after the record");
 
-// One mapping of a segment and the file that it is of. A plain record: the daemon's must outlive its static objects.
+// A mapping of a segment, and the file that it maps. No destructor: the daemon's mappings must outlive static objects.
 struct Mapped {
     Segment *segment;
     int fd;
     dev_t device;
     ino_t inode;
-    bool was_ready;  // the daemon's: the marker has been set
+    bool was_ready;  // daemon only: the marker has been set
 
     bool is_file(const struct stat &info) const {
         return segment != nullptr && fd >= 0 && info.st_dev == device && info.st_ino == inode;
@@ -75,15 +75,15 @@ const char *segment_name() {
     return name != nullptr && *name == '/' ? name : kDefaultName;
 }
 
-// The file behind the segment's name, for a look that costs one system call.
+// Looks up the segment's file by name. One system call.
 bool stat_segment(struct stat *info) {
     char path[128];
     const int length = snprintf(path, sizeof(path), "/dev/shm%s", segment_name());
     return length > 0 && length < static_cast<int>(sizeof(path)) && lstat(path, info) == 0;
 }
 
-// Maps the segment `fd` where the record's old mapping is, if it has one, or anywhere. The descriptor is the record's
-// then; on failure it is still the caller's.
+// Maps the segment `fd` over the old mapping in *mapped, or anywhere if there is none. On success *mapped owns the
+// descriptor; on failure the caller still does.
 bool map_segment(int fd, const struct stat &info, Mapped *mapped) {
     const int fixed = mapped->segment != nullptr ? MAP_FIXED : 0;
     void *address = mmap(mapped->segment, sizeof(Segment), PROT_READ | PROT_WRITE, MAP_SHARED | fixed, fd, 0);
@@ -92,7 +92,7 @@ bool map_segment(int fd, const struct stat &info, Mapped *mapped) {
     return true;
 }
 
-// The group that may use the segment beside its owner.
+// The group that may use the segment, besides its owner.
 bool group_from_environment(gid_t *group) {
     const char *name = getenv("VESTRA_API_GROUP");
     const struct group *found = name == nullptr ? nullptr : getgrnam(name);
@@ -101,7 +101,7 @@ bool group_from_environment(gid_t *group) {
     return true;
 }
 
-// The daemon's lock on the segment's first byte: held as long as a daemon lives, also when it is killed.
+// The daemon's lock on the segment's first byte. The kernel releases it when the daemon ends, even if it is killed.
 struct flock first_byte(short type) {
     struct flock range = {};
     range.l_type = type;
@@ -144,15 +144,15 @@ timespec to_timespec(Clock::duration duration) {
     return when;
 }
 
-// Neither side uses a semaphore to wait: the C library ends a process that finds nonsense in one, and what is in the
-// segment anybody may have written. The calls below fail at worst, and who waits looks again.
+// Neither side waits on a semaphore: the C library ends a process that finds an invalid one, and any client may have
+// overwritten the segment. The futex calls below fail at worst, and the caller checks again.
 #ifdef SYS_futex_time64
 constexpr long kFutex = sizeof(time_t) > sizeof(long) ? SYS_futex_time64 : SYS_futex;
 #else
 constexpr long kFutex = SYS_futex;
 #endif
 
-// Sleeps while the word is `value`, until it is woken, at most until the deadline.
+// Sleeps while the word is `value`: until woken, or until the deadline.
 void sleep_on(const uint32_t *word, uint32_t value, Clock::time_point deadline) {
     const timespec left = to_timespec(std::max(deadline - Clock::now(), Clock::duration::zero()));
     syscall(kFutex, word, FUTEX_WAIT, value, &left, nullptr, 0);
@@ -162,17 +162,17 @@ void wake(const uint32_t *word) {
     syscall(kFutex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
 
-// Makes the record's semaphore one of that value, whatever it was.
+// Overwrites the record's semaphore with a new one of that value.
 void set_ready(vestra_shm_record *record, unsigned value) {
     sem_t fresh;
     sem_init(&fresh, 1, value);
     memcpy(&record->ready, &fresh, sizeof(fresh));
 }
 
-// Locks by a deadline. 0, EOWNERDEAD (locked all the same), or another error number.
+// Locks until a deadline. Returns 0, EOWNERDEAD (also locked), or another error number.
 int lock_until(pthread_mutex_t *mutex, Clock::time_point deadline) {
 #if defined(__SANITIZE_THREAD__) || defined(VESTRA_CLANG_TSAN)
-    // The thread sanitizer does not know the call below and would take everything behind it for unlocked.
+    // ThreadSanitizer does not know pthread_mutex_clocklock and would take what follows for unlocked.
     int result;
     while ((result = pthread_mutex_trylock(mutex)) == EBUSY && Clock::now() < deadline) usleep(200);
     return result;
@@ -185,8 +185,8 @@ int lock_until(pthread_mutex_t *mutex, Clock::time_point deadline) {
 /* ------------------------------ The daemon's side ------------------------------ */
 
 std::mutex server_lock;                         // guards the two below
-std::array<Mapped, kServedAddresses> served{};  // used in turn and never unmapped: a thread may know an old address
-size_t current;                                 // the one that get_shm hands out
+std::array<Mapped, kServedAddresses> served{};  // used in turn, never unmapped: a thread may still use an old address
+size_t current;                                 // index of the one that get_shm returns
 
 void set_group(int fd) {
     gid_t group = 0;
@@ -194,7 +194,7 @@ void set_group(int fd) {
     if (!group_from_environment(&group)) {
         PLATFORM_LOGW("there is no group %s", getenv("VESTRA_API_GROUP"));
     } else if (fchown(fd, static_cast<uid_t>(-1), group) != 0 || fchmod(fd, 0660) != 0) {
-        PLATFORM_LOGW("the group does not get segment %s (%d:%m)", segment_name(), errno);
+        PLATFORM_LOGW("cannot give segment %s to the group (%d:%m)", segment_name(), errno);
     }
 }
 
@@ -211,10 +211,11 @@ bool initialise(Segment *segment) {
     return done;
 }
 
-// Removes what an earlier daemon left under the name. False when a living daemon serves it or it is not ours to remove.
+// Removes a segment that an earlier daemon left under the name. Returns false if a running daemon serves it, or if we
+// may not remove it.
 bool remove_old_segment() {
-    // The directory is open to everyone. What another user put under the name must not keep root's daemon from its
-    // clients.
+    // Everyone may create files in the directory. A file of another user under the name must not keep root's daemon
+    // from its clients.
     struct stat planted;
     if (geteuid() == 0 && stat_segment(&planted) && planted.st_uid != 0) return shm_unlink(segment_name()) == 0;
     const int fd = shm_open(segment_name(), O_RDWR, 0);
@@ -237,17 +238,17 @@ bool remove_old_segment() {
     return removed;
 }
 
-// Makes a segment under the name, served by this process, at the address that *mapped may have. Removed again when it
-// cannot be completed.
+// Creates a segment that this process serves, mapped at the address in *mapped if there is one. If a step fails, the
+// segment is removed again.
 bool create_segment(Mapped *mapped) {
     if (!remove_old_segment()) return false;
     const int fd = shm_open(segment_name(), O_RDWR | O_CREAT | O_EXCL, 0600);
     if (fd < 0) {
-        PLATFORM_LOGW("cannot make segment %s (%d:%m)", segment_name(), errno);
+        PLATFORM_LOGW("cannot create segment %s (%d:%m)", segment_name(), errno);
         return false;
     }
     struct stat info;
-    // With its pages: a full file system is an error here, not a SIGBUS at the first store.
+    // Allocates the pages too: a full file system is then an error here, not a SIGBUS at the first store.
     if (!take_daemon_lock(fd) || (errno = posix_fallocate(fd, 0, sizeof(Segment))) != 0 || fstat(fd, &info) != 0 ||
         !map_segment(fd, info, mapped) || !initialise(mapped->segment)) {
         PLATFORM_LOGW("cannot set up segment %s (%d:%m)", segment_name(), errno);
@@ -260,9 +261,9 @@ bool create_segment(Mapped *mapped) {
     return true;
 }
 
-// The daemon's main sets the marker once. A segment that replaces another is served by a daemon that is up already, and
-// says so, also when main was writing the marker into the old one just now. A marker that a client has overwritten is
-// mended: at once when it is no marker at all, and when it says "not ready", as soon as a client has knocked.
+// Keeps the marker of the current segment set. The daemon's main sets it once. A segment that replaces another gets
+// it here, even if main has just written it into the old one: the daemon is already up. A marker that a client
+// overwrote is repaired: at once if it is not a valid value, and after a client's knock if it is 0 ("not ready").
 void keep_marker() {
     static bool daemon_is_up = false;  // guarded by server_lock
     Mapped &mapped = served[current];
@@ -276,7 +277,7 @@ void keep_marker() {
     if (marker != kReady) __atomic_store_n(&mapped.segment->record.marker, kReady, __ATOMIC_RELEASE);
 }
 
-// What the segment in service is to clients.
+// State of the current segment, as clients see it.
 enum class Service { kGone, kDamaged, kGood };
 
 Service look_at_service() {
@@ -291,8 +292,7 @@ Segment *served_segment() {
     return served[current].segment;
 }
 
-// The daemon is not, or no longer, at work on a request. Other values than ours are damage; clients would wait for
-// ever.
+// Frees the stage: the daemon is not working on a request now. Invalid values are damage; clients would wait for ever.
 void settle(Segment *segment) {
     const uint32_t stage = stage_of(segment);
     if (stage != kFree && stage != kPosted && move_stage(segment, stage, kFree)) wake(&segment->stage);
@@ -306,14 +306,14 @@ void *get_shm(void) {
         const std::lock_guard<std::mutex> hold(server_lock);
         const Service service = look_at_service();
         if (service == Service::kDamaged) {
-            PLATFORM_LOGW("segment %s was overwritten, and is replaced", segment_name());
+            PLATFORM_LOGW("segment %s was overwritten and is replaced", segment_name());
             shm_unlink(segment_name());
         }
         if (service != Service::kGood) {
             const size_t next = (current + 1) % served.size();
             if (!create_segment(&served[next])) return nullptr;
             if (served[current].segment != nullptr && served[current].fd >= 0) {
-                close(served[current].fd);  // with the lock: who still waits there learns that it is over
+                close(served[current].fd);  // releases the lock, so clients that still wait there see the end
                 served[current].fd = -1;
             }
             current = next;
@@ -327,7 +327,7 @@ int check_if_valid_shm(void **shm) {
     if (shm == nullptr || *shm == nullptr || platform_fault(FAULT_CHECK_SHM)) return 0;
     const std::lock_guard<std::mutex> hold(server_lock);
     if (*shm != served[current].segment) return 0;
-    // Asked some forty times while one request is answered, and a look is a system call: half the time of an answer.
+    // Called some forty times for one answer. A system call each time would take half the time of the answer.
     static Clock::time_point last_good;  // guarded by server_lock
     const auto now = Clock::now();
     if (stage_of(served[current].segment) == kTaken && now - last_good < kLooksAreFresh) return 1;
@@ -339,10 +339,10 @@ int check_if_valid_shm(void **shm) {
 int vestra_request_sem_lock_func(const char * /*caller*/, int /*n*/) {
     Segment *segment = served_segment();
     if (segment == nullptr || platform_fault(FAULT_REQUEST_WAIT)) return -1;
-    settle(segment);  // the pass before is over, answered or not
+    settle(segment);  // the previous request is over, answered or not
     for (const auto deadline = Clock::now() + kRequestWait;;) {
         if (move_stage(segment, kPosted, kTaken)) return 0;
-        // get_shm mends what a client has found wrong.
+        // Return, so that get_shm repairs what a client has found wrong.
         const bool wrong = __atomic_load_n(&segment->knock, __ATOMIC_ACQUIRE) != 0 || !is_initialised(segment);
         if (wrong || Clock::now() >= deadline) return -1;
         const uint32_t stage = stage_of(segment);
@@ -356,7 +356,7 @@ int vestra_ready_sem_unlock_func(const char * /*caller*/) {
     int value = 0;
     sem_getvalue(&segment->record.ready, &value);
     set_ready(&segment->record, value >= 0 && value < SEM_VALUE_MAX ? static_cast<unsigned>(value) + 1 : 1);
-    settle(segment);  // last: the record is the client's after it
+    settle(segment);  // last, because the record then belongs to the client
     return 0;
 }
 
@@ -375,8 +375,8 @@ struct vestra_api_client {
         mapped = {};
     }
 
-    std::mutex lock;  // one question at a time with one handle
-    Mapped mapped{};  // the segment that was there last
+    std::mutex lock;  // one question at a time for each handle
+    Mapped mapped{};  // the segment that was used last
 };
 
 namespace {
@@ -390,8 +390,8 @@ bool may_use(const struct stat &info) {
 
 enum class Found { kNothing, kNotReady, kDaemon };
 
-// Makes the handle's mapping the segment that is there now, and tells what it is. Not ready: a daemon is there, but the
-// segment is in the making, or what says that it is made was overwritten and will be mended.
+// Maps the current segment into the handle and reports its state. kNotReady: a daemon is running, but it is still
+// setting up the segment, or the marker or magic number was overwritten and will be repaired.
 Found connect(vestra_api_client *client) {
     struct stat info;
     if (!stat_segment(&info)) return Found::kNothing;
@@ -404,7 +404,7 @@ Found connect(vestra_api_client *client) {
         }
         const bool known = fstat(fd, &info) == 0;
         if (known && info.st_size != 0 && !may_use(info)) {
-            PLATFORM_LOGW("segment %s is refused: another size, or another user's", segment_name());
+            PLATFORM_LOGW("segment %s is refused: wrong size or another user's", segment_name());
         }
         if (!known || !may_use(info) || !map_segment(fd, info, &client->mapped)) {
             close(fd);
@@ -416,7 +416,7 @@ Found connect(vestra_api_client *client) {
     return is_initialised(segment) && marker_of(segment) == kReady ? Found::kDaemon : Found::kNotReady;
 }
 
-// Connects to a daemon that is ready. False when there is none, also by the deadline.
+// Connects to a daemon that is ready. Returns false if none is running, or none is ready before the deadline.
 bool connect_until(vestra_api_client *client, Clock::time_point deadline) {
     for (;;) {
         const Found found = connect(client);
@@ -437,12 +437,12 @@ bool valid(const vestra_api_data *requests, int count) {
     });
 }
 
-// The turn, for as long as it is held.
+// Holds the turn while it exists.
 class Turn {
   public:
     Turn(Segment *segment, Clock::time_point deadline) : segment_(segment) {
         const int result = lock_until(&segment->turn, deadline);
-        // The holder before died; each turn begins by clearing up what may be left, so there is nothing else to mend.
+        // The last holder died. Nothing else to repair: each turn begins by clearing what the one before left.
         if (result == EOWNERDEAD) pthread_mutex_consistent(&segment->turn);
         taken_ = result == 0 || result == EOWNERDEAD;
     }
@@ -470,7 +470,7 @@ int wait_until_free(const Mapped &mapped, Clock::time_point deadline) {
     }
 }
 
-// Writes the entries and posts the request. The daemon is not at work and has nothing to begin with.
+// Writes the entries and posts the request. The daemon is idle and has no other request to take.
 void post(Segment *segment, const vestra_api_data *requests, int count) {
     set_ready(&segment->record, 0);
     for (int i = 0; i < kVestraVitals; ++i) {
@@ -485,7 +485,7 @@ void post(Segment *segment, const vestra_api_data *requests, int count) {
     wake(&segment->stage);
 }
 
-// Copies the answers out of the record. The requests are untouched when one is missing.
+// Copies the answers out of the record. If one is missing, the requests stay untouched.
 int fetch(const Segment *segment, vestra_api_data *requests, int count) {
     if (__atomic_load_n(&segment->record.state, __ATOMIC_ACQUIRE) != VESTRA_REQUEST_ANSWERED) return VESTRA_API_TIMEOUT;
     std::array<vestra_api_data, kVestraVitals> answers;
@@ -514,7 +514,7 @@ int ask(vestra_api_client *client, vestra_api_data *requests, int count, int tim
     const Turn turn(mapped.segment, deadline);
     if (!turn.taken()) return daemon_lives(mapped.fd) ? VESTRA_API_TIMEOUT : VESTRA_API_NO_DAEMON;
 
-    move_stage(mapped.segment, kPosted, kFree);  // of someone who has gone
+    move_stage(mapped.segment, kPosted, kFree);  // withdraws the request of a client that has gone
     int result = wait_until_free(mapped, deadline);
     if (result != VESTRA_API_OK) return result;
     post(mapped.segment, requests, count);
