@@ -1,4 +1,5 @@
-# Cross-building for the set's own processor, 32-bit ARM. VESTRA_ARM_SYSROOT (or the environment's) is what scripts/arm-sysroot made.
+# Cross-build for the set's processor, 32-bit ARM. VESTRA_ARM_SYSROOT, as a CMake or environment variable, is the
+# sysroot that scripts/arm-sysroot made; default build/arm-sysroot.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 if(NOT VESTRA_ARM_SYSROOT)
