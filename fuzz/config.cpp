@@ -1,7 +1,7 @@
-// A configuration file of any content.
+// A configuration file with any content.
 //
-// Rules: the result is 0 or -1. Only what comes from the file is written, so the filter fields keep their bytes. A file
-// without its last element leaves that field alone; one that is whole sets it. Reading twice gives the same record.
+// Rules: the result is 0 or -1. Only fields of the file are written; the filter fields keep their bytes. If an
+// element is missing, the field of the last element is not written. Reading twice gives the same record.
 
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +13,7 @@
 namespace {
 
 char file_path[] = "/tmp/config.xml";
-constexpr int kPattern = 0x5a;  // a byte of a field that was not written
+constexpr int kPattern = 0x5a;  // fills fields before a read
 constexpr size_t kFilter = offsetof(VestraConfig_t, vestra_proc_filter_enable_num);
 
 int read_config(VestraConfig_t *config) {

@@ -1,6 +1,6 @@
-// Any bytes as blocks of the module, one after the other. "NEXT" ends a block: as a length it is one that no frame has.
+// Any bytes, as a sequence of the module's blocks. "NEXT" separates blocks; as a length it is invalid.
 //
-// Beside the rules of decoder_state.h: a block is only read, and the walk's result is the type of its last frame.
+// Rules, in addition to those of decoder_state.h: a block is only read, and the result is the type of its last frame.
 
 #include <memory>
 #include <string_view>
@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::string_view kNext = "NEXT";
 
-// Type of the last frame of two bytes or more, as the format's description has it.
+// Type of the last frame with at least two bytes, by the description of the format.
 int last_type(std::string_view block) {
     int type = -1;
     while (block.size() > trace::kLengthField) {
@@ -27,7 +27,7 @@ int last_type(std::string_view block) {
 }
 
 void decode(std::string_view block) {
-    // Of its own size exactly, so that a byte read behind its end shows.
+    // A copy of exactly this size, so that the sanitizer sees a read past its end.
     const auto copy = std::make_unique<unsigned char[]>(block.size());
     std::copy(block.begin(), block.end(), copy.get());
     const int type = decode_file(copy.get(), static_cast<unsigned>(block.size()));
@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + kNext.size());
     }
     vestra_fuzz::check_decoder();
-    if (size % 128 == 0) printCollectedData();  // seldom: it takes longer than all the rest
+    if (size % 128 == 0) printCollectedData();  // rarely: it takes longer than everything else
     vestra_fuzz::reset_decoder();
     return 0;
 }

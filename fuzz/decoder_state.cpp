@@ -13,7 +13,7 @@ namespace {
 
 constexpr int64_t kSecond = trace::kNsPerSecond;
 
-// Not a number is what two samples of the same moment give.
+// True also for NaN, which two samples with the same time give.
 bool not_negative(double value) {
     return !(value < 0);
 }
@@ -54,25 +54,26 @@ void check_run() {
     int length = 0;
     const auto back = [](int steps) { return collectedData[(last_index - steps + kSlotCount) % kSlotCount]; };
     while (length < kSlotCount && in_run(back(length))) ++length;
-    // A ring without a gap begins at its head again, and a head without a sample leaves a run of nothing behind it.
+    // In a ring without a gap the run begins right after the head, once around. If the head has no sample, the run is
+    // empty and begins after the head, too.
     const int begin = length == kSlotCount ? last_index + 1 : last_index - length + 1;
-    FUZZ_RULE((begin + kSlotCount) % kSlotCount == valid_index, "the run is the longest one behind the head");
+    FUZZ_RULE((begin + kSlotCount) % kSlotCount == valid_index, "the run is the longest one that ends at the head");
 }
 
 }  // namespace
 
 void check_ring() {
     FUZZ_RULE(is_slot(last_index) && is_slot(maxTimeIndex), "the head is in the ring");
-    FUZZ_RULE(valid_index >= -1 && valid_index < kSlotCount, "the run's begin is in the ring, or not known");
+    FUZZ_RULE(valid_index >= -1 && valid_index < kSlotCount, "the run begins in the ring, or its start is unknown");
     FUZZ_RULE(maxTimeValue == -1 || belongs(maxTimeValue, maxTimeIndex), "the newest time belongs to its slot");
     for (int i = 0; i < kSlotCount; ++i) {
         check_slot(collectedData[i], i);
         FUZZ_RULE(timestampToIndex[i] == -1 && indexToTimestamp[i] == -1, "the maps stay unused");
     }
     check_run();
-    FUZZ_RULE(g_CPUSampleCnt >= 0 && g_CPUSampleCnt < kCpuSampleCount, "the next CPU sample has a place");
+    FUZZ_RULE(g_CPUSampleCnt >= 0 && g_CPUSampleCnt < kCpuSampleCount, "there is room for the next CPU sample");
     FUZZ_RULE(g_CPUValidSample == kCpuSampleCount || g_CPUValidSample == g_CPUSampleCnt,
-              "as many CPU samples are held as were added");
+              "all CPU samples that were added are kept");
     for (int i = 0; i < g_CPUValidSample; ++i)
         FUZZ_RULE(not_negative(g_CPUTotalPer[i]), "a CPU sample is not negative");
     FUZZ_RULE(not_negative(g_CPUTotalPercent), "the peak is not negative");
@@ -101,18 +102,18 @@ void check_history() {
         if (record.pid == -1) {
             const bool nothing = record.timestamp == 0 && record.cpu_time_a == 0 && record.cpu_time_b == 0 &&
                                  record.element1 == -1 && record.total_percent == 0 && record.name.empty();
-            FUZZ_RULE(nothing, "a record that was never used holds nothing");
+            FUZZ_RULE(nothing, "an unused record is empty");
             continue;
         }
         FUZZ_RULE(record.name.size() <= trace::kNameKept, "a record's name is at most 14 bytes");
         FUZZ_RULE(record.name.empty() || vesrta_checkhash_hist(record.pid) == i,
-                  "a record with a name is the one that its process is found by");
+                  "a process lookup finds the record with the name");
         for (const double percent : {record.total_percent, record.percent_a, record.percent_b}) {
             FUZZ_RULE(not_negative(percent), "a percentage is not negative");
         }
     }
-    const __VestraProcCPUUsageHist__ &behind = gProcCpuUsageHist[kHistRecords];
-    FUZZ_RULE(behind.pid == 0 && behind.timestamp == 0 && behind.name.empty(), "the last record is not used");
+    const __VestraProcCPUUsageHist__ &extra = gProcCpuUsageHist[kHistRecords];
+    FUZZ_RULE(extra.pid == 0 && extra.timestamp == 0 && extra.name.empty(), "the extra record stays unused");
 }
 
 void check_decoder() {

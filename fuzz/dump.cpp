@@ -1,9 +1,9 @@
-// A file of any content as a dump: read, summed up, and written out as every table.
+// A file with any content, read as a dump: summary and all tables.
 //
-// An input's first byte says in what pieces the file comes. Rules: what is read covers the file, stretch by stretch,
-// without gap or overlap, and the totals are the sums of the stretches, whatever the pieces. The work is bounded by the
-// file's size: so many looks for a frame's beginning and so many bytes read for messages a byte, however they are laid
-// out.
+// The first byte of an input selects the sizes in which the file is read. Rules: the reported spans cover
+// the file without gap or overlap, and the totals are the sums of the spans, whatever the read sizes. The
+// work is bounded by the file's size: the number of searches for the start of a frame, and the number of
+// bytes that are read as messages.
 
 #include <algorithm>
 #include <memory>
@@ -21,9 +21,9 @@ using namespace vestra_dump;
 
 namespace {
 
-// Work, counted where the reader calls for it.
-uint64_t looks;       // for a frame's beginning, each of at most eight messages
-uint64_t bytes_read;  // of frames whose messages were read, up to their first fault
+// Work done by the reader.
+uint64_t looks;       // checks for the start of a frame, each of at most eight messages
+uint64_t bytes_read;  // bytes of frames whose messages were read, up to their first fault
 
 class Trickle : public ByteSource {
   public:
@@ -35,25 +35,25 @@ class Trickle : public ByteSource {
     size_t piece_;
 };
 
-// Rows, and the stretches beside.
+// Makes the rows and checks the spans.
 class Checker : public RowMaker {
   public:
     Checker(const DumpTime &time, RowSink &sink) : RowMaker("DUMP", time, 5, {true, true, true, true}, sink) {}
 
     void on_frame(const Frame &frame) override {
         RowMaker::on_frame(frame);
-        FUZZ_RULE(frame.offset == end_, "a frame begins where the stretch before ends");
-        FUZZ_RULE(frame.raw_size + trace::kLengthField <= frame.bytes, "a frame's messages lie in it");
+        FUZZ_RULE(frame.offset == end_, "a frame begins where the previous span ends");
+        FUZZ_RULE(frame.raw_size + trace::kLengthField <= frame.bytes, "a frame contains its messages");
         if (frame.whole) end_ += frame.bytes;
     }
     void on_empty_record(uint64_t offset) override {
         RowMaker::on_empty_record(offset);
-        FUZZ_RULE(offset == end_, "an empty record begins where the stretch before ends");
+        FUZZ_RULE(offset == end_, "an empty record begins where the previous span ends");
         end_ += trace::kLengthField;
     }
     void on_damage(const DamagedSpan &span) override {
         RowMaker::on_damage(span);
-        FUZZ_RULE(span.offset == end_, "a damaged span begins where the stretch before ends");
+        FUZZ_RULE(span.offset == end_, "a damaged span begins where the previous span ends");
         FUZZ_RULE(span.bytes > 0, "a damaged span is not empty");
         end_ += span.bytes;
     }
@@ -63,7 +63,7 @@ class Checker : public RowMaker {
     uint64_t end_ = 0;
 };
 
-// Every row as CSV and as JSON.
+// Writes every row as CSV and as JSON.
 class Tee : public RowSink {
   public:
     explicit Tee(const DumpTime &time) : json_(time, *out_) {
@@ -96,7 +96,7 @@ std::string totals_text(const DumpTotals &totals) {
 
 }  // namespace
 
-// The reader's calls of two of its own functions come here.
+// The reader's calls of these two functions come here.
 std::optional<size_t> real_well_formed(const uint8_t *frame, size_t size,
                                        size_t limit) asm("__real__ZN11vestra_dump11well_formedEPKhmm");
 std::optional<size_t> counted_well_formed(const uint8_t *frame, size_t size,
@@ -108,7 +108,7 @@ Fault counted_read(FrameMessages *self, const uint8_t *frame,
 
 std::optional<size_t> counted_well_formed(const uint8_t *frame, size_t size, size_t limit) {
     ++looks;
-    FUZZ_RULE(limit <= 8, "a look is at a few messages");
+    FUZZ_RULE(limit <= 8, "a check reads only a few messages");
     return real_well_formed(frame, size, limit);
 }
 
@@ -131,24 +131,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Trickle source(bytes, kPieces[data[0] % 4]);
     looks = bytes_read = 0;
     const DumpTotals totals = read_dump(source, checker);
-    // A pass over the file, and up to three over its end for the trailer. In each, what is read again is at most as
-    // much as there is, what the limit leaves free, and one record.
+    // One pass over the file, and up to three over its end for the trailer. In each pass, at most the file's size, the
+    // free allowance and one record are read again.
     constexpr uint64_t kPasses = 4;
     const uint64_t most_of_a_pass = 2 * bytes.size() + Rework::kFree + kRecordMax;
-    FUZZ_RULE(looks <= kPasses * bytes.size(), "no place is looked at more than once a pass");
-    FUZZ_RULE(bytes_read <= kPasses * most_of_a_pass, "no more is read again than there is");
+    FUZZ_RULE(looks <= kPasses * bytes.size(), "no offset is checked more than once a pass");
+    FUZZ_RULE(bytes_read <= kPasses * most_of_a_pass, "reading again is bounded by the file's size");
     const uint64_t trailer = totals.trailer ? totals.trailer->bytes.size() : 0;
-    FUZZ_RULE(checker.end() == totals.payload_bytes, "the stretches cover the payload");
+    FUZZ_RULE(checker.end() == totals.payload_bytes, "the spans cover the payload");
     FUZZ_RULE(totals.payload_bytes + trailer == totals.bytes && totals.bytes == bytes.size(), "nothing is left out");
     FUZZ_RULE(totals.frame_bytes + totals.damaged_bytes + 4 * totals.empty_records == totals.payload_bytes,
-              "the totals are the sums of the stretches");
+              "the totals are the sums of the spans");
     std::ostringstream page;
     print(checker.summary(), page);
     page << to_json(checker.summary()).dump();
-    FUZZ_RULE(page.good(), "a summary can be shown");
+    FUZZ_RULE(page.good(), "a summary can be printed");
 
     MemorySource whole(bytes);
     DumpVisitor nobody;
-    FUZZ_RULE(totals_text(read_dump(whole, nobody)) == totals_text(totals), "the pieces make no difference");
+    FUZZ_RULE(totals_text(read_dump(whole, nobody)) == totals_text(totals), "the read sizes make no difference");
     return 0;
 }

@@ -22,9 +22,9 @@ void on_log(LogHook hook) {
 }
 
 int open_descriptors() {
-    static constexpr int kBehind = 40;  // far more than a target has open
+    static constexpr int kEnd = 40;  // far more than a target has open
     int open = 0;
-    for (int fd = 3; fd < kBehind; ++fd) open += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+    for (int fd = 3; fd < kEnd; ++fd) open += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
     return open;
 }
 
@@ -39,8 +39,7 @@ void broken(const char *rule, const char *file, int line) {
     std::abort();
 }
 
-// libFuzzer's clock is a signal that interrupts waiting; none does that to the daemon, which goes on without its child
-// then.
+// libFuzzer's timer signal interrupts waitpid. In a set no signal does that; the daemon would not wait again.
 extern "C" {
 pid_t __real_waitpid(pid_t child, int *status, int options);
 pid_t __wrap_waitpid(pid_t child, int *status, int options) {
@@ -51,7 +50,7 @@ pid_t __wrap_waitpid(pid_t child, int *status, int options) {
 }
 }
 
-// The calls of __dlog_print come here. Formatting is part of what is tested: arguments that are no text show there.
+// The calls of __dlog_print come here. Formatting each line is part of the test: it finds arguments that are not texts.
 extern "C" int __wrap___dlog_print(log_id_t /*id*/, int /*priority*/, const char *tag, const char *format, ...) {
     static constexpr size_t kPrefix = sizeof(VESTRA_LOG_PREFIX) - 1;
     static char text[4096];
@@ -76,7 +75,7 @@ extern "C" int __wrap___dlog_print(log_id_t /*id*/, int /*priority*/, const char
     return 0;
 }
 
-// Freed blocks are kept from use for a while, but not for so long that every block is a new page.
+// Keeps freed blocks in quarantine, but in a small one: otherwise every block would be a new page.
 extern "C" const char *__asan_default_options() {
     return "quarantine_size_mb=8";
 }
@@ -84,7 +83,7 @@ extern "C" const char *__asan_default_options() {
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv) {
     const int code = vestra_set::run_in_sandbox_unless_inside(*argc, *argv, false);
     if (code >= 0) exit(code);
-    // libFuzzer writes to standard error; what the daemon prints is not wanted.
+    // libFuzzer writes to standard error. Standard output has only what the daemon prints, and is discarded.
     if (freopen("/dev/null", "we", stdout) == nullptr) abort();
     dlog_set_threshold(DLOG_DEBUG);
     prepare();

@@ -1,8 +1,7 @@
-// What the fuzz targets share: they run in a simulated set of their own, every line that the daemon logs is formatted
-// but written nowhere, and a rule that does not hold ends the program.
+// Shared by the fuzz targets. Each target runs in its own simulated set. Every line that the daemon logs is formatted
+// but not written. A broken rule ends the program.
 //
-// A target defines prepare() and LLVMFuzzerTestOneInput. Inputs do not depend on each other: what one leaves behind is
-// put back before the next.
+// A target defines prepare() and LLVMFuzzerTestOneInput. Inputs are independent: the state is reset after each.
 #pragma once
 
 #include <cstdarg>
@@ -20,14 +19,14 @@ void prepare();
 using LogHook = std::function<void(const char *text, va_list arguments)>;
 void on_log(LogHook hook);
 
-// How many descriptors are open: the same before and after what leaks none.
+// Number of open descriptors. Code that leaks none leaves it unchanged.
 int open_descriptors();
 
-// Whether an input is one of the few for which child processes run, each of which takes longer than a hundred inputs:
-// it begins with '!', which is no part of what is tested, and the sum of its bytes is divisible by 64.
+// True if child processes run for this input. A child takes longer than a hundred inputs, so few inputs qualify: those
+// that begin with '!', which is not part of the tested data, and whose sum of bytes is divisible by 64.
 bool runs_commands(std::string_view input);
 
-// Says which rule was broken and where, and aborts: the input is a finding.
+// Reports the broken rule and its place, and aborts: the input is a finding.
 [[noreturn]] void broken(const char *rule, const char *file, int line);
 
 }  // namespace vestra_fuzz

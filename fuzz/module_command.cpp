@@ -1,7 +1,7 @@
-// One write into the control node, as the simulated module takes it.
+// One write to the control node, handled by the simulated module.
 //
-// Rules: what is accepted can be written in one way only, so it is what its parts spell; the state counts it and shows
-// it; what is refused changes nothing but the counts. The state can be shown whatever was written.
+// Rules: each accepted command has exactly one spelling, which can be rebuilt from its parts. The state counts and
+// shows it. A refused write changes only the counters. The state can be printed after any write.
 
 #include <algorithm>
 #include <cerrno>
@@ -33,16 +33,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     vestra_set::ModuleState state;
     const uint64_t before = state.control_version();
     const int result = state.write(text);
-    FUZZ_RULE(result == (command ? 0 : EINVAL), "a write does what the parser says");
-    FUZZ_RULE((state.control_version() == before) == !command, "only what is accepted changes the module");
+    FUZZ_RULE(result == (command ? 0 : EINVAL), "a write succeeds if the parser accepts it");
+    FUZZ_RULE((state.control_version() == before) == !command, "only accepted commands change the module");
     const auto status = state.status();
     FUZZ_RULE(status["refused"] == (command ? 0 : 1) && status["writes"] == 1, "every write is counted");
     const std::string shown = status.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    FUZZ_RULE(!shown.empty(), "the state can be shown");
+    FUZZ_RULE(!shown.empty(), "the state can be printed");
     if (!command) return 0;
     std::string written(text);
     if (command->kind == NodeCommand::kTracing && written.back() == '\n') written.pop_back();
-    FUZZ_RULE(spelled(*command) == written, "a command is what its parts spell");
+    FUZZ_RULE(spelled(*command) == written, "a command can be rebuilt from its parts");
     const auto &ids = command->pids;
     FUZZ_RULE(ids.size() <= 5 && std::all_of(ids.begin(), ids.end(), [](int id) { return id > 0; }),
               "at most five process ids, above 0");

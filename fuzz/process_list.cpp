@@ -1,13 +1,13 @@
-// What is dropped into the watched directory: files of any name, and a process list of any content.
+// Files put into the watched directory: files with any name, and a process list with any content.
 //
-// An input is the names, '/' between them, up to the first zero byte, and behind it the content of the list
-// "processes.txt", which is dropped first. Without a zero byte all of it is the list. Where
-// runs_commands() says so, the daemon's shell commands run for real; otherwise they fail and are only looked at.
+// An input is a list of names separated by '/', a zero byte, and the content of the list "processes.txt", which is put
+// there first. Without a zero byte the whole input is the list. If runs_commands() returns true, the daemon's shell
+// commands run for real; otherwise they fail and are only checked.
 //
-// Rules: for each file one command runs, whose words are "/bin/rm", "-rf" and that file's path, whatever the shell
-// makes of it; run for real, it leaves nothing in the directory and nothing else touched. Each command to the control
-// node is one write of "c-6-LENGTH-NAME", a name the list's own line cut to 128 bytes, at most five a list, and the
-// module accepts those whose names it can accept. Behind the six slots nothing is written. No descriptor stays open.
+// Rules: one command runs for each file. Its words, as a shell splits them, are "/bin/rm", "-rf" and the path of that
+// file. Commands that run for real empty the directory and touch nothing else. Each command to the control node is one
+// write of "c-6-LENGTH-NAME", where NAME is a line of the list cut to 128 bytes. There are at most five for a list, and
+// the module accepts all names that are valid. Nothing is written after the six slots. No descriptor stays open.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -37,17 +37,17 @@ constexpr char kNode[] = "/proc/vesertra_info";
 
 struct Stop {};
 
-std::optional<std::string> list;  // what is dropped with the next wait
+std::optional<std::string> list;  // the list to put there at the next wait, with the files `names`
 Strings names;
 int waits;
 
 int node = -1;
 ino_t node_inode;
-Strings commands, node_writes;  // the shell's, and those of the node
+Strings commands, node_writes;  // for the shell, to the node
 
 void write_file(const std::string &path, std::string_view text) {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    // A name that no file can have is none of ours.
+    // Skip names that a file cannot have.
     if (fd < 0) return;
     if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) abort();
     close(fd);
@@ -62,7 +62,7 @@ void drop_files() {
     for (const std::string &name : names) write_file(kDirectory + name, "");
 }
 
-// The words of a command as a shell takes them; nothing when any of it means something else to the shell.
+// Splits a command into words as a shell does. Returns nothing if it contains anything that is special to the shell.
 std::optional<Strings> words_of(std::string_view command) {
     static constexpr std::string_view kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-+,@%/";
     Strings words(1);
@@ -103,22 +103,22 @@ void check_commands(bool for_real, const Strings &dropped) {
     for (const std::string &command : commands) {
         const auto words = words_of(command);
         FUZZ_RULE(words && words->size() == 3 && (*words)[0] == "/bin/rm" && (*words)[1] == "-rf",
-                  "a command removes one file, and means nothing else to the shell");
+                  "a command removes one file and does nothing else");
         const std::string path = (*words)[2];
-        FUZZ_RULE(path.compare(0, kDirectory.size(), kDirectory) == 0, "what is removed lies in the directory");
+        FUZZ_RULE(path.compare(0, kDirectory.size(), kDirectory) == 0, "the removed file is in the directory");
         std::string name = path.substr(kDirectory.size());
-        if (name[0] == '/') name.erase(0, 1);  // the commands write it twice
+        if (name[0] == '/') name.erase(0, 1);  // the commands have the slash twice
         removed.push_back(name);
         if (for_real && system(command.c_str()) != 0) abort();
     }
     std::sort(removed.begin(), removed.end());
-    FUZZ_RULE(removed == dropped, "every file that was dropped is removed, and nothing else");
+    FUZZ_RULE(removed == dropped, "every file that was put there is removed, and nothing else");
     if (!for_real) return;
     FUZZ_RULE(is_empty(kDirectory.c_str()), "the directory is empty afterwards");
     FUZZ_RULE(fs::file_size(kCanary) == 5 && is_empty(kWorking), "nothing else is touched");
 }
 
-// The lines of the list as the daemon takes them.
+// The names that the daemon must read from the list.
 Strings expected_names(std::string_view text) {
     Strings expected;
     text = text.substr(0, 65536);
@@ -139,8 +139,8 @@ void check_node(const Strings &expected) {
         const bool acceptable = !name.empty() && std::all_of(name.begin(), name.end(),
                                                              [](unsigned char c) { return c >= 0x20 && c != 0x7f; });
         const auto command = vestra_set::parse_node_command(node_writes[i]);
-        FUZZ_RULE(command.has_value() == acceptable, "the module accepts a name that it can accept");
-        FUZZ_RULE(!command || command->name == name, "the module reads the name that was meant");
+        FUZZ_RULE(command.has_value() == acceptable, "the module accepts all valid names and no others");
+        FUZZ_RULE(!command || command->name == name, "the module gets the right name");
     }
 }
 
@@ -148,7 +148,7 @@ void check_node(const Strings &expected) {
 
 extern "C" {
 
-// The watcher's pause between two passes: the files come with the first, and behind the second it ends.
+// The watcher's pause between two passes: puts the files there in the second, ends the watcher in the third.
 int __wrap_usleep(useconds_t) {
     ++waits;
     if (waits == 2) drop_files();
@@ -175,7 +175,7 @@ ssize_t __wrap_write(int fd, const void *data, size_t size) {
 
 void vestra_fuzz::prepare() {
     if (mkfifo(kNode, 0600) != 0) abort();
-    node = open(kNode, O_RDWR | O_NONBLOCK | O_CLOEXEC);  // or the daemon's open would wait for a reader
+    node = open(kNode, O_RDWR | O_NONBLOCK | O_CLOEXEC);  // otherwise the daemon's open would wait for a reader
     struct stat info;
     if (node < 0 || fstat(node, &info) != 0) abort();
     node_inode = info.st_ino;
@@ -183,7 +183,7 @@ void vestra_fuzz::prepare() {
     fs::create_directories(kWorking);
     fs::current_path(kWorking);
     on_log(remember);
-    // The directory, and the watch on it.
+    // Creates the directory and the watch on it.
     waits = 1;
     try {
         names.clear();
@@ -232,7 +232,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::sort(dropped.begin(), dropped.end());
     check_commands(for_real, dropped);
     check_node(list ? expected_names(*list) : Strings());
-    FUZZ_RULE(g_vestra_config.vestra_proc_filter_pid_num == 0, "behind the slots nothing is written");
+    FUZZ_RULE(g_vestra_config.vestra_proc_filter_pid_num == 0, "nothing is written after the slots");
     if (!for_real) {
         for (const std::string &name : dropped) unlink((kDirectory + name).c_str());
     }

@@ -1,12 +1,11 @@
-// What a client, or anybody who may open the segment, writes into it while the daemon is at work.
+// Arbitrary writes into the request segment, by a client or anybody else who may open it, while the daemon works.
 //
-// An input is a row of entries: two bytes of an offset, one of a length (0 to 63), and the bytes that are written
-// there. One entry is carried out before each step that the daemon takes with the segment: whenever it looks at it,
-// pauses or waits for a request. An entry of length 63 is a request of a well-behaved client instead, one of 62 removes
-// the segment.
+// An input is a list of entries: two bytes of offset, one byte of length (0 to 63), and the bytes to write there. One
+// entry is performed before each step of the daemon with the segment: each check, pause or wait for a request. Two
+// lengths are special: 63 posts the request of a well-behaved client, and 62 removes the segment.
 //
-// Rules: the service ends when it is told to, and nothing that it keeps changes. The next client is answered, each
-// vital with the figures that a direct question gives. No descriptor stays open.
+// Rules: the service ends when asked to, and its data does not change. The next client is answered, with the same
+// figures for each vital as a direct call gives. No descriptor stays open.
 
 #include <pthread.h>
 #include <sys/mman.h>
@@ -28,16 +27,16 @@
 namespace {
 
 constexpr char kName[] = "/vestra_fuzz";
-// The library's own part of the segment: the turn, the magic number, the stage, the knock.
+// The library's private part of the segment: the turn, the magic number, the stage, the knock.
 constexpr size_t kStage = sizeof(vestra_shm_record) + sizeof(pthread_mutex_t) + 4;
 constexpr size_t kSegment = kStage + 8;
 constexpr uint32_t kPosted = 1;
-constexpr int kMostSteps = 20000;  // a service that takes more than that does not end
+constexpr int kMostSteps = 20000;  // after more steps the service counts as endless
 
 const uint8_t *entries;
 size_t left;
 int steps;
-bool last_request;  // the clean one behind all entries
+bool last_request;  // the clean request after all entries was posted
 vestra_shm_record *record;
 _SYSDATA_ ring[kSlotCount];
 vestra_api_data expected[kVestraVitals];
@@ -46,7 +45,7 @@ uint8_t *bytes() {
     return reinterpret_cast<uint8_t *>(record);
 }
 
-// The request of a client that behaves.
+// Posts the request of a well-behaved client.
 void post() {
     for (int i = 0; i < kVestraVitals; ++i) record->request[i] = {i, 10 * (i % 3), 0, 0, 0, 0, kVestraUnused, 0};
     record->state = VESTRA_REQUEST_POSTED;
@@ -72,7 +71,7 @@ void do_entry() {
     }
 }
 
-// Without the padding, which is nobody's.
+// Compares the figures only, not the padding.
 bool same_figures(const vestra_api_data &a, const vestra_api_data &b) {
     return memcmp(&a.maximum, &b.maximum, 4 * sizeof(double)) == 0;
 }
@@ -97,7 +96,7 @@ int __wrap_check_if_valid_shm(void **shm) {
 
 int __wrap_nanosleep(const timespec *, timespec *) {
     do_entry();
-    // A segment that says "not ready" is looked for until a client knocks, as clients do that find it so.
+    // If the marker says "not ready", the daemon repairs it only after a client's knock.
     if (record != nullptr) bytes()[kSegment - 4] = 1;
     return 0;
 }
@@ -107,7 +106,7 @@ int __wrap_vestra_request_sem_lock_func(const char *caller, int n) {
     do_entry();
     if (last_request) exit_flag = 1;
     if (left < 3 && !last_request) {
-        // A client looks for the segment that is there; on one that has gone nobody asks.
+        // A client uses the current segment. Nobody asks through one that was removed.
         const uint32_t nobody_at_work = 0;
         memcpy(bytes() + kStage, &nobody_at_work, sizeof(nobody_at_work));
         void *segment = record;
@@ -116,7 +115,7 @@ int __wrap_vestra_request_sem_lock_func(const char *caller, int n) {
         post();
         exit_flag = 0;
     }
-    // Posted, or it would wait for a second.
+    // Set to posted, otherwise the call waits for a second.
     memcpy(bytes() + kStage, &kPosted, sizeof(kPosted));
     return __real_vestra_request_sem_lock_func(caller, n);
 }
@@ -152,7 +151,7 @@ void vestra_fuzz::prepare() {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    // A segment as new, whatever was written into the one before.
+    // A new segment, whatever was written into the last one.
     shm_unlink(kName);
     entries = nullptr;
     left = 0;

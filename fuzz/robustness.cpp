@@ -1,11 +1,10 @@
 // The value of the robustness key, "DIR|NAME|PID", and the dump that follows from it.
 //
-// Where runs_commands() says so and the directory is the target's own, the daemon's commands run; other inputs go as
-// far as the failing fork.
+// If runs_commands() returns true and DIR is the target's directory, the daemon's commands run. Otherwise fork fails.
 //
-// Rules: the fields are what "%255[^|]| %255[^|]|%d" reads. No descriptor stays open, the chain and its lock are as
-// before. A value without a directory that exists leaves no file; otherwise there is one, with the chain's bytes in it:
-// in the directory, under the process's name, when the commands ran.
+// Rules: the fields are those that "%255[^|]| %255[^|]|%d" reads. No descriptor stays open, and the chain and its
+// lock are unchanged. If DIR does not exist, there is no file. Otherwise there is one file with the chain's bytes: in
+// DIR, under the process's name, if the commands ran, and else in /tmp.
 
 #include <pthread.h>
 #include <sys/stat.h>
@@ -29,16 +28,16 @@ namespace {
 constexpr char kDirectory[] = "/tmp/robust";
 constexpr char kBlock[] = "the chain";
 
-pthread_t fuzzing;  // the thread that does; libFuzzer has another, which sleeps
+pthread_t fuzzing;  // the thread that runs inputs; libFuzzer has another one, which sleeps
 std::string key_value;
 bool commands_run;
-std::string read_path, read_name;  // as the daemon has logged them
+std::string read_path, read_name;  // from the daemon's log line
 int read_pid;
 
 struct Fields {
     char path[256], name[256];
     int pid;
-    bool pid_fits;  // few enough digits for the scan's own conversion
+    bool pid_fits;  // few enough digits for sscanf to convert
 };
 
 Fields scan(const std::string &value) {
@@ -109,31 +108,32 @@ void vestra_fuzz::prepare() {
     if (vestra_get_node(&ghead_s, sizeof(kBlock)) < 0) abort();
     memcpy(ghead_s->data, kBlock, sizeof(kBlock) - 1);
     ghead_s->size = gtotal_bytes = sizeof(kBlock) - 1;
-    g_vestra_config.min_time_diff_dump = INT32_MAX;  // the copy to a stick is not what is asked about here
+    g_vestra_config.min_time_diff_dump = INT32_MAX;  // no copy to a stick: it is not tested here
     on_log(remember);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     key_value.assign(reinterpret_cast<const char *>(data), size);
-    const bool wanted = vestra_fuzz::runs_commands(key_value);
-    if (wanted) key_value.erase(0, 1);
+    const bool may_run = vestra_fuzz::runs_commands(key_value);
+    if (may_run) key_value.erase(0, 1);
     key_value.resize(strlen(key_value.c_str()));
     const Fields fields = scan(key_value);
-    commands_run = wanted && strcmp(fields.path, kDirectory) == 0;
+    commands_run = may_run && strcmp(fields.path, kDirectory) == 0;
     struct stat info = {};
     const bool exists = stat(fields.path, &info) == 0 && S_ISDIR(info.st_mode);
 
     const int descriptors = vestra_fuzz::open_descriptors();
     robustness_vconf_notify_cb(nullptr, nullptr);
 
-    FUZZ_RULE(read_path == fields.path && read_name == fields.name, "directory and name are what the pattern reads");
-    FUZZ_RULE(!fields.pid_fits || read_pid == fields.pid, "the process id is what the pattern reads");
+    FUZZ_RULE(read_path == fields.path && read_name == fields.name, "directory and name match the pattern");
+    FUZZ_RULE(!fields.pid_fits || read_pid == fields.pid, "the process id matches the pattern");
     FUZZ_RULE(vestra_fuzz::open_descriptors() == descriptors, "no descriptor stays open");
-    FUZZ_RULE(ghead_s != nullptr && ghead_s->next == nullptr && gtotal_bytes == sizeof(kBlock) - 1, "the chain stays");
+    FUZZ_RULE(ghead_s != nullptr && ghead_s->next == nullptr && gtotal_bytes == sizeof(kBlock) - 1,
+              "the chain is unchanged");
     FUZZ_RULE(pthread_mutex_trylock(&lock) == 0, "the chain's lock is free");
     pthread_mutex_unlock(&lock);
     const auto temporary = files_in("/tmp"), placed = files_in(kDirectory);
-    FUZZ_RULE(temporary.size() + placed.size() == (exists ? 1U : 0U), "one file where the directory exists");
+    FUZZ_RULE(temporary.size() + placed.size() == (exists ? 1U : 0U), "one file if the directory exists");
     for (const fs::path &path : temporary) {
         FUZZ_RULE(holds_the_chain(path), "a dump holds the chain");
         fs::remove(path);

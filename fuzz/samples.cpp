@@ -1,11 +1,12 @@
-// Whole messages whose figures are the input's: times that leap, processes that share a place in the history, counters
-// that run back. Nearly nothing of it is refused, so that what is kept is under test and not the walk.
+// Well-formed messages with figures from the input: times that jump, processes that share a slot in the
+// history, counters that run backwards. Almost nothing is refused, so this tests what the decoder
+// stores rather than how it walks.
 //
-// An input is a row of entries of eight bytes. The first says what happens, the others with what:
+// An input is a list of entries of eight bytes:
 //
 //   operation | time | process | name | figures | flags | 2 bytes of counters
 //
-// Beside the rules of decoder_state.h: a question is answered by its vital alone and leaves the ring as it was.
+// Rules, in addition to those of decoder_state.h: a request gets the figures of its vital and does not change the ring.
 
 #include <algorithm>
 #include <array>
@@ -22,11 +23,11 @@
 namespace {
 
 constexpr size_t kEntry = 8;
-constexpr size_t kFull = 64000;  // bytes of a block: a frame ends at twice as many
+constexpr size_t kFull = 64000;  // bytes after which a block is decoded; half of what a frame may have
 constexpr uint64_t kSecond = 1'000'000'000;
 
-// Steps of the stream's clock. The ring turns in 180 s, what is 8 s older is of the lap before, and percentages want
-// more than one second.
+// Steps of the stream's clock. The ring holds 180 s, a slot that is more than 8 s older belongs to the previous lap,
+// and percentages need more than one second.
 constexpr std::array<uint64_t, 24> kSteps = {0,
                                              1,
                                              kSecond / 2,
@@ -80,7 +81,7 @@ class Stream {
             case kSwitch:
                 add_switch(entry);
                 break;
-            case kManySwitches:  // a row of seconds, or of processes
+            case kManySwitches:  // consecutive seconds or processes
                 for (int i = entry[7] % 64; i > 0; --i) {
                     now_ += (entry[5] & 8) != 0 ? kSecond : 0;
                     process_ += (entry[5] & 16) != 0 ? 1 : 0;
@@ -111,7 +112,7 @@ class Stream {
   private:
     static uint64_t figure(size_t selector) { return kFigures[selector % kFigures.size()]; }
 
-    // A process that the history does not know costs a look at all of its records, so an input has only so many.
+    // A process that is not in the history costs a search of all its records, so their number is limited.
     bool may_add(uint64_t pid, bool accounted) {
         const bool costly = pid != last_pid_ || !accounted;
         last_pid_ = pid;
@@ -131,7 +132,7 @@ class Stream {
         message.type = 1 + (entry[5] >> 7);
         message.time_ns = now_;
         message.element1 = entry[4];
-        // Every other value shares its home in the history with another one.
+        // Every other value shares its history slot with another one.
         message.pid = process_ + static_cast<uint64_t>(entry[2] & 15) + (static_cast<uint64_t>(entry[2] & 0x30) << 11);
         if (entry[2] >= 0xf0) message.pid = 0 - static_cast<uint64_t>(entry[2] & 3);
         message.name = kNames[entry[3] % std::size(kNames)];
@@ -177,17 +178,17 @@ class Stream {
         request.maximum = request.minimum = request.average = request.variance = -77;
         process_request(&request, 1);
         const bool known = request.packet_type >= 0 && request.packet_type < kVitalCount;
-        if (!known) FUZZ_RULE(request.maximum == -77 && request.variance == -77, "what is no vital has no figures");
+        if (!known) FUZZ_RULE(request.maximum == -77 && request.variance == -77, "an unknown vital gets no figures");
         if (known && request.window == 0) {
             const double now = vital(collectedData[last_index], static_cast<unsigned>(request.packet_type));
             const bool equal = std::memcmp(&now, &request.maximum, sizeof(now)) == 0;
-            FUZZ_RULE(equal && request.variance == 0, "without a window the answer is the head's figure");
+            FUZZ_RULE(equal && request.variance == 0, "window 0 gives the head's figure");
         }
         if (known && request.window != 0) {
             FUZZ_RULE(!(request.variance < 0), "a variance is not negative");
-            FUZZ_RULE(!(request.average <= 0), "an average is of figures above 0");
+            FUZZ_RULE(!(request.average <= 0), "an average counts only figures above 0");
         }
-        FUZZ_RULE(std::memcmp(ring, collectedData, sizeof(ring)) == 0, "a question changes nothing");
+        FUZZ_RULE(std::memcmp(ring, collectedData, sizeof(ring)) == 0, "a request changes nothing");
         std::array<vestra_api_data, kVestraVitals> all = {};
         for (int32_t i = 0; i < kVestraVitals; ++i)
             all[static_cast<size_t>(i)] = {i - entry[4] % 3, entry[5], 0, 0, 0, 0, 0, 0};

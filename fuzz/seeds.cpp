@@ -1,5 +1,4 @@
-// Writes seeds that are made and not kept: blocks of the simulated module for each of its profiles, as the targets take
-// them.
+// Writes generated seeds: blocks of the simulated module for each profile, in the form that the targets read.
 //
 //   fuzz_seeds DIRECTORY      DIRECTORY/TARGET/NAME
 
@@ -59,7 +58,7 @@ void write_seeds(const fs::path &directory) {
         }
     }
     save(directory / "decode_file" / "turns-of-the-ring", join(blocks_of("steady", 2, 200, 8, 61 * kSecond), "NEXT"));
-    // Beginnings of frames in the names of processes, thousands of them in each other, and a fault in every one.
+    // Starts of frames inside process names, thousands of them nested, each with a fault.
     const std::string part("\x01\x01\x01\x01\x06\x7f\x0f\x00\x00\x07\x00", 11);
     std::string nested(1, '\0');
     for (int i = 1; i <= 1600; ++i) {
