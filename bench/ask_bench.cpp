@@ -1,7 +1,7 @@
-// How long a client waits for the running daemon's answer, each kind of question asked some thousand times, beside the
-// floor of it: two processes that post each other a semaphore. Between two questions both sides have gone to sleep.
+// Measures how long a client waits for the running daemon's answer, for several kinds of question. The baseline is two
+// processes that post semaphores to each other. Both sides go to sleep between questions.
 //
-//   ask_bench [QUESTIONS]      within a set; bench/ask_latency makes one
+//   ask_bench [QUESTIONS]      inside a set; bench/ask_latency starts one
 
 #include <semaphore.h>
 #include <sys/mman.h>
@@ -35,7 +35,7 @@ struct Kind {
 constexpr Kind kKinds[] = {{1, 0},   {1, 60},  {17, 0},  {17, 1},   {17, 10},
                            {17, 30}, {17, 60}, {17, 90}, {17, 120}, {17, 180}};
 
-// One kind of question; what is waited for, in us.
+// One kind of question and its waiting times in us.
 class Row {
   public:
     Row(std::string vitals, std::string window, std::function<bool()> ask)
@@ -70,7 +70,7 @@ bool ask(vestra_api_h client, const Kind &kind) {
     return result == VESTRA_API_OK;
 }
 
-// A partner that posts back, in a process of its own.
+// A partner process that posts back.
 class PingPong {
   public:
     PingPong() {
@@ -118,7 +118,7 @@ int main(int argc, char **argv) {
         rows.emplace_back(std::to_string(kind.vitals), std::to_string(kind.window),
                           [client, &kind] { return ask(client, kind); });
     }
-    // They take turns, so that whatever else the machine does meets all of them.
+    // The rows take turns, so that other load on the machine affects all of them.
     bool answered = true;
     for (long i = 0; i < questions && answered; ++i) {
         answered = std::all_of(rows.begin(), rows.end(), [](Row &row) { return row.measure(); });

@@ -1,5 +1,5 @@
-// The floor of whatever reads a trace: every varint of every frame is taken and added up, nothing is stored, nothing is
-// checked. Only for what trace_stream.h makes.
+// The least that any reader of a trace must do: read every varint of every frame and add it up, without storing or
+// checking anything. Only for the streams of trace_stream.h.
 #pragma once
 
 #include <cstdint>
@@ -18,14 +18,14 @@ inline const uint8_t *skip_varint(const uint8_t *at, uint64_t *value) {
     return at;
 }
 
-// Type, four elements (the last a string's length), its bytes, eight elements, twenty of the cores.
+// A message: type, four elements (the last is a string's length), the string, eight elements, twenty core counters.
 inline uint64_t bare_walk(const uint8_t *at, const uint8_t *end) {
     uint64_t sum = 0;
     while (at < end) {
         uint32_t length = 0;
         std::memcpy(&length, at, sizeof length);
         at += sizeof length;
-        if (length == 0) continue;  // a block's end
+        if (length == 0) continue;  // the end of a block
         const uint8_t *frame_end = at + length;
         at += 2;
         while (at < frame_end) {

@@ -1,13 +1,13 @@
-// What a block costs from the descriptor to the chain, and the chain to the disk: read_data with a full chain beside
-// decoding and beside copying the same block, and write_data beside a loop that does no more than write and fsync.
-// The figures to watch: Dump divided by WriteFsync (at most 1.1); how ReadData grows with the block and with the chain,
-// which is walked to its end for every block.
+// The cost of a block from the descriptor to the chain, and of the chain to the disk. Compares read_data on a full
+// chain with decoding and with copying the same block, and write_data with a loop that only writes and syncs. Watch
+// Dump divided by WriteFsync (at most 1.1), and how ReadData grows with the block size and with the chain, which it
+// walks to its end for every block.
 //
-// Runs in a set of its own, since a dump wants the set's paths:
+// Runs in a simulated set, because a dump needs the set's paths:
 //
 //   vestra-set sandbox -- chain_bench --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true
 //
-// Dumps are made in /tmp, which is a tmpfs there. VESTRA_BENCH_DIR puts another directory in its place.
+// Dumps are written to /tmp, a tmpfs in the set. VESTRA_BENCH_DIR names another directory to mount there.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -39,10 +39,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kDumps[] = "/tmp/dumps";
 
-// As the daemon does at its start: a large block is a mapping of its own.
+// As the daemon does at start-up: a large block gets a separate mapping.
 const int kMapped = mallopt(M_MMAP_THRESHOLD, 64 * 1024);
 
-// Stands in for the control node: a read gives the block that was put last, and costs the kernel's copy of it alone.
+// A fake control node: a read returns the block that was put last and costs no more than the kernel's copy.
 class Node {
   public:
     void put(const Block &block) const {
@@ -57,7 +57,7 @@ class Node {
     const int fd_ = memfd_create("node", MFD_CLOEXEC);
 };
 
-// An empty chain of `mib` MiB and blocks of `block_size` bytes.
+// An empty chain with a budget of `mib` MiB, and a stream of blocks of `block_size` bytes.
 class Chain {
   public:
     Chain(size_t block_size, int64_t mib) : stream_(1500, Life::steady, kBlock / block_size, block_size) {
@@ -89,7 +89,7 @@ class Chain {
         }
         report(state, meter, blocks);
     }
-    // `work` on block after block.
+    // Calls `work` on each block.
     template <class Work>
     void measure(benchmark::State &state, Work work) {
         Meter meter;
@@ -132,7 +132,7 @@ void Memcpy(benchmark::State &state) {
     });
 }
 
-// Where dumps go, and the version file, without which none is written.
+// Makes the directory for dumps, and the version file that a dump needs.
 void make_rooms() {
     static const bool made = [] {
         const char *directory = getenv("VESTRA_BENCH_DIR");
@@ -147,7 +147,7 @@ void make_rooms() {
     (void)made;
 }
 
-// Runs `work`, which leaves files in kDumps, in real time: it waits for the disk.
+// Runs `work`, which writes files to kDumps. Measures real time, because it waits for the disk.
 template <class Work>
 void run_dumps(benchmark::State &state, Work work) {
     make_rooms();
@@ -181,7 +181,7 @@ void WriteFsync(benchmark::State &state) {
 
 const std::vector<int64_t> kSizes = {1024, 4096, 16384, 65536, 131072}, kChains = {1, 2, 4, 7, 10};
 
-BENCHMARK(Memcpy)->ArgsProduct({kSizes})->UseManualTime()->Iterations(100);  // making the blocks takes longest
+BENCHMARK(Memcpy)->ArgsProduct({kSizes})->UseManualTime()->Iterations(100);  // making the blocks takes most of the time
 BENCHMARK(Decode)->ArgsProduct({kSizes})->UseManualTime();
 BENCHMARK(ReadData)->ArgsProduct({kSizes, {10}})->UseManualTime();
 BENCHMARK(ReadData)->ArgsProduct({{1024}, {1, 2, 4, 7}})->UseManualTime();

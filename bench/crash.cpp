@@ -1,4 +1,4 @@
-// The daemon is killed at random moments, and is looked at when it starts again. scripts/crash makes the set for it.
+// Kills the daemon at random moments and checks it after the next start. scripts/crash starts the set for it.
 //
 //   crash KILLS SEED VESTRAD VESTRA-DUMP
 
@@ -14,15 +14,15 @@ namespace {
 using namespace rig;
 
 constexpr char kDatabase[] = "/opt/usr/home/owner/share/tvhistory.db";
-constexpr double kAtOnceMs = 2000;  // within which it has to record, and to answer, after its start
+constexpr double kAtOnceMs = 2000;  // the daemon must record and answer within this time after its start
 constexpr int kTimeoutMs = 1000;    // of a client's question
-constexpr double kLateMs = 500;     // beyond that, on a busy machine
+constexpr double kLateMs = 500;     // allowed beyond the time-out, on a busy machine
 constexpr int kClients = 4;
 
 struct Figures {
     std::vector<double> recording, answering;  // ms from the start to the first block, to the first answer
-    int in_dump = 0, in_fill = 0;              // kills while one was being written
-    int dumps = 0, damaged = 0, missing = 0;   // reported done; of these not clean, not there
+    int in_dump = 0, in_fill = 0;              // kills during a dump, a fill
+    int dumps = 0, damaged = 0, missing = 0;   // reported done; of these damaged, missing
     int databases = 0, broken = 0;
     int not_filled = 0;
     int slow_starts = 0;
@@ -66,7 +66,7 @@ bool database_is_whole() {
     return asks && answer == "ok";
 }
 
-// The dumps that the log says are done, each read by vestra-dump.
+// Reads each dump that the log reports as done with vestra-dump.
 void check_dumps(const std::string &reader) {
     static constexpr char kDone[] = "writefile exit [success] ";
     std::istringstream log(read_file(kLog));
@@ -75,7 +75,7 @@ void check_dumps(const std::string &reader) {
         if (at == std::string::npos) continue;
         std::string path = line.substr(at + sizeof kDone - 1);
         ++figures.dumps;
-        // The newest continuous dump loses its mark to the next.
+        // The next continuous dump takes the mark away.
         const bool marked = path.size() > 2 && path.compare(path.size() - 2, 2, "_l") == 0;
         if (!fs::exists(path) && marked) path.resize(path.size() - 2);
         if (!fs::exists(path)) {
@@ -117,8 +117,8 @@ void wait_until_it_records(Clock::time_point started, uint64_t blocks) {
     figures.slow_starts += at_once ? 0 : 1;
 }
 
-// From start to kill. Most rounds are short; some are long enough for a full chain and a key dump, some for continuous
-// dumps, which want two arguments.
+// One round, from start to kill. Most are short; some are long enough for a full chain and a key dump, some for
+// continuous dumps, which need two arguments.
 void play_round(Daemon &daemon, Triggers &triggers, const std::string &reader) {
     const uint64_t length = triggers.below(100);
     const bool continuous = length >= 92, full = length >= 80;
@@ -169,8 +169,8 @@ int main(int argc, char **argv) {
     asked.over = true;
     for (std::thread &client : clients) client.join();
 
-    std::printf("%-44s %d; while a dump was written %d, while the history was filled %d\n", "kills", kills,
-                figures.in_dump, figures.in_fill);
+    std::printf("%-44s %d; during a dump %d, during a history fill %d\n", "kills", kills, figures.in_dump,
+                figures.in_fill);
     std::printf("%-44s keys %d, faults %d, history %d, DOD %d, lists %d\n", "triggers", triggers.count[0],
                 triggers.count[1], triggers.count[2], triggers.count[3], triggers.count[4]);
     print("from the start to the first block recorded", figures.recording);
@@ -179,10 +179,10 @@ int main(int argc, char **argv) {
     std::printf("%-44s %d, damaged %d, missing %d\n", "dumps reported done", figures.dumps, figures.damaged,
                 figures.missing);
     std::printf("%-44s %d, broken %d\n", "databases checked after the kill", figures.databases, figures.broken);
-    std::printf("%-44s %d\n", "fills after a start that did not end", figures.not_filled);
-    std::printf("%-44s answered %ld, nobody there %ld, timed out %ld, wrong %ld, late %ld\n",
-                "questions (time-out 1 s)", asked.answered.load(), asked.nobody.load(), asked.timed_out.load(),
-                asked.wrong.load(), asked.late.load());
+    std::printf("%-44s %d\n", "fills after a start that did not finish", figures.not_filled);
+    std::printf("%-44s answered %ld, no daemon %ld, timed out %ld, wrong %ld, late %ld\n", "questions (time-out 1 s)",
+                asked.answered.load(), asked.nobody.load(), asked.timed_out.load(), asked.wrong.load(),
+                asked.late.load());
     const bool passed =
         figures.slow_starts + figures.damaged + figures.missing + figures.broken + figures.not_filled == 0 &&
         asked.wrong == 0 && asked.late == 0 && asked.answered > 0 &&

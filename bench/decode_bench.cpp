@@ -1,9 +1,11 @@
-// What decoding costs: decode_file storing everything, beside a bare walk over the varints of the same bytes and beside
-// protocol buffers that parse the same content and store nothing; and what the parts of it cost, each beside its floor.
-// The figures to watch: decoding divided by the walk (at most 2.2) and by protobuf's parse (at most 1); short-lived
-// processes divided by steady ones (at most 2); the list at its bound divided by a malloc and a free (at most 1.5); the
-// derived percentages (under 20 us). Reading the same as a dump, and deriving from it what the dump tool derives, stand
-// beside them. Making the blocks is not timed; nothing is logged.
+// The cost of decoding. Compares decode_file, which stores everything, with a bare walk over the varints of the same
+// bytes and with protocol buffers that parse the same content and store nothing. Also measures parts of decoding, each
+// next to a baseline.
+//
+// Watch: decoding divided by the walk (at most 2.2) and by protobuf's parse (at most 1); short-lived processes
+// divided by steady ones (at most 2); the full list divided by a malloc and a free (at most 1.5); the derived
+// percentages (under 20 us). For comparison, the same stream is read as a dump, without and with the figures that the
+// dump tool derives. Making the blocks is not timed, and nothing is logged.
 //
 // On a busy machine only rows that took turns are comparable:
 //
@@ -37,18 +39,18 @@ void empty_decoder() {
     maxTimeValue = -1;
 }
 
-// Runs `work` on block after block of the stream and reports its cost a message and a second.
+// Calls `work` on each block of the stream and reports the cost per message and the throughput.
 template <class Work>
 void run(benchmark::State &state, Life life, Work work) {
     empty_decoder();
     Stream stream(static_cast<int>(state.range(0)), life, life == Life::short_ ? 24 : 10);
-    for (const Block &block : stream.next()) work(block);  // every process is known from here on
+    for (const Block &block : stream.next()) work(block);  // now every process is known
     int64_t messages = 0, bytes = 0;
     Meter meter;
     for (auto unused : state) {
         (void)unused;
         const auto &blocks = stream.next();
-        if (life == Life::short_) vesrta_hash_init_hist();  // but not these
+        if (life == Life::short_) vesrta_hash_init_hist();  // forget the short-lived ones again
         meter.time(state, [&] {
             for (const Block &block : blocks) work(block);
         });
@@ -83,11 +85,11 @@ void BareVarintWalk(benchmark::State &state) {
 void DecodeAndStoreAll(benchmark::State &state) {
     run(state, Life::steady, decode);
 }
-// Without swap nothing is accounted to a process; the ring's writer meets processes without a name.
+// Without swap nothing is accounted to a process, and the ring's writer gets processes without a name.
 void DecodeWithoutSwap(benchmark::State &state) {
     run(state, Life::swapless, decode);
 }
-// Each is looked for in vain once.
+// Each process misses the history once.
 void DecodeShortLived(benchmark::State &state) {
     run(state, Life::short_, decode);
 }
@@ -117,8 +119,8 @@ void set_cores(NestedSample *to, const std::array<vestra_set::CoreTimes, vestra_
     }
 }
 
-// Parses the stream's messages, frame by frame as the decoder gets them, into an object that is used again: the fastest
-// way that the library has.
+// Parses the stream's messages frame by frame, as the decoder gets them, into one reused
+// object: the library's fastest way.
 template <class Frame>
 void parse(benchmark::State &state) {
     Stream stream(static_cast<int>(state.range(0)));
@@ -168,7 +170,7 @@ BENCHMARK(ProtobufFlat)->Arg(1500)->UseManualTime();
 BENCHMARK(ProtobufNested)->Arg(1500)->UseManualTime();
 #endif
 
-// The whole of a dump of a hundred blocks, from memory.
+// Reads a dump of a hundred blocks from memory.
 template <class Visitor, class... Arguments>
 void read_whole(benchmark::State &state, const Arguments &...arguments) {
     Stream stream(1500);
@@ -197,7 +199,7 @@ void ReadDumpAndDerive(benchmark::State &state) {
     read_whole<vestra_dump::Summariser>(state, "dump", vestra_dump::DumpTime{}, size_t{10});
 }
 
-// A process that is not in the history.
+// Looks up a process that is not in the history.
 void HistoryMiss(benchmark::State &state) {
     empty_decoder();
     for (auto unused : state) {
@@ -206,7 +208,7 @@ void HistoryMiss(benchmark::State &state) {
     }
 }
 
-// One sample more in the list at its bound: a node is made, goes in, and one falls off.
+// One more sample for a full list: a node is made and inserted, and the oldest is dropped.
 class FullList {
   public:
     FullList() {
@@ -227,7 +229,7 @@ void ListAtBound(benchmark::State &state) {
         insert_node(list.node());
     }
 }
-// Going in and falling off alone. Of the nodes that fall off one is kept for the next to be made, the others are freed.
+// Only inserting and dropping. One dropped node is kept for reuse, the others are freed.
 void ListInsertAndTrim(benchmark::State &state) {
     static constexpr int kNodes = 1000;
     FullList list;
@@ -244,7 +246,7 @@ void ListInsertAndTrim(benchmark::State &state) {
     }
     state.counters["ns/node"] = seconds * 1e9 / kNodes / static_cast<double>(state.iterations());
 }
-// What the list's lock takes of both.
+// The share of the list's lock in both.
 void LockUnlock(benchmark::State &state) {
     for (auto unused : state) {
         (void)unused;
@@ -253,10 +255,10 @@ void LockUnlock(benchmark::State &state) {
     }
 }
 
-// Its floor: a block of a node's size, taken and given back at once, or given back as the oldest of as many as the list
-// holds.
+// Baselines of the list: a block of a node's size is allocated and freed at once, or freed as the oldest of as many
+// blocks as the list has nodes.
 void MallocFree(benchmark::State &state) {
-    void *(*volatile take)(size_t) = malloc;  // so that the pair is not optimised away
+    void *(*volatile take)(size_t) = malloc;  // volatile: the pair must not be optimised away
     for (auto unused : state) {
         (void)unused;
         free(take(sizeof(circ_buf_shm)));
@@ -274,8 +276,8 @@ void MallocFreeOldest(benchmark::State &state) {
     for (void *block : blocks) free(block);
 }
 
-// What the first sample of a second costs when the ring is full: 179 steps, each with an average over 500 samples. With
-// `rising` usage every average is a new peak.
+// The cost of the first sample of a second when the ring is full: 179 steps, each with an average over 500 samples.
+// With `rising` usage every average is a new peak.
 void DerivedPercentages(benchmark::State &state, bool rising) {
     empty_decoder();
     g_CPUTotalPercent = 0;

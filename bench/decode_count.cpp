@@ -1,5 +1,5 @@
-// The work that scripts/instruction-count counts: a small fixed stream, decoded by decode_counted alone. Each call of
-// it is one of the situations that decoding meets: processes known and new, the list filling and full, the ring full.
+// The work that scripts/instruction-count counts: decode_counted decodes a small fixed stream. Its calls cover what
+// happens while decoding: known and new processes, a list that fills and a full one, a full ring.
 
 #include <iterator>
 #include <vector>
@@ -10,7 +10,7 @@
 
 using namespace vestra_bench;
 
-// Not inlined: the script switches the counting on at its name.
+// Not inlined: the script starts counting at this name.
 extern "C" [[gnu::noinline]] void decode_counted(const std::vector<Block> &blocks) {
     for (const Block &block : blocks) {
         decode_file(const_cast<unsigned char *>(block.data()), static_cast<unsigned>(block.size()));

@@ -1,10 +1,10 @@
-// Two files with the same content: a dump, and a trace in the Common Trace Format (CTF 1.8) with an event for every
-// message, so that a reader of the one can be held against a reader of the other. And the floor of reading the dump.
+// Writes two files with the same content: a dump, and a trace in the Common Trace Format (CTF 1.8) with an event for
+// every message. So the readers of the two formats can be compared. Also walks a dump as a baseline for reading it.
 //
 //   dump_pair make DIR MIB     writes DIR/dump and DIR/ctf/, prints the number of messages
-//   dump_pair walk DUMP        takes every varint and stores nothing
+//   dump_pair walk DUMP        reads every varint and stores nothing
 //
-// The events hold a message's elements as aligned integers of 64 bits, the fastest to read that the format has.
+// The events hold the elements as aligned 64-bit integers, which are the format's fastest to read.
 
 #include <fcntl.h>
 #include <sys/mman.h>

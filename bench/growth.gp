@@ -1,4 +1,4 @@
-# How cost grows, from what scripts/bench has measured: gnuplot -c growth.gp DIRECTORY SVG
+# Plots how cost grows, from the results of scripts/bench: gnuplot -c growth.gp DIRECTORY SVG
 set terminal svg size 900,640 font "sans-serif,12" background "#ffffff"
 set output ARG2
 set key bottom right reverse Left samplen 2

@@ -1,10 +1,10 @@
-// What filling the process history costs: the daemon's own fill of a full list, beside the same statements handed to
-// the SQLite library, and to the sqlite3 shell, in the same run on the same file system. The figures to watch:
-// rows/s of the fill over rows/s of the shell (at least 1), and held_ms, the longest time for which a thread that wants
-// the capture chain's lock, as the reader does, had to wait for one fill.
+// The cost of filling the process history. Compares the daemon's fill of a full list with the same statements passed to
+// the SQLite library and to the sqlite3 shell, in the same run and on the same file system. Watch rows/s of the fill
+// divided by rows/s of the shell (at least 1), and held_ms: the longest time that a thread which needs the capture
+// chain's lock, like the reader, waits for one fill.
 //
-// The database is in the working directory, or where VESTRA_BENCH_DIR says: on a disk the syncs of its 53 transactions
-// decide, on a tmpfs the work. On a busy machine the three are only comparable when they take turns:
+// The database is in the working directory, or in VESTRA_BENCH_DIR. On a disk the syncs of its 53 transactions
+// dominate, on a tmpfs the computation. On a busy machine the three are comparable only if they take turns:
 //
 //   history_bench --benchmark_repetitions=15 --benchmark_enable_random_interleaving=true
 
@@ -35,7 +35,7 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// A directory of our own, with the state directory that the trigger key needs; gone at the end.
+// A temporary directory with the state directory that the trigger key needs. Removed at the end.
 class Workplace {
   public:
     Workplace() {
@@ -59,7 +59,7 @@ class Workplace {
     fs::path path_;
 };
 
-// The daemon's list, as full as it gets, from the blocks of a made-up set.
+// Fills the daemon's list to its limit with the synthetic source.
 void fill_list() {
     if (ghead_shm != nullptr) return;
     init_collected_data();
@@ -74,7 +74,7 @@ void fill_list() {
     }
 }
 
-// The fill's statements, as a trace of the daemon's own run gives them, and the number of rows in them.
+// The fill's statements, traced from a fill by the daemon's code, and the number of rows in them.
 struct Statements {
     std::vector<std::string> texts;
     int64_t rows = 0;
@@ -83,7 +83,7 @@ struct Statements {
 const Statements &prepare(const std::string &database) {
     static Statements statements;
     static std::string path;
-    dlog_set_threshold(DLOG_ERROR + 1);  // the fill says five lines at error level
+    dlog_set_threshold(DLOG_ERROR + 1);  // a fill logs five lines at error level
     fill_list();
     path = database;
     dbPath = path.data();
@@ -107,7 +107,7 @@ const Statements &prepare(const std::string &database) {
     return statements;
 }
 
-// Runs `work` once an iteration and reports rows a second.
+// Runs `work` once per iteration and reports rows per second.
 template <class Work>
 void run(benchmark::State &state, int64_t rows, Work work) {
     for (auto unused : state) {
@@ -119,7 +119,7 @@ void run(benchmark::State &state, int64_t rows, Work work) {
         benchmark::Counter(static_cast<double>(rows), benchmark::Counter::kIsIterationInvariantRate);
 }
 
-// As the trigger's callback does it, with a thread beside it that wants the lock every 200 us.
+// As the trigger's callback does it, while another thread takes the lock every 200 us.
 void DaemonFill(benchmark::State &state) {
     const Workplace place;
     const Statements &statements = prepare(place.file("history.db"));
@@ -127,9 +127,9 @@ void DaemonFill(benchmark::State &state) {
     double longest_ms = 0;
     std::thread reader([&] {
         while (!stop) {
-            const auto wanted = Clock::now();
+            const auto begin = Clock::now();
             pthread_mutex_lock(&lock);
-            const std::chrono::duration<double, std::milli> waited = Clock::now() - wanted;
+            const std::chrono::duration<double, std::milli> waited = Clock::now() - begin;
             pthread_mutex_unlock(&lock);
             longest_ms = std::max(longest_ms, waited.count());
             std::this_thread::sleep_for(std::chrono::microseconds(200));
@@ -161,7 +161,7 @@ void SqliteLibrary(benchmark::State &state) {
     });
 }
 
-// Its start included, as its user has it.
+// Including the start of the shell.
 void SqliteShell(benchmark::State &state) {
     const Workplace place;
     const std::string database = place.file("history.db");
@@ -176,7 +176,7 @@ void SqliteShell(benchmark::State &state) {
     });
 }
 
-// Real time: the work is waited for, by the reader too.
+// Real time, because callers wait for the fill.
 BENCHMARK(DaemonFill)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(SqliteLibrary)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(SqliteShell)->UseRealTime()->Unit(benchmark::kMillisecond);

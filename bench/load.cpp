@@ -1,5 +1,5 @@
-// Many clients ask the daemon at once, without pause, while it takes in whole blocks and writes dumps. scripts/load
-// makes the set for it: a steady made-up stream, of which the range of every vital is known.
+// Many clients ask the daemon at once, without pause, while it reads full blocks and writes dumps. scripts/load starts
+// the set for it, with a steady synthetic stream in which the range of every vital is known.
 //
 //   load SECONDS CLIENTS SEED VESTRAD
 
@@ -14,17 +14,17 @@ namespace {
 using namespace rig;
 
 constexpr int kTimeoutMs = 2000;
-constexpr double kLateMs = 500;     // beyond that, on a busy machine
-constexpr size_t kKept = 1U << 17;  // waits of a client
+constexpr double kLateMs = 500;     // allowed beyond the time-out, on a busy machine
+constexpr size_t kKept = 1U << 17;  // waiting times that are kept for each client
 
-// What each vital can be at 45 degrees in the steady profile.
+// Range of each vital in the steady profile, at 45 degrees.
 constexpr struct Range {
     double least, most;
 } kRanges[kVestraVitals] = {{3900, 5700}, {3, 5},   {0, 100},         {0, 100},        {0, 100},        {45, 54},
                             {45, 54},     {45, 54}, {45, 54},         {45, 54},        {0, 4},          {55, 85},
                             {5, 25},      {2.8, 4}, {117964, 353895}, {94371, 283116}, {235929, 707789}};
 
-// One client's, in memory that it shares with the program.
+// The results of one client, in shared memory.
 struct Tally {
     uint64_t answered, timed_out, nobody, other, late;
     uint64_t out_of_range, inconsistent, misdirected;
@@ -35,7 +35,7 @@ struct Tally {
 
 bool in_range(const vestra_api_data &answer) {
     const Range &range = kRanges[answer.packet_type];
-    // 0 is a second without data, which a minimum may show, and a window of such seconds has no average.
+    // A second without data counts as 0, which a minimum may show. A window of only such seconds has no average.
     const auto fits = [&](double value) { return value == 0 || (value >= range.least && value <= range.most); };
     const bool average = std::isnan(answer.average) || fits(answer.average) ||
                          std::fabs(answer.average - std::clamp(answer.average, range.least, range.most)) < 1;
@@ -140,10 +140,10 @@ int main(int argc, char **argv) {
     const auto number = [](uint64_t value) { return static_cast<unsigned long long>(value); };
     std::printf("%-44s %zu for %.0f s; meanwhile %llu blocks of 128 KiB, %d dumps, %d fills\n", "clients at once",
                 clients, seconds, number(read), triggers.count[Triggers::kFault], triggers.count[Triggers::kHistory]);
-    std::printf("%-44s answered %llu, timed out %llu, nobody there %llu, other %llu, late %llu\n",
+    std::printf("%-44s answered %llu, timed out %llu, no daemon %llu, other %llu, late %llu\n",
                 "questions (time-out 2 s)", number(all.answered), number(all.timed_out), number(all.nobody),
                 number(all.other), number(all.late));
-    std::printf("%-44s of another vital %llu, out of range %llu, inconsistent %llu\n", "wrong answers",
+    std::printf("%-44s for another vital %llu, out of range %llu, inconsistent %llu\n", "wrong answers",
                 number(all.misdirected), number(all.out_of_range), number(all.inconsistent));
     std::printf("%-44s median %.1f, p90 %.1f, p99 %.1f, p99.9 %.1f, longest %.1f ms\n", "from question to answer",
                 at_share(us, 0.5) / 1e3, at_share(us, 0.9) / 1e3, at_share(us, 0.99) / 1e3, at_share(us, 0.999) / 1e3,

@@ -1,4 +1,4 @@
-// Time that a thread has had the processor, for rows whose preparation must not count.
+// Measures a thread's CPU time, for rows whose preparation must not count.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -9,15 +9,15 @@
 
 namespace vestra_bench {
 
-// Other work on the machine does not count.
+// CPU time of this thread. Other load on the machine does not count.
 inline double thread_seconds() {
     timespec now = {};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-// Adds up what the work of a row's iterations took. Asking for the time costs a call into the kernel, as much as a
-// small block does: that is taken off.
+// Adds up the time of a row's iterations. Reading the clock is a system call and costs as much as a small
+// block, so that time is subtracted.
 class Meter {
   public:
     template <class Work>

@@ -1,5 +1,5 @@
-// What crash, soak and load share: the daemon as a child in a set with a control node, and the triggers of other
-// programs. One thread, unless a comment says otherwise.
+// Shared by crash, soak and load: the daemon as a child process in a set with a control node, and the triggers that
+// other programs of a set would use. One thread unless noted otherwise.
 #pragma once
 
 #include <fcntl.h>
@@ -35,7 +35,7 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kLog[] = "/tmp/vestrad.log";
-constexpr char kReports[] = "/tmp/reports";  // where fault dumps are asked for
+constexpr char kReports[] = "/tmp/reports";  // directory of fault dumps
 constexpr char kStick[] = "/media/STICK";
 constexpr char kDodFolder[] = "/media/STICK/issue_report_agent_DOD/Vestra";
 constexpr char kHistoryKey[] = "memory/SHM/trigger_db_write";
@@ -54,7 +54,7 @@ inline std::string read_file(const std::string &path) {
     return text.str();
 }
 
-// Looks every 2 ms. False when it has not come true within `ms`.
+// Checks every 2 ms. Returns false if the condition has not come true within `ms`.
 inline bool comes_true(const std::function<bool()> &condition, double ms) {
     for (const auto begin = Clock::now(); !condition(); pause_ms(2)) {
         if (ms_since(begin) > ms) return false;
@@ -62,7 +62,7 @@ inline bool comes_true(const std::function<bool()> &condition, double ms) {
     return true;
 }
 
-// The module's word about itself, of this moment.
+// The module's current status.
 inline nlohmann::json module() {
     return nlohmann::json::parse(read_file("/tv/node/status"), nullptr, false);
 }
@@ -73,10 +73,10 @@ inline bool hand_out_nothing_more() {
     std::ofstream(state_path("module/inject")) << "empty 1000000000\n";
     const auto empty = [] { return module()["reads"].value("empty", 0); };
     const int before = empty();
-    return comes_true([&] { return empty() > before + 40; }, 20000);  // a round of the reader's has twenty
+    return comes_true([&] { return empty() > before + 40; }, 20000);  // the reader tries twenty times a round
 }
 
-// At `share` (0 to 1) of the sorted figures.
+// Quantile of sorted figures; `share` is 0 to 1.
 template <class Figure>
 Figure at_share(const std::vector<Figure> &sorted, double share) {
     return sorted.empty()
@@ -91,7 +91,7 @@ class Daemon {
     Daemon &operator=(const Daemon &) = delete;
     ~Daemon() { kill_now(); }
 
-    // `log` gets lines from `level` on. Does not wait for anything.
+    // `log` gets lines of `level` and above. Returns at once.
     void start(std::vector<std::string> arguments, const char *log, const char *level) {
         arguments.insert(arguments.begin(), program_);
         pid_ = fork();
@@ -122,8 +122,8 @@ class Daemon {
     pid_t pid_ = -1;
 };
 
-// What other programs of a set do at any moment. Every fault report is of another process, so that no dump is ever
-// overwritten.
+// Requests that other programs of a set may make at any moment. Every fault report names another
+// process, so no dump is overwritten.
 class Triggers {
   public:
     explicit Triggers(uint64_t seed) : random_(seed) {}
@@ -149,7 +149,7 @@ class Triggers {
                 break;
             default: {
                 static constexpr const char *kNames[] = {"ui-shell", "browser", "tuner", "epg", "netd", "voice"};
-                std::error_code ignored;  // a list that is still there is replaced
+                std::error_code ignored;  // an old list is replaced
                 std::ofstream("/tmp/list") << kNames[below(6)] << '\n' << kNames[below(6)] << '\n';
                 fs::remove("/tmp/vestra_processes/processes.txt", ignored);
                 fs::create_hard_link("/tmp/list", "/tmp/vestra_processes/processes.txt", ignored);
@@ -157,7 +157,7 @@ class Triggers {
             }
         }
     }
-    // Not the key: while that waits for a full chain, nothing else is served.
+    // Any trigger but the key: while a key press waits for a full chain, nothing else is served.
     void fire_any() { fire(static_cast<Kind>(kFault + below(kKinds - kFault))); }
 
     uint64_t below(uint64_t limit) { return random_() % limit; }
@@ -189,7 +189,7 @@ inline void make_rooms() {
     std::ofstream("/etc/prd_info.ini", std::ios::binary) << "Model=QX-55\nBuild=1234.5\r\n";
 }
 
-// Takes away what dumps have come, what was left in the making, and key presses that nobody took.
+// Removes all dumps, unfinished dumps, and key presses that were not taken.
 inline void sweep() {
     for (const char *directory : {kReports, kStick, kDodFolder}) {
         for (const std::string &file : files_in(directory)) fs::remove(file);

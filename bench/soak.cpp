@@ -1,10 +1,10 @@
-// An hour of set time at the highest rate with the triggers firing at random. scripts/soak makes the set for it.
+// An hour of stream time at the highest rate, with triggers firing at random. scripts/soak starts the set for it.
 //
-//   soak SECONDS_OF_SET_TIME SECONDS_IN_A_BLOCK SEED VESTRAD
+//   soak SECONDS_OF_STREAM_TIME SECONDS_IN_A_BLOCK SEED VESTRAD
 //
-// Memory, descriptors and threads are compared between the first and the last third of the time for which the chain is
-// full. Frames are counted where they are handed out, by the module, and where they are walked over: the daemon logs
-// each at the lowest level, into a pipe that is read here, and what it refuses or cannot reach as well.
+// Compares memory, descriptors and threads between the first and the last third of the time during which the chain is
+// full. Frames are counted twice: by the module when it hands them out, and here when the daemon walks them. The daemon
+// logs each frame at debug level into a pipe that is read here, also those that it refuses or does not reach.
 
 #include <sys/stat.h>
 
@@ -20,14 +20,14 @@ using namespace rig;
 
 constexpr char kLogPipe[] = "/tmp/log.pipe";
 constexpr uint64_t kChainBytes = 4U << 20;
-constexpr long kFlatKib = 256;  // that the median of resident memory may grow by
+constexpr long kFlatKib = 256;  // allowed growth of the median of resident memory
 constexpr double kSampleMs = 500;
 
 struct Counted {
     std::atomic<uint64_t> walked{0}, refused{0}, unreached{0}, errors{0}, dumps{0};
 } counted;
 
-// Until the daemon, the only writer, has ended.
+// Runs until the daemon, the only writer, has ended.
 void count_log() {
     FILE *log = fopen(kLogPipe, "re");
     char *line = nullptr;
@@ -45,7 +45,7 @@ void count_log() {
 }
 
 struct Sample {
-    double seconds;  // of set time
+    double seconds;  // of stream time
     long rss, descriptors, threads;
 };
 
@@ -90,7 +90,7 @@ void print(const Sample &sample) {
 
 int main(int argc, char **argv) {
     if (argc != 5) return 64;
-    const double wanted = std::atof(argv[1]), in_a_block = std::atof(argv[2]);
+    const double target = std::atof(argv[1]), in_a_block = std::atof(argv[2]);
     Triggers triggers(std::strtoull(argv[3], nullptr, 10));
     Daemon daemon(argv[4]);
     make_rooms();
@@ -99,15 +99,15 @@ int main(int argc, char **argv) {
     daemon.start({"4", "1"}, kLogPipe, "debug");
 
     const auto begin = Clock::now();
-    std::vector<Sample> full;  // since the chain is
+    std::vector<Sample> full;  // samples since the chain is full
     uint64_t blocks = 0, samples = 0;
     double next_trigger = 0;
-    std::printf("%10s %12s %12s %8s\n", "set time s", "resident KiB", "descriptors", "threads");
-    while (static_cast<double>(blocks) * in_a_block < wanted && daemon.alive()) {
+    std::printf("%10s %12s %12s %8s\n", "stream s", "resident KiB", "descriptors", "threads");
+    while (static_cast<double>(blocks) * in_a_block < target && daemon.alive()) {
         if (ms_since(begin) > next_trigger) {
             triggers.fire(static_cast<Triggers::Kind>(triggers.below(Triggers::kKinds)));
             next_trigger = ms_since(begin) + triggers.between(50, 2000);
-            // A stick does not hold an hour of dumps.
+            // The stick cannot hold an hour of dumps.
             if (triggers.below(20) == 0) sweep();
         }
         pause_ms(kSampleMs);
@@ -126,21 +126,21 @@ int main(int argc, char **argv) {
     const auto third = static_cast<std::ptrdiff_t>(full.size() / 3);
     const long rss =
         median(full.end() - third, full.end(), &Sample::rss) - median(full.begin(), full.begin() + third, &Sample::rss);
-    // A dump in the making has descriptors of its own: what is left between two is what counts.
+    // An unfinished dump has descriptors open, so the lowest counts are compared.
     const auto growth = [&](long Sample::*figure) {
         return lowest(full.end() - third, full.end(), figure) - lowest(full.begin(), full.begin() + third, figure);
     };
     const long descriptors = growth(&Sample::descriptors), threads = growth(&Sample::threads);
-    std::printf("%-44s %.0f s in %.1f minutes, %llu blocks of 128 KiB\n", "set time",
+    std::printf("%-44s %.0f s in %.1f minutes, %llu blocks of 128 KiB\n", "stream time",
                 static_cast<double>(blocks) * in_a_block, minutes, static_cast<unsigned long long>(blocks));
     std::printf("%-44s keys %d, faults %d, history %d, DOD %d, lists %d\n", "triggers", triggers.count[0],
                 triggers.count[1], triggers.count[2], triggers.count[3], triggers.count[4]);
     std::printf("%-44s %llu; log lines with \" failed\" %llu\n", "dumps written",
                 static_cast<unsigned long long>(counted.dumps), static_cast<unsigned long long>(counted.errors));
     std::printf("%-44s %+ld KiB, %+ld, %+ld\n", "growth of memory, descriptors, threads", rss, descriptors, threads);
-    std::printf("%-44s %llu handed out, %llu walked, %llu not reached, %llu of those walked refused\n", "frames",
+    std::printf("%-44s %llu handed out, %llu walked (%llu of these refused), %llu not reached\n", "frames",
                 static_cast<unsigned long long>(handed_out), static_cast<unsigned long long>(counted.walked),
-                static_cast<unsigned long long>(counted.unreached), static_cast<unsigned long long>(counted.refused));
+                static_cast<unsigned long long>(counted.refused), static_cast<unsigned long long>(counted.unreached));
     const bool passed = alive && counted_all && third > 0 && rss <= kFlatKib && descriptors <= 0 && threads <= 0 &&
                         counted.walked + counted.unreached == handed_out && counted.dumps > 0;
     std::printf("%s\n", passed ? "passed" : "FAILED");

@@ -1,5 +1,6 @@
-// From starting the daemon to the first block that it reads, beside starting a program that does nothing and waiting
-// for its end. Runs in a set with a control node and a stick, without which the daemon waits for one:
+// Time from starting the daemon to the first block that it reads, compared with starting a program that
+// does nothing and waiting for its end. Runs in a set with a control node and a stick; without a stick
+// the daemon would wait for one:
 //
 //   vestra-set sandbox --node --source synthetic --usb STICK:1M -- start_bench VESTRAD --benchmark_repetitions=9
 
@@ -13,7 +14,7 @@ using namespace rig;
 
 const char *g_vestrad = nullptr;
 
-// `done` tells whether the program has come as far as is measured.
+// Measures the time until `done` returns true.
 template <class Done>
 void run(benchmark::State &state, const char *program, Done done) {
     for (auto unused : state) {
@@ -22,9 +23,9 @@ void run(benchmark::State &state, const char *program, Done done) {
         const auto begin = Clock::now();
         daemon.start({}, kLog, "error");
         while (!done(daemon)) {
-            pause_ms(0.05);  // the daemon has a use for the processor
+            pause_ms(0.05);  // leaves the CPU to the daemon
             if (ms_since(begin) < 20000) continue;
-            state.SkipWithError("it does not come so far");
+            state.SkipWithError("not reached within 20 s");
             return;
         }
         state.SetIterationTime(ms_since(begin) / 1000);

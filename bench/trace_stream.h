@@ -1,5 +1,5 @@
-// The streams that decoding is measured with: blocks of 128 KiB unless told otherwise, eight switch messages a frame,
-// 1500 messages a second of the set's time.
+// The streams used to measure decoding: blocks of 128 KiB by default, eight switch messages a frame, 1500 messages a
+// second of stream time.
 #pragma once
 
 #include <array>
@@ -17,19 +17,19 @@ using Block = std::vector<uint8_t>;
 constexpr int kMessagesPerFrame = 8;
 constexpr size_t kBlock = 131072;
 constexpr uint64_t kMessageInterval = 1'000'000'000 / 1500;
-constexpr size_t kMessagesPerTick = 1500 / 250;  // the cores' counters advance with the clock
+constexpr size_t kMessagesPerTick = 1500 / 250;  // the cores' counters advance once a tick
 
 // How processes come and go.
 enum class Life {
     steady,    // each is sampled again and again
-    swapless,  // likewise, but without swap: nothing is accounted to a process
-    short_     // each is sampled three times, 4/3 s apart, and then followed by one with the next process id
+    swapless,  // the same without swap, so nothing is accounted to a process
+    short_     // each is sampled three times, 4/3 s apart, then replaced by one with the next process id
 };
 
-// Deterministic: two streams of the same parameters are the same.
+// Deterministic: equal parameters give equal streams.
 class Stream {
   public:
-    // `blocks` is what next() gives. 24 of them hold three samples of each of 10,000 short-lived processes.
+    // next() returns `blocks` blocks. 24 of them hold three samples of each of 10,000 short-lived processes.
     explicit Stream(int processes, Life life = Life::steady, size_t blocks = 10, size_t block_size = kBlock)
         : life_(life), block_size_(block_size), blocks_(blocks) {
         for (int i = 0; i < processes; ++i) {
@@ -45,8 +45,8 @@ class Stream {
         for (vestra_set::CoreTimes &core : cores_) core = {90000, 40000, 900000, 55, 800};
     }
 
-    // The next blocks, each full. Time goes on from one call to the next, as it does on a set. `visit(message, first)`
-    // is called for each message that is written; `first` when it is the first of its frame.
+    // The next blocks, each full. Time continues from one call to the next, as on a set. `visit(message, first)` is
+    // called for each message; `first` is true for the first message of a frame.
     template <class Visit>
     const std::vector<Block> &next(Visit visit) {
         messages_ = bytes_ = 0;
@@ -82,7 +82,7 @@ class Stream {
         std::string name;
     };
 
-    // The processes in turn; short-lived ones 2000 at a time, three times over.
+    // The processes in turn; short-lived ones in groups of 2000, each group three times.
     Process &next_process() {
         static constexpr size_t kAlive = 2000, kSamples = 3;
         const size_t turn = turn_++;
