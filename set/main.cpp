@@ -65,6 +65,7 @@ int run(int argc, char **argv) {
         "A simulated TV set for the flight recorder: runs the daemon at its real paths in a namespace of its own,\n"
         "with a kernel module, key presses, USB sticks and settings to play with.",
         "vestra-set");
+    app.set_version_flag("--version", "vestra-set " VESTRA_VERSION);
     app.require_subcommand(1);
     app.footer(kOverview);
     std::string name = "default";

@@ -22,6 +22,7 @@ constexpr const char *kOverview =
 
 int run(int argc, char **argv) {
     CLI::App app("Reads the dumps of the flight recorder: any size, damaged ones too.", "vestra-dump");
+    app.set_version_flag("--version", "vestra-dump " VESTRA_VERSION);
     app.require_subcommand(1);
     app.footer(kOverview);
     std::map<const CLI::App *, Action> actions;

@@ -82,6 +82,7 @@ int run(int argc, char **argv) {
         "seconds, or the current values.",
         "vestra-stat");
     app.footer(kFooter);
+    app.set_version_flag("--version", "vestra-stat " VESTRA_VERSION);
     app.add_option("VITAL", typed.words, "Which vitals, in which order")->type_name("");
     app.add_option("-w,--window", typed.window, "Seconds to look back, up to 180; 0: the current values")
         ->check(CLI::Range(0, kVestraWindowMax))
