@@ -95,7 +95,7 @@ void DecodeShortLived(benchmark::State &state) {
 }
 
 #ifdef VESTRA_BENCH_PROTOBUF
-void set_cores(FlatSample *to, const std::array<vestra_set::CoreTimes, vestra_set::kCores> &cores) {
+void set_cores(FlatSample *to, const std::array<trace::CoreTimes, trace::kCoreCount> &cores) {
 #define VESTRA_SET_CORE(n)                        \
     to->set_user##n(cores[n].user);               \
     to->set_system##n(cores[n].system);           \
@@ -108,8 +108,8 @@ void set_cores(FlatSample *to, const std::array<vestra_set::CoreTimes, vestra_se
     VESTRA_SET_CORE(3);
 #undef VESTRA_SET_CORE
 }
-void set_cores(NestedSample *to, const std::array<vestra_set::CoreTimes, vestra_set::kCores> &cores) {
-    for (const vestra_set::CoreTimes &core : cores) {
+void set_cores(NestedSample *to, const std::array<trace::CoreTimes, trace::kCoreCount> &cores) {
+    for (const trace::CoreTimes &core : cores) {
         Core *added = to->add_cores();
         added->set_user(core.user);
         added->set_system(core.system);
@@ -135,7 +135,7 @@ void parse(benchmark::State &state) {
             if (frame.sample_size() > 0) serialised.push_back(frame.SerializeAsString());
             frame.Clear();
         };
-        stream.next([&](const vestra_set::SwitchMessage &message, bool first) {
+        stream.next([&](const trace::SwitchMessage &message, bool first) {
             if (first) flush();
             auto *sample = frame.add_sample();
             sample->set_type(message.type);

@@ -44,7 +44,7 @@ event { name = switch; id = 0; stream_id = 0; fields := struct {
     uint64_t type; uint64_t element1; uint64_t pid; string name; uint64_t element4; uint64_t element5;
     uint64_t cpu_a; uint64_t cpu_b; uint64_t rss; uint64_t swap; uint64_t element10; uint64_t element11;
 )";
-    for (size_t core = 0; core < vestra_set::kCores; ++core) {
+    for (size_t core = 0; core < trace::kCoreCount; ++core) {
         for (const char *figure : {"user", "system", "idle", "temperature", "iowait"}) {
             text += std::string("    uint64_t ") + figure + std::to_string(core) + ";\n";
         }
@@ -61,14 +61,14 @@ void append_64(std::string *to, Integers... values) {
     append(to, all, sizeof all);
 }
 
-void append_event(std::string *to, const vestra_set::SwitchMessage &message) {
+void append_event(std::string *to, const trace::SwitchMessage &message) {
     const uint32_t id = 0;
     append(to, &id, sizeof id);
     append_64(to, message.time_ns, message.type, message.element1, message.pid);
     to->append(message.name).push_back('\0');
     append_64(to, message.element4, message.element5, message.cpu_a, message.cpu_b, message.rss, message.swap,
               message.element10, message.element11);
-    for (const vestra_set::CoreTimes &core : message.cores) {
+    for (const trace::CoreTimes &core : message.cores) {
         append_64(to, core.user, core.system, core.idle, core.temperature, core.iowait);
     }
 }
@@ -91,7 +91,7 @@ int make(const std::filesystem::path &directory, size_t bytes) {
     for (size_t written = 0; written < bytes; written += static_cast<size_t>(source.bytes())) {
         std::string events;
         uint64_t begin = 0, end = 0;
-        const auto &blocks = source.next([&](const vestra_set::SwitchMessage &message, bool) {
+        const auto &blocks = source.next([&](const trace::SwitchMessage &message, bool) {
             if (events.empty()) begin = message.time_ns;
             end = message.time_ns;
             append_event(&events, message);

@@ -64,10 +64,10 @@ void fill_list() {
     if (ghead_shm != nullptr) return;
     init_collected_data();
     vestra_set::SourceOptions options;
-    options.block_size = vestra_set::kMaxBlock;
+    options.block_size = trace::kBlockMax;
     std::string error;
     const auto source = vestra_set::make_source(options, &error);
-    std::vector<uint8_t> block(vestra_set::kMaxBlock);
+    std::vector<uint8_t> block(trace::kBlockMax);
     for (int i = 0; i < 10; ++i) {
         const size_t size = source->next_block(block.data(), block.size());
         decode_file(block.data(), static_cast<unsigned>(size));

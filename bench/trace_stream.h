@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "set/trace/frame_writer.h"
+#include "trace/frame_writer.h"
 
 namespace vestra_bench {
 
@@ -42,7 +42,7 @@ class Stream {
             process.name = "process-" + std::to_string(i);
             processes_.push_back(process);
         }
-        for (vestra_set::CoreTimes &core : cores_) core = {90000, 40000, 900000, 55, 800};
+        for (trace::CoreTimes &core : cores_) core = {90000, 40000, 900000, 55, 800};
     }
 
     // The next blocks, each full. Time continues from one call to the next, as on a set. `visit(message, first)` is
@@ -52,12 +52,12 @@ class Stream {
         messages_ = bytes_ = 0;
         for (Block &block : blocks_) {
             block.resize(block_size_);
-            vestra_set::FrameWriter writer(block.data(), block_size_ - vestra_set::kEndMark);
+            trace::FrameWriter writer(block.data(), block_size_ - trace::kEmptyRecord);
             bool room = true;
             while (room) {
-                room = writer.begin_frame(vestra_set::kSwitchFrame, 0);
+                room = writer.begin_frame(trace::kSwitchFrame, 0);
                 for (int i = 0; room && i < kMessagesPerFrame; ++i) {
-                    const vestra_set::SwitchMessage message = next_message();
+                    const trace::SwitchMessage message = next_message();
                     room = writer.add(message);
                     if (!room) continue;
                     visit(message, i == 0);
@@ -65,13 +65,13 @@ class Stream {
                 }
             }
             block.resize(writer.size());
-            block.insert(block.end(), vestra_set::kEndMark, 0);
+            block.insert(block.end(), trace::kEmptyRecord, 0);
             bytes_ += block.size();
         }
         return blocks_;
     }
     const std::vector<Block> &next() {
-        return next([](const vestra_set::SwitchMessage &, bool) {});
+        return next([](const trace::SwitchMessage &, bool) {});
     }
     int64_t messages() const { return messages_; }
     int64_t bytes() const { return static_cast<int64_t>(bytes_); }
@@ -91,9 +91,9 @@ class Stream {
         return processes_[(generation * kAlive + turn % kAlive) % processes_.size()];
     }
 
-    vestra_set::SwitchMessage next_message() {
+    trace::SwitchMessage next_message() {
         if (turn_ % kMessagesPerTick == 0) {
-            for (vestra_set::CoreTimes &core : cores_) {
+            for (trace::CoreTimes &core : cores_) {
                 const auto spent = random_() % 16;
                 ++(spent < 4 ? core.user : spent < 6 ? core.system : spent < 15 ? core.idle : core.iowait);
             }
@@ -102,7 +102,7 @@ class Stream {
         time_ += kMessageInterval;
         process.cpu_a += random_() % 3;
         process.cpu_b += random_() % 2;
-        vestra_set::SwitchMessage message;
+        trace::SwitchMessage message;
         message.time_ns = time_;
         message.element1 = 7;
         message.pid = process.pid;
@@ -121,7 +121,7 @@ class Stream {
     size_t block_size_;
     std::mt19937 random_{1};
     std::vector<Process> processes_;
-    std::array<vestra_set::CoreTimes, vestra_set::kCores> cores_{};
+    std::array<trace::CoreTimes, trace::kCoreCount> cores_{};
     size_t turn_ = 0;
     uint64_t time_ = 3'600'000'000'000;  // an hour after start
     std::vector<Block> blocks_;

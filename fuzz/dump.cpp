@@ -16,6 +16,7 @@
 #include "fuzz/fuzz_env.h"
 #include "tools/dump/row_text.h"
 #include "tools/dump/summary.h"
+#include "trace/percentages.h"
 
 using namespace vestra_dump;
 

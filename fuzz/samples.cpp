@@ -17,7 +17,7 @@
 
 #include "fuzz/decoder_state.h"
 #include "fuzz/fuzz_env.h"
-#include "set/trace/frame_writer.h"
+#include "trace/frame_writer.h"
 #include "vestra-daemon/decoder.h"
 
 namespace {
@@ -106,7 +106,7 @@ class Stream {
         std::copy(bytes_.begin(), bytes_.end(), block.get());
         decode_file(block.get(), static_cast<unsigned>(bytes_.size()));
         bytes_.clear();
-        writer_ = vestra_set::FrameWriter(&bytes_);
+        writer_ = trace::FrameWriter(&bytes_);
     }
 
   private:
@@ -128,7 +128,7 @@ class Stream {
                                                       std::string_view("z\0z", 3),
                                                       "\"",
                                                       "\xff"};
-        vestra_set::SwitchMessage message;
+        trace::SwitchMessage message;
         message.type = 1 + (entry[5] >> 7);
         message.time_ns = now_;
         message.element1 = entry[4];
@@ -143,19 +143,19 @@ class Stream {
         message.element10 = figure(entry[6]);
         message.element11 = figure(entry[7]);
         for (size_t core = 0; core < message.cores.size(); ++core) {
-            vestra_set::CoreTimes &times = message.cores[core];
+            trace::CoreTimes &times = message.cores[core];
             times = {ticks_, ticks_ / 3, ticks_ / 4, figure(entry[6] + core), ticks_ / 7};
             if ((entry[5] & 32) != 0) times.user = figure(entry[4] + core);
             if ((entry[5] & 64) != 0) times.iowait = figure(entry[6] + core);
         }
         if (!may_add(message.pid, message.rss != 0)) return;
-        if (bytes_.empty() || frame_ != vestra_set::kSwitchFrame) writer_.begin_frame(vestra_set::kSwitchFrame, 0);
-        frame_ = vestra_set::kSwitchFrame;
+        if (bytes_.empty() || frame_ != trace::kSwitchFrame) writer_.begin_frame(trace::kSwitchFrame, 0);
+        frame_ = trace::kSwitchFrame;
         writer_.add(message);
     }
 
     void add_memory(const uint8_t *entry) {
-        vestra_set::InfoMessage message;
+        trace::MeminfoMessage message;
         message.type = 1 + (entry[5] >> 7);
         message.time_ns = now_;
         message.name = "m";
@@ -163,8 +163,8 @@ class Stream {
         message.figure13 = figure(entry[5]);
         message.figure16 = figure(entry[6]);
         message.figure17 = figure(entry[7]);
-        if (bytes_.empty() || frame_ != vestra_set::kInfoFrame) writer_.begin_frame(vestra_set::kInfoFrame, 3);
-        frame_ = vestra_set::kInfoFrame;
+        if (bytes_.empty() || frame_ != trace::kMeminfoFrame) writer_.begin_frame(trace::kMeminfoFrame, 3);
+        frame_ = trace::kMeminfoFrame;
         writer_.add(message);
     }
 
@@ -196,7 +196,7 @@ class Stream {
     }
 
     std::vector<uint8_t> bytes_;
-    vestra_set::FrameWriter writer_{&bytes_};
+    trace::FrameWriter writer_{&bytes_};
     uint8_t frame_ = 0;
     uint64_t now_ = 600 * kSecond;
     uint64_t process_ = 1;

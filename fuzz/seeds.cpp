@@ -26,7 +26,7 @@ std::vector<std::string> blocks_of(const std::string &profile, uint32_t processe
     const auto source = vestra_set::make_source(options, &error);
     if (source == nullptr) throw std::runtime_error(error);
     std::vector<std::string> blocks;
-    std::vector<uint8_t> block(vestra_set::kMaxBlock);
+    std::vector<uint8_t> block(trace::kBlockMax);
     for (; count > 0; --count) {
         const size_t filled = source->next_block(block.data(), block.size());
         blocks.emplace_back(block.begin(), block.begin() + static_cast<ptrdiff_t>(filled));

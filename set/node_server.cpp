@@ -219,8 +219,8 @@ void on_read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fu
         fuse_reply_buf(request, part.data(), part.size());
         return;
     }
-    thread_local std::vector<uint8_t> block(kMaxBlock);
-    const ssize_t count = server(request).read(request, block.data(), std::min<size_t>(size, kMaxBlock));
+    thread_local std::vector<uint8_t> block(kBlockMax);
+    const ssize_t count = server(request).read(request, block.data(), std::min<size_t>(size, kBlockMax));
     if (count < 0) {
         fuse_reply_err(request, static_cast<int>(-count));
     } else {

@@ -48,7 +48,7 @@ class RemoteSource : public TraceSource {
 
     size_t next_block(uint8_t *out, size_t capacity) override {
         if (!socket_.valid()) return 0;
-        const uint32_t request[2] = {static_cast<uint32_t>(std::min<size_t>(capacity, kMaxBlock)),
+        const uint32_t request[2] = {static_cast<uint32_t>(std::min<size_t>(capacity, kBlockMax)),
                                      static_cast<uint32_t>(control_.size())};
         uint32_t size = 0;
         if (!send_all(socket_.get(), request, sizeof request) ||
@@ -82,10 +82,10 @@ bool source_pair(UniqueFd *outside, UniqueFd *inside) {
 }
 
 void serve_source(int socket, TraceSource &source) {
-    std::vector<uint8_t> block(kMaxBlock);
+    std::vector<uint8_t> block(kBlockMax);
     uint32_t request[2];
     while (receive_all(socket, request, sizeof request)) {
-        if (request[0] > kMaxBlock || request[1] > kControlLimit) return;
+        if (request[0] > kBlockMax || request[1] > kControlLimit) return;
         std::string control(request[1], '\0');
         if (!receive_all(socket, control.data(), control.size())) return;
         if (!control.empty()) {

@@ -1,7 +1,7 @@
 // A trace source that runs on the other side of a socket. Inside a set's pid namespace the machine's processes cannot
 // be seen; a source that samples them runs in the launcher, and the node server asks it for blocks.
 //
-// Request, host byte order:  u32 capacity (0..kMaxBlock), u32 length of the control, the control as JSON; a length of 0
+// Request, host byte order:  u32 capacity (0..kBlockMax), u32 length of the control, the control as JSON; a length of 0
 // says
 //                            that it is as it was
 // Answer:                    u32 size (0..capacity), the block

@@ -180,15 +180,15 @@ TEST_F(DecoderTest, CoresAreReadAnewWhateverTheMessageBeforeSaid) {
     };
     for (size_t changed = 0; changed < 20; ++changed) {
         for (const uint64_t figure : {8U, 300U, 300U}) {
-            vestra_set::SwitchMessage message = sample(2, 77, "player");
+            trace::SwitchMessage message = sample(2, 77, "player");
             std::string expected;
             for (size_t i = 0; i < 20; ++i) {
-                vestra_set::CoreTimes &core = message.cores[i / 5];
+                trace::CoreTimes &core = message.cores[i / 5];
                 uint64_t *const figures[] = {&core.user, &core.system, &core.idle, &core.temperature, &core.iowait};
                 *figures[i % 5] = i == changed ? figure : 7;
                 expected += std::to_string(*figures[i % 5]) + " ";
             }
-            const Bytes whole = frame(vestra_set::kSwitchFrame, message);
+            const Bytes whole = frame(trace::kSwitchFrame, message);
             decode({whole});
             EXPECT_EQ(cores_of_slot(), expected);
             decode({Bytes(whole.begin(), whole.end() - 1)});  // a block that is damaged at its end

@@ -6,7 +6,7 @@
 #include "decoder_support.h"
 
 using namespace decoder_test;
-using vestra_set::SwitchMessage;
+using trace::SwitchMessage;
 
 namespace {
 

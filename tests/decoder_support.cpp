@@ -55,12 +55,12 @@ int decode(const std::vector<Bytes> &frames) {
     return decode_block(block(frames));
 }
 
-void decode(const vestra_set::SwitchMessage &message) {
-    decode({frame(vestra_set::kSwitchFrame, message)});
+void decode(const trace::SwitchMessage &message) {
+    decode({frame(trace::kSwitchFrame, message)});
 }
 
-vestra_set::SwitchMessage sample(double seconds, uint64_t pid, std::string_view name) {
-    vestra_set::SwitchMessage message;
+trace::SwitchMessage sample(double seconds, uint64_t pid, std::string_view name) {
+    trace::SwitchMessage message;
     message.time_ns = static_cast<uint64_t>(std::llround(seconds * 1e9));
     message.pid = pid;
     message.name = name;

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "set/trace/frame_writer.h"
 #include "support/daemon_env.h"
+#include "trace/frame_writer.h"
 
 namespace decoder_test {
 
@@ -36,10 +36,10 @@ class DecoderTest : public DaemonTest {
 template <class... Messages>
 Bytes frame(uint8_t type, const Messages &...messages) {
     Bytes bytes;
-    vestra_set::FrameWriter writer(&bytes);
+    trace::FrameWriter writer(&bytes);
     writer.begin_frame(type, 0);
     (writer.add(messages), ...);
-    bytes.erase(bytes.begin(), bytes.begin() + vestra_set::kLengthField);
+    bytes.erase(bytes.begin(), bytes.begin() + trace::kLengthField);
     return bytes;
 }
 
@@ -48,10 +48,10 @@ Bytes block(const std::vector<Bytes> &frames);
 // decode_file on a block.
 int decode_block(const Bytes &block);
 int decode(const std::vector<Bytes> &frames);
-void decode(const vestra_set::SwitchMessage &message);
+void decode(const trace::SwitchMessage &message);
 
 // A process's sample that is accounted, at `seconds`.
-vestra_set::SwitchMessage sample(double seconds, uint64_t pid, std::string_view name);
+trace::SwitchMessage sample(double seconds, uint64_t pid, std::string_view name);
 
 // The list's samples, newest first, once its links and its size are found right: time, process, its name and memory
 // figures as a text; the CPU percentage apart.

@@ -7,10 +7,10 @@
 #include "tools/dump/analysis.h"
 
 using namespace decoder_test;
+using trace::SwitchMessage;
 using vestra_dump::Second;
 using vestra_dump::SwitchSample;
 using vestra_dump::Usage;
-using vestra_set::SwitchMessage;
 
 namespace {
 
@@ -105,7 +105,7 @@ Bytes steady(std::initializer_list<int64_t> seconds) {
     for (const int64_t second : seconds) {
         SwitchMessage message = sample(0, 7, "steady");
         message.time_ns = static_cast<uint64_t>(second * kSecond);
-        frames.push_back(frame(vestra_set::kSwitchFrame, message));
+        frames.push_back(frame(trace::kSwitchFrame, message));
     }
     return block(frames);
 }

@@ -71,14 +71,14 @@ TEST(DumpOutput, AnyNameComesOutOfEveryTableAndDoesNoHarm) {
         {"';DROP TABLE dumps;--", "';DROP TABLE dumps;--"},
     };
     std::vector<uint8_t> bytes;
-    vestra_set::FrameWriter writer(&bytes);
+    trace::FrameWriter writer(&bytes);
     std::vector<std::string> expected, from_csv, from_json;
     for (const auto &[name, text] : kNames) {
-        vestra_set::SwitchMessage message;
+        trace::SwitchMessage message;
         message.time_ns = 600'000'000'000 + expected.size();
         message.pid = 7;
         message.name = name;
-        writer.begin_frame(vestra_set::kSwitchFrame, 2);
+        writer.begin_frame(trace::kSwitchFrame, 2);
         writer.add(message);
         expected.push_back(text);
     }

@@ -118,9 +118,9 @@ TEST(DumpReader, OneWrongByteAnywhereCostsAtMostItsFrame) {
 // A switch frame of five messages.
 std::string frame() {
     std::vector<uint8_t> bytes;
-    vestra_set::FrameWriter writer(&bytes);
-    writer.begin_frame(vestra_set::kSwitchFrame, 1);
-    vestra_set::SwitchMessage message;
+    trace::FrameWriter writer(&bytes);
+    writer.begin_frame(trace::kSwitchFrame, 1);
+    trace::SwitchMessage message;
     message.name = "tuner";
     for (int i = 0; i < 5; ++i) writer.add(message);
     return {bytes.begin(), bytes.end()};

@@ -63,7 +63,7 @@ inline std::string synthetic(const char *profile, uint32_t processes, uint32_t b
     options.seed = seed;
     std::string error, all;
     const auto source = make_source(options, &error);
-    std::vector<uint8_t> block(vestra_set::kMaxBlock);
+    std::vector<uint8_t> block(trace::kBlockMax);
     for (; blocks > 0; --blocks) {
         const size_t size = source->next_block(block.data(), block.size());
         all.append(reinterpret_cast<const char *>(block.data()), size);

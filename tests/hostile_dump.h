@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "set/trace/frame_writer.h"
+#include "trace/frame_writer.h"
 
 namespace dump_test {
 
@@ -18,14 +18,14 @@ const std::vector<std::string> kHostileNames = {"</script><script>document.title
 // Seconds 600 to 659 without 620 to 629.
 inline std::string hostile_dump() {
     std::vector<uint8_t> bytes;
-    vestra_set::FrameWriter writer(&bytes);
+    trace::FrameWriter writer(&bytes);
     for (uint64_t second = 600; second < 660; ++second) {
         if (second == 640) writer.put_bytes(std::string(99, '\xff').data(), 99);
         if (second / 10 == 62) continue;
         const uint64_t time_ns = second * 1'000'000'000 + second % 10, past = second - 600;
-        writer.begin_frame(vestra_set::kSwitchFrame, 1);
+        writer.begin_frame(trace::kSwitchFrame, 1);
         for (size_t i = 0; i < kHostileNames.size(); ++i) {
-            vestra_set::SwitchMessage message;
+            trace::SwitchMessage message;
             message.time_ns = time_ns;
             message.pid = i == 5 ? 100 : 100 + i;  // the last is another one of the first's id
             if (i == 5 && second < 650) continue;
@@ -38,13 +38,13 @@ inline std::string hostile_dump() {
             for (auto &core : message.cores) core = {past * 50, past * 10, past * 190, 40 + past % 7, past};
             writer.add(message);
         }
-        vestra_set::InfoMessage info;
+        trace::MeminfoMessage info;
         info.time_ns = time_ns;
         info.name = "meminfo";
-        info.decimal = {vestra_set::tenths(421 + past), vestra_set::tenths(3), vestra_set::tenths(17)};
+        info.decimal = {trace::tenths(421 + past), trace::tenths(3), trace::tenths(17)};
         info.figure13 = 200'000 - past * 100;
         info.figure16 = info.figure17 = 700'000;
-        writer.begin_frame(vestra_set::kInfoFrame, 0);
+        writer.begin_frame(trace::kMeminfoFrame, 0);
         writer.add(info);
         writer.end_block();
     }

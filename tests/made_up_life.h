@@ -29,7 +29,7 @@ class Life {
     template <class Seen>
     Bytes live(int64_t second, const Seen &seen) {
         const bool glitch = random_() % 9 == 0;  // 80 percent, exactly so between two seconds of one sample
-        for (vestra_set::CoreTimes &core : cores_) {
+        for (trace::CoreTimes &core : cores_) {
             core.user += random_() % 120;
             core.system += random_() % 60;
             core.idle += 40;
@@ -41,7 +41,7 @@ class Life {
         for (size_t i = 0; i < messages; ++i) {
             if (i % 50 == 0) frames.push_back(memory(second, seen));
             const size_t chosen = messages == 1 ? 1 + static_cast<size_t>(second) / 4 % 2 : random_() % kProcesses;
-            vestra_set::SwitchMessage message = processes_[chosen];
+            trace::SwitchMessage message = processes_[chosen];
             message.time_ns = static_cast<uint64_t>(second * kSecond) + i * (kSecond / messages);
             if (late_ && i > 0 && random_() % 40 == 0 && second > 20) message.time_ns -= (1 + random_() % 4) * kSecond;
             if (i > 0 && random_() % 40 == 0) message = last_;  // once more
@@ -53,7 +53,7 @@ class Life {
             processes_[chosen].cpu_b -= random_() % 3;
             last_ = message;
             seen(message);
-            frames.push_back(frame(vestra_set::kSwitchFrame, message));
+            frames.push_back(frame(trace::kSwitchFrame, message));
         }
         Bytes bytes = block(frames);
         EXPECT_NE(decode_block(bytes), -1);
@@ -65,22 +65,22 @@ class Life {
 
     template <class Seen>
     Bytes memory(int64_t second, const Seen &seen) {
-        vestra_set::InfoMessage message;
+        trace::MeminfoMessage message;
         message.time_ns = static_cast<uint64_t>(second * kSecond) + random_() % (2 * kSecond);
         message.name = "meminfo";
-        for (vestra_set::Decimal &figure : message.decimal) figure = {random_() % 100, random_() % 2000};
+        for (trace::Decimal &figure : message.decimal) figure = {random_() % 100, random_() % 2000};
         for (uint64_t *figure : {&message.figure13, &message.figure16}) *figure = random_();
         message.figure17 = random_() % 7;
         seen(message);
-        return frame(vestra_set::kInfoFrame, message);
+        return frame(trace::kMeminfoFrame, message);
     }
 
     std::mt19937 random_;
     const bool late_;
     std::array<std::string, kProcesses> names_;
-    std::array<vestra_set::SwitchMessage, kProcesses> processes_;
-    std::array<vestra_set::CoreTimes, 4> cores_{};
-    vestra_set::SwitchMessage last_;
+    std::array<trace::SwitchMessage, kProcesses> processes_;
+    std::array<trace::CoreTimes, 4> cores_{};
+    trace::SwitchMessage last_;
 };
 
 }  // namespace decoder_test

@@ -7,9 +7,9 @@
 #include <sstream>
 
 #include "set/trace/dump_file.h"
-#include "set/trace/frame_writer.h"
 #include "set/trace/stream_stats.h"
 #include "set/trace/synthetic_source.h"
+#include "trace/frame_writer.h"
 #include "trace_reader.h"
 
 namespace vestra_set {
@@ -65,7 +65,7 @@ TEST(TraceDocument, ExamplesAreWhatIsWrittenAndRead) {
     ASSERT_TRUE(trailer);
     EXPECT_EQ(trailer->build + " " + trailer->model, "T-RX-1107.2/eu 24_TVX");
     EXPECT_EQ(trailer->lite_mode, 1);
-    EXPECT_EQ(trailer->size, dump.size() - kEndMark);
+    EXPECT_EQ(trailer->size, dump.size() - kEmptyRecord);
 }
 
 // What inspect_dump says of damage is compared with the dump tool's own reader in dump_reader_test.cpp.
@@ -80,7 +80,7 @@ TEST(Replay, HandsOutWhatWasRecorded) {
     std::vector<Bytes> blocks;
     size_t messages = 0;
     for (int i = 0; i < 60; ++i) {  // more than the reader holds at a time
-        Bytes block(kMaxBlock);
+        Bytes block(kBlockMax);
         block.resize(recorder->next_block(block.data(), block.size()));
         file.write(reinterpret_cast<const char *>(block.data()), static_cast<std::streamsize>(block.size()));
         messages += read_block(block).messages.size();
@@ -99,8 +99,8 @@ TEST(Replay, HandsOutWhatWasRecorded) {
         const auto source = make_source(options, &error);
         std::vector<Bytes> again;
         size_t messages_again = 0;
-        Bytes block(kMaxBlock);
-        for (size_t size; (size = source->next_block(block.data(), kMaxBlock)) > 0;) {
+        Bytes block(kBlockMax);
+        for (size_t size; (size = source->next_block(block.data(), kBlockMax)) > 0;) {
             again.emplace_back(block.begin(), block.begin() + static_cast<long>(size));
             messages_again += read_block(again.back()).messages.size();
         }

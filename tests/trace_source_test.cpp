@@ -35,7 +35,7 @@ std::unique_ptr<SyntheticSource> made(const char *profile, uint64_t seed, uint32
 }
 
 Bytes next(TraceSource &source) {
-    Bytes block(kMaxBlock);
+    Bytes block(kBlockMax);
     block.resize(source.next_block(block.data(), block.size()));
     return block;
 }
@@ -73,7 +73,7 @@ TEST(SyntheticSource, ReadersFindThePlanBeforeAndBehindEveryKindOfDamage) {
         for (const PlannedFrame &frame : source->plan().frames) {
             ++kinds[frame.damage];
             if (!frame.reached) continue;
-            for (const InfoMessage &message : frame.infos) planned.emplace_back(message.time_ns, 0);
+            for (const MeminfoMessage &message : frame.infos) planned.emplace_back(message.time_ns, 0);
             for (const SwitchMessage &message : frame.switches) planned.emplace_back(message.time_ns, message.pid);
         }
         EXPECT_EQ(read, planned);
@@ -144,7 +144,7 @@ TEST(HostSource, SamplesTheProcessesAskedForWhenTheyAreDue) {
     EXPECT_TRUE(messages[1].numbers[10] > messages[1].numbers[17] && messages[1].numbers[17] > 0);
     const uint64_t expected[] = {3000, 1000, 1000, 3000};  // ticks; three CPUs on four cores
     const auto cores = fold_cores({{1200, 0, 1200, 0}, {0, 0, 0, 0}, {1200, 0, 1200, 0}}, 100);
-    for (size_t core = 0; core < kCores; ++core) EXPECT_EQ(cores[core].user + cores[core].idle, 2 * expected[core]);
+    for (size_t core = 0; core < kCoreCount; ++core) EXPECT_EQ(cores[core].user + cores[core].idle, 2 * expected[core]);
 }
 
 }  // namespace

@@ -6,8 +6,8 @@
 #include <sys/wait.h>
 
 #include "set/config_file.h"
-#include "set/trace/frame_writer.h"
 #include "support/daemon_env.h"
+#include "trace/frame_writer.h"
 
 using namespace vestra_test;
 
@@ -71,12 +71,12 @@ void prepare_capture() {
     std::vector<uint8_t> blocks;
     for (int process = 0; process < kBlocks * kProcesses; ++process) {
         if (process % kProcesses == 0) blocks.resize(static_cast<size_t>(process) / kProcesses * kBlock);
-        vestra_set::SwitchMessage message;
+        trace::SwitchMessage message;
         message.time_ns = static_cast<uint64_t>(kFirstSecond + process) * 1'000'000'000;
         message.pid = 40 + static_cast<uint64_t>(process);
         message.name = "proc";
         message.rss = message.swap = 5;
-        vestra_set::FrameWriter writer(&blocks);
+        trace::FrameWriter writer(&blocks);
         writer.begin_frame(7, 0);
         writer.add(message);
     }

@@ -11,9 +11,9 @@
 #include "made_up_life.h"
 
 using namespace decoder_test;
-using vestra_set::CoreTimes;
-using vestra_set::InfoMessage;
-using vestra_set::SwitchMessage;
+using trace::CoreTimes;
+using trace::MeminfoMessage;
+using trace::SwitchMessage;
 
 namespace {
 
@@ -132,11 +132,11 @@ struct Model {
         for (; charge > 204800; list.pop_back(), charges.pop_back()) charge -= charges.back();
     }
 
-    void add(const InfoMessage &message) {
+    void add(const MeminfoMessage &message) {
         Second &second = touch(message.time_ns);
         second.has_memory = true;
         for (size_t i = 0; i < 3; ++i) {
-            const vestra_set::Decimal &figure = message.decimal[i];
+            const trace::Decimal &figure = message.decimal[i];
             second.vitals[11 + i] = std::stod(std::to_string(figure.integer) + "." + std::to_string(figure.fraction));
         }
         second.vitals[14] = number(message.figure13);

@@ -5,8 +5,7 @@
 //   5 Vitals store            6 Window statistics
 //   7 Message formats         8 Message decoders                     9 Walkers
 //  10 History database       11 Database fill
-// The wire format itself, what a frame and a message are made of, and how percentages are computed stand in decoder.h
-// (namespace trace).
+// The wire format is in trace/trace_format.h, how percentages are computed in trace/percentages.h.
 //
 // A block enters at decode_file (9), which copies frame by frame into frameData and walks the messages; a message is
 // read whole (8) before anything is stored: CPU history (3), memory list (4), then the ring (5).
@@ -98,8 +97,8 @@ void get_unpackedInt(int frame_len, int offset, char *frame, retIntStruct *ret) 
     const int left = offset < 0 || offset >= frame_len ? 0 : frame_len - offset;
     const unsigned char *start = bytes_at(frame, left > 0 ? offset : 0);
     const Varint number = take_varint(start, start + left);
-    if (number.behind != nullptr) {
-        *ret = {0, static_cast<int32_t>(number.behind - start), number.value};
+    if (number.next != nullptr) {
+        *ret = {0, static_cast<int32_t>(number.next - start), number.value};
         return;
     }
     int examined = 0;  // up to the number's last byte, or the frame's
@@ -737,7 +736,7 @@ void process_request(vestra_api_data *reqs, int count) {
 }
 
 /* ------------------------------ 7. Message formats ------------------------------ */
-// The element tables of decoder.h, with what is logged where an element cannot be read.
+// The element tables of trace_format.h, with what is logged where an element cannot be read.
 
 struct MessageFormat {
     const ElementKind *kinds;
@@ -829,7 +828,7 @@ static inline const unsigned char *take_core(const unsigned char *at, const unsi
         const Varint number = take_varint(at, end);
         (sample->*figures)[core] = static_cast<int64_t>(number.value);
         starts[index] = at;
-        at = number.behind;
+        at = number.next;
         return at != nullptr;
     };
     return (take(element, kCoreBlock[element].figures) && ...) ? at : nullptr;

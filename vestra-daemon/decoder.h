@@ -4,26 +4,26 @@
 // Everything here runs on the reader thread ("QXReadData") without a lock unless a comment names another thread. All
 // times are nanoseconds unless a comment says otherwise; CPU counters are clock ticks, 250 a second on each of 4 cores.
 //
-// The first three divisions (limits, wire format, percentages) are complete as they stand here: no state, no log,
-// nothing to link. The tools that read dumps include them, so that there is one definition of the format.
+// The wire format is in trace/trace_format.h, how percentages are computed in trace/percentages.h.
 #pragma once
 
 #include <pthread.h>
 
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "platform/vestra_api.h"
+#include "trace/percentages.h"
+#include "trace/trace_format.h"
 
 struct sqlite3;
 
 /* ------------------------------ Limits ------------------------------ */
 
-constexpr int kCoreCount = 4;
-constexpr uint32_t kFrameMax = 0x20000;   // bytes of a frame, header included
+using trace::kCoreCount;
+using trace::kFrameMax;
+
 constexpr int kSlotCount = 180;           // seconds that the vitals ring holds
 constexpr int kVitalCount = 17;           // doubles of a slot that a packet type names
 constexpr int kCpuSampleCount = 500;      // total CPU usage samples behind the peak average
@@ -32,161 +32,6 @@ constexpr int32_t kListLimit = 204800;    // accounted bytes of the per-process 
 constexpr int32_t kListNodeCharge = 20;   // accounted bytes of a node beside its two texts
 constexpr uint32_t kFlagSwitch = 0x80;    // the slot holds a switch sample
 constexpr uint32_t kFlagMeminfo = 0x100;  // the slot holds a CPU and memory sample
-
-/* ------------------------------ Wire format ------------------------------ */
-// docs/trace-format.md as constants, tables and readers. Any thread.
-//
-//   block    record record record ...
-//   record   frame_len (4 bytes, little-endian, 0 to kFrameMax) | frame
-//   frame    type | core (below kCoreCount) | message message ... up to the frame's end
-//   message  type (varint, 1 or 2) | the elements of the frame's type | in a switch frame, the per-core block
-
-// Four bytes at `p`, little-endian.
-inline uint32_t get_frame_len(const unsigned char *p) {
-    return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
-}
-
-// `integer` with the decimal digits of `fraction` after the point: (36, 25) is 36.25. 36.05 cannot be said. A fraction
-// below 1 adds nothing.
-inline double covert_intfrac_double(int integer, int fraction) {
-    if (fraction <= 0) return integer;
-    int64_t scale = 1;  // ten to the number of the fraction's digits
-    while (scale <= fraction) scale *= 10;
-    return integer + static_cast<double>(fraction) / static_cast<double>(scale);
-}
-
-namespace trace {
-
-constexpr uint32_t kLengthField = 4;  // bytes in front of a frame
-constexpr int kFrameHeader = 1 + 1;   // type, core
-constexpr int kSwitchFrame = 7;       // frame types; every other is skipped by its length
-constexpr int kMeminfoFrame = 8;
-constexpr int kVarintMax = 10;    // bytes
-constexpr size_t kNameKept = 14;  // bytes of a process name that count
-
-enum ElementKind : uint8_t { kVarint, kString };  // a string is a varint N, at least 1, and N bytes
-
-// One switch message: twelve elements, then the per-core block.
-enum SwitchElement {
-    kSwitchTime,      // ns
-    kSwitchElement1,  // carried into the ring's slot
-    kSwitchPid,       // 0: nothing is accounted to a process
-    kSwitchName,
-    kSwitchElement4,  // not used
-    kSwitchElement5,  // not used
-    kSwitchCpuA,      // ticks
-    kSwitchCpuB,
-    kSwitchRss,  // both memory figures must not be 0 for a process to be accounted
-    kSwitchSwap,
-    kSwitchElement10,
-    kSwitchElement11,
-    kSwitchElements
-};
-
-// The per-core block: these five varints for core 0, then for core 1, 2 and 3.
-enum CoreElement { kCoreUser, kCoreSystem, kCoreIdle, kCoreTemperature, kCoreIowait, kCoreElements };
-
-// One CPU and memory message: eighteen elements. A decimal figure is two, its integer part and its digits.
-enum MeminfoElement {
-    kMeminfoTime,  // ns; 1 and 2 are not used
-    kMeminfoName = 3,
-    kMeminfoDecimal0 = 4,
-    kMeminfoDecimal1 = 6,
-    kMeminfoDecimal2 = 8,  // 10, 11 and 12 are not used
-    kMeminfoPlain3 = 13,   // 14 and 15 are not used
-    kMeminfoPlain4 = 16,
-    kMeminfoPlain5 = 17,
-    kMeminfoElements
-};
-
-constexpr ElementKind kSwitchKinds[kSwitchElements] = {kVarint, kVarint, kVarint, kString, kVarint, kVarint,
-                                                       kVarint, kVarint, kVarint, kVarint, kVarint, kVarint};
-constexpr ElementKind kMeminfoKinds[kMeminfoElements] = {kVarint, kVarint, kVarint, kString, kVarint, kVarint,
-                                                         kVarint, kVarint, kVarint, kVarint, kVarint, kVarint,
-                                                         kVarint, kVarint, kVarint, kVarint, kVarint, kVarint};
-static_assert(kSwitchKinds[kSwitchName] == kString && kMeminfoKinds[kMeminfoName] == kString, "the one string of each");
-
-// 1 and 2 do not differ in layout.
-constexpr bool is_message_type(uint64_t type) {
-    return type == 1 || type == 2;
-}
-
-// A varint that was taken. `behind` is null when there is none: it does not end within the bytes that may be read, or
-// within ten. Bits beyond 64 are lost.
-struct Varint {
-    const unsigned char *behind;
-    uint64_t value;
-};
-
-// The varint at `at`, in front of `end`. Not inlined, so that the short way of most numbers, below, can be.
-[[gnu::noinline]] inline Varint take_any_varint(const unsigned char *at, const unsigned char *end) {
-    uint64_t number = 0;
-    for (int shift = 0; at < end && shift < 7 * kVarintMax; shift += 7, ++at) {
-        number |= uint64_t{*at & 0x7fU} << shift;
-        if (*at < 0x80) return {at + 1, number};
-    }
-    return {nullptr, 0};
-}
-
-// The same.
-inline Varint take_varint(const unsigned char *at, const unsigned char *end) {
-    if (end - at < kVarintMax) return take_any_varint(at, end);
-    // What is taken off is the top bits of the bytes before the last.
-    if (at[0] < 0x80) return {at + 1, at[0]};
-    if (at[1] < 0x80) return {at + 2, at[0] + (uint32_t{at[1]} << 7) - 0x80};
-    if (at[2] < 0x80) return {at + 3, at[0] + (uint32_t{at[1]} << 7) + (uint32_t{at[2]} << 14) - 0x4080};
-    return take_any_varint(at, end);
-}
-
-// One element at `at`: a number into *value, or a string, which stays where it is, into *text. Returns what follows it,
-// null when it is not all there.
-template <ElementKind kind>
-inline const unsigned char *take_element(const unsigned char *at, const unsigned char *end, uint64_t *value,
-                                         std::string_view *text) {
-    const Varint number = take_varint(at, end);
-    if (number.behind == nullptr) return nullptr;
-    if (kind == kVarint) return *value = number.value, number.behind;
-    if (number.value == 0 || number.value > static_cast<uint64_t>(end - number.behind)) return nullptr;
-    *text = std::string_view(reinterpret_cast<const char *>(number.behind), static_cast<size_t>(number.value));
-    return number.behind + number.value;
-}
-
-// Figures of a vitals sample: a varint as a signed number, and a pair of them as integer part and digits.
-inline double plain_figure(uint64_t value) {
-    return static_cast<double>(static_cast<int64_t>(value));
-}
-
-inline double decimal_figure(const uint64_t *pair) {
-    return covert_intfrac_double(static_cast<int32_t>(pair[0]), static_cast<int32_t>(pair[1]));
-}
-
-/* ------------------------------ Percentages ------------------------------ */
-// Counters come from outside: their sums, differences and products wrap. Any thread.
-
-constexpr int64_t kNsPerSecond = 1000000000;
-constexpr double kTicksPerSecond = 250;  // of each core
-constexpr double kIowaitGlitch = 80.0;   // percent: this and more is not believed
-
-inline int64_t wrapping_sum(int64_t a, int64_t b) {
-    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
-}
-
-inline uint64_t distance(int64_t a, int64_t b) {
-    return a > b ? static_cast<uint64_t>(a) - static_cast<uint64_t>(b)
-                 : static_cast<uint64_t>(b) - static_cast<uint64_t>(a);
-}
-
-// All ticks of all cores in an interval.
-inline double ticks_in(double seconds) {
-    return seconds * kTicksPerSecond * kCoreCount;
-}
-
-inline double percent_of(int64_t now, int64_t before, double ticks) {
-    const uint64_t delta = static_cast<uint64_t>(now) - static_cast<uint64_t>(before);
-    return std::fabs(static_cast<double>(static_cast<int64_t>(delta * 100)) / ticks);
-}
-
-}  // namespace trace
 
 /* ------------------------------ Records ------------------------------ */
 
@@ -316,6 +161,9 @@ extern const char *sql;
 
 /* ------------------------------ Field readers ------------------------------ */
 // None reads at or beyond `frame_len`. A failed read leaves *ret as it is and logs a warning.
+
+using trace::covert_intfrac_double;
+using trace::get_frame_len;
 
 // The varint at `offset`: at most 10 bytes, bits beyond 64 are lost.
 void get_unpackedInt(int frame_len, int offset, char *frame, retIntStruct *ret);

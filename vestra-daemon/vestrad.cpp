@@ -662,7 +662,7 @@ void free_bufs_shm(circ_buf_shm **head) {
 static ssize_t read_block(int fd, unsigned char *buffer) {
     for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
         if (exit_flag) return 0;
-        const ssize_t count = read(fd, buffer, kBlockSize);
+        const ssize_t count = read(fd, buffer, kBlockMax);
         if (count != 0) return count;
         LOGW("WARN: Invalid Read (%d:%m) ", errno);
     }
@@ -685,7 +685,7 @@ static void trim_chain(circ_buf_s **head, unsigned int *total) {
 }
 
 int read_data(circ_buf_s **head, int fd, unsigned int *total) {
-    unsigned char buffer[kBlockSize];
+    unsigned char buffer[kBlockMax];
     const ssize_t count = read_block(fd, buffer);
     if (count == 0) return 0;
 

@@ -12,6 +12,7 @@
 
 #include "platform/key_combination.h"
 #include "platform/vconf.h"
+#include "trace/trace_format.h"
 #include "vestra-daemon/vestra_xml.h"
 
 struct circ_buf_shm;  // decoder.h
@@ -52,7 +53,7 @@ struct image_type_flags {
 };
 
 constexpr int kPathSize = 256;              // bytes of every path buffer that crosses a function boundary
-constexpr uint32_t kBlockSize = 0x20000;    // bytes asked for in one read of the control node
+using trace::kBlockMax;                     // bytes asked for in one read of the control node
 constexpr int kTemperatureFailed = -65535;  // GetTemperature's value for "no reading"
 
 /* ------------------------------ State ------------------------------ */

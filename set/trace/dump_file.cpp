@@ -9,14 +9,14 @@
 #include <charconv>
 #include <cstring>
 
-#include "set/trace/frame_writer.h"
+#include "trace/frame_writer.h"
 
 namespace vestra_set {
 namespace {
 
 constexpr std::string_view kLiteKey = "QXLiteMode=";
 constexpr size_t kWindow = size_t{512} * 1024;  // at least the longest record
-static_assert(kWindow >= kLengthField + kMaxFrame);
+static_assert(kWindow >= kLengthField + kFrameMax);
 
 // Takes a text and its length byte off the end of `tail`. Nothing when the length is 0 or leads out of it.
 std::optional<std::string_view> take_text(std::string_view *tail) {
@@ -118,8 +118,8 @@ uint64_t DumpFile::find_anchor(uint64_t from, uint64_t to) {
             at = to;
             break;
         }
-        const uint32_t length = load_length(look);
-        if (length > kMaxFrame || (look[kLengthField] != kSwitchFrame && look[kLengthField] != kInfoFrame)) continue;
+        const uint32_t length = get_frame_len(look);
+        if (length > kFrameMax || (look[kLengthField] != kSwitchFrame && look[kLengthField] != kMeminfoFrame)) continue;
         look = bytes(at, kLengthField + length, &available);
         if (is_anchor(look, available)) break;
     }
@@ -131,20 +131,20 @@ DumpRecord DumpFile::record(uint64_t offset) {
     DumpRecord result;
     result.offset = offset;
     size_t available = 0;
-    const uint8_t *look = bytes(offset, kLengthField + kMaxFrame, &available);
+    const uint8_t *look = bytes(offset, kLengthField + kFrameMax, &available);
     if (available == 0) return result;
-    const uint32_t length = available < kLengthField ? UINT32_MAX : load_length(look);
+    const uint32_t length = available < kLengthField ? UINT32_MAX : get_frame_len(look);
     if (length == 0) {
         result.kind = DumpRecord::kEmpty;
         result.size = kLengthField;
         return result;
     }
-    if (length <= kMaxFrame && length <= available - kLengthField) {
+    if (length <= kFrameMax && length <= available - kLengthField) {
         const uint64_t end = offset + kLengthField + length;
         result.kind = DumpRecord::kFrame;
         result.size = end - offset;
         result.frame = check_frame(look + kLengthField, length);
-        const bool known = result.frame.type == kSwitchFrame || result.frame.type == kInfoFrame;
+        const bool known = result.frame.type == kSwitchFrame || result.frame.type == kMeminfoFrame;
         if (result.frame.verdict == FrameCheck::kGood && known) return result;
         // A length that reaches over the start of another frame is no length.
         const uint64_t anchor = find_anchor(offset + 1, end);

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "set/trace/frame_writer.h"
+#include "trace/frame_writer.h"
 
 namespace vestra_set {
 namespace {
@@ -52,17 +52,12 @@ class Fields {
 
 }  // namespace
 
-uint32_t load_length(const uint8_t *bytes) {
-    return bytes[0] | static_cast<uint32_t>(bytes[1]) << 8 | static_cast<uint32_t>(bytes[2]) << 16 |
-           static_cast<uint32_t>(bytes[3]) << 24;
-}
-
 FrameCheck check_frame(const uint8_t *frame, size_t size, uint64_t limit) {
     FrameCheck result;
     if (size > 0) result.type = frame[0];
     if (size < kFrameHeader) return result;
-    const bool known = frame[0] == kSwitchFrame || frame[0] == kInfoFrame;
-    if (known && frame[1] >= kCores) return result;
+    const bool known = frame[0] == kSwitchFrame || frame[0] == kMeminfoFrame;
+    if (known && frame[1] >= kCoreCount) return result;
     result.verdict = FrameCheck::kGood;
     if (!known) return result;
     const int numbers = frame[0] == kSwitchFrame ? kSwitchNumbers : kInfoNumbers;
@@ -91,10 +86,10 @@ FrameCheck check_frame(const uint8_t *frame, size_t size, uint64_t limit) {
 bool is_anchor(const uint8_t *bytes, size_t available) {
     if (available < kLengthField + kFrameHeader + 1) return false;
     const uint8_t *frame = bytes + kLengthField;
-    const size_t length = load_length(bytes);
+    const size_t length = get_frame_len(bytes);
     // Cheap looks first: this is asked at every byte of a damaged stretch.
-    if (length > kMaxFrame || length <= kFrameHeader || length > available - kLengthField) return false;
-    if ((frame[0] != kSwitchFrame && frame[0] != kInfoFrame) || frame[1] >= kCores) return false;
+    if (length > kFrameMax || length <= kFrameHeader || length > available - kLengthField) return false;
+    if ((frame[0] != kSwitchFrame && frame[0] != kMeminfoFrame) || frame[1] >= kCoreCount) return false;
     const FrameCheck check = check_frame(frame, length, kAnchorMessages);
     return check.verdict == FrameCheck::kGood && check.messages > 0;
 }

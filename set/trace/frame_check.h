@@ -5,7 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "trace/trace_format.h"
+
 namespace vestra_set {
+
+using namespace trace;
 
 struct FrameCheck {
     enum Verdict {
@@ -23,9 +27,6 @@ struct FrameCheck {
 // Judges the `size` bytes behind a length field. A type other than 7 and 8 is good as it is: its messages are not
 // known. Looks at no more than `limit` messages; a frame that is well-formed that far is good.
 FrameCheck check_frame(const uint8_t *frame, size_t size, uint64_t limit = UINT64_MAX);
-
-// 32 bits, little-endian.
-uint32_t load_length(const uint8_t *bytes);
 
 // Whether bytes in the middle of anything look so much like a frame record (a known type, a first message) that a
 // reader may go on from here: `available` bytes from here on are there to look at.

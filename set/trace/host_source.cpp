@@ -24,7 +24,6 @@
 #include <unordered_map>
 #include <utility>
 
-#include "set/trace/frame_check.h"
 #include "set/trace/synthetic_source.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -179,7 +178,7 @@ class Sampler {
         const pids_fetch *fetch = procps_pids_reap(pids_, PIDS_FETCH_TASKS_ONLY);
         const int total = fetch != nullptr ? fetch->counts->total : 0;
         std::unordered_map<int, Seen> seen;
-        std::array<std::vector<SwitchMessage>, kCores> messages;
+        std::array<std::vector<SwitchMessage>, kCoreCount> messages;
         for (int i = 0; i < total; ++i) {
             const pids_result *process = fetch->stacks[i]->head;
             const int pid = process[kPid].result.s_int;
@@ -207,7 +206,7 @@ class Sampler {
         }
         seen_.swap(seen);
         bool any = false;
-        for (size_t core = 0; core < kCores; ++core) {
+        for (size_t core = 0; core < kCoreCount; ++core) {
             any = any || !messages[core].empty();
             write_frames(core, messages[core], writer);
         }
@@ -237,7 +236,7 @@ class Sampler {
         const auto kib = [&](int item) { return uint64_t{stack->head[item].result.ul_int}; };
         double load = 0;
         if (procps_loadavg(&load, nullptr, nullptr) < 0 || !(load >= 0 && load < 1e6)) load = 0;
-        InfoMessage message;
+        MeminfoMessage message;
         message.time_ns = common.time_ns;
         message.element1 = processes;
         message.element2 = common.element11;
@@ -253,13 +252,13 @@ class Sampler {
         message.element15 = kib(kShared);
         message.figure16 = kib(kCached);
         message.figure17 = kib(kAvailable);
-        writer->begin_frame(kInfoFrame, 0);
+        writer->begin_frame(kMeminfoFrame, 0);
         writer->add(message);
     }
 
     size_t core_of(int cpu) const {
         if (cpu < 0 || cpus_.empty()) return 0;
-        return std::min(static_cast<size_t>(cpu) * kCores / cpus_.size(), kCores - 1);
+        return std::min(static_cast<size_t>(cpu) * kCoreCount / cpus_.size(), size_t{kCoreCount - 1});
     }
 
     pids_info *pids_ = nullptr;
@@ -280,7 +279,7 @@ class HostSource : public TraceSource {
   public:
     HostSource(std::unique_ptr<Sampler> sampler, const SourceOptions &options)
         : sampler_(std::move(sampler)),
-          block_size_(options.block_size > 0 ? options.block_size : kMaxBlock),
+          block_size_(options.block_size > 0 ? options.block_size : kBlockMax),
           period_(std::chrono::duration_cast<std::chrono::steady_clock::duration>(
               std::chrono::duration<double>(1 / (options.rate > 0 ? options.rate : kDefaultRate)))) {
         control_.tracing = true;
@@ -370,16 +369,16 @@ class HostSource : public TraceSource {
         if (!lock->owns_lock()) lock->lock();  // out of memory: this sample is lost
     }
 
-    size_t record_size(size_t offset) const { return kLengthField + load_length(pending_.data() + offset); }
+    size_t record_size(size_t offset) const { return kLengthField + get_frame_len(pending_.data() + offset); }
 
     // Moves whole frame records into `out`, oldest first.
     size_t take(uint8_t *out, size_t limit) {
-        if (limit < kEndMark) return 0;
+        if (limit < kEmptyRecord) return 0;
         size_t used = 0;     // of what waits
         size_t written = 0;  // into the block
         while (used < pending_.size()) {
             const size_t size = record_size(used);
-            if (size > limit - kEndMark - written) {
+            if (size > limit - kEmptyRecord - written) {
                 if (written > 0) break;
                 used += size;  // fits into no block of that size
                 continue;
@@ -390,7 +389,7 @@ class HostSource : public TraceSource {
         }
         pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(used));
         if (written == 0) return 0;
-        FrameWriter mark(out + written, kEndMark);
+        FrameWriter mark(out + written, kEmptyRecord);
         mark.end_block();
         return written + mark.size();
     }
@@ -412,15 +411,15 @@ class HostSource : public TraceSource {
 
 }  // namespace
 
-std::array<CoreTimes, kCores> fold_cores(const std::vector<CpuTicks> &cpus, uint64_t hertz) {
-    std::array<CoreTimes, kCores> cores{};
+std::array<CoreTimes, kCoreCount> fold_cores(const std::vector<CpuTicks> &cpus, uint64_t hertz) {
+    std::array<CoreTimes, kCoreCount> cores{};
     const size_t count = cpus.size();
     // Both CPUs and cores lie on a line of 4 N units; a CPU is 4 units long, a core N.
-    for (size_t core = 0; core < kCores; ++core) {
+    for (size_t core = 0; core < kCoreCount; ++core) {
         CpuTicks sum;
-        for (size_t cpu = core * count / kCores; cpu < count && cpu * kCores < (core + 1) * count; ++cpu) {
-            const size_t begin = std::max(cpu * kCores, core * count);
-            const size_t end = std::min((cpu + 1) * kCores, (core + 1) * count);
+        for (size_t cpu = core * count / kCoreCount; cpu < count && cpu * kCoreCount < (core + 1) * count; ++cpu) {
+            const size_t begin = std::max(cpu * kCoreCount, core * count);
+            const size_t end = std::min((cpu + 1) * kCoreCount, (core + 1) * count);
             sum.user += cpus[cpu].user * (end - begin);
             sum.system += cpus[cpu].system * (end - begin);
             sum.idle += cpus[cpu].idle * (end - begin);

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "set/trace/frame_writer.h"
 #include "set/trace/source.h"
+#include "trace/frame_writer.h"
 
 namespace vestra_set {
 
@@ -31,6 +31,6 @@ struct CpuTicks {
 // from i * 4 / N to (i + 1) * 4 / N of the cores: with two CPUs each becomes two cores, with eight two become one. So a
 // core never counts more than 250 ticks a second, and the four together show 100 % when the machine is busy on all its
 // CPUs, however many it has. Temperatures stay 0. No CPU: all 0.
-std::array<CoreTimes, kCores> fold_cores(const std::vector<CpuTicks> &cpus, uint64_t hertz);
+std::array<CoreTimes, kCoreCount> fold_cores(const std::vector<CpuTicks> &cpus, uint64_t hertz);
 
 }  // namespace vestra_set

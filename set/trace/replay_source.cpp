@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "set/trace/dump_file.h"
-#include "set/trace/frame_writer.h"
 #include "set/trace/pace.h"
+#include "trace/frame_writer.h"
 
 namespace vestra_set {
 namespace {
@@ -15,7 +15,7 @@ class ReplaySource : public TraceSource {
   public:
     ReplaySource(std::unique_ptr<DumpFile> file, const SourceOptions &options)
         : file_(std::move(file)),
-          block_size_(options.block_size > 0 ? options.block_size : kMaxBlock),
+          block_size_(options.block_size > 0 ? options.block_size : kBlockMax),
           as_recorded_(options.block_size == 0),
           loop_(options.loop),
           pace_(options.rate) {}
@@ -38,7 +38,7 @@ class ReplaySource : public TraceSource {
                (last == DumpRecord::kEmpty && !as_recorded_)) {
             const DumpRecord record = file_->record(end);
             // Room for the mark is kept behind everything but a mark.
-            const size_t mark = record.kind == DumpRecord::kEmpty ? 0 : kEndMark;
+            const size_t mark = record.kind == DumpRecord::kEmpty ? 0 : kEmptyRecord;
             if (record.kind == DumpRecord::kEnd || record.size + mark > limit - (end - offset_)) break;
             end += record.size;
             last = record.kind;

@@ -22,7 +22,7 @@ TraceSource::~TraceSource() = default;
 
 std::unique_ptr<TraceSource> make_source(const SourceOptions &options, std::string *error) {
     const bool host = options.kind == "host";
-    if (options.block_size != 0 && (options.block_size < kLeastBlock || options.block_size > kMaxBlock)) {
+    if (options.block_size != 0 && (options.block_size < kLeastBlock || options.block_size > kBlockMax)) {
         *error = "block size " + std::to_string(options.block_size) + ": wanted 64 to 131072 bytes";
         return nullptr;
     }

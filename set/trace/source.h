@@ -8,9 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "trace/trace_format.h"
+
 namespace vestra_set {
 
-constexpr size_t kMaxBlock = 131072;  // bytes: the most that one read of the control node asks for
+using namespace trace;  // sources are about nothing else
 
 // What the module has been told through its control node.
 struct ModuleControl {
@@ -30,7 +32,7 @@ class TraceSource {
     // Writes the next block into `out` and returns its size, 0..capacity. 0 when nothing is due yet, when the source
     // has come to its end, or while it has been told not to trace. Never throws, and never waits until something is
     // due. A block ends with an empty frame record, unless it ends with damage. Frames that do not fit into an empty
-    // block are left out (host, synthetic) or handed out in pieces (replay); kMaxBlock is enough for all that can fit
+    // block are left out (host, synthetic) or handed out in pieces (replay); kBlockMax is enough for all that can fit
     // into any.
     virtual size_t next_block(uint8_t *out, size_t capacity) = 0;
 
@@ -50,8 +52,8 @@ struct SourceOptions {
     //   replay     blocks a second, 0.01 to 10000; 0: every read gets a block
     double rate = 0;
 
-    // Bytes of a block, 64 to kMaxBlock.
-    //   host       at most so many; 0: kMaxBlock
+    // Bytes of a block, 64 to kBlockMax.
+    //   host       at most so many; 0: kBlockMax
     //   synthetic  every block is filled up to here; 0: every process once
     //   replay     as many whole frame records as fit; 0: what the recording marks as one block
     uint32_t block_size = 0;

@@ -4,7 +4,7 @@
 #include <iomanip>
 #include <sstream>
 
-#include "set/trace/frame_writer.h"
+#include "trace/frame_writer.h"
 
 namespace vestra_set {
 namespace {
@@ -62,8 +62,8 @@ std::string describe(const DumpReport &report) {
     out << report.file_bytes << " bytes, " << report.payload_bytes << " of them payload\n";
     const auto frames = [&](int type) { return report.frames.count(type) > 0 ? report.frames.at(type) : 0; };
     uint64_t others = 0;
-    for (const auto &[type, count] : report.frames) others += type == kSwitchFrame || type == kInfoFrame ? 0 : count;
-    out << "switch frames: " << frames(kSwitchFrame) << "\nCPU and memory frames: " << frames(kInfoFrame) << '\n';
+    for (const auto &[type, count] : report.frames) others += type == kSwitchFrame || type == kMeminfoFrame ? 0 : count;
+    out << "switch frames: " << frames(kSwitchFrame) << "\nCPU and memory frames: " << frames(kMeminfoFrame) << '\n';
     if (others > 0) out << "frames of other types: " << others << '\n';
     out << "messages: " << report.messages << '\n'
         << "empty records (ends of blocks): " << report.empty_records << '\n';

@@ -92,11 +92,11 @@ SyntheticSource::SyntheticSource(const SourceOptions &options, Profile profile)
 
 void SyntheticSource::make_processes(uint32_t count) {
     processes_.resize(count);
-    std::array<uint64_t, kCores> weights{};
+    std::array<uint64_t, kCoreCount> weights{};
     std::vector<uint64_t> weight(count);
     for (uint32_t i = 0; i < count; ++i) {
         SyntheticProcess &process = processes_[i];
-        process.core = static_cast<uint8_t>(static_cast<uint64_t>(i) * kCores / count);
+        process.core = static_cast<uint8_t>(static_cast<uint64_t>(i) * kCoreCount / count);
         process.pid = 300 + i;
         process.parent = i < 8 ? 1 : 300 + static_cast<uint32_t>(random(i));
         process.name = std::string(kNames[i % std::size(kNames)]);
@@ -179,15 +179,15 @@ SwitchMessage SyntheticSource::switch_message(size_t index, const Clock &now) co
     }
     message.element10 = 400 + 5 * load_ + swing(seconds, 20, 300);
     message.element11 = 1 + load_ / 250;
-    for (size_t core = 0; core < kCores; ++core) message.cores[core] = core_times(core, now);
+    for (size_t core = 0; core < kCoreCount; ++core) message.cores[core] = core_times(core, now);
     return message;
 }
 
-InfoMessage SyntheticSource::info_message(const Clock &now) const {
+MeminfoMessage SyntheticSource::info_message(const Clock &now) const {
     const uint64_t seconds = now.ns / kSecond;
     const uint64_t used = 550 + swing(seconds, 90, 300);  // thousandths of the memory
     const uint64_t swapped = 50 + swing(seconds, 300, 200);
-    InfoMessage message;
+    MeminfoMessage message;
     message.time_ns = now.ns;
     message.element1 = processes_.size();
     message.element2 = 1 + load_ / 250;
@@ -218,7 +218,7 @@ size_t SyntheticSource::next_block(uint8_t *out, size_t capacity) try {
     size_t size = 0;
     if (control_.tracing && !stalled()) {
         const bool fill = burst || (block_size_ > 0 && profile_ != Profile::kBurst);
-        size = write_block(out, std::min<size_t>(capacity, block_size_ > 0 ? block_size_ : kMaxBlock), fill);
+        size = write_block(out, std::min<size_t>(capacity, block_size_ > 0 ? block_size_ : kBlockMax), fill);
     }
     clock_ = at(clock_, plan_.end_ns);
     return size;
@@ -255,8 +255,8 @@ PlannedFrame *SyntheticSource::plan_frame(const FrameWriter &writer, uint8_t typ
 
 // Every process once, or as many messages as the limit holds.
 size_t SyntheticSource::write_block(uint8_t *out, size_t limit, bool fill) {
-    if (limit < kEndMark) return 0;
-    FrameWriter writer(out, limit - kEndMark);
+    if (limit < kEmptyRecord) return 0;
+    FrameWriter writer(out, limit - kEmptyRecord);
     const Clock begin = clock_;
     const uint64_t span = plan_.end_ns - plan_.begin_ns;
     const size_t once = std::max<size_t>(reported_.size(), 1);
@@ -274,7 +274,7 @@ size_t SyntheticSource::write_block(uint8_t *out, size_t limit, bool fill) {
         room = added > 0;
         if (frames % kInfoEvery == 0) room = room && write_info(&writer, at(begin, now));
     }
-    FrameWriter mark(out + writer.size(), kEndMark);
+    FrameWriter mark(out + writer.size(), kEmptyRecord);
     if (profile_ == Profile::kHostile && random(6) == 0) {
         plan_frame(writer, 0, 0, Damage::kCutLength);
         mark.put_bytes("\x07\x07\x07", 1 + static_cast<size_t>(random(3)));
@@ -285,10 +285,10 @@ size_t SyntheticSource::write_block(uint8_t *out, size_t limit, bool fill) {
 }
 
 bool SyntheticSource::write_info(FrameWriter *writer, const Clock &now) {
-    const InfoMessage message = info_message(now);
+    const MeminfoMessage message = info_message(now);
     if (writer->room() < kLengthField + kFrameHeader + message_size(message)) return false;
-    PlannedFrame *planned = plan_frame(*writer, kInfoFrame, 0, Damage::kNone);
-    writer->begin_frame(kInfoFrame, 0);
+    PlannedFrame *planned = plan_frame(*writer, kMeminfoFrame, 0, Damage::kNone);
+    writer->begin_frame(kMeminfoFrame, 0);
     writer->add(message);
     if (planned != nullptr) planned->infos.push_back(message);
     return true;
@@ -326,9 +326,10 @@ bool SyntheticSource::write_damage(FrameWriter *writer, const Clock &now) {
     const auto last = static_cast<uint64_t>(ending ? Damage::kBeyondBlock : Damage::kExtremes);
     const auto damage = static_cast<Damage>(first + random(last - first + 1));
     SwitchMessage good = switch_message(static_cast<size_t>(random(processes_.size())), now);
-    const auto core = static_cast<uint8_t>(damage == Damage::kCore ? kCores + random(256 - kCores) : random(kCores));
+    const auto core =
+        static_cast<uint8_t>(damage == Damage::kCore ? kCoreCount + random(256 - kCoreCount) : random(kCoreCount));
     const uint8_t type = damage == Damage::kUnknownType               ? static_cast<uint8_t>(9 + random(247))
-                         : damage == Damage::kNoise && random(2) == 0 ? kInfoFrame
+                         : damage == Damage::kNoise && random(2) == 0 ? kMeminfoFrame
                                                                       : kSwitchFrame;
     PlannedFrame *planned = plan_frame(*writer, type, core, damage);
     // The frame up to its fault.
@@ -416,11 +417,11 @@ bool SyntheticSource::write_damage(FrameWriter *writer, const Clock &now) {
             break;
         }
         case Damage::kOverlongLength:
-            writer->begin_record(static_cast<uint32_t>(kMaxFrame + 1 + random(UINT32_MAX - kMaxFrame)));
+            writer->begin_record(static_cast<uint32_t>(kFrameMax + 1 + random(UINT32_MAX - kFrameMax)));
             given_up_ = true;
             break;
         case Damage::kBeyondBlock:
-            writer->begin_record(kMaxFrame);
+            writer->begin_record(kFrameMax);
             given_up_ = true;
             break;
         case Damage::kNone:

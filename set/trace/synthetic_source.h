@@ -10,9 +10,9 @@
 #include <string_view>
 #include <vector>
 
-#include "set/trace/frame_writer.h"
 #include "set/trace/pace.h"
 #include "set/trace/source.h"
+#include "trace/frame_writer.h"
 
 namespace vestra_set {
 
@@ -30,7 +30,7 @@ enum class Damage : uint8_t {
     kUnknownType,     // of frame
     kNoise,           // random bytes behind the header
     kExtremes,        // well-formed, with all figures but the time stamp at their greatest, and a name of 300 bytes
-    kOverlongLength,  // above kMaxFrame: a reader gives up the block
+    kOverlongLength,  // above kFrameMax: a reader gives up the block
     kBeyondBlock,     // a length that leads out of the block: the same
     kCutLength,       // the block ends with one to three bytes instead of the mark
 };
@@ -42,7 +42,7 @@ struct PlannedFrame {
     Damage damage = Damage::kNone;
     bool reached = true;                  // false behind a length that makes a reader give up the block
     std::vector<SwitchMessage> switches;  // those that a reader takes, if it gets there
-    std::vector<InfoMessage> infos;
+    std::vector<MeminfoMessage> infos;
 };
 
 // What one block was made of. Names in it are views of the source's own.
@@ -101,7 +101,7 @@ class SyntheticSource : public TraceSource {
     bool write_damage(FrameWriter *writer, const Clock &now);
     Clock at(const Clock &begin, uint64_t ns) const;
     SwitchMessage switch_message(size_t index, const Clock &now) const;
-    InfoMessage info_message(const Clock &now) const;
+    MeminfoMessage info_message(const Clock &now) const;
     CoreTimes core_times(size_t core, const Clock &now) const;
     PlannedFrame *plan_frame(const FrameWriter &writer, uint8_t type, uint8_t core, Damage damage);
 
@@ -110,9 +110,9 @@ class SyntheticSource : public TraceSource {
     const uint64_t step_ns_;
     Pace pace_;
     uint64_t random_state_;
-    std::vector<SyntheticProcess> processes_;  // by core
-    std::array<uint64_t, kCores> user_ppm_{};  // sums over the processes of a core
-    std::array<uint64_t, kCores> system_ppm_{};
+    std::vector<SyntheticProcess> processes_;      // by core
+    std::array<uint64_t, kCoreCount> user_ppm_{};  // sums over the processes of a core
+    std::array<uint64_t, kCoreCount> system_ppm_{};
     ModuleControl control_;
     std::vector<uint32_t> reported_;  // indices of the processes that the filter lets through
     Clock clock_;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "trace/percentages.h"
+
 namespace vestra_dump {
 namespace {
 

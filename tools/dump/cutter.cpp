@@ -1,19 +1,12 @@
 #include "tools/dump/cutter.h"
 
 namespace vestra_dump {
-namespace {
-
-constexpr size_t kBlockMax = 131072;  // bytes that one read of the control node asks for
-constexpr size_t kMark = trace::kLengthField;
-
-}  // namespace
-
 void Cutter::on_frame(const Frame &frame) {
     if (frame.messages > 0) inside_ = frame.last_ns >= range_.from && frame.first_ns <= range_.to;
     const bool all = range_.from == INT64_MIN && range_.to == INT64_MAX;
     if (!inside_ && !all) return;
     const size_t size = trace::kLengthField + frame.raw_size;
-    if (block_ > 0 && block_ + size + kMark > kBlockMax) end_block();
+    if (block_ > 0 && block_ + size + trace::kEmptyRecord > trace::kBlockMax) end_block();
     write_length(frame.raw_size);
     out_.write({reinterpret_cast<const char *>(frame.raw), frame.raw_size});
     block_ += size;

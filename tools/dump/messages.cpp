@@ -9,7 +9,7 @@ namespace {
 constexpr int kMostElements = trace::kMeminfoElements;
 static_assert(int{trace::kSwitchElements} <= kMostElements);
 constexpr size_t kSmallestMessage = 1 + trace::kMeminfoElements + 1;  // one byte each, and one of text
-static_assert(kSmallestMessage < 1 + trace::kSwitchElements + 1 + kCoreCount * int{trace::kCoreElements});
+static_assert(kSmallestMessage < 1 + trace::kSwitchElements + 1 + trace::kCoreCount * int{trace::kCoreElements});
 
 // Takes fields off a frame's messages. Each returns false, and the frame is at its fault, when it is not all there.
 class Fields {
@@ -21,9 +21,9 @@ class Fields {
 
     bool number(uint64_t *value) {
         const trace::Varint number = trace::take_varint(at_, end_);
-        if (number.behind == nullptr) return false;
+        if (number.next == nullptr) return false;
         *value = number.value;
-        at_ = number.behind;
+        at_ = number.next;
         return true;
     }
 
@@ -101,7 +101,7 @@ bool skip_message(bool is_switch, Fields *fields) {
     std::string_view name;
     if (!is_switch) return fields->elements(trace::kMeminfoKinds, value, &name);
     if (!fields->elements(trace::kSwitchKinds, value, &name)) return false;
-    for (int i = 0; i < kCoreCount * int{trace::kCoreElements}; ++i) {
+    for (int i = 0; i < trace::kCoreCount * int{trace::kCoreElements}; ++i) {
         if (!fields->number(value)) return false;
     }
     return true;
@@ -110,7 +110,7 @@ bool skip_message(bool is_switch, Fields *fields) {
 // What is wrong with a frame of known type before its first message.
 Fault header_fault(const uint8_t *frame, size_t size) {
     if (size < static_cast<size_t>(trace::kFrameHeader)) return Fault::kOneByte;
-    return frame[1] < kCoreCount ? Fault::kNone : Fault::kCore;
+    return frame[1] < trace::kCoreCount ? Fault::kNone : Fault::kCore;
 }
 
 // Walks the messages: `take` reads one body.

@@ -1,4 +1,4 @@
-// messages.h -- the messages of one frame, as figures. The layout is the daemon's own (vestra-daemon/decoder.h).
+// messages.h -- the messages of one frame, as figures. The layout is in trace/trace_format.h.
 #pragma once
 
 #include <array>
@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "vestra-daemon/decoder.h"
+#include "trace/trace_format.h"
 
 namespace vestra_dump {
 
@@ -28,7 +28,7 @@ struct SwitchSample {
     int64_t cpu_user, cpu_system;    // ticks of the process, in all
     uint64_t rss, swap;              // KiB
     double context_switches, running;
-    std::array<CoreFigures, kCoreCount> cores;
+    std::array<CoreFigures, trace::kCoreCount> cores;
     uint8_t core;     // the frame's
     bool accounted;   // the daemon takes it into its process list: process id and both memory figures are there
     uint32_t behind;  // offset in the frame behind the message

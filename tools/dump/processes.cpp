@@ -5,6 +5,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include "trace/percentages.h"
+
 namespace vestra_dump {
 
 Usage ProcessUsage::take(const SwitchSample &sample) {

@@ -17,12 +17,12 @@ constexpr size_t kLengthField = trace::kLengthField;
 bool begins_frame(const uint8_t *at, size_t left) {
     constexpr size_t kLeast = kLengthField + static_cast<size_t>(trace::kFrameHeader) + 1;
     if (left < kLeast || at[3] != 0 || !is_known_type(at[kLengthField])) return false;  // most places end here
-    const size_t size = get_frame_len(at);
-    if (size > kFrameMax || size > left - kLengthField || size <= static_cast<size_t>(trace::kFrameHeader))
+    const size_t size = trace::get_frame_len(at);
+    if (size > trace::kFrameMax || size > left - kLengthField || size <= static_cast<size_t>(trace::kFrameHeader))
         return false;
     return well_formed(at + kLengthField, size, kBelieved).value_or(0) > 0;
 }
-static_assert(kFrameMax < 1U << 24, "the last byte of a length is 0");
+static_assert(trace::kFrameMax < 1U << 24, "the last byte of a length is 0");
 
 // First place in [from, to) where a frame begins, else `to`.
 size_t find_frame(const View &view, size_t from, size_t to) {
@@ -113,12 +113,12 @@ Record judge_record(const View &view, bool searching, FrameMessages *messages, R
         if (damage.size > 0) return damage;
     }
     if (view.size < kLengthField) return {Record::kDamaged, Reason::kPayloadEnds, false, view.size};
-    const uint32_t length = get_frame_len(view.at);
+    const uint32_t length = trace::get_frame_len(view.at);
     if (length == 0) {
         if (is_zero_row(view)) return search(view, kZeroRow - kLengthField, Reason::kZeros);
         return {Record::kEmpty, Reason::kNone, false, kLengthField};
     }
-    if (length > kFrameMax) return search(view, 1, Reason::kLength);
+    if (length > trace::kFrameMax) return search(view, 1, Reason::kLength);
     return judge_frame(view, length, std::min<size_t>(length, view.size - kLengthField), messages, rework);
 }
 

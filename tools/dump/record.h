@@ -37,7 +37,7 @@ struct Record {
     size_t size;    // bytes, length field included; never 0
 };
 
-constexpr size_t kRecordMax = trace::kLengthField + kFrameMax;
+constexpr size_t kRecordMax = trace::kLengthField + trace::kFrameMax;
 
 // Bytes of the payload that must be in view where it goes on behind them: a record, and one that begins in it.
 constexpr size_t kRecordLookahead = 2 * kRecordMax;

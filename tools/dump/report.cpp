@@ -8,6 +8,7 @@
 #include "tools/dump/report_page.h"
 #include "tools/dump/text.h"
 #include "tools/dump/vital_labels.h"
+#include "trace/percentages.h"
 
 namespace vestra_dump {
 namespace {

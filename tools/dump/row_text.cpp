@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cstring>
 
+#include "trace/percentages.h"
+
 namespace vestra_dump {
 namespace {
 

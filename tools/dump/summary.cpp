@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "tools/dump/text.h"
+#include "trace/percentages.h"
 
 namespace vestra_dump {
 namespace {

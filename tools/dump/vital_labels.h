@@ -3,7 +3,7 @@
 
 #include <array>
 
-#include "vestra-daemon/decoder.h"
+#include "tools/dump/vitals.h"
 
 namespace vestra_dump {
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "trace/percentages.h"
+
 namespace vestra_dump {
 
 const std::array<const char *, kVitalCount> kVitalNames = {"context_switches",  "running_processes",
@@ -23,7 +25,7 @@ enum VitalType : size_t {
     kCpuSystem,
     kCpuUser,
     kCoreTemperature0,
-    kAverageTemperature = kCoreTemperature0 + kCoreCount,
+    kAverageTemperature = kCoreTemperature0 + trace::kCoreCount,
     kIowait,
     kMemory0
 };
@@ -91,7 +93,7 @@ void Vitals::derive(Held *held, const Held &before) {
     vital[kCpuSystem] = trace::percent_of(now.system, then.system, ticks);
     vital[kCpuTotal] = trace::percent_of(trace::wrapping_sum(now.user, now.system),
                                          trace::wrapping_sum(then.user, then.system), ticks);
-    vital[kAverageTemperature] = now.temperature / kCoreCount;
+    vital[kAverageTemperature] = now.temperature / trace::kCoreCount;
     const double iowait = trace::percent_of(now.iowait, then.iowait, ticks);
     held->iowait_accepted = iowait < trace::kIowaitGlitch ? iowait : before.iowait_accepted;
     vital[kIowait] = held->iowait_accepted;

@@ -16,9 +16,12 @@
 #include <map>
 #include <optional>
 
+#include "platform/vestra_api.h"
 #include "tools/dump/messages.h"
 
 namespace vestra_dump {
+
+constexpr int kVitalCount = kVestraVitals;
 
 struct Second {
     int64_t second;                         // of stream time

@@ -7,6 +7,8 @@
 #include <ctime>
 #include <vector>
 
+#include "trace/percentages.h"
+
 namespace vestra_dump {
 namespace {
 

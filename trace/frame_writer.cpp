@@ -1,8 +1,8 @@
-#include "set/trace/frame_writer.h"
+#include "trace/frame_writer.h"
 
 #include <cstring>
 
-namespace vestra_set {
+namespace trace {
 namespace {
 
 constexpr size_t kGroupBits = 7;
@@ -17,10 +17,10 @@ uint8_t *put_varint(uint8_t *out, uint64_t value) {
     return out;
 }
 
-// Calls number(value) for the varints of a message and text(name) for its one string, in the order of the stream. The
-// order stands here only; size and bytes both come of it.
+// Calls number(value) for the varints of a message and text(name) for its one string, in the order of the stream. Both
+// the size and the bytes of a message come from here.
 template <class Number, class Text>
-void walk(const SwitchMessage &m, Number number, Text text) {
+void visit_elements(const SwitchMessage &m, Number number, Text text) {
     number(m.type);
     number(m.time_ns);
     number(m.element1);
@@ -44,7 +44,7 @@ void walk(const SwitchMessage &m, Number number, Text text) {
 }
 
 template <class Number, class Text>
-void walk(const InfoMessage &m, Number number, Text text) {
+void visit_elements(const MeminfoMessage &m, Number number, Text text) {
     number(m.type);
     number(m.time_ns);
     number(m.element1);
@@ -67,7 +67,7 @@ void walk(const InfoMessage &m, Number number, Text text) {
 template <class Message>
 size_t size_of(const Message &message) {
     size_t size = 0;
-    walk(
+    visit_elements(
         message, [&](uint64_t value) { size += varint_size(value); },
         [&](std::string_view text) { size += varint_size(text.size()) + text.size(); });
     return size;
@@ -75,7 +75,7 @@ size_t size_of(const Message &message) {
 
 template <class Message>
 void encode(const Message &message, uint8_t *out) {
-    walk(
+    visit_elements(
         message, [&](uint64_t value) { out = put_varint(out, value); },
         [&](std::string_view text) {
             out = put_varint(out, text.size());
@@ -98,7 +98,7 @@ size_t varint_size(uint64_t value) {
 size_t message_size(const SwitchMessage &message) {
     return size_of(message);
 }
-size_t message_size(const InfoMessage &message) {
+size_t message_size(const MeminfoMessage &message) {
     return size_of(message);
 }
 
@@ -116,7 +116,7 @@ uint8_t *FrameWriter::take(size_t count) {
 uint8_t *FrameWriter::take_in_frame(size_t count) {
     if (frame_ == kNoFrame) return nullptr;
     const size_t length = size_ - frame_ - kLengthField;
-    if (count > kMaxFrame - length) return nullptr;
+    if (count > kFrameMax - length) return nullptr;
     uint8_t *bytes = take(count);
     if (bytes != nullptr) store_length(static_cast<uint32_t>(length + count));
     return bytes;
@@ -127,13 +127,13 @@ void FrameWriter::store_length(uint32_t length) {
     for (size_t i = 0; i < kLengthField; ++i) field[i] = static_cast<uint8_t>(length >> (8 * i));
 }
 
-bool FrameWriter::begin_frame(uint8_t type, uint8_t core) {
+bool FrameWriter::begin_frame(int type, int core) {
     uint8_t *bytes = take(kLengthField + kFrameHeader);
     if (bytes == nullptr) return false;
     frame_ = size_ - kLengthField - kFrameHeader;
     store_length(kFrameHeader);
-    bytes[kLengthField] = type;
-    bytes[kLengthField + 1] = core;
+    bytes[kLengthField] = static_cast<uint8_t>(type);
+    bytes[kLengthField + 1] = static_cast<uint8_t>(core);
     return true;
 }
 
@@ -143,7 +143,7 @@ bool FrameWriter::add(const SwitchMessage &message) {
     return bytes != nullptr;
 }
 
-bool FrameWriter::add(const InfoMessage &message) {
+bool FrameWriter::add(const MeminfoMessage &message) {
     uint8_t *bytes = take_in_frame(size_of(message));
     if (bytes != nullptr) encode(message, bytes);
     return bytes != nullptr;
@@ -190,4 +190,4 @@ bool FrameWriter::begin_record(uint32_t stated_length) {
     return true;
 }
 
-}  // namespace vestra_set
+}  // namespace trace

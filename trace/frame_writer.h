@@ -1,4 +1,4 @@
-// The one writer of trace frames: for the simulated module, tests and benchmarks. The layout is in
+// frame_writer.h -- the one writer of trace frames: for the simulated module, tests and benchmarks. The layout is in
 // docs/trace-format.md.
 //
 //   FrameWriter writer(buffer, sizeof buffer);        or FrameWriter writer(&vector), which appends
@@ -7,9 +7,9 @@
 //   writer.end_block();
 //   writer.size();
 //
-// The length of a frame is right after every call; there is nothing to close. Into a fixed buffer nothing is allocated
-// and nothing throws; into a vector, what its growing may throw. The vector's end belongs to the writer as long as it
-// writes.
+// The length of a frame is right after every call; there is nothing to close. With a fixed buffer nothing is allocated
+// and nothing throws; with a vector, a call may throw what growing it throws. Nobody else may append to the vector
+// while the writer is in use.
 #pragma once
 
 #include <array>
@@ -18,15 +18,9 @@
 #include <string_view>
 #include <vector>
 
-namespace vestra_set {
+#include "trace/trace_format.h"
 
-constexpr uint8_t kSwitchFrame = 7;
-constexpr uint8_t kInfoFrame = 8;
-constexpr size_t kCores = 4;
-constexpr size_t kLengthField = 4;         // bytes in front of a frame
-constexpr size_t kFrameHeader = 2;         // type, core
-constexpr size_t kMaxFrame = 131072;       // bytes, header included
-constexpr size_t kEndMark = kLengthField;  // an empty frame record
+namespace trace {
 
 // Counters since the set was started, 250 a second on each core.
 struct CoreTimes {
@@ -37,14 +31,14 @@ struct CoreTimes {
     uint64_t iowait = 0;
 };
 
-// One message of a switch frame, elements 0 to 11 in order, then the cores. What the simulated module puts in is in
-// docs/trace-format.md; the writer takes every value.
+// One message of a switch frame: elements 0 to 11 in order, then the cores. docs/trace-format.md says what the
+// simulated module puts in; the writer takes every value.
 struct SwitchMessage {
     uint64_t type = 1;      // message type; readers take 1 and 2
     uint64_t time_ns = 0;   // 0
     uint64_t element1 = 0;  // 1
     uint64_t pid = 0;       // 2
-    std::string_view name;  // 3: the caller's bytes; an empty one is malformed for readers
+    std::string_view name;  // 3: a view of the caller's bytes; readers refuse an empty one
     uint64_t element4 = 0;
     uint64_t element5 = 0;
     uint64_t cpu_a = 0;  // 6: clock ticks of the process
@@ -53,7 +47,7 @@ struct SwitchMessage {
     uint64_t swap = 0;   // 9: KiB
     uint64_t element10 = 0;
     uint64_t element11 = 0;
-    std::array<CoreTimes, kCores> cores{};
+    std::array<CoreTimes, kCoreCount> cores{};
 };
 
 // An integer part, and the digits after the point as a number. Digits that begin with 0 cannot be expressed.
@@ -62,13 +56,13 @@ struct Decimal {
     uint64_t fraction = 0;
 };
 
-// With one digit every figure can be expressed: 365 tenths are 36.5.
+// One digit after the point can always be expressed: 365 tenths are 36.5.
 constexpr Decimal tenths(uint64_t value) {
     return {value / 10, value % 10};
 }
 
-// One message of a CPU and memory information frame, eighteen elements in order.
-struct InfoMessage {
+// One message of a CPU and memory frame: eighteen elements in order.
+struct MeminfoMessage {
     uint64_t type = 1;
     uint64_t time_ns = 0;  // 0
     uint64_t element1 = 0;
@@ -85,15 +79,15 @@ struct InfoMessage {
     uint64_t figure17 = 0;
 };
 
-// Bytes of a value as a varint, 1..10.
+// Bytes of a value as a varint, 1 to 10.
 size_t varint_size(uint64_t value);
 
 // Bytes of a message in a frame, its type included.
 size_t message_size(const SwitchMessage &message);
-size_t message_size(const InfoMessage &message);
+size_t message_size(const MeminfoMessage &message);
 
 // Every operation that writes returns false, with nothing written, when the bytes do not fit into the buffer or would
-// make the frame longer than kMaxFrame. One thread.
+// make the frame longer than kFrameMax. One thread.
 class FrameWriter {
   public:
     FrameWriter(uint8_t *buffer, size_t capacity) : buffer_(buffer), capacity_(capacity) {}
@@ -103,22 +97,21 @@ class FrameWriter {
     size_t room() const { return capacity_ - size_; }
 
     // Ends the frame before. A frame without a message is well-formed.
-    bool begin_frame(uint8_t type, uint8_t core);
+    bool begin_frame(int type, int core);
 
-    // Into the frame that was begun last; false as well when there is none.
+    // Adds to the frame that was begun last; false, too, when there is none.
     bool add(const SwitchMessage &message);
-    bool add(const InfoMessage &message);
+    bool add(const MeminfoMessage &message);
 
-    // An empty frame record. Every block ends with one, since readers do not look at a frame that ends exactly with the
-    // block.
+    // Writes the empty record that ends a block.
     bool end_block();
 
-    // For frames that are wrong on purpose.
-    bool add_varint(uint64_t value);                      // into the frame
-    bool add_long_varint(uint64_t value, size_t length);  // in `length` bytes: of groups of 0, or cut short if need be
-    bool add_bytes(const void *bytes, size_t count);      // into the frame
-    bool put_bytes(const void *bytes, size_t count);      // behind the frame and part of none
-    bool begin_record(uint32_t stated_length);  // a length field alone; what is added after it mends the length
+    // For frames that are malformed on purpose.
+    bool add_varint(uint64_t value);                      // adds to the frame
+    bool add_long_varint(uint64_t value, size_t length);  // in `length` bytes: padded with empty groups, or truncated
+    bool add_bytes(const void *bytes, size_t count);      // adds to the frame
+    bool put_bytes(const void *bytes, size_t count);      // after the frame, and part of none
+    bool begin_record(uint32_t stated_length);  // a length field alone; whatever is added to the frame corrects it
 
   private:
     uint8_t *take(size_t count);
@@ -136,4 +129,4 @@ class FrameWriter {
     size_t frame_ = kNoFrame;  // offset of the length field of the frame that messages go into
 };
 
-}  // namespace vestra_set
+}  // namespace trace
