@@ -18,10 +18,10 @@ int cut(const FileToFile &typed) {
 
 }  // namespace
 
-Action setup_cut(CLI::App &app) {
+Action setup_cut(cli::Command app) {
     auto typed = std::make_shared<FileToFile>();
-    app.add_option("file", typed->path, "The dump; - is standard input")->required()->type_name("FILE");
-    app.add_option("output", typed->output, "The smaller one; - is standard output")->required()->type_name("OUT");
+    app.add("file", typed->path, "The dump; - is standard input").required().type("FILE");
+    app.add("output", typed->output, "The smaller one; - is standard output").required().type("OUT");
     add_time_options(app, typed->time);
     return [typed] { return cut(*typed); };
 }

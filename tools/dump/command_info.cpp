@@ -49,13 +49,11 @@ int info(const Typed &typed) {
 
 }  // namespace
 
-Action setup_info(CLI::App &app) {
+Action setup_info(cli::Command app) {
     auto typed = std::make_shared<Typed>();
-    app.add_option("file", typed->paths, "The dumps; - is standard input")->required()->type_name("FILE");
+    app.add("file", typed->paths, "The dumps; - is standard input").required().type("FILE");
     add_time_options(app, typed->time);
-    app.add_option("--top", typed->top, "So many processes in each list")
-        ->capture_default_str()
-        ->check(CLI::Range(0, 10000));
+    app.add("--top", typed->top, "So many processes in each list").show_default().range(0, 10000);
     app.add_flag("--json", typed->json, "One JSON object a dump");
     return [typed] { return info(*typed); };
 }

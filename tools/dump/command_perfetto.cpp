@@ -17,7 +17,7 @@ int perfetto(const FileToFile &typed) {
 
 }  // namespace
 
-Action setup_perfetto(CLI::App &app) {
+Action setup_perfetto(cli::Command app) {
     auto typed = std::make_shared<FileToFile>();
     add_file_options(app, typed.get());
     return [typed] { return perfetto(*typed); };

@@ -21,12 +21,10 @@ int report(const Typed &typed) {
 
 }  // namespace
 
-Action setup_report(CLI::App &app) {
+Action setup_report(cli::Command app) {
     auto typed = std::make_shared<Typed>();
     add_file_options(app, typed.get());
-    app.add_option("--top", typed->top, "So many processes in each list")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 1000));
+    app.add("--top", typed->top, "So many processes in each list").show_default().range(1, 1000);
     return [typed] { return report(*typed); };
 }
 

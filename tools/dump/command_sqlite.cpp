@@ -57,12 +57,10 @@ int sqlite(const Typed &typed) {
 
 }  // namespace
 
-Action setup_sqlite(CLI::App &app) {
+Action setup_sqlite(cli::Command app) {
     auto typed = std::make_shared<Typed>();
-    app.add_option("database", typed->database, "The SQLite file, made where there is none")
-        ->required()
-        ->type_name("OUT.db");
-    app.add_option("file", typed->paths, "The dumps; - is standard input")->required()->type_name("FILE");
+    app.add("database", typed->database, "The SQLite file, made where there is none").required().type("OUT.db");
+    app.add("file", typed->paths, "The dumps; - is standard input").required().type("FILE");
     add_time_options(app, typed->time);
     return [typed] { return sqlite(*typed); };
 }

@@ -49,25 +49,24 @@ int json(Typed typed) {
     });
 }
 
-void add_tables(CLI::App &app, Wanted *wanted, bool one) {
-    CLI::Option_group *tables = app.add_option_group("tables");
-    tables->add_flag("--vitals", wanted->vitals, "The seventeen vitals of each second");
-    tables->add_flag("--processes", wanted->processes, "Every sample of a process, with its CPU percentages");
-    tables->add_flag("--frames", wanted->frames, "Every frame");
-    tables->add_flag("--damage", wanted->damage, "Every damaged span");
-    tables->require_option(0, one ? 1 : 0);
+void add_tables(cli::Command app, Wanted *wanted, bool one) {
+    cli::Command tables = app.add_group("tables", one ? 1 : 0);
+    tables.add_flag("--vitals", wanted->vitals, "The seventeen vitals of each second");
+    tables.add_flag("--processes", wanted->processes, "Every sample of a process, with its CPU percentages");
+    tables.add_flag("--frames", wanted->frames, "Every frame");
+    tables.add_flag("--damage", wanted->damage, "Every damaged span");
 }
 
 }  // namespace
 
-Action setup_csv(CLI::App &app) {
+Action setup_csv(cli::Command app) {
     auto typed = std::make_shared<Typed>();
     add_file_options(app, typed.get());
     add_tables(app, &typed->wanted, true);
     return [typed] { return csv(*typed); };
 }
 
-Action setup_json(CLI::App &app) {
+Action setup_json(cli::Command app) {
     auto typed = std::make_shared<Typed>();
     add_file_options(app, typed.get());
     add_tables(app, &typed->wanted, false);

@@ -56,22 +56,22 @@ const std::vector<Command> &commands() {
     return kCommands;
 }
 
-void add_time_options(CLI::App &app, TimeOptions &options) {
-    app.add_option("--from", options.from,
-                   "Begin here: seconds of the stream (601.5), +SECONDS behind the oldest sample, -SECONDS before the "
-                   "newest, or a date and time in UTC (2026-11-24T22:40:58)")
-        ->type_name("TIME");
-    app.add_option("--to", options.to, "End here, the moment itself included")->type_name("TIME");
-    app.add_option("--epoch", options.epoch,
-                   "When the newest sample was taken, as seconds since 1970 or a date and time; 'name': as the dump's "
-                   "name tells (the default); 'none'")
-        ->type_name("TIME");
+void add_time_options(cli::Command app, TimeOptions &options) {
+    app.add("--from", options.from,
+            "Begin here: seconds of the stream (601.5), +SECONDS behind the oldest sample, -SECONDS before the "
+            "newest, or a date and time in UTC (2026-11-24T22:40:58)")
+        .type("TIME");
+    app.add("--to", options.to, "End here, the moment itself included").type("TIME");
+    app.add("--epoch", options.epoch,
+            "When the newest sample was taken, as seconds since 1970 or a date and time; 'name': as the dump's "
+            "name tells (the default); 'none'")
+        .type("TIME");
 }
 
-void add_file_options(CLI::App &app, FileToFile *typed) {
-    app.add_option("file", typed->path, "The dump; - is standard input")->required()->type_name("FILE");
+void add_file_options(cli::Command app, FileToFile *typed) {
+    app.add("file", typed->path, "The dump; - is standard input").required().type("FILE");
     add_time_options(app, typed->time);
-    app.add_option("-o,--output", typed->output, "Write there instead of to standard output")->type_name("FILE");
+    app.add("-o,--output", typed->output, "Write there instead of to standard output").type("FILE");
 }
 
 void complain(const std::string &text) {

@@ -1,12 +1,12 @@
 // commands.h -- the subcommands of vestra-dump: one function each, and the table of them.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "cli/command_line.h"
 #include "tools/dump/dump_reader.h"
 #include "tools/dump/output.h"
 #include "tools/dump/wall_clock.h"
@@ -27,22 +27,22 @@ struct Command {
     const char *name;
     const char *summary;
     const char *footer;  // of its help: examples
-    Action (*setup)(CLI::App &app);
+    Action (*setup)(cli::Command app);
 };
 
 // In the order in which help shows them.
 const std::vector<Command> &commands();
 
-Action setup_info(CLI::App &app);
-Action setup_csv(CLI::App &app);
-Action setup_json(CLI::App &app);
-Action setup_sqlite(CLI::App &app);
-Action setup_perfetto(CLI::App &app);
-Action setup_report(CLI::App &app);
-Action setup_cut(CLI::App &app);
+Action setup_info(cli::Command app);
+Action setup_csv(cli::Command app);
+Action setup_json(cli::Command app);
+Action setup_sqlite(cli::Command app);
+Action setup_perfetto(cli::Command app);
+Action setup_report(cli::Command app);
+Action setup_cut(cli::Command app);
 
 // Adds --from, --to and --epoch.
-void add_time_options(CLI::App &app, TimeOptions &options);
+void add_time_options(cli::Command app, TimeOptions &options);
 
 // What was typed for a command that makes one file of one dump.
 struct FileToFile {
@@ -51,7 +51,7 @@ struct FileToFile {
 };
 
 // Adds the dump, the options of time, and --output.
-void add_file_options(CLI::App &app, FileToFile *typed);
+void add_file_options(cli::Command app, FileToFile *typed);
 
 // "vestra-dump: TEXT" on standard error.
 void complain(const std::string &text);

@@ -1,7 +1,9 @@
 // vestra-dump: reads what the flight recorder wrote.
 
 #include <iostream>
-#include <map>
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "tools/dump/commands.h"
 
@@ -21,22 +23,21 @@ constexpr const char *kOverview =
     "  vestra-dump COMMAND --help";
 
 int run(int argc, char **argv) {
-    CLI::App app("Reads the dumps of the flight recorder: any size, damaged ones too.", "vestra-dump");
-    app.set_version_flag("--version", "vestra-dump " VESTRA_VERSION);
-    app.require_subcommand(1);
-    app.footer(kOverview);
-    std::map<const CLI::App *, Action> actions;
+    cli::Program program("Reads the dumps of the flight recorder: any size, damaged ones too.", "vestra-dump",
+                         VESTRA_VERSION);
+    program.require_command();
+    program.footer(kOverview);
+    std::vector<std::pair<cli::Command, Action>> actions;
     for (const Command &command : commands()) {
-        CLI::App *sub = app.add_subcommand(command.name, command.summary);
-        sub->footer(command.footer);
-        actions[sub] = command.setup(*sub);
+        cli::Command sub = program.add_command(command.name, command.summary);
+        sub.footer(command.footer);
+        actions.emplace_back(sub, command.setup(sub));
     }
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? kExitClean : kExitUsage;
+    if (const std::optional<int> code = program.parse(argc, argv)) return *code == 0 ? kExitClean : kExitUsage;
+    for (const auto &[command, action] : actions) {
+        if (command.chosen()) return action();
     }
-    return actions.at(app.get_subcommands().front())();
+    return kExitUsage;
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // vestra-stat: asks the running daemon for its vitals.
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/command_line.h"
 #include "tools/stat/output.h"
 #include "tools/stat/vitals.h"
 #include "tools/stat/watch.h"
@@ -54,8 +55,9 @@ int complain(const std::string &text) {
 // The whole text as a number.
 std::optional<double> number(const std::string &text) {
     double value = 0;
-    if (!CLI::detail::lexical_cast(text, value)) return std::nullopt;
-    return value;
+    const char *end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    return error == std::errc() && stop == end ? std::optional(value) : std::nullopt;
 }
 
 // All that the words stand for, in their order, each once; all vitals without words. False, with a message, for a word
@@ -77,36 +79,31 @@ bool choose(const std::vector<std::string> &words, std::vector<int> *types) {
 
 int run(int argc, char **argv) {
     Typed typed;
-    CLI::App app(
+    cli::Program program(
         "Asks the running flight recorder for its vitals: maximum, minimum, average and variance of the last\n"
         "seconds, or the current values.",
-        "vestra-stat");
-    app.footer(kFooter);
-    app.set_version_flag("--version", "vestra-stat " VESTRA_VERSION);
-    app.add_option("VITAL", typed.words, "Which vitals, in which order")->type_name("");
-    app.add_option("-w,--window", typed.window, "Seconds to look back, up to 180; 0: the current values")
-        ->check(CLI::Range(0, kVestraWindowMax))
-        ->capture_default_str()
-        ->type_name("SECONDS");
-    CLI::Option *watching =
-        app.add_option("-W,--watch", typed.watch, "Ask again every so many seconds (1), until interrupted")
-            ->expected(0, 1)
-            ->type_name("[SECONDS]");
-    app.add_option("-n,--count", typed.count, "End --watch after so many questions")
-        ->check(CLI::Range(1L, 1000000000L))
-        ->needs(watching)
-        ->type_name("N");
-    app.add_flag("-j,--json", typed.json, "One line of JSON for each answer");
-    app.add_option("-t,--timeout", typed.timeout, "Seconds to wait for an answer")
-        ->check(CLI::Range(0.0, kLongestTimeout))
-        ->capture_default_str()
-        ->type_name("SECONDS");
-    app.add_flag("-l,--list", typed.list, "Show what the vitals are, and ask nothing");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? kExitOk : kExitUsage;
-    }
+        "vestra-stat", VESTRA_VERSION);
+    program.footer(kFooter);
+    program.add("VITAL", typed.words, "Which vitals, in which order").type("");
+    program.add("-w,--window", typed.window, "Seconds to look back, up to 180; 0: the current values")
+        .range(0, kVestraWindowMax)
+        .show_default()
+        .type("SECONDS");
+    const cli::Option watching =
+        program.add("-W,--watch", typed.watch, "Ask again every so many seconds (1), until interrupted")
+            .values(0, 1)
+            .type("[SECONDS]");
+    program.add("-n,--count", typed.count, "End --watch after so many questions")
+        .range(1, 1000000000)
+        .needs(watching)
+        .type("N");
+    program.add_flag("-j,--json", typed.json, "One line of JSON for each answer");
+    program.add("-t,--timeout", typed.timeout, "Seconds to wait for an answer")
+        .range(0.0, kLongestTimeout)
+        .show_default()
+        .type("SECONDS");
+    program.add_flag("-l,--list", typed.list, "Show what the vitals are, and ask nothing");
+    if (const std::optional<int> code = program.parse(argc, argv)) return *code == 0 ? kExitOk : kExitUsage;
     if (typed.list) return print(list_of_vitals()) ? kExitOk : kExitFailed;
 
     Watch how;
@@ -131,7 +128,7 @@ int run(int argc, char **argv) {
         std::fputs("vestra-stat: out of memory\n", stderr);
         return kExitFailed;
     }
-    return watching->count() > 0 ? watch(client.get(), question, how) : ask_once(client.get(), question);
+    return watching.given() ? watch(client.get(), question, how) : ask_once(client.get(), question);
 }
 
 }  // namespace
