@@ -219,7 +219,7 @@ static __VestraProcCPUUsageHist__ *hist_place(int found, int pid) {
     return nullptr;
 }
 #undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
+#define VESTRA_LOG_OPERATION operation_name(log_operation, __func__)
 
 int vestra_vital_update_cpuusage_hist(__VestraProcCPUUsageHist__ *rec) {
     if (rec == nullptr) return -1;
@@ -461,7 +461,7 @@ static int fill_slot(int slot, const _SYSDATA_ *sample, int frame_type, bool in_
 }
 
 #undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
+#define VESTRA_LOG_OPERATION operation_name(log_operation, __func__)
 
 int fillData(int slot, _SYSDATA_ *sample, int frame_type, int /*message_type*/) {
     return fill_slot(slot, sample, frame_type, false);
@@ -601,7 +601,7 @@ static void store_sample(const _SYSDATA_ *sample, int frame_type, bool in_histor
 }
 
 #undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
+#define VESTRA_LOG_OPERATION operation_name(log_operation, __func__)
 
 void groupData(_SYSDATA_ *sample, int frame_type, int /*message_type*/) {
     store_sample(sample, frame_type, false);
@@ -1302,7 +1302,7 @@ static const circ_buf_shm *insert_batch(const circ_buf_shm *node) {
     return nullptr;
 }
 #undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
+#define VESTRA_LOG_OPERATION operation_name(log_operation, __func__)
 
 // The node to begin with: `head` as it was before the table was cleared, or, when the reader has let it fall off
 // meanwhile, the newest one. The caller holds shm_lock.

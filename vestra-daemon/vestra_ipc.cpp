@@ -1,7 +1,7 @@
 // vestra_ipc.cpp -- the client request service, thread "QXClientProcess".
 //
-// The segment belongs to the client library and may vanish at any time; everything in it is written by clients, also
-// while it is read. So a word is read once, and it is the copy that is checked and used.
+// The segment belongs to the client library and may vanish at any time. Clients may write anything into it at any time,
+// so each word is read once, and only the copy is checked and used.
 
 #include "vestra-daemon/vestra_ipc.h"
 
@@ -13,13 +13,10 @@
 #include "vestra-daemon/vestra_log.h"
 #include "vestra-daemon/vestrad.h"
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "client_request_process"  // of which everything here is a step
-
 static constexpr char kCaller[] = "client_request_process";
-static constexpr int kWaitNumber = 6;  // what the client library wants to be told; its own business
+static constexpr int kWaitNumber = 6;  // an argument of the client library's wait; only the library knows what it means
 static constexpr int kPauseUs = 200000;
-static constexpr int kWaitCounter = 22;  // one more than the waits for a request's state, about 4.2 s in all
+static constexpr int kStateWaits = 21;  // pauses until a signalled request must be posted: 4.2 s
 
 static int32_t load(const int32_t *word) {
     return __atomic_load_n(word, __ATOMIC_ACQUIRE);
@@ -41,13 +38,14 @@ static int ready_value(vestra_shm_record *shm) {
 }
 
 static void log_request(int32_t type, int i, const vestra_api_data &request) {
+    LOGS_AS("client_request_process");
     LOGD("[%s] %d %d %lf %lf, %lf, %lf\n", kCaller, type, i, request.maximum, request.minimum, request.average,
          request.variance);
 }
 
-// Waits for the client to post what it has signalled.
+// Waits until the client has posted the request that it has signalled.
 static void wait_for_post(vestra_shm_record *shm) {
-    for (int counter = kWaitCounter; --counter > 0;) {
+    for (int wait = 0; wait < kStateWaits; ++wait) {
         if (exit_flag || !is_valid(shm) || load(&shm->state) == VESTRA_REQUEST_POSTED) return;
         vestrad_usleep(kPauseUs);
     }
@@ -55,7 +53,7 @@ static void wait_for_post(vestra_shm_record *shm) {
 
 static void answer(vestra_shm_record *shm) {
     if (is_valid(shm)) store(&shm->state, VESTRA_REQUEST_ANSWERING);
-    // All ones: unused, and what a request of an unknown type is answered with (figures that are not numbers).
+    // All ones: type -1, unused, and the answer to a request of an unknown type (NaNs).
     vestra_api_data local[kVestraVitals];
     memset(local, 0xff, sizeof(local));
     for (int i = 0; i < kVestraVitals && is_valid(shm); ++i) {
@@ -68,7 +66,7 @@ static void answer(vestra_shm_record *shm) {
     for (int i = 0; i < kVestraVitals && is_valid(shm); ++i) {
         if (local[i].packet_type == kVestraUnused) continue;
         log_request(local[i].packet_type, i, local[i]);
-        // Four doubles in a row; copied by their bytes, so that all ones stay all ones.
+        // Copies the bytes of four adjacent doubles, so that all ones stay all ones.
         memcpy(&shm->request[i].maximum, &local[i].maximum, 4 * sizeof(double));
         store(&shm->request[i].answer_type, local[i].packet_type);
         log_request(local[i].packet_type, i, shm->request[i]);
@@ -77,7 +75,7 @@ static void answer(vestra_shm_record *shm) {
     if (ready_value(shm) < 1) {
         vestra_ready_sem_unlock_func(kCaller);
     } else if (is_valid(shm)) {
-        // Somebody else's signal is pending. The client is woken unless it has moved the state elsewhere meanwhile.
+        // There is a pending signal already. Wake the client unless it has changed the state meanwhile.
         const int32_t state = load(&shm->state);
         if (state == VESTRA_REQUEST_POSTED || state == VESTRA_REQUEST_ANSWERED || state == VESTRA_REQUEST_ANSWERING) {
             vestra_ready_sem_unlock_func(kCaller);

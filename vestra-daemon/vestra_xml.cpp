@@ -1,6 +1,9 @@
-// vestra_xml.cpp -- reads the configuration file.
+// vestra_xml.cpp -- reads the configuration file. Main thread, once, at start-up.
 //
-// One table names the elements in the order in which they are read; the file may hold them in any order.
+// Divisions, in order:
+//   1 Elements   the table of elements, in the order in which they are read; the file may hold them in any order
+//   2 Reading    the file into the record
+//   3 Values     text to number
 
 #include "vestra-daemon/vestra_xml.h"
 
@@ -15,7 +18,7 @@
 
 /* ------------------------------ 1. Elements ------------------------------ */
 
-// One child of the root: an integer stored in `number`, or, where that is null, a path stored in `text`.
+// One child of the root: an integer for the field `number`, or, where that is null, a path for the field `text`.
 struct ConfigElement {
     const char *name;
     int32_t VestraConfig_t::*number;
@@ -24,7 +27,7 @@ struct ConfigElement {
 
 static constexpr char kRootElement[] = "vestra_config";
 
-// Reading order. It shows: a file without one of them leaves the ones above it stored.
+// In reading order, which matters: in a file that lacks one element, those above it are still stored.
 static const ConfigElement kElements[] = {
     {"vestra_kmod_load_unload", &VestraConfig_t::vestra_kmod_load_unload, nullptr},
     {"vestra_litemode_on", &VestraConfig_t::vestra_litemode_on, nullptr},
@@ -43,28 +46,10 @@ static const ConfigElement kElements[] = {
     {"vestra_info_new_priority_nice", &VestraConfig_t::vestra_info_new_priority_nice, nullptr},
 };
 
-/* ------------------------------ 2. Values ------------------------------ */
+/* ------------------------------ 2. Reading ------------------------------ */
 
-int ToInt(const char *text) {
-    if (text == nullptr) return 0;
-    uint32_t value = 0;  // unsigned: a long row of digits wraps
-    for (; *text != '\0'; ++text) {
-        if (*text >= '0' && *text <= '9') {
-            value = value * 10U + static_cast<uint32_t>(*text - '0');
-        } else {
-            // Kept as it stands: a '-' is skipped like any other character, so "-10" reads as 10. The nice value
-            // therefore only passes its range check as 0, and start-up falls back to -20.
-            LOGW("string contain invalid char[%c]!", *text);
-        }
-    }
-    return static_cast<int>(value);
-}
-
-/* ------------------------------ 3. Reading ------------------------------ */
-
-// One function, because every line it logs carries its name.
 int GetVestraConfigInfo(VestraConfig_t &config, char *path) try {
-    // Opened here: the library's own descriptor would be open in children, and be left behind when memory runs out.
+    // Opened here: the library's own descriptor would be inherited by children, and would leak without memory.
     const std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path, "re"), fclose);
     tinyxml2::XMLDocument document;
     if (file == nullptr || document.LoadFile(file.get()) != tinyxml2::XML_SUCCESS) {
@@ -90,14 +75,31 @@ int GetVestraConfigInfo(VestraConfig_t &config, char *path) try {
         } else {
             char(&field)[kExtfilePathSize] = config.*element.text;
             memset(field, 0, sizeof(field));
-            // Kept as it stands: a text of 256 bytes or more fills the field without a terminator. Readers stop at 256.
+            // Kept as it stands: 256 bytes and more fill the field without a terminator. Readers stop at 256.
             if (text != nullptr) memcpy(field, text, strnlen(text, sizeof(field)));
             LOGD("vestra: %s : %.*s\n", element.name, kExtfilePathSize, field);
         }
     }
     return 0;
 } catch (const std::exception &) {
-    // The XML library allocates; what it throws when memory runs out ends here.
+    // The XML library throws when there is no memory.
     LOGE("vestra Config file loading failed: %s\n", path);
     return -1;
+}
+
+/* ------------------------------ 3. Values ------------------------------ */
+
+int ToInt(const char *text) {
+    if (text == nullptr) return 0;
+    uint32_t value = 0;  // unsigned: many digits wrap
+    for (; *text != '\0'; ++text) {
+        if (*text >= '0' && *text <= '9') {
+            value = value * 10U + static_cast<uint32_t>(*text - '0');
+        } else {
+            // Kept as it stands: a '-' is skipped like any other character, so "-10" reads as 10. The nice value
+            // therefore only passes its range check as 0, and start-up falls back to -20.
+            LOGW("string contain invalid char[%c]!", *text);
+        }
+    }
+    return static_cast<int>(value);
 }

@@ -1,15 +1,27 @@
 // vestrad.cpp -- start-up, capture and dump, triggers, driver user data and probes.
 //
 // Divisions, in order:
-//    1 Paths and limits    2 State                3 Image type and small files  4 Kernel module and control node
-//    5 Output location     6 On-screen notice     7 Capture chain               8 Dump writer
-//    9 Live upload        10 Reader thread       11 Triggers                   12 Temperature probes
-//   13 Driver user data   14 Process filter list 15 Start-up, main, shut-down
+//    1 Paths and limits                 every path, key and limit of this file
+//    2 State                            every global: unit, writer, guard
+//    3 Image type and small files       marker files, refusal of links, readers of one value
+//    4 Kernel module and control node   load, unload, open, shell, chip
+//    5 Output location                  the USB directory, and the runner for mv, cp, rm, mkdir and curl
+//    6 On-screen notice                 how a key dump ended, on debug images
+//    7 Capture chain                    what was read from the node, oldest block first, within a byte budget
+//    8 Dump writer                      chain and version trailer into a file, and the file to its place
+//    9 Live upload                      one block to a server; nothing calls it
+//   10 Reader thread                    rounds of read, pause and, when due, continuous dump
+//   11 Triggers                         callbacks of the key combination and the vconf keys
+//   12 Temperature probes               thermal files, uptime, DDR refresh rates
+//   13 Driver user data                 short text commands to the module
+//   14 Process filter list              names from a dropped file, sent to the module
+//   15 Start-up, main, shut-down        one function a step
 //
-// Threads: "QXReadData" (10) reads, decodes, appends to the chain and trims it, and writes continuous dumps; the main
-// loop's callbacks (11) write the other dumps; "QXUserDataHndl" (13) sends the temperature; "QXProcess" (14) watches
-// the list directory and never ends; "QXClientProcess" is vestra_ipc.cpp's. Lock order: lock, then shm_lock
-// (decoder.cpp). Flags are plain words, written by one thread and polled by the others.
+// Threads: "QXReadData" (10) reads, decodes, appends to the chain, trims it and writes continuous dumps. The main
+// thread starts and stops everything; its loop runs the callbacks (11), which write all other dumps. "QXUserDataHndl"
+// (13) sends the temperature. "QXProcess" (14) watches the list directory and never ends. "QXClientProcess" is in
+// vestra_ipc.cpp. Lock order: `lock`, then shm_lock (decoder.cpp). Flags and the USB path cache are plain words without
+// a lock; division 2 names their writers.
 
 #include "vestra-daemon/vestrad.h"
 
@@ -46,7 +58,7 @@
 
 /* ------------------------------ 1. Paths and limits ------------------------------ */
 
-static constexpr char kDaemonName[] = "vestrad";  // as the lookup messages name it
+static constexpr char kDaemonName[] = "vestrad";  // in the messages of a lookup
 static constexpr char kControlNode[] = "/proc/vesertra_info";
 static constexpr char kModuleFile[] = "/lib/modules/linux/kernel/orna-vestra-kmod.ko";
 static constexpr char kModuleName[] = "orna_vestra_kmod";
@@ -73,10 +85,10 @@ static constexpr char kKeyRobust[] = "system/vestra/robust";
 static constexpr int kMemoryDropBit = 0x100;
 
 static constexpr uint32_t kMiB = 1U << 20;
-static constexpr uint32_t kDumpLimit = 10 * kMiB;    // largest chain and dump, bytes
-static constexpr uint32_t kDumpLeast = 1 * kMiB;     // smallest
-static constexpr int kSizeLimitMiB = 10;             // command line
-static constexpr int kSizeLimitSmallChipMiB = 7;     // command line, small chips
+static constexpr uint32_t kDumpLimit = 10 * kMiB;    // bytes, largest max_file_size
+static constexpr uint32_t kDumpLeast = 1 * kMiB;     // bytes, smallest
+static constexpr int kSizeLimitMiB = 10;             // on the command line
+static constexpr int kSizeLimitSmallChipMiB = 7;     // on the command line of a small chip
 static constexpr uint32_t kAttemptMargin = 0x40000;  // bytes below a full budget at which a continuous dump is tried
 static constexpr int kDumpKeyCombination = 87;
 static constexpr int kStopSignalOffset = 6;  // SIGRTMIN + 6; SIGRTMIN is only known at run time
@@ -96,12 +108,12 @@ static constexpr int kModelBytes = 32;
 static constexpr int kArgumentSlots = 6;   // strings that the command runner keeps
 static constexpr int kCommandBytes = 256;  // user-data command or shell command, terminator included
 static constexpr int kFilterNamesSent = 5;
-static constexpr int kListBytes = 65536;       // of a list file that are read: anyone may drop one without an end
+static constexpr int kListBytes = 65536;       // read of a list file: anyone may drop one without an end
 static constexpr int kTemperatureAlarm = 125;  // degrees C
 static constexpr int kDdrChannels = 4;
 static constexpr int kLongPath = 1024;  // a directory, a name and the fixed parts of a dump's path
 
-// Also on standard output, where the set's boot log collects the start-up.
+// Also prints the text: the set's boot log collects standard output.
 #define LOG_AND_PRINT(prio, fmt, ...)         \
     do {                                      \
         VESTRA_LOG(prio, fmt, ##__VA_ARGS__); \
@@ -109,42 +121,51 @@ static constexpr int kLongPath = 1024;  // a directory, a name and the fixed par
     } while (0)
 
 /* ------------------------------ 2. State ------------------------------ */
+// Unless a comment says otherwise: written by the main thread at start-up, constant afterwards, read by any thread.
 
-int32_t exit_flag;
-GMainLoop *g_loop;
-uint32_t max_file_size;
-int32_t sleep_time_usec_buf;
-int32_t sleep_time_sec_file;
-int32_t sleep_time_live_file;
-int32_t max_number_of_files;
-int32_t key_handling_flag;
-int32_t fault_handling_flag;
-int32_t dod_mode_flag;
-char process_name[kPathSize];
-char VESTRA_CONFIG_FILE[96];
+int32_t exit_flag;               // 1: stop. Set by signal handler and shut-down, polled by all threads but "QXProcess"
+GMainLoop *g_loop;               // null until the loop is made; the signal handler quits it
+uint32_t max_file_size;          // bytes, budget of the chain and size of a dump
+int32_t sleep_time_usec_buf;     // us, pause of the reader thread after each read
+int32_t sleep_time_sec_file;     // s, least time between two continuous dumps
+int32_t sleep_time_live_file;    // s, interval of live uploads; nothing reads it
+int32_t max_number_of_files;     // continuous dumps kept; only printed, the writer reads no_of_files
+char process_name[kPathSize];    // argv[0], always terminated
+char VESTRA_CONFIG_FILE[96];     // path of the configuration file
+int32_t g_chip_type = 1;         // chip code 1 to 7; RIVAM until the set says otherwise
+VestraConfig_t g_vestra_config;  // see vestra_xml.h; "QXProcess" writes the filter fields later
+image_type_flags m_image_type;   // filled by m_UpdateImageType, which the daemon does not call
+
+// Thread handles, 0: not running. Main thread only.
 pthread_t client_thread, thread_for_userdata, thread_for_process_names, thread_read_hndl;
-int32_t g_chip_type = 1;  // RIVAM, until the set says otherwise
-VestraConfig_t g_vestra_config;
-image_type_flags m_image_type;
 
-pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;  // guards the three below; g_current_new_data is written under it too
-circ_buf_s *ghead_s;
-uint32_t gtotal_bytes;
-int32_t file_complete_flag;
-uint32_t g_current_new_data;
+int32_t key_handling_flag;    // a key dump is in progress: cleared at start-up, nothing reads it
+int32_t fault_handling_flag;  // a fault is being handled: nothing sets it, the main loop reads it
+int32_t dod_mode_flag;        // last value of the DOD key: the main loop writes it, the reader thread polls it
 
-int32_t g_cnt_of_files;
-char g_prev_file_path[kPathSize];
-char g_prev_usb_path[kPathSize];
-int32_t g_prev_usb_path_valid;
+// The capture chain. The reader thread writes all four while it holds the lock. The last two are read without it, and
+// the main loop clears the flag after a key dump.
+pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;  // guards ghead_s, its links and gtotal_bytes
+circ_buf_s *ghead_s;                               // oldest block; null when the chain is empty
+uint32_t gtotal_bytes;                             // bytes, sum of size over the chain
+uint32_t g_current_new_data;                       // bytes appended since the last continuous dump
+int32_t file_complete_flag;                        // 1 once the budget has forced a block out
 
-char temperature_file_name[kPathSize];
-int inotify_fd = -1, inotify_wd = -1;
+// The newest continuous dump. Reader thread only.
+int32_t g_cnt_of_files;            // its slot; 0 before the first one
+char g_prev_file_path[kPathSize];  // its path; "" before the first one
 
-static timeval start_time;            // of the daemon, for the elapsed time at shut-down; main thread
-static timeval last_robustness_copy;  // when a robustness dump was last copied to USB; main loop's thread
-static int32_t last_upload_second;    // send_live_data's caller only
-static int32_t upload_sequence;       // number of the upload within that second
+// Cache of the USB directory. The reader thread and the main loop read and write both without a lock.
+char g_prev_usb_path[kPathSize];  // the directory found last
+int32_t g_prev_usb_path_valid;    // 1: it may be used
+
+char temperature_file_name[kPathSize];  // "" when there is no thermal directory
+int inotify_fd = -1, inotify_wd = -1;   // watch on the list directory, -1: not set up. "QXProcess" only
+
+static timeval start_time;            // of the daemon, for the elapsed time at shut-down. Main thread only
+static timeval last_robustness_copy;  // when a robustness dump was last copied to USB. Main loop only
+static int32_t last_upload_second;    // second of the last live upload; 0 before the first one. Its caller only
+static int32_t upload_sequence;       // number of that upload within its second. Its caller only
 
 /* ------------------------------ 3. Image type and small files ------------------------------ */
 
@@ -213,6 +234,14 @@ static int clamp_to_int(long long value) {
     return static_cast<int>(std::clamp<long long>(value, INT_MIN, INT_MAX));
 }
 
+// Closes the file on every path out.
+struct FileCloser {
+    FILE *file;
+    ~FileCloser() {
+        if (file != nullptr) fclose(file);
+    }
+};
+
 int FileReadOneInt(const char *path, int *value) {
     if (value == nullptr) {
         LOGE("[vestra]:data addr is NULL\n");
@@ -222,14 +251,13 @@ int FileReadOneInt(const char *path, int *value) {
         LOGE("[vestra]:File path not real: %s\n", path == nullptr ? "(null)" : path);
         return 0;
     }
-    FILE *file = fopen(path, "rte");
-    if (file == nullptr) {
+    const FileCloser file{fopen(path, "rte")};
+    if (file.file == nullptr) {
         LOGE("[vestra]:open file failed.(%s)\n", path);
         return 0;
     }
     long long number = 0;  // 18 digits always fit, so a hostile row of digits cannot overflow the conversion
-    const int matched = fscanf(file, "%18lld", &number);  // NOLINT(cert-err34-c)
-    fclose(file);
+    const int matched = fscanf(file.file, "%18lld", &number);  // NOLINT(cert-err34-c)
     if (matched < 1) {
         LOGE("[vestra]:fscanf failed (ret:%d)\n", matched);
         return 0;
@@ -237,14 +265,6 @@ int FileReadOneInt(const char *path, int *value) {
     *value = clamp_to_int(number);
     return 1;
 }
-
-// Closes what the C library opened, on every path out.
-struct FileCloser {
-    FILE *file;
-    ~FileCloser() {
-        if (file != nullptr) fclose(file);
-    }
-};
 
 int FileReadOneString(const char *path, std::string &text) {
     const FileCloser file{fopen(path, "re")};  // a C++ stream cannot be close-on-exec
@@ -277,11 +297,10 @@ void vestrad_usleep(int usec) {
     nanosleep(&pause, nullptr);
 }
 
-// Waits until the control node is there (`present`) or gone. Returns 0, or -1 when it changed at the very last look:
-// the caller reports that.
+// Waits until the control node exists (`present`) or is gone. 0, or -1 when it changed at the very last look.
 //
-// Kept as it stands: a node that does not change ends in success after 401 looks (400 pauses, about 4 s); only one that
-// changes at the 401st look counts as a failure. Start-up must go on without the module, and callers depend on the 0.
+// Kept as it stands: a node that never changes is a success after 401 looks (400 pauses, about 4 s); only one that
+// changes at the 401st look is a failure. Start-up must go on without the module, and callers depend on the 0.
 static int wait_for_node(bool present) {
     int count = 0;
     while ((access(kControlNode, F_OK) == 0) != present) {
@@ -317,7 +336,7 @@ int unloadVestraDriver(void) {
         return -1;
     }
     if (wait_for_node(false) == 0) return 0;
-    // Kept as it stands: the text names the load function; log filters know it so.
+    // Kept as it stands: the text names the load function. Log filters match it.
     LOGE("ERROR: loadVestraDriver: rmmod failed for /lib/modules/linux/kernel/orna-vestra-kmod.ko\n");
     return -1;
 }
@@ -336,8 +355,13 @@ int vestra_open(const char *path, int flags) {
     return fd;
 }
 
+// Kept as it stands: descriptor 0 stays open. The daemon only gets it when it was started without standard input.
+static void close_unless_zero(int fd) {
+    if (fd != 0) close(fd);
+}
+
 int runShell(const char *command) {
-    // vfork: the daemon's memory is not copied for a child that only executes the shell.
+    // vfork: do not copy the daemon's memory for a child that only executes the shell.
     const pid_t pid = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
     if (pid < 0) return -1;
     if (pid == 0) {
@@ -350,16 +374,13 @@ int runShell(const char *command) {
 }
 
 int get_chip_type_from_config(void) {
-    static constexpr size_t kPrefix = 5;  // characters that tell the chip
     static const struct {
         int32_t code;
-        const char *prefix;
-        const char *message;
+        const char *prefix;  // of the chipset's name
+        const char *name;    // in the message
     } kChips[] = {
-        {1, "RIVAM", "[vestra] CHIP IS RIVA-M [%d]!!!"},       {2, "RIVAL", "[vestra] CHIP IS RIVA-L [%d]!!!"},
-        {3, "TORNL", "[vestra] CHIP IS TORN-L [%d]!!!"},       {4, "TORNM", "[vestra] CHIP IS TORN-M [%d]!!!"},
-        {5, "DALPS", "[vestra] CHIP IS DALPS [%d]!!!"},        {6, "Y47QE", "[vestra] CHIP IS Y47QE [%d]!!!"},
-        {7, "", "[vestra] CHIP IS Some other device [%d]!!!"},  // anything else
+        {1, "RIVAM", "RIVA-M"}, {2, "RIVAL", "RIVA-L"}, {3, "TORNL", "TORN-L"},       {4, "TORNM", "TORN-M"},
+        {5, "DALPS", "DALPS"},  {6, "Y47QE", "Y47QE"},  {7, "", "Some other device"},
     };
     char *value = nullptr;
     if (system_info_get_custom_string(kChipsetKey, &value) != 0) {
@@ -368,12 +389,9 @@ int get_chip_type_from_config(void) {
     }
     if (value == nullptr) return g_chip_type;
     for (const auto &chip : kChips) {
-        if (chip.prefix[0] != '\0' && strncmp(value, chip.prefix, kPrefix) != 0) continue;
+        if (strncmp(value, chip.prefix, strlen(chip.prefix)) != 0) continue;
         g_chip_type = chip.code;
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-        printf(chip.message, g_chip_type);
-#pragma GCC diagnostic pop
+        printf("[vestra] CHIP IS %s [%d]!!!", chip.name, g_chip_type);
         break;
     }
     free(value);
@@ -384,7 +402,7 @@ int vestra_chip_type(void) {
     return g_chip_type;
 }
 
-// Chips with little memory: a configuration file of their own and a lower cap on the command line.
+// Chips with little memory: another configuration file and a lower limit on the command line.
 static bool small_chip() {
     return g_chip_type == 3 || g_chip_type == 5 || g_chip_type == 6;
 }
@@ -410,21 +428,20 @@ int check_path(char *path, int size, int retries) {
         if (check_path_int(path, size) == 0) return 0;
         sleep(1);
     }
-    // Kept as it stands: the count is one more than the tries made; so it is in get_usb_path.
+    // Kept as it stands, here and in get_usb_path: the count is one more than the tries that were made.
     LOGD("[CUP:%s][retry count:%d] failed to get path", kDaemonName, clamp_to_int(tries + 1));
     return -1;
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "search_usb_device_path"
-// The mount path of the list's first device into `buf`. 0 or -1.
+// Writes the mount path of the list's first device into `buf`. 0 or -1.
 static int first_mount_path(usb_device_list_h list, char *buf, int size) {
+    LOGS_AS("search_usb_device_path");
     usb_device_h device = nullptr;
     if (usb_device_list_get_first(list, &device) != 0) return -1;
     int result = -1;
     const char *path = usb_device_get_mountpath(device);
     if (path == nullptr || path[0] == '\0') {
-        LOGE("[%s][%s:%d] failed to get USB path", kDaemonName, VESTRA_LOG_OPERATION, __LINE__);
+        LOGE("[%s][%s:%d] failed to get USB path", kDaemonName, log_operation, __LINE__);
     } else {
         snprintf(buf, static_cast<size_t>(size), "%s", path);
         result = 0;
@@ -432,8 +449,6 @@ static int first_mount_path(usb_device_list_h list, char *buf, int size) {
     if (device != nullptr) free_usb_device_h(device);
     return result;
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
 int search_usb_device_path(char *buf, int size) {
     if (buf == nullptr || size < 1) return -1;
@@ -457,7 +472,7 @@ int get_usb_path_int(char *buf, int size, int retries) {
     int was_valid = 0;
     if (g_prev_usb_path_valid == 1) {
         if (check_path(g_prev_usb_path, kPathSize, retries) == 0) {
-            // At start-up the caller's buffer is the cache itself.
+            // At start-up `buf` is the cache itself.
             if (buf != g_prev_usb_path && size > 1) snprintf(buf, static_cast<size_t>(size) - 1, "%s", g_prev_usb_path);
             return 0;
         }
@@ -472,8 +487,7 @@ int get_usb_path_int(char *buf, int size, int retries) {
     }
     if (check_path(found, kPathSize, retries) != 0) return -1;
     // Kept as it stands: a directory found for the first time goes into the cache only. The caller's buffer stays
-    // empty, its dump is refused, and the next lookup is served from the cache: a stick is used from the second request
-    // on.
+    // empty and its dump is refused; the next lookup takes the cache. So a stick is used from the second request on.
     snprintf(g_prev_usb_path, sizeof(g_prev_usb_path), "%s", found);
     g_prev_usb_path_valid = 1;
     return 0;
@@ -481,7 +495,7 @@ int get_usb_path_int(char *buf, int size, int retries) {
 
 int get_usb_path(char *buf, int size, int retries) {
     if (retries < 1) retries = kDefaultRetries;
-    if (!CheckIfNotReleaseImage()) return -1;  // no dump leaves a set that is sold
+    if (!CheckIfNotReleaseImage()) return -1;  // no dump leaves a set that was sold
     const int64_t tries = static_cast<int64_t>(retries) + 1;
     int result = -1;
     for (int64_t count = 0; count < tries; ++count) {
@@ -493,10 +507,9 @@ int get_usb_path(char *buf, int size, int retries) {
     return result;
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "vestra_system_exec_argv"
 // The child's half of the command runner.
-[[noreturn]] static void execute(const char *program, int argc, char (*slots)[kPathSize], int *status) {
+[[noreturn]] static void exec_in_child(const char *program, int argc, char (*slots)[kPathSize], int *status) {
+    LOGS_AS("vestra_system_exec_argv");
     if (argc == 3) {
         execlp(program, program, slots[0], slots[1], slots[2], static_cast<char *>(nullptr));
         LOGE("[vestra] : errno:(%d:%m)", errno);
@@ -508,8 +521,6 @@ int get_usb_path(char *buf, int size, int retries) {
     LOGD("[vestra] :EXITING ............................................................(%d:%m)", errno);
     _exit(1);
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
 int vestra_system_exec_argv(int *status, const char *program, int argc, ...) {
     *status = 0;
@@ -527,14 +538,13 @@ int vestra_system_exec_argv(int *status, const char *program, int argc, ...) {
         LOGE("[vestra] :fork failed.");
         return child;
     }
-    if (child == 0) execute(program, argc, slots, status);
+    if (child == 0) exec_in_child(program, argc, slots, status);
     int child_status = 0;
     if (waitpid(child, &child_status, 0) < 0) {
         LOGE("vestra : child %d waiting failed", child);
         sleep(1);
     }
-    // Kept as it stands: how the command ended is not examined, so a move or copy that fails goes unnoticed by its
-    // callers.
+    // Kept as it stands: the command's exit status is not examined. Callers do not notice a failed move or copy.
     if (strcmp(program, "/bin/curl") == 0) {
         char uploaded[kPathSize] = {};
         if (sscanf(slots[1], "file=@%255s", uploaded) < 1 || remove(uploaded) != 0) {
@@ -548,8 +558,8 @@ int vestra_system_exec_argv(int *status, const char *program, int argc, ...) {
 int vestra_rename(const char *from, const char *to) {
     int status = 0;
     vestra_system_exec_argv(&status, "/bin/mv", 3, "-f", from, to);
-    // Kept as it stands: the status is 0 or a positive errno, so copy and remove never run and a move never fails for
-    // its caller, not even when fork does.
+    // Kept as it stands: the status is 0 or a positive errno, so copy and remove never run, and for the caller a move
+    // never fails, not even when fork does.
     if (status >= 0) return status;
     vestra_system_exec_argv(&status, "/bin/cp", 3, "-f", from, to);
     vestra_system_exec_argv(&status, "/bin/rm", 2, "-f", from);
@@ -592,18 +602,15 @@ int vestra_Display_GlobalNotification(std::string text) {  // NOLINT(performance
     return retVal == 0 ? 0 : -1;
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "vestra_Display_GlobalNotification"
-// Shows head line, outcome and detail as one notice. What the string may throw without memory ends here.
+// Shows head line, outcome and detail as one notice. Catches what the string throws without memory.
 static void show_notice(const char *head, const char *outcome, const char *detail) {
+    LOGS_AS("vestra_Display_GlobalNotification");
     try {
         vestra_Display_GlobalNotification(std::string(head) + outcome + detail);
     } catch (const std::exception &) {
         LOGE("ERR: notification_create failed");
     }
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
 /* ------------------------------ 7. Capture chain ------------------------------ */
 
@@ -613,7 +620,7 @@ int vestra_get_node(circ_buf_s **node, int len) {
         LOGE("ERROR: malloc failed (%d:%m)", errno);
         return -1;
     }
-    // Kept as it stands: rounded down to 32, then 40 more, which leaves 9 to 40 bytes behind the data.
+    // Kept as it stands: rounded down to 32, then 40 more. That leaves 9 to 40 spare bytes after the data.
     const size_t bytes = static_cast<size_t>(len & ~31) + 40;
     (*node)->data = static_cast<unsigned char *>(malloc(bytes));
     (*node)->next = nullptr;
@@ -656,10 +663,10 @@ void free_bufs_shm(circ_buf_shm **head) {
     *head = nullptr;
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "read_data"
-// One block from the device into `buffer`. The count that read() gave, or 0 when there was none or the daemon stops.
+// Reads one block from the device into `buffer`. The result of read(), or 0 when 20 reads gave nothing or the daemon
+// stops.
 static ssize_t read_block(int fd, unsigned char *buffer) {
+    LOGS_AS("read_data");
     for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
         if (exit_flag) return 0;
         const ssize_t count = read(fd, buffer, kBlockMax);
@@ -668,14 +675,12 @@ static ssize_t read_block(int fd, unsigned char *buffer) {
     }
     return 0;
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
 // Drops the oldest blocks until the chain fits its budget. The caller holds `lock`.
 static void trim_chain(circ_buf_s **head, unsigned int *total) {
     while (*head != nullptr && *total > max_file_size) {
         circ_buf_s *oldest = *head;
-        // The head moves on even when there is no next block: a single block above the budget leaves an empty chain.
+        // Without a next block, too: a single block above the budget leaves an empty chain.
         *head = oldest->next;
         *total -= oldest->size;
         vestra_free_node(&oldest);
@@ -690,27 +695,28 @@ int read_data(circ_buf_s **head, int fd, unsigned int *total) {
     if (count == 0) return 0;
 
     circ_buf_s *node = nullptr;
-    // Kept as it stands: a read error takes the same way as missing memory and is reported with its text.
+    // Kept as it stands: a read error (a negative count) ends here, too, and is reported as missing memory.
     if (vestra_get_node(&node, static_cast<int>(count)) <= 0 || node == nullptr) {
         LOGE("ERROR: malloc failed (%d:%m)", errno);
         vestra_free_node(&node);
         return -1;
     }
     const auto size = static_cast<uint32_t>(count);
+    // Kept as it stands: what is cleared is overwritten at once.
     memset(node->data, 0, size);
     memcpy(node->data, buffer, size);
     node->size = size;
     node->next = nullptr;
 
     const int type = decode_file(node->data, size);
-    // In lite mode a block is kept for its last frame: switch (7), CPU and memory information (8), or nothing
-    // decodable.
+    // Lite mode keeps a block only if its last frame is a switch (7) or a CPU and memory (8) frame, or if it has none.
     if (g_vestra_config.vestra_litemode_on != 0 && type > 0 && type != 7 && type != 8) {
         vestra_free_node(&node);
         return 0;
     }
 
     pthread_mutex_lock(&lock);
+    // Kept as it stands: there is no tail pointer. About 80 blocks are walked for each block of 128 KiB.
     circ_buf_s **link = head;
     while (*link != nullptr) link = &(*link)->next;
     *link = node;
@@ -723,7 +729,7 @@ int read_data(circ_buf_s **head, int fd, unsigned int *total) {
 
 /* ------------------------------ 8. Dump writer ------------------------------ */
 
-// What each reason writes: stem of the temporary file and first line of the notice (null: no notice).
+// What a dump's reason decides: stem of the temporary file and first line of the notice (null: no notice).
 struct DumpKind {
     const char *stem;
     const char *notice_head;
@@ -754,25 +760,25 @@ static const char *after_last_slash(const char *path) {
     return slash == nullptr ? path : slash + 1;
 }
 
-// A temporary file in a directory that everyone may write to: a planted link is not followed.
+// Opens a temporary file in /tmp, where everyone may write: does not follow a planted link.
 static int open_temporary(const char *path) {
     const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666);
     struct stat info;
     if (fd < 0 || (fstat(fd, &info) == 0 && S_ISREG(info.st_mode))) return fd;
-    close(fd);  // a planted pipe would block the writer while it holds the lock
+    close(fd);  // a planted pipe would block the writer, which holds the lock
     errno = EINVAL;
     return -1;
 }
 
-// Writes the whole of `data` in one call. A short write is a failure like any other. False with errno set.
+// Writes all of `data` with one call. False with errno set; a short write is a failure, too.
 static bool write_whole(int fd, const void *data, size_t size) {
     errno = 0;
     if (size == 0 || write(fd, data, size) == static_cast<ssize_t>(size)) return true;
-    if (errno == 0) errno = EIO;  // a short write sets none
+    if (errno == 0) errno = EIO;  // a short write does not set it
     return false;
 }
 
-// The two values of the version file. Fields are not terminated.
+// The two values of the version file, not terminated.
 struct VersionTexts {
     char build[kVersionLineBytes];
     size_t build_size;
@@ -780,11 +786,10 @@ struct VersionTexts {
     size_t model_size;
 };
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "append_image_version"
-// Reads the version file's lines. 0, or -1 when the file counts as one without a version.
+// Reads the version file's lines. 0, or -1 when it counts as a file without a version.
 static int read_version_lines(FILE *file, VersionTexts *texts) {
-    static constexpr size_t kKey = 6;  // "Model=" and "Build=" are six characters both
+    LOGS_AS("append_image_version");
+    static constexpr size_t kKey = 6;  // characters of "Model=" and of "Build="
     char line[kVersionLineBytes + 1] = {};
     int lines = 0;
     bool found = false, stopped = false;
@@ -805,14 +810,14 @@ static int read_version_lines(FILE *file, VersionTexts *texts) {
             break;
         }
     }
-    // Kept as it stands: a version on the 20th line counts as none, while a file without one in its first 20 lines goes
-    // on with the line that was read last. Dump readers know both kinds of trailer.
+    // Kept as it stands: a version on the 20th line counts as none, but a file without one in its first 20 lines goes
+    // on with the last line read. Dump readers handle both kinds of trailer.
     if ((found && lines == kVersionLines) || (stopped && lines == kVersionLines - 1)) {
         LOGE("ERROR: Image version not found in the file %s", kVersionFile);
         return -1;
     }
-    // Kept as it stands: the value's last character but one becomes the "/", and its last is dropped. That suits a
-    // value that ends in CR LF; one that ends in LF alone loses its last character.
+    // Kept as it stands: the last character but one becomes "/", and the last is dropped. That is right for a value
+    // that ends in CR LF; one that ends in LF alone loses its last character.
     const size_t length = strlen(line);
     const size_t value = length > kKey ? length - kKey : 0;
     if (value >= 2) {
@@ -822,8 +827,6 @@ static int read_version_lines(FILE *file, VersionTexts *texts) {
     }
     return 0;
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
 int append_image_version(int fd) {
     if (!checkForRealPath(kVersionFile)) {
@@ -863,10 +866,9 @@ int append_image_version(int fd) {
     return 0;
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "write_data"
-// Writes one chain node and brings it to the disk. 0, or -1 with a message.
+// Writes one chain node and syncs it to the disk. 0, or -1 with a message.
 static int write_node(int fd, const circ_buf_s &node) {
+    LOGS_AS("write_data");
     uint32_t written = 0;
     for (int call = 0; call < kWriteAttempts && written < node.size; ++call) {
         if (call > 0 && exit_flag) break;
@@ -886,8 +888,9 @@ static int write_node(int fd, const circ_buf_s &node) {
     return 0;
 }
 
-// The chain's bytes, oldest block first. The reader waits meanwhile.
+// Writes the chain's bytes, oldest block first, under `lock`: the reader waits until the disk is done.
 static int write_chain(int fd, circ_buf_s **head, _vestra_write_reason reason) {
+    LOGS_AS("write_data");
     LOGD("INFO: before acquiring mutex");
     pthread_mutex_lock(&lock);
     LOGD("INFO: after acquiring mutex");
@@ -904,10 +907,11 @@ static int write_chain(int fd, circ_buf_s **head, _vestra_write_reason reason) {
     return status;
 }
 
-// Takes the "_l" mark from the newest continuous dump, because another is about to become the newest.
+// Renames the newest continuous dump without its "_l" mark: another is about to become the newest.
 static void unmark_previous(const char *dir) {
-    // Kept as it stands: everything up to the first "_" of the whole path is skipped, so a directory or a name with a
-    // "_" is misread and the rename goes to a wrong name. (Ten digits cannot overflow the conversion.)
+    LOGS_AS("write_data");
+    // Kept as it stands: this skips everything up to the first "_" of the whole path, so that with a "_" in the
+    // directory or the name the rename goes to a wrong name. (Ten digits cannot overflow the conversion.)
     long long pid = 0, slot = 0;
     char name[kPathSize] = {};
     sscanf(g_prev_file_path, "%*[^_]_%10lld_%255[^_]_%10lld_l", &pid, name, &slot);  // NOLINT(cert-err34-c)
@@ -918,7 +922,7 @@ static void unmark_previous(const char *dir) {
     }
 }
 
-// Number of the slot after the newest: 1, 2, ... no_of_files, 1, ...
+// The slot after the newest one: 1, 2, ... no_of_files, 1, ...
 static int32_t next_slot() {
     const int64_t slots = static_cast<int64_t>(g_vestra_config.no_of_files) + 1;
     const int64_t slot = slots == 0 ? 0 : (static_cast<int64_t>(g_cnt_of_files) + 1) % slots;
@@ -927,6 +931,7 @@ static int32_t next_slot() {
 
 // Copies a robustness dump to USB, at most once in min_time_diff_dump seconds.
 static void copy_robustness_dump(const char *final_path) {
+    LOGS_AS("write_data");
     timeval now;
     gettimeofday(&now, nullptr);
     const int64_t elapsed_us = (static_cast<int64_t>(now.tv_sec) - last_robustness_copy.tv_sec) * 1000000 +
@@ -950,6 +955,7 @@ static void copy_robustness_dump(const char *final_path) {
 // Moves (reason 5) or copies (6, 7) a finished dump into the DOD folder. Returns the command's status.
 static int place_in_dod_folder(const char *final_path, const char *dir, const char *name, int pid,
                                _vestra_write_reason reason) {
+    LOGS_AS("write_data");
     const time_t seconds = time(nullptr);
     tm now = {};
     localtime_r(&seconds, &now);
@@ -965,6 +971,7 @@ static int place_in_dod_folder(const char *final_path, const char *dir, const ch
 
 // Remembers the newest continuous dump and removes the file that held its slot one round ago.
 static void rotate_slots(const char *final_path, const char *dir, const char *name, int pid) {
+    LOGS_AS("write_data");
     snprintf(g_prev_file_path, sizeof(g_prev_file_path), "%s", final_path);
     char old[kLongPath];
     snprintf(old, sizeof(old), "%s/0000000000_%d_%s_%d", dir, pid, name, g_cnt_of_files);
@@ -974,6 +981,7 @@ static void rotate_slots(const char *final_path, const char *dir, const char *na
 // Fills the open temporary file and moves it to its place. Negative on failure.
 static int produce_dump(int fd, circ_buf_s **head, const char *temporary, const char *final_path, const char *dir,
                         const char *name, int pid, _vestra_write_reason reason) {
+    LOGS_AS("write_data");
     if (write_chain(fd, head, reason) != 0) return -1;
     const int trailer = append_image_version(fd);
     if (trailer < 0) {
@@ -993,8 +1001,6 @@ static int produce_dump(int fd, circ_buf_s **head, const char *temporary, const 
     if (is_continuous(reason)) rotate_slots(final_path, dir, name, pid);
     return status;
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
 int write_data(circ_buf_s **head, const char *dir, const char *name, int pid, _vestra_write_reason reason) {
     if (dir == nullptr || strnlen(dir, kPathSize - 1) == 0) return -1;
@@ -1011,7 +1017,7 @@ int write_data(circ_buf_s **head, const char *dir, const char *name, int pid, _v
     snprintf(temporary, sizeof(temporary), "%s/%s_%ld_%ld", kTempDir, kind.stem, seconds, microseconds);
     if (is_continuous(reason)) {
         LOGD("INFO: vestra g_current_new_data %d %d", static_cast<int>(g_current_new_data), g_cnt_of_files);
-        // The reader tries 256 KiB earlier; a dump is only written once a whole budget has arrived since the last.
+        // The reader starts trying 256 KiB earlier, but a dump needs a whole budget of new data.
         if (g_current_new_data < max_file_size) {
             LOGE("ERROR: [vestra] RETURNING  INFO: pch = NULL ");
             return 0;
@@ -1030,7 +1036,7 @@ int write_data(circ_buf_s **head, const char *dir, const char *name, int pid, _v
         LOGE("ERROR: failed to open %s (%d:%m)", temporary, errno);
     } else {
         status = produce_dump(fd, head, temporary, final_path, dir, name, pid, reason);
-        if (fd != 0) close(fd);
+        close_unless_zero(fd);
     }
     if (status >= 0) {
         LOGD("INFO: writefile exit [success] %s", final_path);
@@ -1045,10 +1051,9 @@ int write_data(circ_buf_s **head, const char *dir, const char *name, int pid, _v
 
 /* ------------------------------ 9. Live upload ------------------------------ */
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "send_live_data"
 // Writes the block into the open file. 0, or -1 with a message.
 static int write_live_block(int fd, const unsigned char *data, unsigned int size) {
+    LOGS_AS("send_live_data");
     if (exit_flag) return 0;
     unsigned int written = 0;
     for (int call = 0; call < kWriteAttempts && written < size; ++call) {
@@ -1069,6 +1074,7 @@ static int write_live_block(int fd, const unsigned char *data, unsigned int size
 
 static int produce_live_file(int fd, const unsigned char *data, unsigned int size, const char *temporary,
                              const char *final_path) {
+    LOGS_AS("send_live_data");
     if (write_live_block(fd, data, size) != 0) return -1;
     LOGD("INFO: after write done!!!");
     if (append_image_version(fd) < 0) {
@@ -1083,8 +1089,9 @@ static int produce_live_file(int fd, const unsigned char *data, unsigned int siz
     return 0;
 }
 
-// Hands the file to curl; the command runner removes it afterwards, whatever the server said.
+// Hands the file to curl. The command runner then removes it, whatever the server answered.
 static void upload(const char *final_path) {
+    LOGS_AS("send_live_data");
     const char *target = g_vestra_config.vestra_extfile_path_id;  // may be unterminated
     LOGD("vestra: data ready for sending to server %.*s", kExtfilePathSize, target);
     char form[kLongPath], address[kLongPath];
@@ -1094,8 +1101,6 @@ static void upload(const char *final_path) {
     vestra_system_exec_argv(&status, "/bin/curl", 3, "-F", form, address);
     LOGD("vestra: data sent to server %s..", address);
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
 int send_live_data(unsigned char *data, unsigned int size) {
     const char *name = after_last_slash(process_name);
@@ -1124,7 +1129,7 @@ int send_live_data(unsigned char *data, unsigned int size) {
     } else {
         status = produce_live_file(fd, data, size, temporary, final_path);
         if (status == 0) upload(final_path);
-        if (fd != 0) close(fd);
+        close_unless_zero(fd);
     }
     if (status == 0) {
         LOGD("INFO: writefile exit [success] %s", final_path);
@@ -1136,10 +1141,9 @@ int send_live_data(unsigned char *data, unsigned int size) {
 
 /* ------------------------------ 10. Reader thread ------------------------------ */
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "thread_read_func"
-// Writes a continuous dump when one is due. Returns the new time of the last dump, in the reader's seconds.
+// Writes a continuous dump when one is due. Returns the time of the last dump, in seconds of the reader's clock.
 static int32_t write_if_due(int32_t curtime, int32_t prevtime, uint32_t min_req_data) {
+    LOGS_AS("thread_read_func");
     const bool continuous = g_vestra_config.cont_data_collect == 1, dod = dod_mode_flag == 1;
     if (!continuous && !dod) return prevtime;
     const auto since = static_cast<int32_t>(static_cast<uint32_t>(curtime) - static_cast<uint32_t>(prevtime));
@@ -1150,8 +1154,7 @@ static int32_t write_if_due(int32_t curtime, int32_t prevtime, uint32_t min_req_
     if (get_usb_path(path, kPathSize, 0) != 0) return prevtime;
     _vestra_write_reason reason = WRITE_REASON_CONTINUOUS;
     if (dod) reason = continuous ? WRITE_REASON_CONTINUOUS_DOD : WRITE_REASON_DOD;
-    // A dump that is not written because a little data is still missing counts as one: the next try is an interval
-    // away.
+    // 0 without a dump, because a little data is still missing, counts as a dump: the next try is one interval later.
     if (write_data(&ghead_s, path, process_name, getpid(), reason) < 0) {
         LOGE("ERROR: trf write_data failed (%d:%m)", errno);
         return prevtime;
@@ -1159,17 +1162,11 @@ static int32_t write_if_due(int32_t curtime, int32_t prevtime, uint32_t min_req_
     return curtime;
 }
 
-static void pause_reader() {
-    timespec pause;
-    pause.tv_sec = sleep_time_usec_buf / 1000000;
-    pause.tv_nsec = static_cast<long>(sleep_time_usec_buf % 1000000) * 1000;
-    nanosleep(&pause, nullptr);
-}
-
-// Rounds of read, sleep and, when due, dump, until exit_flag or a failed read. False when the read failed.
+// Rounds of read, pause and, when due, dump, until exit_flag or a failed read. False when a read failed.
 static bool read_rounds(int fd) {
-    const uint32_t min_req_data =
-        max_file_size - kAttemptMargin;  // wraps for a budget under 256 KiB: no dump ever is due
+    LOGS_AS("thread_read_func");
+    // Wraps for a budget below 256 KiB: then no dump is ever due.
+    const uint32_t min_req_data = max_file_size - kAttemptMargin;
     int32_t curtime = 0, prevtime = 0;
     while (!exit_flag) {
         timeval begin, end;
@@ -1178,13 +1175,12 @@ static bool read_rounds(int fd) {
             LOGE("ERROR: read_data failed (%d:%m)", errno);
             return false;
         }
-        pause_reader();
+        vestrad_usleep(sleep_time_usec_buf);
         gettimeofday(&end, nullptr);
         const int64_t round_us = (static_cast<int64_t>(end.tv_sec) - begin.tv_sec) * 1000000 +
                                  (static_cast<int64_t>(end.tv_usec) - begin.tv_usec);
-        // Kept as it stands: the fraction is dropped every round, so the clock runs slow, never fast. With the pause of
-        // half a second it stands still, and continuous dumps do not come: start the daemon with two arguments for
-        // those.
+        // Kept as it stands: every round drops the fraction, so that the clock runs slow, never fast. With a pause of
+        // half a second it does not move at all and there are no continuous dumps; two arguments give a pause of 1 s.
         curtime = static_cast<int32_t>(static_cast<uint32_t>(curtime) + static_cast<uint32_t>(round_us / 1000000));
         LOGD("INFO: check condition for write %d %d %d %d [%d]", curtime, prevtime,
              static_cast<int32_t>(static_cast<uint32_t>(curtime) - static_cast<uint32_t>(prevtime)),
@@ -1193,8 +1189,6 @@ static bool read_rounds(int fd) {
     }
     return true;
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
 void *thread_read_func(void * /*arg*/) {
     const int fd = open(kControlNode, O_RDONLY | O_CLOEXEC);
@@ -1204,7 +1198,7 @@ void *thread_read_func(void * /*arg*/) {
         LOGI("INFO: before main loop########################## ");
         printf("INFO: before main loop########################## \n");
         if (read_rounds(fd)) LOGI("INFO: after main loop");
-        if (fd != 0) close(fd);
+        close_unless_zero(fd);
     }
     LOGD("[vestra] ########################## INFO: before main loop EXIT######################");
     return nullptr;
@@ -1212,23 +1206,20 @@ void *thread_read_func(void * /*arg*/) {
 
 /* ------------------------------ 11. Triggers ------------------------------ */
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "Handler_Cb"
-// Waits, a second a look, until `flag` is zero (`wanted` false) or not, the daemon stops, or `seconds` have passed.
-// False when the time ran out.
-static bool wait_for_flag(const int32_t &flag, bool wanted, int seconds) {
+// Looks once a second until `flag` is set (`set` true) or clear, the daemon stops, or `seconds` have passed. False when
+// the time ran out.
+static bool wait_for_flag(const int32_t &flag, bool set, int seconds) {
+    LOGS_AS("Handler_Cb");
     int count = 0;
-    while (!exit_flag && (flag != 0) != wanted && count < seconds) {
+    while (!exit_flag && (flag != 0) != set && count < seconds) {
         sleep(1);
         ++count;
     }
-    if ((flag != 0) == wanted || count < seconds) return true;
+    if ((flag != 0) == set || count < seconds) return true;
     // Kept as it stands: the text says 250 for the wait of 30 seconds too.
     LOGE("[vestra] Timeout %d sec in func %s", kFillWaitSeconds, "Handler_Cb");
     return false;
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
 void Handler_Cb(_KeyComb combination, void * /*user_data*/) {
     LOGI("INFO:[KeyCombination] %d hit sucessfully !!", combination);
@@ -1250,7 +1241,7 @@ void Handler_Cb(_KeyComb combination, void * /*user_data*/) {
     LOGI("INFO:key handler %d exited", combination);
 }
 
-// A key node's texts as the log can print them.
+// A text that the log can print.
 static const char *or_empty(const char *text) {
     return text == nullptr ? "" : text;
 }
@@ -1267,8 +1258,8 @@ void dod_vconf_notify_cb(keynode_t *key, void * /*user_data*/) {
         dod_mode_flag = value;
         char usb[kPathSize] = {};
         if (value == 1 && get_usb_path(usb, kPathSize, 0) == 0) {
-            // Kept as it stands: the first lookup of a stick leaves `usb` empty, and the folder is then looked for at
-            // the root.
+            // Kept as it stands: the first lookup of a stick leaves `usb` empty, and the folder is then one of the
+            // root.
             char folder[kPathSize];
             snprintf(folder, sizeof(folder), "%s/%s/", usb, kDodFolder);
             if (check_path(folder, kPathSize, 0) != 0) {
@@ -1291,7 +1282,7 @@ static RobustnessRequest parse_robustness(const char *value) {
     RobustnessRequest request = {};
     int consumed = 0;
     sscanf(value, "%255[^|]| %255[^|]|%n", request.path, request.name, &consumed);
-    // By hand, because a number of any length may come and the scan's own conversion is undefined beyond 32 bits.
+    // strtoll, because the number may have any length and "%d" is undefined beyond 32 bits.
     if (consumed > 0) request.pid = clamp_to_int(strtoll(value + consumed, nullptr, 10));
     return request;
 }
@@ -1310,8 +1301,8 @@ void robustness_vconf_notify_cb(keynode_t *key, void * /*user_data*/) {
         RobustnessRequest request = parse_robustness(value);
         LOGD("[vestra] data from ira : path %s, name %s, pid %d", request.path, request.name, request.pid);
         if (check_path(request.path, kPathSize, 0) != 0) {
-            // Kept as it stands: the directory came with the key; the fault agent's log filter knows the line by this
-            // text.
+            // Kept as it stands: the path came with the key, not from get_usb_path. The fault agent's log filter
+            // matches this text.
             LOGE("[vestra] ERROR: get_usb_path %s ", request.path);
         } else if (write_data(&ghead_s, request.path, request.name, request.pid, WRITE_REASON_ROBUSTNESS) < 0) {
             LOGE("[vestra] ERROR: robustness write_data failed (%d:%m)", errno);
@@ -1342,7 +1333,7 @@ void __scenario_manager_tv_memory(keynode_t *node, void * /*data*/) {
     if (name == nullptr || strcmp(name, kKeyMemoryDrop) != 0) return;
     struct stat info;
     if ((vconf_keynode_get_int(node) & kMemoryDropBit) != 0 && stat(kFaultPolicyFile, &info) != 0) {
-        // Memory is short and no fault agent is there to free some: give back ours at once, without a clean shut-down.
+        // Memory is short and there is no fault agent to free some: give back the daemon's at once, without shut-down.
         raise(SIGKILL);
     }
 }
@@ -1366,7 +1357,7 @@ int vestra_get_temperature_file_path() {
         LOGD("ERR: getThermDirName returned FAILURE\n");
         return result;
     }
-    // The doubled slashes are harmless, and the path is known so in the logs.
+    // Kept as it stands: the doubled slashes are harmless, and the logs show the path with them.
     snprintf(temperature_file_name, kPathSize - 1, "/sys/devices/%s/temperature", dir);
     LOGD("INFO:Temperature FileName = %s\n", temperature_file_name);
     free(dir);
@@ -1382,7 +1373,7 @@ int fastAtoI(char *text) {
 }
 
 int vestra_get_file_data(const char *path, char **data) {
-    static constexpr size_t kMost = 256;
+    static constexpr size_t kKept = 256;  // characters
     if (!checkForRealPath(path)) {
         LOGE("[vestra]:File path not real: %s\n", or_empty(path));
         return -1;
@@ -1393,10 +1384,10 @@ int vestra_get_file_data(const char *path, char **data) {
     {
         const FileCloser file{fopen(path, "re")};
         while (!got && file.file != nullptr && getline(&line, &line_size, file.file) >= 0) {
-            const size_t kept = std::min(line_size, kMost);
+            const size_t kept = std::min(line_size, kKept);
             free(*data);
             *data = static_cast<char *>(calloc(kept + 1, 1));
-            if (*data == nullptr) continue;  // no memory now; perhaps for the next line
+            if (*data == nullptr) continue;  // no memory now, but perhaps for the next line
             memcpy(*data, line, strnlen(line, kept));
             got = true;
         }
@@ -1427,10 +1418,9 @@ unsigned long vestra_get_system_uptime() {
     return seconds;
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "vestra_get_temperature"
-// Logs the alarm of a temperature above the limit.
+// Logs that a temperature is above the limit.
 static void raise_temperature_alarm(int temperature) {
+    LOGS_AS("vestra_get_temperature");
     static constexpr char kMessage[] = "{stemperature=%d;du=%lu}";
     const unsigned long uptime = vestra_get_system_uptime();
     const int length = snprintf(nullptr, 0, kMessage, temperature, uptime);
@@ -1441,11 +1431,9 @@ static void raise_temperature_alarm(int temperature) {
         LOGD("[vestra] : Temp msg %s\n", message);
         free(message);
     }
-    // Kept as it stands: the limit is 125, the text says 90; the set's log filters know the text.
+    // Kept as it stands: the limit is 125 but the text says 90. The set's log filters match the text.
     LOGD("ERR: Temperature exceeded 90. Current Temperature = %d. UpTime = %lu\n", temperature, uptime);
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
 int vestra_get_temperature(int *temperature) {
     *temperature = -1;
@@ -1481,13 +1469,14 @@ int GetTemperature(TEMP_TYPE type, int *temperature, int /*reserved*/) {
     return 0;
 }
 
-// The first whole number (decimal or 0x) behind "refresh rate" in `line` into *rate. False when there is none.
+// Writes the first whole number (decimal or 0x) after "refresh rate" in `line` into *rate. False without that label;
+// throws when there is no number or one that does not fit.
 static bool refresh_rate_in(const std::string &line, int *rate) {
     static constexpr char kLabel[] = "refresh rate";
     const size_t label = line.find(kLabel);
     if (label == std::string::npos) return false;
     const size_t digit = line.find_first_of("0123456789", label + sizeof(kLabel) - 1);
-    if (digit == std::string::npos) throw std::invalid_argument("no number");  // as a number that cannot be converted
+    if (digit == std::string::npos) throw std::invalid_argument("no number");
     const bool hexadecimal = line.compare(digit, 2, "0x") == 0 || line.compare(digit, 2, "0X") == 0;
     *rate = std::stoi(line.substr(digit), nullptr, hexadecimal ? 16 : 10);
     return true;
@@ -1505,7 +1494,7 @@ int m_CheckDDRRefreshRate(const std::string &path, int *rate) {
     try {
         while (!found && getline(&line, &line_size, file.file) >= 0) found = refresh_rate_in(line, rate);
     } catch (const std::exception &) {
-        *rate = 0;  // a number too large to convert, or none
+        *rate = 0;
     }
     free(line);
     return found ? 1 : 0;
@@ -1571,12 +1560,12 @@ void write_userdata(int command, char *data, int length) {
         snprintf(text, sizeof(text), "c-%d-%d-%s", command, length, data);
         if (!send_command(fd, text)) LOGE("ERROR: write_userdata failed (%d:%m)\n", errno);
         LOGE("INFO: command = %s\n", text);
-        if (fd != 0) close(fd);
+        close_unless_zero(fd);
     }
     LOGD("INFO: write_userdata exit\n");
 }
 
-// An integer command's payload length is the integer's size, whatever its digits.
+// The payload length of an integer command is the integer's size, however many digits it has.
 static void format_integer_command(char (&text)[kCommandBytes], int command, int value) {
     memset(text, 0, sizeof(text));
     snprintf(text, sizeof(text), "c-%d-%zu-%d", command, sizeof(int32_t), value);
@@ -1592,7 +1581,7 @@ void write_userdata_func(int command, int value) {
         format_integer_command(text, command, value);
         if (!send_command(fd, text)) LOGE(" write_userdata_func failed (%d:%m)\n", errno);
         LOGE("command = %s\n", text);
-        if (fd != 0) close(fd);
+        close_unless_zero(fd);
     }
     LOGD("INFO: write_userdata_func exit\n");
 }
@@ -1612,7 +1601,7 @@ void *thread_userdata_func(void * /*arg*/) {
             }
             sleep(1);
         }
-        if (fd != 0) close(fd);
+        close_unless_zero(fd);
     }
     LOGD("INFO: thread_userdata_func exit\n");
     return nullptr;
@@ -1620,8 +1609,8 @@ void *thread_userdata_func(void * /*arg*/) {
 
 /* ------------------------------ 14. Process filter list ------------------------------ */
 
-// The list file for reading, or null. The directory is open to everyone: a link, a pipe or a device is not a list, and
-// is not waited for.
+// Opens the list file, or returns null. Everyone may write to the directory: a link, a pipe or a device is not a list,
+// and nothing waits for one.
 static FILE *open_list() {
     const int fd = open(kListFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0) return nullptr;
@@ -1631,8 +1620,8 @@ static FILE *open_list() {
     return file;
 }
 
-// The next line without its end, cut to `size` - 1 characters. False at the end of the file, or of the `*left` bytes
-// that are read of it.
+// Reads the next line without its end, cut to `size` - 1 characters. *left is the number of bytes that may still be
+// read. False when they, or the file, are at an end.
 static bool next_line(FILE *file, int *left, char *line, size_t size) {
     const auto next = [&] { return (*left)-- > 0 ? fgetc(file) : EOF; };
     size_t length = 0;
@@ -1645,10 +1634,9 @@ static bool next_line(FILE *file, int *left, char *line, size_t size) {
     return true;
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "updateFilterProcessNames"
-// Reads the names into the configuration record. The count is the file's number of lines, though only six are stored.
+// Reads the names into the configuration record. The count is the number of lines, though only six are stored.
 static void load_names(FILE *file) {
+    LOGS_AS("updateFilterProcessNames");
     char line[kLongPath];
     int left = kListBytes;
     uint32_t lines = 0;
@@ -1662,18 +1650,19 @@ static void load_names(FILE *file) {
         LOGI("g_vestra_config.vestra_proc_filter_pname[%d] = %s", static_cast<int>(lines), line);
         ++lines;
     }
-    // An empty list changes nothing: the names of the list before are sent again.
+    // An empty list changes nothing: the names of the previous list are sent again.
     if (lines > 0) g_vestra_config.vestra_proc_filter_enable_num = static_cast<int32_t>(lines);
 }
 
 static void remove_list() {
+    LOGS_AS("updateFilterProcessNames");
     char command[kCommandBytes];
     snprintf(command, sizeof(command), "/bin/rm -rf %s", kListFile);
     runShell(command);
     LOGI("command [%s]", command);
 }
 
-// A copy of name slot `i` that is terminated whatever the slot holds.
+// A terminated copy of name slot `i`.
 struct FilterName {
     char text[kFilterNameSize + 1];
     explicit FilterName(int i) {
@@ -1685,6 +1674,7 @@ struct FilterName {
 };
 
 static void send_names(char *buffer, size_t size) {
+    LOGS_AS("updateFilterProcessNames");
     snprintf(buffer, size, "%s|%s|%s|%s|%s", FilterName(0).text, FilterName(1).text, FilterName(2).text,
              FilterName(3).text, FilterName(4).text);
     LOGI("cmd : %d, pBuf = %s, len = %d", kNameFilter, buffer, static_cast<int>(strlen(buffer)));
@@ -1695,14 +1685,13 @@ static void send_names(char *buffer, size_t size) {
 }
 
 static void send_pids(char *buffer, size_t size) {
+    LOGS_AS("updateFilterProcessNames");
     const int32_t *pid = g_vestra_config.vestra_proc_filter_pid;
     snprintf(buffer, size, "%d|%d|%d|%d|%d", pid[0], pid[1], pid[2], pid[3], pid[4]);
     const int length = static_cast<int>(strlen(buffer));
     LOGI("cmd : %d, pBuf = %s, len = %d", kPidFilter, buffer, length);
     write_userdata(kPidFilter, buffer, length);
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
 void updateFilterProcessNames() {
     static constexpr size_t kTextSize = 1024;
@@ -1740,16 +1729,16 @@ void updateFilterProcessNames() {
     free(buffer);
 }
 
-// True when a name means nothing to the shell, so that it can stand in a command as it is.
+// True when no character of a name means anything to the shell, so that a command can hold it as it is.
 static bool plain_name(const char *name) {
     static constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-+,@%";
     return name[0] != '-' && name[strspn(name, kPlain)] == '\0';
 }
 
-// A name as the shell takes it without running any of it: as it is when it is plain, else as one single-quoted word.
-// The directory is open to everyone, so the name may be meant for the shell.
+// A file name as the shell reads it without running any of it: unchanged when it is plain, else in single quotes.
+// Everyone may write to the directory, so a name may be an attack on the shell.
 struct ShellWord {
-    char text[4 * NAME_MAX + 3];  // each quote of the name becomes four characters
+    char text[4 * NAME_MAX + 3];  // each quote in the name becomes four characters
     explicit ShellWord(const char *name) {
         size_t used = 0;
         if (plain_name(name)) {
@@ -1758,7 +1747,7 @@ struct ShellWord {
         } else {
             text[used++] = '\'';
             for (size_t i = 0; i < NAME_MAX && name[i] != '\0'; ++i) {
-                static constexpr char kQuote[] = "'\\''";  // end the word, a quote by itself, go on
+                static constexpr char kQuote[] = "'\\''";  // close the quotes, an escaped quote, open them again
                 const bool quote = name[i] == '\'';
                 memcpy(text + used, quote ? kQuote : name + i, quote ? 4 : 1);
                 used += quote ? 4 : 1;
@@ -1780,11 +1769,11 @@ void updateFilterProcessNames(const char *name) {
     LOGE("File name recieved [%s], it should be [processes.txt], removing file [%s]", name, command);
 }
 
-// Makes sure that nobody else can put another directory in the list directory's place, whose files we would remove
-// then: it is no link, and it is ours or root's, so that the sticky bit of /tmp holds it. One that another user made
-// first is taken over.
+// Makes sure that nobody else can replace the list directory by another one, whose files the daemon would then remove:
+// it is not a link, and it belongs to the daemon or to root, so that the sticky bit of /tmp protects it. Takes over a
+// directory that another user made first.
 static bool own_list_dir() {
-    static constexpr char kDir[] = "/tmp/vestra_processes";  // no slash behind it: a link is not followed
+    static constexpr char kDir[] = "/tmp/vestra_processes";  // no slash at the end: does not follow a link
     const int fd = open(kDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return false;
     struct stat held, named;
@@ -1797,10 +1786,9 @@ static bool own_list_dir() {
     return own;
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "thread_user_process_func"
-// Sets up the watch. False with a message.
+// Sets up the watch on the list directory. False with a message.
 static bool watch_list_dir() {
+    LOGS_AS("thread_user_process_func");
     inotify_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (inotify_fd < 0) {
         LOGE("inotify_init failed");
@@ -1818,6 +1806,7 @@ static bool watch_list_dir() {
 
 // Handles the events in the first `size` bytes of `buffer`.
 static void handle_list_events(const char *buffer, size_t size) {
+    LOGS_AS("thread_user_process_func");
     size_t offset = 0;
     while (size - offset >= sizeof(inotify_event)) {
         inotify_event event;
@@ -1834,12 +1823,13 @@ static void handle_list_events(const char *buffer, size_t size) {
 
 // One pass of the watcher, 100 ms.
 static void watch_list_once() {
+    LOGS_AS("thread_user_process_func");
     static char events[32768];  // this thread's only
     usleep(100000);
     struct stat info;
     if (stat(kListDir, &info) != 0) {
-        // Only what was made just now is opened up: what else may stand there is not ours.
-        if (mkdir(kListDir, 0777) == 0) chmod(kListDir, 0777);  // whatever the umask left out
+        // chmod undoes the umask, but only on a directory that the daemon has just made.
+        if (mkdir(kListDir, 0777) == 0) chmod(kListDir, 0777);
     }
     if (inotify_fd < 0 && !watch_list_dir()) return;
     const ssize_t size = read(inotify_fd, events, sizeof(events));
@@ -1847,11 +1837,9 @@ static void watch_list_once() {
     handle_list_events(events, static_cast<size_t>(size));
     LOGE("End of readVestraProcessEvents");
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
-// Kept as it stands: without an exit test. The join at shut-down waits for this thread for ever, and the set's service
-// manager ends the process; it relies on the daemon not vanishing on its own.
+// Kept as it stands: there is no exit test. The join at shut-down waits for this thread for ever, and the set's service
+// manager ends the process; it relies on a daemon that does not end by itself.
 void *thread_user_process_func(void * /*arg*/) {
     for (;;) watch_list_once();
     return nullptr;
@@ -1862,15 +1850,13 @@ void *thread_user_process_func(void * /*arg*/) {
 void exit_handler(int /*signo*/) {
     static constexpr char kText[] = "SIGRTMIN+6 handled\n";
     const int saved = errno;
-    const ssize_t ignored = write(STDOUT_FILENO, kText, sizeof(kText) - 1);  // what a signal handler may use
+    const ssize_t ignored = write(STDOUT_FILENO, kText, sizeof(kText) - 1);  // printf is not safe in a signal handler
     static_cast<void>(ignored);
     exit_flag = 1;
     if (g_loop != nullptr) g_main_loop_quit(g_loop);
     errno = saved;
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "main"
 static void set_initial_values() {
     sleep_time_usec_buf = 1000000;
     g_current_new_data = 0;
@@ -1886,6 +1872,7 @@ static void set_initial_values() {
 }
 
 static void start_process_database() {
+    LOGS_AS("main");
     if (ProcessDbInit() == -1) {
         LOGE("[ProcessDb] Start fails");
     } else {
@@ -1894,6 +1881,7 @@ static void start_process_database() {
 }
 
 static void register_service_keys() {
+    LOGS_AS("main");
     if (vconf_notify_key_changed(kKeyHistoryTrigger, callbackSHMdbpop, nullptr) == 0) {
         LOGD("vconf change notification successfully called");
     } else {
@@ -1906,14 +1894,14 @@ static void register_service_keys() {
     }
 }
 
-// A command-line number as the set's 32-bit long reads it: clamped, 0 for no number.
-static int32_t read_number(const char *text) {
+// A number as strtol reads it into the set's 32-bit long: clamped, 0 when there is none.
+static int32_t number_from_argument(const char *text) {
     errno = 0;
     return static_cast<int32_t>(clamp_to_int(strtoll(text, nullptr, 10)));
 }
 
 static uint32_t size_from_argument(const char *text) {
-    auto size = static_cast<uint32_t>(read_number(text));  // unsigned: a negative number is above the limit
+    auto size = static_cast<uint32_t>(number_from_argument(text));  // unsigned: a negative number is above the limit
     if (size > kSizeLimitMiB) size = small_chip() ? kSizeLimitSmallChipMiB : kSizeLimitMiB;
     return size << 20;
 }
@@ -1921,7 +1909,7 @@ static uint32_t size_from_argument(const char *text) {
 static void read_command_line(int argc, char **argv) {
     if (argc == 3) {
         max_file_size = size_from_argument(argv[1]);
-        sleep_time_sec_file = read_number(argv[2]);
+        sleep_time_sec_file = number_from_argument(argv[2]);
     } else if (argc == 2) {
         max_file_size = size_from_argument(argv[1]);
         sleep_time_usec_buf = 500000;
@@ -1942,17 +1930,18 @@ static void set_configuration_defaults() {
 }
 
 static void read_configuration() {
+    LOGS_AS("main");
     snprintf(VESTRA_CONFIG_FILE, sizeof(VESTRA_CONFIG_FILE), "%s", small_chip() ? kConfigFileLpc : kConfigFile);
     printf("[Vestra] INFO: [CHIP : %d] Config File:%s LOGTAG: %s!\n", g_chip_type, VESTRA_CONFIG_FILE, VESTRA_LOG_TAG);
     if (GetVestraConfigInfo(g_vestra_config, VESTRA_CONFIG_FILE) != 0) {
-        // What the parser stored before it stopped stays: the defaults are those of the elements behind it.
+        // Fields that the parser stored before it stopped keep their new values.
         LOG_AND_PRINT(DLOG_INFO, "[Vestra] INFO: GetVestraConfigInfo failed, check config file at %s!\n",
                       VESTRA_CONFIG_FILE);
         LOGW("[Vestra] INFO: Continue with default params...\n");
         return;
     }
     max_number_of_files = g_vestra_config.no_of_files;
-    max_file_size = static_cast<uint32_t>(g_vestra_config.max_file_size) * kMiB;  // in place of the command line's
+    max_file_size = static_cast<uint32_t>(g_vestra_config.max_file_size) * kMiB;  // overrides the command line
     memset(g_prev_file_path, 0, sizeof(g_prev_file_path));
     LOG_AND_PRINT(DLOG_INFO,
                   "[Vestra] INFO: Vestra Config=>maxfilesize:%u,maxnumfile:%d,cont_data:%d notify_on:%d diskiord:%d "
@@ -1963,6 +1952,7 @@ static void read_configuration() {
 }
 
 static void load_module_if_configured() {
+    LOGS_AS("main");
     if (g_vestra_config.vestra_kmod_load_unload == 0) return;
     const int result = loadVestraDriver();
     if (result != 0) {
@@ -1972,12 +1962,14 @@ static void load_module_if_configured() {
 }
 
 static void find_temperature_file() {
+    LOGS_AS("main");
     const int result = vestra_get_temperature_file_path();
     if (result != 0) LOGE("[Vestra] ERROR: vestra_get_temperature_file_path failed %d \n", result);
 }
 
-// False when the key-combination service is not there: the daemon then shuts down.
+// False when there is no key-combination service: the daemon then shuts down.
 static bool register_key_combination() {
+    LOGS_AS("main");
     if (KeyCombination_Initialize() == 0) {
         LOGE("[Vestra] ERROR: KeyCombination_Initialize failed (%d:%m)\n", errno);
         return false;
@@ -2013,12 +2005,14 @@ static void select_disk_tracing() {
 }
 
 static void log_final_settings() {
+    LOGS_AS("main");
     LOGI("INFO: final max file size = %d\n", static_cast<int>(max_file_size));
     LOGI("INFO: interval for file in sec = %d\n", sleep_time_sec_file);
     LOGI("INFO: interval for buf in usec = %d\n", sleep_time_usec_buf);
 }
 
 static void raise_priority_if_configured() {
+    LOGS_AS("main");
     static constexpr int kHighest = -20;
     if (g_vestra_config.vestra_info_raise_priority == 0) return;
     int n = g_vestra_config.vestra_info_new_priority_nice;
@@ -2031,7 +2025,7 @@ static void raise_priority_if_configured() {
     errno = 0;
     const int result = nice(n);
     // Kept as it stands: errno is never negative, so a refusal counts as success. A set that grants no priority must
-    // still start, and -1 is also a niceness.
+    // still start, and -1 is a valid niceness.
     if (result == -1 && errno < 0) {
         const int error = errno;
         LOGE("[vestra] Couldn't set nice. %d!\n", error);
@@ -2042,11 +2036,13 @@ static void raise_priority_if_configured() {
 }
 
 static void switch_tracing_on() {
+    LOGS_AS("main");
     const int result = system("/bin/echo 1 > /proc/vesertra_info");  // NOLINT(cert-env33-c): a fixed command
     LOGI("INFO: Start the vestra driver %d \n", result);
 }
 
 static void find_output_directory() {
+    LOGS_AS("main");
     if (get_usb_path(g_prev_usb_path, kPathSize, 2) == 0) {
         LOGE("INFO: USB path : %s\n", g_prev_usb_path);
         printf("[Vestra] INFO: USB path : %s\n", g_prev_usb_path);
@@ -2060,7 +2056,7 @@ struct Worker {
     pthread_t *handle;
     void *(*body)(void *);
     const char *name;     // at most 15 characters
-    const char *subject;  // as the warning about a failed naming says it
+    const char *subject;  // in the warning when naming fails
 };
 
 static const Worker kClientWorker = {&client_thread, client_request_process, "QXClientProcess",
@@ -2072,6 +2068,7 @@ static const Worker kFeedWorkers[] = {
 };
 
 static bool start_worker(const Worker &worker, void *argument) {
+    LOGS_AS("main");
     errno = pthread_create(worker.handle, nullptr, worker.body, argument);
     if (errno != 0) {
         LOGE("ERROR: pthread_create failed (%d:%m)\n", errno);
@@ -2083,10 +2080,10 @@ static bool start_worker(const Worker &worker, void *argument) {
     return true;
 }
 
-// Blocks the stop signal on this thread and on those it starts from here on, or lets it through again.
+// Blocks or unblocks the stop signal on this thread and on the threads that it starts afterwards.
 //
-// Only the workers take it: quitting the loop takes a lock of the loop's, which the loop's own thread or a helper
-// thread of GLib's may hold at the moment when a signal comes.
+// Only the workers take the signal: quitting the loop takes one of the loop's locks, which the loop's thread or a
+// helper thread of GLib may hold when the signal arrives.
 static void hold_stop_signal(bool hold) {
     sigset_t stop;
     sigemptyset(&stop);
@@ -2105,6 +2102,7 @@ static bool start_all_workers(const char *program) {
 }
 
 static bool start_workers(const char *program) {
+    LOGS_AS("main");
     LOGI("Thread client_request_process creating\n");
     hold_stop_signal(false);
     const bool started = start_all_workers(program);
@@ -2112,8 +2110,9 @@ static bool start_workers(const char *program) {
     return started;
 }
 
-// Tells clients that the daemon is there. False without shared memory.
+// Tells clients that the daemon is running. False without shared memory.
 static bool mark_shared_memory() {
+    LOGS_AS("main");
     void *shm = get_shm();
     if (shm == nullptr) {
         LOGI("INFO:shared memory not cerated ...exiting \n");
@@ -2126,7 +2125,7 @@ static bool mark_shared_memory() {
     return true;
 }
 
-// A stop that came before the loop ran found nothing to quit.
+// A stop signal before the loop ran had no loop to quit.
 static gboolean quit_if_stopped(gpointer /*unused*/) {
     if (exit_flag) g_main_loop_quit(g_loop);
     return G_SOURCE_REMOVE;
@@ -2139,7 +2138,8 @@ static void run_main_loop() {
 }
 
 static void join_workers() {
-    // Kept as it stands: the process-list thread has no end, so the last join does not return unless that thread died.
+    LOGS_AS("main");
+    // Kept as it stands: the process-list thread never ends, so the last join does not return unless that thread died.
     for (pthread_t *handle : {&thread_read_hndl, &client_thread, &thread_for_userdata, &thread_for_process_names}) {
         if (*handle == 0) continue;
         errno = pthread_join(*handle, nullptr);
@@ -2156,11 +2156,13 @@ static void free_chains() {
 }
 
 static void switch_tracing_off() {
-    const int result = system("/bin/echo 0 > /proc/vesertra_info");  // NOLINT(cert-env33-c): likewise
+    LOGS_AS("main");
+    const int result = system("/bin/echo 0 > /proc/vesertra_info");  // NOLINT(cert-env33-c): a fixed command
     LOGI("INFO: Stop the vestra driver %d \n", result);
 }
 
 static void log_elapsed_time() {
+    LOGS_AS("main");
     timeval end;
     gettimeofday(&end, nullptr);
     const int64_t elapsed = ((static_cast<int64_t>(end.tv_sec) - start_time.tv_sec) * 1000000 +
@@ -2170,16 +2172,19 @@ static void log_elapsed_time() {
 }
 
 static void unload_module_if_configured() {
+    LOGS_AS("main");
     if (g_vestra_config.vestra_kmod_load_unload == 0) return;
     const int result = unloadVestraDriver();
     if (result != 0) LOGE("ERROR: unloadVestraDriver failed %d \n", result);
 }
 
 static void shut_down() {
+    LOGS_AS("main");
     LOGI("INFO: main loop exit\n");
     printf("[Vestra]  INFO: main loop exit\n");
     exit_flag = 1;
-    vconf_ignore_key_changed(kKeyDod, dod_vconf_notify_cb);  // the other keys stay registered until the process ends
+    // Kept as it stands: only this key. The others stay registered until the process ends.
+    vconf_ignore_key_changed(kKeyDod, dod_vconf_notify_cb);
     join_workers();
     free_chains();
     switch_tracing_off();
@@ -2187,7 +2192,7 @@ static void shut_down() {
     unload_module_if_configured();
 }
 
-// Everything up to the four threads, in the order in which the set needs it. False when the daemon cannot run.
+// Everything up to the main loop, in the order that the set needs. False when the daemon cannot run.
 static bool start_up(int argc, char **argv) {
     hold_stop_signal(true);
     exit_flag = 0;
@@ -2213,18 +2218,16 @@ static bool start_up(int argc, char **argv) {
     init_collected_data();
     return start_workers(argc > 0 ? argv[0] : "") && mark_shared_memory();
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION __func__
 
-// Bytes from which on a block is a mapping of its own.
+// malloc maps blocks of this many bytes and more on their own.
 static constexpr int kMappedFrom = 64 * 1024;
 
 int main(int argc, char **argv) {
-    // A large block of the chain goes back to the system when it leaves the chain. Left alone, malloc takes such blocks
-    // from the reader's arena as soon as one was freed; the process list's small nodes settle in the holes, and
-    // resident memory creeps up by a dozen blocks within the hour.
+    // A large block of the chain returns to the system when it leaves the chain. By default malloc would take such
+    // blocks from the reader's arena once the first one was freed. The process list's small nodes would fill the gaps,
+    // and resident memory would grow by a dozen blocks within the hour.
     mallopt(M_MMAP_THRESHOLD, kMappedFrom);
-    // Into a file or pipe, too, what is printed must not wait in a buffer for an end that may come by force.
+    // Line by line into a file or pipe, too: a daemon that is killed would lose what is still in the buffer.
     if (!isatty(STDOUT_FILENO)) setvbuf(stdout, nullptr, _IOLBF, 0);
     if (start_up(argc, argv)) run_main_loop();
     shut_down();
