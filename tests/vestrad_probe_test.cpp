@@ -32,7 +32,9 @@ TEST_F(VestradProbe, SmallFilesAreReadWithCare) {
     for (const auto &[text, result, number, log] :
          Table<const char *, int, int, Strings>{{"hot\n", 0, 7, {"6 [vestra]:fscanf failed (ret:0)"}},
                                                 {"", 0, 7, {"6 [vestra]:fscanf failed (ret:-1)"}},
+                                                {" -", 0, 7, {"6 [vestra]:fscanf failed (ret:0)"}},
                                                 {"  -40 degrees", 1, -40, {}},
+                                                {"+0000000000000000000000042", 1, 42, {}},
                                                 {"99999999999999999999999", 1, INT_MAX, {}}}) {
         write_file("/tmp/n", text);
         begin_transcript();
@@ -53,6 +55,18 @@ TEST_F(VestradProbe, SmallFilesAreReadWithCare) {
     EXPECT_EQ(checkForRealPath("/tmp/n/below"), 0) << "a file's child cannot be looked up";
     EXPECT_EQ(checkForRealPath("/tmp"), 1);
     expect_golden("small-files", seen_text());
+}
+
+TEST_F(VestradProbe, FirstLineIsReadAsAnInputStreamReadsIt) {
+    const std::string zero("a\0b", 3);
+    for (const auto &[file, result, line] : Table<std::string, int, std::string>{
+             {zero + "\nsecond", 1, zero}, {"no end", 1, "no end"}, {"\n", 1, ""}, {"", 0, ""}}) {
+        write_file("/tmp/n", file);
+        std::string text = "old";
+        EXPECT_EQ(FileReadOneString("/tmp/n", text), result);
+        EXPECT_EQ(text, line);
+    }
+    EXPECT_THAT(seen(), ElementsAre("6 [vestra]:cannot read contents(/tmp/n)"));
 }
 
 TEST_F(VestradProbe, TemperatureIsTheDigitsOfTheFirstLine) {

@@ -34,6 +34,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -242,6 +243,21 @@ struct FileCloser {
     }
 };
 
+// fscanf's "%d", but a number beyond 32 bits, for which that is undefined, is clamped. 1, 0 when there is something
+// else, EOF when there is nothing.
+static int read_decimal(FILE *file, int *value) {
+    int c = fgetc(file);
+    while (isspace(c)) c = fgetc(file);
+    if (c == EOF) return EOF;
+    const bool negative = c == '-';
+    if (c == '-' || c == '+') c = fgetc(file);
+    if (!isdigit(c)) return 0;
+    int64_t number = 0;
+    for (; isdigit(c); c = fgetc(file)) number = std::min(number * 10 + (c - '0'), int64_t{1} << 31);
+    *value = clamp_to_int(negative ? -number : number);
+    return 1;
+}
+
 int FileReadOneInt(const char *path, int *value) {
     if (value == nullptr) {
         LOGE("[vestra]:data addr is NULL\n");
@@ -256,13 +272,11 @@ int FileReadOneInt(const char *path, int *value) {
         LOGE("[vestra]:open file failed.(%s)\n", path);
         return 0;
     }
-    long long number = 0;  // 18 digits always fit, so a hostile row of digits cannot overflow the conversion
-    const int matched = fscanf(file.file, "%18lld", &number);  // NOLINT(cert-err34-c)
+    const int matched = read_decimal(file.file, value);
     if (matched < 1) {
         LOGE("[vestra]:fscanf failed (ret:%d)\n", matched);
         return 0;
     }
-    *value = clamp_to_int(number);
     return 1;
 }
 
@@ -272,12 +286,15 @@ int FileReadOneString(const char *path, std::string &text) {
         LOGE("[vestra]:open file failed.(%s)\n", path);
         return 0;
     }
+    // What std::getline gives: a zero byte belongs to the line, an empty line is a text, an empty file is a failure.
+    text.clear();
     int result = 0;
     char *line = nullptr;
     size_t line_size = 0;
     try {
-        if (getline(&line, &line_size, file.file) >= 0) {
-            text.assign(line, strcspn(line, "\n"));
+        const ssize_t length = getline(&line, &line_size, file.file);
+        if (length > 0) {
+            text.assign(line, static_cast<size_t>(line[length - 1] == '\n' ? length - 1 : length));
             result = 1;
         }
     } catch (const std::exception &) {  // no memory for the text

@@ -105,7 +105,8 @@ int checkForRealPath(const char *path);
 // Reads the file's first decimal integer into *value, clamped to 32 bits. 1, or 0 with a message and *value untouched.
 int FileReadOneInt(const char *path, int *value);
 
-// Reads the file's first line, without its line end, into `text`. 1, or 0 with a message. Follows links.
+// Reads the file's first line, without its line end, into `text`. 1, or 0 with a message; `text` is then empty if the
+// file could be opened and untouched if not. Follows links.
 int FileReadOneString(const char *path, std::string &text);
 
 /* ------------------------------ Kernel module and control node ------------------------------ */
