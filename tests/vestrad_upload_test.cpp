@@ -116,6 +116,15 @@ TEST_F(VestradUpload, ServerGetsTheBlockAndTheTrailer) {
     EXPECT_EQ(next_descriptor(), descriptor);
 }
 
+TEST_F(VestradUpload, FileIsClosedEvenAsDescriptorZero) {
+    const int kept = dup(0);
+    close(0);
+    EXPECT_EQ(upload("abc"), 0);
+    EXPECT_EQ(fcntl(0, F_GETFD), -1);
+    dup2(kept, 0);
+    close(kept);
+}
+
 TEST_F(VestradUpload, FailureBeforeTheUploadLeavesTheFile) {
     world().write_most = 4;
     EXPECT_EQ(upload(std::string(100, 'x')), -1);

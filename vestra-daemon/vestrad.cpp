@@ -1146,7 +1146,7 @@ int send_live_data(unsigned char *data, unsigned int size) {
     } else {
         status = produce_live_file(fd, data, size, temporary, final_path);
         if (status == 0) upload(final_path);
-        close_unless_zero(fd);
+        close(fd);
     }
     if (status == 0) {
         LOGD("INFO: writefile exit [success] %s", final_path);
