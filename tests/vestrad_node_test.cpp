@@ -109,6 +109,20 @@ TEST_F(VestradNode, EachCommandIsOneWrite) {
     EXPECT_EQ(next_descriptor(), descriptor);
 }
 
+TEST_F(VestradNode, PartialWriteIsNoFailure) {
+    make_node();
+    write_file("/tmp/t", "57\n");
+    snprintf(temperature_file_name, sizeof(temperature_file_name), "/tmp/t");
+    world().write_most = 3;
+    world().on_wait = [](int) { exit_flag = 1; };
+    char name[] = "name";
+    write_userdata(6, name, 4);
+    write_userdata_func(1, 1);
+    thread_userdata_func(nullptr);
+    EXPECT_EQ(drain_node(), "c-6c-1c-0");
+    EXPECT_THAT(seen("6"), ElementsAre("6 INFO: command = c-6-4-name", "6 command = c-1-4-1"));
+}
+
 TEST_F(VestradNode, TemperatureIsSentOnceASecond) {
     const int descriptor = next_descriptor();
     const Strings readings = {"57\n", "-5\n", "", "126\n", ""};

@@ -65,7 +65,7 @@ struct World {
     int fails_in[kCalls] = {};                 // a call of this kind fails: 1 the next, 2 the one behind it; 0 none
     bool fails_on = false;                     // and every later one
     bool failed = false;                       // one has
-    size_t write_most = SIZE_MAX;              // bytes that each such write takes
+    size_t write_most = SIZE_MAX;              // bytes that each such write takes, or one to the node
     int name_error = 0;                        // what naming a thread gives
     int nice_result = 0;                       // nice() never changes anything; errno is EPERM when this is -1
     std::function<int()> on_request;           // in place of the client library's wait for a request

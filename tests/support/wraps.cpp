@@ -194,7 +194,7 @@ ssize_t __wrap_write(int fd, const void *data, size_t size) {
     }
     if (!is_temporary_file(path) && path != kControlNode) return __real_write(fd, data, size);
     if (fails_now(kWrite, ENOSPC)) return -1;
-    return __real_write(fd, data, is_temporary_file(path) ? std::min(size, world().write_most) : size);
+    return __real_write(fd, data, std::min(size, world().write_most));
 }
 
 ssize_t __wrap_read(int fd, void *data, size_t size) {
