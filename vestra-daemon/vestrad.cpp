@@ -1499,7 +1499,7 @@ static bool refresh_rate_in(const std::string &line, int *rate) {
     return true;
 }
 
-int m_CheckDDRRefreshRate(const std::string &path, int *rate) {
+int m_CheckDDRRefreshRate(std::string &path, int *rate) {
     const FileCloser file{fopen(path.c_str(), "re")};
     if (file.file == nullptr) {
         LOGW("[vestra]:node does not exists (%s)\n", path.c_str());
@@ -1524,7 +1524,7 @@ int GetDdrTemperature(std::string &description, unsigned int *rates) {
         int found = 0;
         std::string manufacturer;
         for (int channel = 0; channel < kDdrChannels; ++channel) {
-            const std::string path = std::string(kDdrParameters) + static_cast<char>('a' + channel);
+            std::string path = std::string(kDdrParameters) + static_cast<char>('a' + channel);
             int rate = 0;
             if (m_CheckDDRRefreshRate(path, &rate) == 0) break;
             accumulated |= static_cast<uint32_t>(rate) << (kBitsPerChannel * static_cast<unsigned>(channel));

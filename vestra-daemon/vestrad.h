@@ -249,7 +249,7 @@ int GetTemperature(TEMP_TYPE type, int *temperature, int reserved);
 
 // The refresh rate of one DDR channel into *rate: the first whole number after "refresh rate" on its line of the file.
 // 1, or 0 when there is no file, no such line, or no number that fits.
-int m_CheckDDRRefreshRate(const std::string &path, int *rate);
+int m_CheckDDRRefreshRate(std::string &path, int *rate);
 
 // The refresh rates of up to four DDR channels, four bits a channel, into *rates (may be null), and a text for people.
 // 1, or 0 and "Unknown" when no channel answers.
