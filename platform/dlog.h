@@ -1,6 +1,7 @@
 // dlog.h -- the set's log service.
 //
-// The set promises: each call writes one tagged line and preserves errno; "%m" in the format is the caller's errno.
+// The set promises __dlog_print and nothing else: each call writes one tagged line and preserves errno; "%m" in the
+// format is the caller's errno.
 //
 // The stand-in: one line is one write() to the log file (O_APPEND) or to standard error:
 //     2026-11-24 21:30:53.123Z I 4711:4712 VESTRA: text
@@ -21,17 +22,20 @@ typedef int log_id_t;
 enum { LOG_ID_MAIN = 0 };
 enum { DLOG_DEBUG = 3, DLOG_INFO = 4, DLOG_WARN = 5, DLOG_ERROR = 6 };
 
-// Lowest priority that is written. Set when the program is loaded, changed by dlog_set_threshold, read without a lock.
-extern int dlog_threshold;
-
-// True if a line of this priority would be written. Callers check it before they evaluate a line's arguments.
-inline bool dlog_wants(int prio) {
-    return prio >= dlog_threshold;
-}
-
 // Writes one line. Returns the number of bytes of text, 0 for a line below the threshold, or a negative value if it
 // could not be written. Any thread, also in a forked child; allocates nothing and takes no lock.
 int __dlog_print(log_id_t id, int prio, const char *tag, const char *fmt, ...) __attribute__((format(printf, 4, 5)));
+
+/* ------------------------------ The stand-in only ------------------------------ */
+
+// Lowest priority that is written. Set when the program is loaded, changed by dlog_set_threshold, read without a lock.
+// Weak: a program also links with a service that has only __dlog_print, and then hands over every line.
+extern int dlog_threshold __attribute__((weak));
+
+// True if a line of this priority would be written. Callers check it before they evaluate a line's arguments.
+inline bool dlog_wants(int prio) {
+    return &dlog_threshold == nullptr || prio >= dlog_threshold;
+}
 
 // For tests and tools.
 void dlog_set_threshold(int prio);
