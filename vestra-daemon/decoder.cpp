@@ -1,18 +1,26 @@
 // decoder.cpp -- the trace decoder and what it keeps.
 //
 // Divisions, in order:
-//   1 Limits                  2 Field readers   3 CPU history        4 Per-process memory list
-//   5 Vitals store            6 Window statistics
-//   7 Message formats         8 Message decoders                     9 Walkers
-//  10 History database       11 Database fill
+//    1 Limits and seconds        what a time's second is, as slot and as text
+//    2 Field readers             one varint or string, with its log line
+//    3 CPU history               the last sample of each process, by process id
+//    4 Per-process memory list   samples of processes, newest first, within a byte budget
+//    5 Vitals store              a ring of 180 seconds, and the percentages derived from it
+//    6 Window statistics         what clients ask of the ring
+//    7 Message formats           the log texts of trace_format.h's element tables
+//    8 Message decoders          one message into 3, 4 and 5
+//    9 Walkers                   the messages of a frame, the frames of a block
+//   10 History database          file, table and trigger key
+//   11 Database fill             the memory list into the table
 // The wire format is in trace/trace_format.h, how percentages are computed in trace/percentages.h.
 //
-// A block enters at decode_file (9), which copies frame by frame into frameData and walks the messages; a message is
-// read whole (8) before anything is stored: CPU history (3), memory list (4), then the ring (5).
+// A block enters at decode_file (9), which copies one frame after the other into frameData and walks the messages. A
+// message is read as a whole (8) before anything is stored: CPU history (3), memory list (4), then the ring (5).
 //
-// Threads: the reader runs everything but 6 (client thread), 10 and 11 (main thread). The ring is read by the client
-// thread without a lock; what it takes from there it checks before it indexes. Lock order: `lock` (vestrad.cpp), then
-// shm_lock. Counters come from outside: their sums, differences and products wrap.
+// Threads: the reader thread runs 1 to 5 and 7 to 9; the client thread runs 6 and, from there, find_valid_index (5);
+// the main thread runs 10 and 11. Without memory the reader thread also runs set_shm_default_vconf (10). The client
+// thread reads the ring without a lock and checks each index that it takes from it. Lock order: `lock` (vestrad.cpp),
+// then shm_lock. Counters come from outside: their sums, differences and products wrap.
 
 #include "vestra-daemon/decoder.h"
 
@@ -31,33 +39,34 @@
 
 #include "platform/vconf.h"
 #include "vestra-daemon/vestra_log.h"
-#include "vestra-daemon/vestrad.h"
 
 using namespace trace;
 
-/* ------------------------------ 1. Limits ------------------------------ */
+extern int32_t exit_flag;  // vestrad.cpp; 1: the daemon stops
+
+/* ------------------------------ 1. Limits and seconds ------------------------------ */
 
 static constexpr int kTerminatedKept = 20;                // bytes of a terminated string's block, terminator included
-static constexpr int64_t kStaleAfter = 8 * kNsPerSecond;  // a slot that much older holds a second of the lap before
+static constexpr int64_t kStaleAfter = 8 * kNsPerSecond;  // a slot that is older than this belongs to the previous lap
 
-// Slot of a time. The whole seconds are the quotient toward zero; a time before 0 counts back from the ring's end.
+// Slot of a time: its whole seconds, rounded toward zero, modulo 180. A time before 0 counts back from the ring's end.
 static int slot_of(int64_t time) {
     const auto slot = static_cast<int>(time / kNsPerSecond % kSlotCount);
     return slot < 0 ? slot + kSlotCount : slot;
 }
 
-// What all times of one second share. Worked out once for each second that samples come from: divisions of 64 bits, for
-// which a 32-bit set has no instruction.
-struct Second {
+// What all times of one second have in common. Computed once for each second that samples come from, because it takes
+// 64-bit divisions, for which a 32-bit set has no instruction.
+struct SampleSecond {
     int64_t start;  // ns
     int slot;
-    size_t digits;  // of `text`; 0 for the first second, in which a time has none in front of its nanoseconds
-    char text[10];  // the number of the second, which is at most 9223372036
+    size_t digits;  // of `text`; 0 for second 0, in which the text of a time has only the nanoseconds
+    char text[10];  // the second's number, at most 9223372036
 };
 
-// The second of a time that is not negative. Reader thread; holds until the next call.
-static const Second &second_of(int64_t time) {
-    static Second second = {};
+// The second of a time that is not negative; valid until the next call. Reader thread.
+static const SampleSecond &sample_second(int64_t time) {
+    static SampleSecond second = {};
     const uint64_t since = static_cast<uint64_t>(time) - static_cast<uint64_t>(second.start);
     if (since < static_cast<uint64_t>(kNsPerSecond)) return second;
     const int64_t number = time / kNsPerSecond;
@@ -70,10 +79,10 @@ static const Second &second_of(int64_t time) {
 
 /* ------------------------------ 2. Field readers ------------------------------ */
 
-// Results of the walkers' reads and of the message decoders; reader thread. The five of the per-core block hold the
-// core read last.
-retIntStruct retIs, utimeIs, stimeIs, idletimeIs, temperatureIs, iowaittimeIs;
-retCharStruct retCs;  // of the byte string that could not be read last; one that can is used where it stands
+// The last results of the walkers and of the message decoders. Reader thread.
+retIntStruct retIs;                                                      // a message's type, then its body
+retIntStruct utimeIs, stimeIs, idletimeIs, temperatureIs, iowaittimeIs;  // the five figures of the last core
+retCharStruct retCs;  // the last byte string that could not be read; others are used in place
 
 void initiailizeRet(int kind, void *ret) {
     if (kind != 0) {
@@ -136,7 +145,7 @@ void get_unpackedBytesWithLength(int frame_len, int offset, char *frame, int cou
         *ret = {0, count, bytes};
         return;
     }
-    // Too long for what is left of the frame, which is therefore all that is allocated and shown (or no memory at all).
+    // Longer than the rest of the frame, which is therefore all that is allocated and shown. Or there is no memory.
     const auto copied = static_cast<size_t>(count <= left ? 0 : left);
     auto *text = static_cast<char *>(calloc(copied + 1, 1));
     if (text != nullptr && copied > 0) memcpy(text, frame + offset, copied);
@@ -146,7 +155,7 @@ void get_unpackedBytesWithLength(int frame_len, int offset, char *frame, int cou
 
 /* ------------------------------ 3. CPU history ------------------------------ */
 
-// The table; the record behind the last index is never used. Reader thread only.
+// The table; the last record is never used. Reader thread only.
 __VestraProcCPUUsageHist__ gProcCpuUsageHist[kHistRecords + 1];
 
 // The table's used records by the home index of their process: a search is over when it has met as many. Kept by
@@ -209,21 +218,18 @@ int vesrta_get_process_data_hist(int pid, int /*unused*/, __VestraProcCPUUsageHi
     return index;
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "vestra_vital_update_cpuusage_hist"
-// The record to store `pid` in: where it was found, or, when that is -1, a free one. Null when there is none.
-static __VestraProcCPUUsageHist__ *hist_place(int found, int pid) {
+// The record to store `pid` in: the one where it was `found`, or a free one when that is -1. Null when there is none.
+static __VestraProcCPUUsageHist__ *record_for(int found, int pid) {
+    LOGS_AS("vestra_vital_update_cpuusage_hist");
     const int index = found != -1 ? found : vesrta_gethash_hist(pid);
     if (index != -1) return &gProcCpuUsageHist[index];
     if (pid != -1) LOGE("vestra: tvuc no space available ret = %d\n", index);
     return nullptr;
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION operation_name(log_operation, __func__)
 
 int vestra_vital_update_cpuusage_hist(__VestraProcCPUUsageHist__ *rec) {
     if (rec == nullptr) return -1;
-    __VestraProcCPUUsageHist__ *record = hist_place(vesrta_checkhash_hist(rec->pid), rec->pid);
+    __VestraProcCPUUsageHist__ *record = record_for(vesrta_checkhash_hist(rec->pid), rec->pid);
     if (record == nullptr) return -1;
     *record = *rec;
     return static_cast<int>(record - gProcCpuUsageHist);
@@ -236,10 +242,10 @@ struct ProcessSample {
     int64_t cpu_time_a, cpu_time_b;
 };
 
-// Takes a sample into the history: percentages always span more than a second. The switch decoder gives the process's
-// name; the slot writer has none (null) but gives `element1`: a process known by name keeps it, an unknown one is
-// stored without, so that its record stays free. Returns the process's record as it stands now, null when the table is
-// full.
+// Takes a sample into the history; percentages always span more than a second. The switch decoder passes the process's
+// name. The slot writer has no name (null) but passes `element1`: a process that is known by name keeps its name, and
+// an unknown one is stored without a name, so that its record stays free. Returns the process's record, or null when
+// the table is full.
 static const __VestraProcCPUUsageHist__ *update_history(const ProcessSample &sample, const std::string *name,
                                                         int32_t element1) {
     const int index = vesrta_checkhash_hist(sample.pid);
@@ -258,7 +264,7 @@ static const __VestraProcCPUUsageHist__ *update_history(const ProcessSample &sam
         percent_total = percent_of(wrapping_sum(sample.cpu_time_a, sample.cpu_time_b),
                                    wrapping_sum(known.cpu_time_a, known.cpu_time_b), ticks);
     }
-    __VestraProcCPUUsageHist__ *record = hist_place(index, sample.pid);
+    __VestraProcCPUUsageHist__ *record = record_for(index, sample.pid);
     if (record == nullptr) return nullptr;
     if (name == nullptr) {
         record->element1 = element1;
@@ -279,13 +285,14 @@ static const __VestraProcCPUUsageHist__ *update_history(const ProcessSample &sam
 
 /* ------------------------------ 4. Per-process memory list ------------------------------ */
 
-// Guards the three below. The reader links and trims under it, the main thread reads under it.
+// Guards the links and both ends of the list, which the reader thread changes and the main thread reads.
 pthread_mutex_t shm_lock = PTHREAD_MUTEX_INITIALIZER;
 circ_buf_shm *ghead_shm;  // newest node; null when the list is empty
-circ_buf_shm *last_node;  // oldest node
-static circ_buf_shm
-    *spare_node;  // the node that fell off last, for the next one: at its bound the list allocates nothing. Reader only
-int32_t shm_list_size;  // bytes: sum of node_charge over the list. The reader adds a node's before it takes the lock
+circ_buf_shm *last_node;  // oldest node; may be stale when the list is empty
+int32_t shm_list_size;    // bytes, sum of node_charge over the list. Reader thread only, so it needs no lock
+
+// The last node that was dropped, for the next sample: a list at its limit allocates nothing. Reader thread.
+static circ_buf_shm *spare_node;
 
 static int32_t node_charge(const circ_buf_shm &node) {
     return kListNodeCharge + static_cast<int32_t>(node.timestamp.length() + node.name.length());
@@ -295,20 +302,20 @@ std::string ToString(long long value) {
     return std::to_string(value);
 }
 
-// Decimal text of a time. What stands in front of the nanoseconds is the same for all samples of a second.
+// Writes the decimal text of a time. The digits before the nanoseconds are the same for all samples of a second.
 static void set_time_text(int64_t time, std::string *text) {
-    static constexpr size_t kFraction = 9;  // digits
+    static constexpr size_t kFraction = 9;  // digits of the nanoseconds
     if (time < kNsPerSecond) {
         *text = ToString(time);
         return;
     }
-    const Second &second = second_of(time);
+    const SampleSecond &second = sample_second(time);
     text->resize(second.digits + kFraction);
     char *to = text->data();
-    memcpy(to, second.text, sizeof(second.text));  // always as many, of which the fraction takes some back
+    memcpy(to, second.text, sizeof(second.text));  // a fixed size is cheaper; the fraction overwrites the rest
     to += second.digits;
     const auto fraction = static_cast<uint32_t>(time - second.start);
-    // By threes: no division waits for many before it.
+    // Three digits at a time, so that the divisions do not wait for each other.
     for (const uint32_t three : {fraction / 1000000, fraction / 1000 % 1000, fraction % 1000}) {
         *to++ = static_cast<char>('0' + three / 100);
         *to++ = static_cast<char>('0' + three / 10 % 10);
@@ -318,7 +325,7 @@ static void set_time_text(int64_t time, std::string *text) {
 
 circ_buf_shm *GetShmNode(process_mem *record, double cpu) {
     if (spare_node == nullptr) spare_node = new circ_buf_shm;
-    // What can fail comes first: a node that was taken is always handed out.
+    // What can fail comes first: until then the node stays the spare one.
     set_time_text(record->timestamp, &spare_node->timestamp);
     spare_node->name = record->name;
     circ_buf_shm *node = std::exchange(spare_node, nullptr);
@@ -347,7 +354,7 @@ static void drop_oldest_node() {
 }
 
 void insert_node(circ_buf_shm *node) {
-    // Outside the lock: only the reader writes the size.
+    // Outside the lock: only the reader thread uses the size.
     shm_list_size += node_charge(*node);
     pthread_mutex_lock(&shm_lock);
     node->next = ghead_shm;
@@ -363,18 +370,18 @@ void insert_node(circ_buf_shm *node) {
 
 /* ------------------------------ 5. Vitals store ------------------------------ */
 
-// All written by the reader thread and read by the client thread without a lock; valid_index is written by both.
+// The reader thread writes everything, the client thread reads it without a lock. Both write valid_index.
 _SYSDATA_ collectedData[kSlotCount];    // the ring: slot = seconds modulo 180
-int64_t timestampToIndex[kSlotCount];   // -1 throughout; kept beside the ring for its layout, nobody reads it
-int64_t indexToTimestamp[kSlotCount];   // likewise
+int64_t timestampToIndex[kSlotCount];   // all -1; nothing reads it
+int64_t indexToTimestamp[kSlotCount];   // all -1; nothing reads it
 int32_t last_index;                     // slot of the newest complete second
 int32_t valid_index = -1;               // oldest slot of the unbroken run that ends at last_index; -1: not yet known
-int32_t pos;                            // 0; nobody reads it
-int64_t maxTimeValue = -1;              // ns, of the sample that moved last_index last; -1: none yet
+int32_t pos;                            // 0; nothing reads it
+int64_t maxTimeValue = -1;              // ns, time of the sample that last moved last_index; -1: none yet
 int32_t maxTimeIndex;                   // slot of maxTimeValue
 double g_CPUTotalPer[kCpuSampleCount];  // percent, ring of total CPU usage samples
-int32_t g_CPUSampleCnt;                 // place of the next sample in it, 0..499
-int32_t g_CPUValidSample;               // samples held, up to 500
+int32_t g_CPUSampleCnt;                 // index of the next sample in it, 0..499
+int32_t g_CPUValidSample;               // samples in it, up to 500
 double g_CPUTotalPercent;               // percent, highest average so far
 
 static bool is_slot(int index) {
@@ -390,7 +397,7 @@ static int slot_after(int slot) {
 }
 
 double vital(const _SYSDATA_ &slot, unsigned type) {
-    // The seventeen stand in one row (asserted with the record) but are members of their own: copied by their bytes.
+    // The seventeen are adjacent (asserted at the record) but are separate members: this copies the bytes of one.
     double value = 0;
     if (type >= kVitalCount) return value;
     const auto *row = reinterpret_cast<const char *>(&slot) + offsetof(_SYSDATA_, element10);
@@ -399,7 +406,8 @@ double vital(const _SYSDATA_ &slot, unsigned type) {
 }
 
 void init_collected_data() {
-    static constexpr int kSamplesCleared = 251;  // the others are written before they are read
+    // Kept as it stands: not all 500. The others are written before they are read.
+    static constexpr int kSamplesCleared = 251;
     pos = 0;
     last_index = 0;
     g_CPUSampleCnt = 0;
@@ -435,17 +443,16 @@ static void copy_switch_sample(_SYSDATA_ *slot, const _SYSDATA_ &sample, bool in
     slot->element11 = sample.element11;
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "fillData"
-// fillData. `in_history`: the decoder has taken the sample into the CPU history, to which it adds nothing any more.
+// fillData. `in_history`: the decoder has already taken the sample into the CPU history.
 static int fill_slot(int slot, const _SYSDATA_ *sample, int frame_type, bool in_history) {
+    LOGS_AS("fillData");
     if (frame_type != kSwitchFrame && frame_type != kMeminfoFrame) {
         LOGE("ERR:vestrad : Not handling frametype %d\n", frame_type);
         return last_index;
     }
     if (!is_slot(slot)) return last_index;
     _SYSDATA_ &data = collectedData[slot];
-    // A second of the ring's lap before is not merged with the new one.
+    // The second of the previous lap is not merged with the new one.
     if (data.timestamp >= 1 && sample->timestamp > data.timestamp && sample->timestamp - data.timestamp > kStaleAfter) {
         data.flags = 0;
     }
@@ -459,9 +466,6 @@ static int fill_slot(int slot, const _SYSDATA_ *sample, int frame_type, bool in_
     }
     return (data.flags & kFlagSwitch) != 0 ? slot : last_index;
 }
-
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION operation_name(log_operation, __func__)
 
 int fillData(int slot, _SYSDATA_ *sample, int frame_type, int /*message_type*/) {
     return fill_slot(slot, sample, frame_type, false);
@@ -479,7 +483,7 @@ void find_valid_index() {
     valid_index = slot_after(slot);
 }
 
-// What the derived figures of a slot are made of, summed over the cores.
+// Sums over the cores of a slot, from which its percentages are derived.
 struct CoreSums {
     int64_t user, system, total, iowait;  // ticks
     int32_t temperature;
@@ -499,13 +503,13 @@ static CoreSums sum_cores(const _SYSDATA_ &data) {
     return sums;
 }
 
-// Adds samples of total CPU usage; after each the average of all that are held may be a new peak.
+// Adds samples of total CPU usage. After each sample, the average of all samples in the ring may be a new peak.
 //
-// Every average is the sum from the first sample on, in that order. A pass adds up to 179 of them, so eight are summed
-// side by side, and what stands in front of them only once.
+// Each average is summed from the first sample in the ring to the last, in that order. A pass adds up to 179 samples,
+// so eight sums are computed side by side, and their common beginning only once.
 static void add_cpu_samples(const double *samples, int count) {
     static constexpr int kTogether = 8;
-    double head = 0;  // sum of what stands in front of the next place
+    double head = 0;  // sum of the samples before the next one
     for (int i = 0; i < g_CPUSampleCnt; ++i) head += g_CPUTotalPer[i];
     while (count > 0) {
         const int place = g_CPUSampleCnt;
@@ -514,7 +518,7 @@ static void add_cpu_samples(const double *samples, int count) {
         for (int j = 0; j < together; ++j) {
             head += samples[j];
             sums[j] = head;
-            // The places of the samples that come after this one still count with what they held.
+            // The samples that come after this one are not stored yet: their old values still count.
             const int old = std::min(place + together, g_CPUValidSample);
             for (int i = place + j + 1; i < old; ++i) sums[j] += g_CPUTotalPer[i];
         }
@@ -552,8 +556,8 @@ void calculateCPUAvgValues() {
             data.core_temperature[core] = static_cast<double>(data.temperature[core]);
         }
         if (step > 0) {
-            // Kept as it stands: the first step of a run counts as a whole second however far apart its samples are;
-            // clients compare figures with those of older sets.
+            // Kept as it stands: the first step of a run counts as one second, however far apart its samples are.
+            // Clients compare the figures with those of older sets.
             const double dt =
                 step == 1 ? 1.0 : static_cast<double>(distance(data.switch_timestamp, time_before)) / kNsPerSecond;
             const double ticks = ticks_in(dt);
@@ -579,18 +583,17 @@ void calculateCPUAvgValues() {
     add_cpu_samples(totals, steps);
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "groupData"
-// groupData; `in_history` as above.
+// groupData. `in_history` as for fill_slot.
 static void store_sample(const _SYSDATA_ *sample, int frame_type, bool in_history) {
+    LOGS_AS("groupData");
     if (sample->timestamp < 0) {
         LOGE("ERR:vestrad : Not handling timestamp %lld\n", static_cast<long long>(sample->timestamp));
         return;
     }
-    const int slot = second_of(sample->timestamp).slot;
+    const int slot = sample_second(sample->timestamp).slot;
     const int newest = fill_slot(slot, sample, frame_type, in_history);
     const bool first = maxTimeValue == -1;
-    // Within one second the head stays, and so does maxTimeValue: it is the time of the sample that moved the head.
+    // Another sample of the same second moves neither the head nor maxTimeValue, the time of the sample that moved it.
     if (!first && (newest == last_index || maxTimeValue >= sample->timestamp)) return;
     maxTimeValue = sample->timestamp;
     maxTimeIndex = slot;
@@ -599,9 +602,6 @@ static void store_sample(const _SYSDATA_ *sample, int frame_type, bool in_histor
     find_valid_index();
     calculateCPUAvgValues();
 }
-
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION operation_name(log_operation, __func__)
 
 void groupData(_SYSDATA_ *sample, int frame_type, int /*message_type*/) {
     store_sample(sample, frame_type, false);
@@ -624,8 +624,8 @@ static bool is_vital(int type) {
     return static_cast<unsigned>(type) < kVitalCount;
 }
 
-// Calls visit(value) for the slots in the window, newest first: from the slot of `end` back to valid_index, or once
-// around the ring while that is not known.
+// Calls visit(value) for each slot in the window, newest first: from the slot of `end` back to valid_index, or once
+// around the ring while valid_index is unknown.
 template <class Visit>
 static void walk_window(int type, int window, int64_t end, Visit visit) {
     if (!is_vital(type)) return;
@@ -633,7 +633,7 @@ static void walk_window(int type, int window, int64_t end, Visit visit) {
     int slot = slot_of(end);
     for (int visited = 0; visited < kSlotCount; ++visited, slot = slot_before(slot)) {
         const _SYSDATA_ &data = collectedData[slot];
-        int64_t until = 0;  // last moment that this slot is in a window's reach of
+        int64_t until = 0;  // the last `end` whose window reaches this slot
         if (__builtin_add_overflow(data.timestamp, window * kNsPerSecond, &until)) {
             until = window < 0 ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
         }
@@ -652,15 +652,15 @@ double calculateMax(int type, int window, long long end) {
 
 double calculateMin(int type, int window, long long end) {
     double minimum = -1.0;
-    // Kept as it stands: the first value is taken whatever it is, later ones only above 0. Zeros are seconds without
-    // data, and clients know a minimum of 0 as "newest second empty".
+    // Kept as it stands: the first value always counts, later ones only above 0. Zeros are seconds without data, and to
+    // clients a minimum of 0 means that the newest second is empty.
     walk_window(type, window, end, [&](double value) {
         if (minimum == -1.0 || (value > 0.0 && value < minimum)) minimum = value;
     });
     return minimum;
 }
 
-// A figure too large for a float becomes infinite, here and below.
+// A result that is too large for a float becomes infinite.
 static_assert(std::numeric_limits<float>::is_iec559);
 
 float calculateAvg(int type, int window, long long end) {
@@ -726,8 +726,7 @@ void process_request(vestra_api_data *reqs, int count) {
             LOGE("ERR:vestra : Not a valid packetType\n");
             continue;
         }
-        // Kept as it stands: the type is the place in the array, so that request t must carry type t. Clients send it
-        // so.
+        // Kept as it stands: the type is the index in the array. Clients rely on it: request t has type t.
         vestra_api_data &request = reqs[type];
         getResult(&request, end, slot);
         LOGD("[vestra] [%s] %d %d %lf %lf, %lf, %lf\n", __func__, type, i, request.maximum, request.minimum,
@@ -736,14 +735,14 @@ void process_request(vestra_api_data *reqs, int count) {
 }
 
 /* ------------------------------ 7. Message formats ------------------------------ */
-// The element tables of trace_format.h, with what is logged where an element cannot be read.
+// The element tables of trace_format.h, and what is logged when an element cannot be read.
 
 struct MessageFormat {
     const ElementKind *kinds;
     int elements;
-    const char *varint_check, *length_check, *bytes_check;  // what is logged when an element cannot be read
-    const char *count_check;                                // and then, or when the frame ends before the last
-    // Kept as it stands: when the last is damaged but counts. No element does that.
+    const char *varint_check, *length_check, *bytes_check;  // an element cannot be read
+    const char *count_check;                                // there are too few, after one of the above or alone
+    // Kept as it stands: all elements were counted but the last cannot be read. No input does that.
     const char *guard_check;
 };
 
@@ -773,7 +772,7 @@ static constexpr struct CoreCounter {
 } kCoreBlock[kCoreElements] = {
     {&utimeIs, &_SYSDATA_::utime, CHECK_TEXT("10. Corrupted" AT_TEXT " \n")},
     {&stimeIs, &_SYSDATA_::stime, CHECK_TEXT("11. Corrupted" AT_TEXT " \n")},
-    // Kept as they stand: in the last three the point follows the blank. Log filters match them so.
+    // Kept as they stand: in the last three the point is after the blank. Log filters match the texts.
     {&idletimeIs, &_SYSDATA_::idletime, CHECK_TEXT("12 .Corrupted" AT_TEXT " \n")},
     {&temperatureIs, &_SYSDATA_::temperature, CHECK_TEXT("13 .Corrupted" AT_TEXT " \n")},
     {&iowaittimeIs, &_SYSDATA_::iowaittime, CHECK_TEXT("14 .Corrupted" AT_TEXT " \n")},
@@ -783,7 +782,7 @@ static constexpr char kSwitchCores[] = CHECK_TEXT("15. Corrupted" AT_TEXT ", elm
 
 /* ------------------------------ 8. Message decoders ------------------------------ */
 
-// A line whose text stands in a table: the prefix and up to five integers, of which a text may leave out the last.
+// Logs a text of a table with the prefix and up to five integers; a text may leave out the last one.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 [[gnu::cold]] static void log_check(int prio, const char *text, const char *function, int line, int a, int b, int c,
@@ -793,12 +792,12 @@ static constexpr char kSwitchCores[] = CHECK_TEXT("15. Corrupted" AT_TEXT ", elm
 }
 #pragma GCC diagnostic pop
 
-// Where a message stands.
+// Where a message is.
 //
-// It is taken without a look at what may be wrong with it; one that cannot be taken is read again by the field readers,
-// element by element, and reported.
+// Fast path: the take_ functions decode it without diagnosing. If they fail, the slow path, the report_ functions,
+// reads it again with the field readers, element by element, to find and log the fault.
 struct MessagePlace {
-    const char *function;  // the decoder's, for its log lines
+    const char *function;  // of the decoder, for its log lines
     char *frame;
     int frame_len;
     int offset;  // of the body
@@ -809,8 +808,8 @@ struct MessagePlace {
     int consumed(const unsigned char *at) const { return static_cast<int>(at - body()); }
 };
 
-// Takes a message's elements, its numbers into `value` and its string into *text. Returns what follows them, null when
-// they are not all there. A loop that the compiler is made to unroll.
+// Takes a message's elements: the numbers into `value`, the string into *text. Returns the place after them, or null if
+// one is malformed or missing. Fold expressions, so that the compiler unrolls the loop.
 template <const MessageFormat &format, size_t... element>
 static inline const unsigned char *take_elements(const MessagePlace &place, uint64_t *value, std::string_view *text,
                                                  std::index_sequence<element...> /*all*/) {
@@ -819,7 +818,7 @@ static inline const unsigned char *take_elements(const MessagePlace &place, uint
     return taken ? at : nullptr;
 }
 
-// Takes the five figures of a core into the sample, likewise. starts[i] gets the place of the i-th.
+// Takes the five figures of a core into the sample, in the same way. starts[i] gets the place of the i-th.
 template <size_t... element>
 static inline const unsigned char *take_core(const unsigned char *at, const unsigned char *end, int core,
                                              _SYSDATA_ *sample, const unsigned char **starts,
@@ -834,22 +833,22 @@ static inline const unsigned char *take_core(const unsigned char *at, const unsi
     return (take(element, kCoreBlock[element].figures) && ...) ? at : nullptr;
 }
 
-// The sample of the switch message that was taken last, of which the store takes what is set. It keeps the figures of
-// its per-core block for the next message.
+// The sample of the last switch message. It keeps the figures of its per-core block for the next message; the store
+// ignores the fields that the decoder does not set.
 static _SYSDATA_ switch_sample;
 
-// Takes the per-core block at `at` into switch_sample, likewise.
+// Takes the per-core block at `at` into switch_sample, in the same way.
 //
-// The counters advance with the clock, 250 times a second, and messages come more often: a block that is, byte for
-// byte, the one before has been taken already.
+// The counters advance with the clock, 250 times a second, and messages come more often. A block that equals the
+// previous one, byte for byte, is not decoded again.
 static inline const unsigned char *take_core_block(const unsigned char *at, const unsigned char *end) {
     static unsigned char block[kCoreCount * kCoreElements * kVarintMax];
-    static size_t length;  // of the block before; 0 when it was damaged
+    static size_t length;  // of the previous block; 0 when it was malformed
     static retIntStruct results[kCoreElements];
     const size_t left = static_cast<size_t>(end - at);
     if (length == 0 || left < length || memcmp(at, block, length) != 0) {
         const unsigned char *const start = at;
-        const unsigned char *starts[kCoreElements + 1];  // of the numbers of the core taken last
+        const unsigned char *starts[kCoreElements + 1];  // of the figures of the last core
         length = 0;
         for (int core = 0; core < kCoreCount; ++core) {
             at = take_core(at, end, core, &switch_sample, starts, std::make_index_sequence<kCoreElements>());
@@ -875,8 +874,8 @@ static void log_message(const MessagePlace &place, const char *text, int line, c
               place.consumed(at), elements);
 }
 
-// Reads the varint at *at with its field reader and moves *at behind it. Reports one that cannot be read.
-static bool read_number(const MessagePlace &place, const unsigned char **at, const char *check, retIntStruct *ret) {
+// Reads the varint at *at and moves *at past it. Logs `check` when it cannot be read.
+static bool read_varint(const MessagePlace &place, const unsigned char **at, const char *check, retIntStruct *ret) {
     initiailizeRet(0, ret);
     get_unpackedInt(place.frame_len, place.offset + place.consumed(*at), place.frame, ret);
     if (ret->status == -1) {
@@ -887,47 +886,48 @@ static bool read_number(const MessagePlace &place, const unsigned char **at, con
     return true;
 }
 
-// Likewise a string: its length, then its bytes, which stay where they are. *at moves behind what could be read of it.
+// Reads the length of the string at *at, then moves *at past its bytes. Logs what cannot be read; *at then stays after
+// the part that can.
 static bool read_string(const MessagePlace &place, const MessageFormat &format, const unsigned char **at) {
     retIntStruct length;
-    if (!read_number(place, at, format.length_check, &length)) return false;
+    if (!read_varint(place, at, format.length_check, &length)) return false;
     if (length.value > 0 && length.value <= static_cast<uint64_t>(place.end() - *at)) {
         *at += length.value;
         return true;
     }
-    // A length beyond an int is longer than any frame, which is all that matters of it.
-    constexpr uint64_t kMost = std::numeric_limits<int>::max();
+    // A length that does not fit an int is longer than any frame anyway.
+    constexpr uint64_t kIntMax = std::numeric_limits<int>::max();
     initiailizeRet(1, &retCs);
     get_unpackedBytesWithLength(place.frame_len, place.offset + place.consumed(*at), place.frame,
-                                static_cast<int>(std::min(length.value, kMost)), &retCs);
+                                static_cast<int>(std::min(length.value, kIntMax)), &retCs);
     log_message(place, format.bytes_check, __LINE__, *at, 0);
     return false;
 }
 
-// Reports what is wrong with a message's elements.
+// Finds and logs the fault in a message's elements.
 [[gnu::cold]] static void report_elements(const MessagePlace &place, const MessageFormat &format) {
     const unsigned char *at = place.body();
     int element = 0;
     for (; element < format.elements && at < place.end(); ++element) {
         retIntStruct number;
         const bool read = format.kinds[element] == kString ? read_string(place, format, &at)
-                                                           : read_number(place, &at, format.varint_check, &number);
+                                                           : read_varint(place, &at, format.varint_check, &number);
         if (!read) break;
     }
     log_message(place, element < format.elements ? format.count_check : format.guard_check, __LINE__, at, element);
 }
 
-// Reports what is wrong with the per-core block at `at`. The shared results get what could be read of it.
+// Finds and logs the fault in the per-core block at `at`. The shared results get the figures before it.
 [[gnu::cold]] static void report_core_block(const MessagePlace &place, const unsigned char *at) {
     for (int number = 0; number < kCoreCount * kCoreElements; ++number) {
         const CoreCounter &counter = kCoreBlock[number % kCoreElements];
-        if (!read_number(place, &at, counter.check, counter.read)) break;
+        if (!read_varint(place, &at, counter.check, counter.read)) break;
     }
     log_message(place, kSwitchCores, __LINE__, at, kSwitchElements);
 }
 
-// Fetches what accounting is about to touch, the process's record and the list's two oldest nodes, while the rest of
-// the message is read.
+// Fetches what accounting is about to use, while the rest of the message is decoded: the process's record and the two
+// oldest nodes of the list.
 static inline void prefetch_process(int32_t pid) {
     const __VestraProcCPUUsageHist__ *record = &gProcCpuUsageHist[home_index(pid)];
     __builtin_prefetch(record);
@@ -938,24 +938,22 @@ static inline void prefetch_process(int32_t pid) {
     __builtin_prefetch(&last_node->prev->next);
 }
 
-// Takes a sample of a process into CPU history and memory list. *in_history: the history knows the process by name, and
-// the sample, once seen, changes nothing in it. False without memory: the message is dropped, and whoever waits for the
-// database is told not to.
+// Takes a process's sample into CPU history and memory list. *in_history: the history knows the process by name, so
+// that the slot writer would change nothing in it. False without memory: the message is dropped, and the trigger key is
+// reset so that nobody waits for the database.
 static bool account_process(const _SYSDATA_ &sample, std::string_view name, uint64_t rss, uint64_t swap,
                             bool *in_history) {
     try {
         const size_t kept = std::min(kNameKept, name.length());
         process_mem record = {sample.timestamp, sample.pid, std::string(name.data(), strnlen(name.data(), kept)),
                               static_cast<int32_t>(rss), static_cast<int32_t>(swap)};
-        // First, because it alone can fail: a message that is dropped leaves nothing in the history.
+        // First, because only this can fail: a dropped message leaves nothing in the history.
         circ_buf_shm *node = GetShmNode(&record, 0);
         const __VestraProcCPUUsageHist__ *known =
             update_history({sample.timestamp, sample.pid, sample.cpu_time_a, sample.cpu_time_b}, &record.name, -1);
         *in_history = known != nullptr && known->timestamp != 0 && !known->name.empty();
-        if (node != nullptr) {
-            node->cpu = known != nullptr ? known->total_percent : 0;
-            insert_node(node);
-        }
+        node->cpu = known != nullptr ? known->total_percent : 0;
+        insert_node(node);
         return true;
     } catch (const std::exception &) {
         set_shm_default_vconf();
@@ -972,8 +970,8 @@ void decode_switchFrame(int /*frame_type*/, int frame_len, int offset, char *fra
         take_elements<kSwitchMessage>(place, value, &name, std::make_index_sequence<kSwitchElements>());
     if (cores == nullptr) return report_elements(place, kSwitchMessage);
     prefetch_process(static_cast<int32_t>(value[kSwitchPid]));
-    const unsigned char *behind = take_core_block(cores, place.end());
-    if (behind == nullptr) return report_core_block(place, cores);
+    const unsigned char *next = take_core_block(cores, place.end());
+    if (next == nullptr) return report_core_block(place, cores);
     _SYSDATA_ &sample = switch_sample;
     sample.timestamp = static_cast<int64_t>(value[kSwitchTime]);
     sample.switch_timestamp = sample.timestamp;
@@ -989,22 +987,22 @@ void decode_switchFrame(int /*frame_type*/, int frame_len, int offset, char *fra
     bool in_history = false;
     if (accounted && !account_process(sample, name, value[kSwitchRss], value[kSwitchSwap], &in_history)) return;
     ret->status = 0;
-    ret->length = place.consumed(behind);
+    ret->length = place.consumed(next);
     store_sample(&sample, kSwitchFrame, in_history);
 }
 
 void decode_cpumeminfoFrame(int /*frame_type*/, int frame_len, int offset, char *frame, int message_type,
                             int /*core_id*/, retIntStruct *ret) {
     const MessagePlace place = {__func__, frame, frame_len, offset, message_type};
-    std::string_view name;  // nobody wants it
+    std::string_view name;  // not used
     uint64_t value[kMeminfoElements];
-    const unsigned char *behind =
+    const unsigned char *next =
         take_elements<kMeminfoMessage>(place, value, &name, std::make_index_sequence<kMeminfoElements>());
-    if (behind == nullptr) return report_elements(place, kMeminfoMessage);
+    if (next == nullptr) return report_elements(place, kMeminfoMessage);
 
     ret->status = 0;
-    ret->length = place.consumed(behind);
-    _SYSDATA_ sample;  // of which the store takes what is set here
+    ret->length = place.consumed(next);
+    _SYSDATA_ sample;  // the store ignores the fields that are not set here
     sample.timestamp = static_cast<int64_t>(value[kMeminfoTime]);
     sample.aux_time = 0;
     sample.meminfo[0] = decimal_figure(&value[kMeminfoDecimal0]);
@@ -1018,13 +1016,13 @@ void decode_cpumeminfoFrame(int /*frame_type*/, int frame_len, int offset, char 
 
 /* ------------------------------ 9. Walkers ------------------------------ */
 
-// The frame that is being decoded. Longer than any frame, so that what is read is never the caller's block.
+// A copy of the frame that is being decoded: the decoders never read the caller's block. Reader thread.
 unsigned char frameData[kFrameMax + 1];
 
 #define FRAME_AT_TEXT " at file_index:%d, frame index:%d, frame_len:%d, messageType:%d, offset:%d\n"
 #define CORE_AT_TEXT " at file_index:%d, frame_index:%d, frame_len:%d, core_id:%d offset:%d\n"
 
-// What the two walks differ in.
+// Where the walks of the two frame types differ.
 struct FrameFormat {
     const char *function;
     int type;
@@ -1032,7 +1030,8 @@ struct FrameFormat {
     int core_priority;
     const char *core_check, *type_check, *body_check, *range_check;
 };
-// A wrong core id is an error for switch frames and only a warning for the others, which not every module fills in.
+// Kept as it stands: a wrong core id is an error in a switch frame and a warning in a CPU and memory frame. Log filters
+// go by the priority.
 static constexpr FrameFormat kSwitchFormat = {"decode_frame",
                                               kSwitchFrame,
                                               decode_switchFrame,
@@ -1058,7 +1057,7 @@ static void walk_messages(int frame_len, char *frame, int file_index, retIntStru
                          core_id, 0);
     }
     initiailizeRet(0, ret);
-    int type = 0;  // of the message, or of the one before while it is not yet read
+    int type = 0;  // of the message, or of the previous one until it is read
     for (int offset = kFrameHeader; offset < frame_len;) {
         const auto report = [&](const char *check, int line, int type_length) {
             log_check(DLOG_WARN, check, format.function, line, file_index, offset, frame_len, type, type_length);
@@ -1116,8 +1115,7 @@ int decode_file(unsigned char *buf, unsigned int total) {
         }
         const uint64_t start = index + kLengthField;
         const uint64_t end = start + frame_len;
-        // Kept as it stands: a frame that ends exactly with the block is not decoded either. The module ends a block
-        // with an empty frame record.
+        // Kept as it stands: a frame that ends exactly with the block is not decoded. The module adds an empty record.
         if (total <= end) {
             memset(frameData, 0, frame_len);
             LOGD("vestra : No more data file_index %d total %d \n", static_cast<int>(index), static_cast<int>(total));
@@ -1154,10 +1152,10 @@ static constexpr char kCreateTable[] =
     "DEFAULT 0 NOT NULL,SHM_CURR_TIME DATETIME DEFAULT CURRENT_TIMESTAMP,AVG_CPU      INT   DEFAULT 0 NOT NULL );";
 
 // Main thread only.
-sqlite3 *db;      // the handle opened last; replaced at every open
+sqlite3 *db;      // the handle that was opened last; null once it is closed
 char *dbPath;     // block of kDbPathSize bytes, set once by ProcessDbInit and never freed
-const char *sql;  // the statement executed last while that is a constant one; null after a batch
-char *zErrMsg;    // SQLite's text about it, until it is logged
+const char *sql;  // the last statement; null after a batch, whose text is freed
+char *zErrMsg;    // SQLite's text about a failed statement, until it is logged
 
 void set_shm_default_vconf() {
     if (vconf_set_int(kTriggerKey, 0) == 0) {
@@ -1171,7 +1169,7 @@ static const char *db_path() {
     return dbPath != nullptr ? dbPath : "";
 }
 
-// SQLite's text of the failed statement; where it left none (a handle that could not be opened), that of the handle.
+// SQLite's text about the failed statement, or about the handle when there is none, as after a failed open.
 static const char *sql_error() {
     return zErrMsg != nullptr ? zErrMsg : sqlite3_errmsg(db);
 }
@@ -1181,14 +1179,14 @@ static void free_sql_error() {
     zErrMsg = nullptr;
 }
 
-static int execute(const char *statement) {
+static int run_statement(const char *statement) {
     sql = statement;
     zErrMsg = nullptr;
     return sqlite3_exec(db, statement, nullptr, nullptr, &zErrMsg);
 }
 
 int openDB() {
-    // What a fill that failed has left open; else its descriptor would never be closed.
+    // A failed fill leaves the database open: close it first, or its descriptor would leak.
     sqlite3_close(std::exchange(db, nullptr));
     if (sqlite3_open(dbPath, &db) != 0) {
         LOGE("Can't open database: %s", sqlite3_errmsg(db));
@@ -1209,13 +1207,13 @@ int closeDB() {
 }
 
 int createTables() {
-    if (execute(kDropTable) != 0) {
+    if (run_statement(kDropTable) != 0) {
         LOGE("SQL error: %s", sql_error());
         free_sql_error();
     } else {
         LOGD("Table PROCESS_INFO DROPPED successfully");
     }
-    if (execute(kCreateTable) != 0) {
+    if (run_statement(kCreateTable) != 0) {
         LOGE("SQL error: %s", sql_error());
         free_sql_error();
     } else {
@@ -1229,8 +1227,7 @@ int ProcessDbInit() {
     if (dbPath == nullptr) dbPath = static_cast<char *>(calloc(kDbPathSize, 1));
     if (dbPath != nullptr) memcpy(dbPath, kDbPath, sizeof(kDbPath));
     LOGE("DATABASE PATH : %s", db_path());
-    // Kept as it stands, here and at every use below: neither opening nor closing ever answers -1. A set whose storage
-    // is gone must start all the same.
+    // Kept as it stands, here and at every use below: neither returns -1. A set without storage must still start.
     if (openDB() == -1) {
         LOGE("Unable to Open db : %s", db_path());
         set_shm_default_vconf();
@@ -1254,7 +1251,7 @@ static constexpr char kInsertRows[] =
     "INSERT INTO PROCESS_INFO(TIMESTAMP,PROCESS_ID,PROCESS_NAME,RSS_USED,SWAP_USED,CPU_PERCENTAGE_USED) VALUES ";
 static constexpr int kBatchRows = 100;
 
-// A percentage without its fraction. Not a number becomes 0; what no 64-bit integer holds, the largest or smallest.
+// A percentage without its fraction, clamped to 64 bits. NaN becomes 0.
 static long long whole_percent(double percent) {
     if (std::isnan(percent)) return 0;
     if (percent >= 0x1p63) return std::numeric_limits<long long>::max();
@@ -1262,10 +1259,10 @@ static long long whole_percent(double percent) {
     return static_cast<long long>(percent);
 }
 
-// Appends up to kBatchRows rows from `node` on and the statement's end. Returns the last node written.
+// Appends up to kBatchRows rows, from `node` on, and the statement's end. Returns the node of the last row.
 //
-// Kept as it stands: a name is quoted but not escaped. One with a quote in it makes the statement fail, and the
-// requester finds its key still set.
+// Kept as it stands: a name is quoted but not escaped. A quote in a name makes the statement fail, and the requester
+// finds its key still set.
 static const circ_buf_shm *append_rows(const circ_buf_shm *node, std::string *values) {
     std::string quoted;
     for (int rows = 1;; ++rows, node = node->next) {
@@ -1278,17 +1275,16 @@ static const circ_buf_shm *append_rows(const circ_buf_shm *node, std::string *va
     }
 }
 
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION "Process_Info_fill"
-// Runs one batch from `node` on. Returns its last node; null when the fill is over because it failed.
+// Inserts one batch, from `node` on. Returns the node of its last row, or null when the fill has failed.
 static const circ_buf_shm *insert_batch(const circ_buf_shm *node) {
+    LOGS_AS("Process_Info_fill");
     std::string values = " ", statement = kInsertRows;
     const circ_buf_shm *closing = append_rows(node, &values);
     statement.append(values);
     auto *block = static_cast<char *>(malloc(statement.length() + 1));
     if (block == nullptr) return nullptr;
     memcpy(block, statement.c_str(), statement.length() + 1);
-    const int result = execute(block);
+    const int result = run_statement(block);
     if (result != 0) LOGE("SQL error: %s Query = %s", sql_error(), statement.c_str());
     free_sql_error();
     free(block);
@@ -1301,11 +1297,9 @@ static const circ_buf_shm *insert_batch(const circ_buf_shm *node) {
     if (result == SQLITE_FULL) LOGE("Can't fill the table because there is no disk space left");
     return nullptr;
 }
-#undef VESTRA_LOG_OPERATION
-#define VESTRA_LOG_OPERATION operation_name(log_operation, __func__)
 
-// The node to begin with: `head` as it was before the table was cleared, or, when the reader has let it fall off
-// meanwhile, the newest one. The caller holds shm_lock.
+// The node to begin with: `head`, the newest one before the table was cleared, or, if the reader thread has dropped
+// that since, the newest one now. The caller holds shm_lock.
 static const circ_buf_shm *first_node(const circ_buf_shm *head) {
     for (const circ_buf_shm *node = ghead_shm; node != nullptr; node = node->next) {
         if (node == head) return node;
@@ -1313,7 +1307,7 @@ static const circ_buf_shm *first_node(const circ_buf_shm *head) {
     return head == nullptr ? nullptr : ghead_shm;
 }
 
-// The caller holds shm_lock. False when a batch failed.
+// Inserts the list from `head` on. The caller holds shm_lock. False when a batch failed.
 static bool insert_list(const circ_buf_shm *head) {
     for (const circ_buf_shm *node = first_node(head); node != nullptr; node = node->next) {
         node = insert_batch(node);
@@ -1329,8 +1323,8 @@ int Process_Info_fill() {
     }
     LOGE("Success in Opening db : %s", db_path());
     const circ_buf_shm *head = __atomic_load_n(&ghead_shm, __ATOMIC_ACQUIRE);
-    if (execute(kClearTable) != 0) {
-        // Kept as it stands: the database stays open and the key set; the requester sees that nothing was written.
+    if (run_statement(kClearTable) != 0) {
+        // Kept as it stands: the database stays open and the key set. So the requester sees that the fill failed.
         LOGE("SQL error: %s", sql_error());
         free_sql_error();
         return 0;

@@ -1,10 +1,8 @@
-// decoder.h -- the trace decoder and what it keeps: vitals ring, CPU history, per-process memory list, history
-// database.
+// decoder.h -- the trace decoder and what it keeps: vitals ring, CPU history, memory list, history database.
 //
-// Everything here runs on the reader thread ("QXReadData") without a lock unless a comment names another thread. All
-// times are nanoseconds unless a comment says otherwise; CPU counters are clock ticks, 250 a second on each of 4 cores.
-//
-// The wire format is in trace/trace_format.h, how percentages are computed in trace/percentages.h.
+// Unless a comment says otherwise, everything runs on the reader thread ("QXReadData") without a lock, and times are in
+// nanoseconds. CPU counters are clock ticks, 250 a second on each of 4 cores. The sections follow the divisions of
+// decoder.cpp. The wire format is in trace/trace_format.h, how percentages are computed in trace/percentages.h.
 #pragma once
 
 #include <pthread.h>
@@ -26,10 +24,10 @@ using trace::kFrameMax;
 
 constexpr int kSlotCount = 180;           // seconds that the vitals ring holds
 constexpr int kVitalCount = 17;           // doubles of a slot that a packet type names
-constexpr int kCpuSampleCount = 500;      // total CPU usage samples behind the peak average
+constexpr int kCpuSampleCount = 500;      // samples of total CPU usage that an average covers
 constexpr int kHistRecords = 0x8000;      // records of the CPU history that are used
 constexpr int32_t kListLimit = 204800;    // accounted bytes of the per-process memory list
-constexpr int32_t kListNodeCharge = 20;   // accounted bytes of a node beside its two texts
+constexpr int32_t kListNodeCharge = 20;   // accounted bytes of a node, without its two texts
 constexpr uint32_t kFlagSwitch = 0x80;    // the slot holds a switch sample
 constexpr uint32_t kFlagMeminfo = 0x100;  // the slot holds a CPU and memory sample
 
@@ -37,8 +35,8 @@ constexpr uint32_t kFlagMeminfo = 0x100;  // the slot holds a CPU and memory sam
 
 // Result of one varint read, and of a frame or message decoder.
 struct retIntStruct {
-    int32_t status;  // 0: read. The caller presets -1 and a failed read leaves it so
-    int32_t length;  // bytes consumed: 1 to 10 for a varint, those of the body for a message, 0 for a frame
+    int32_t status;  // 0: read. The caller presets -1, which a failed read leaves as it is
+    int32_t length;  // bytes consumed: 1 to 10 for a varint, the body for a message, 0 for a frame
     uint64_t value;  // the number; preset all ones
 };
 
@@ -46,7 +44,7 @@ struct retIntStruct {
 struct retCharStruct {
     int32_t status;  // 0: read; preset -1
     int32_t length;  // bytes consumed: with the terminator of a terminated string, without the count of a counted one
-    char *data;      // heap block, the caller's from then on (free); null when there is none
+    char *data;      // heap block that the caller owns and frees; null when there is none
 };
 
 // One decoded sample, and one slot of the vitals ring.
@@ -135,19 +133,10 @@ struct circ_buf_shm {
 };
 
 /* ------------------------------ State ------------------------------ */
-// What each is for, who writes it and what guards it stands with the definitions in decoder.cpp.
+// Unit, writer and guard of each are at the definitions in decoder.cpp.
 
-extern unsigned char frameData[kFrameMax + 1];
 extern retIntStruct retIs, utimeIs, stimeIs, idletimeIs, temperatureIs, iowaittimeIs;
 extern retCharStruct retCs;
-
-extern _SYSDATA_ collectedData[kSlotCount];
-extern int64_t timestampToIndex[kSlotCount], indexToTimestamp[kSlotCount];
-extern int32_t last_index, valid_index, pos, maxTimeIndex;
-extern int64_t maxTimeValue;
-extern double g_CPUTotalPer[kCpuSampleCount];
-extern int32_t g_CPUSampleCnt, g_CPUValidSample;
-extern double g_CPUTotalPercent;
 
 extern __VestraProcCPUUsageHist__ gProcCpuUsageHist[kHistRecords + 1];
 
@@ -155,15 +144,36 @@ extern pthread_mutex_t shm_lock;  // guards the list; taken after `lock` where b
 extern circ_buf_shm *ghead_shm, *last_node;
 extern int32_t shm_list_size;
 
+extern _SYSDATA_ collectedData[kSlotCount];
+extern int64_t timestampToIndex[kSlotCount], indexToTimestamp[kSlotCount];
+extern int32_t last_index, valid_index, pos;
+extern int64_t maxTimeValue;
+extern int32_t maxTimeIndex;
+extern double g_CPUTotalPer[kCpuSampleCount];
+extern int32_t g_CPUSampleCnt, g_CPUValidSample;
+extern double g_CPUTotalPercent;
+
+extern unsigned char frameData[kFrameMax + 1];
+
 extern sqlite3 *db;
-extern char *dbPath, *zErrMsg;
+extern char *dbPath;
 extern const char *sql;
+extern char *zErrMsg;
 
 /* ------------------------------ Field readers ------------------------------ */
 // None reads at or beyond `frame_len`. A failed read leaves *ret as it is and logs a warning.
 
 using trace::covert_intfrac_double;
 using trace::get_frame_len;
+
+// Presets a result: a retIntStruct when `kind` is 0, else a retCharStruct.
+void initiailizeRet(int kind, void *ret);
+
+// Does nothing; the caller frees a result's block.
+void deallocateRetStruct(int kind, void *ret);
+
+// Length of a zero-terminated string.
+int getBufLen(char *text);
 
 // The varint at `offset`: at most 10 bytes, bits beyond 64 are lost.
 void get_unpackedInt(int frame_len, int offset, char *frame, retIntStruct *ret);
@@ -174,94 +184,16 @@ void get_unpackedBytes(int frame_len, int offset, char *frame, retCharStruct *re
 // The `count` bytes at `offset`, in a block of that size without a terminator. A count below 1 fails without a message.
 void get_unpackedBytesWithLength(int frame_len, int offset, char *frame, int count, retCharStruct *ret);
 
-// Presets a result: `kind` 0 a retIntStruct, else a retCharStruct.
-void initiailizeRet(int kind, void *ret);
-
-// Does nothing; a result's block is the caller's to free.
-void deallocateRetStruct(int kind, void *ret);
-
-// Length of a zero-terminated string.
-int getBufLen(char *text);
-
-/* ------------------------------ Walkers and message decoders ------------------------------ */
-
-// Walks one block of `total` bytes and stores what it finds. Returns the type (signed first byte) of the last frame of
-// two bytes or more, -1 when there was none. `buf` is only read.
-int decode_file(unsigned char *buf, unsigned int total);
-
-// Walk the messages of a frame of type 7 or 8. `file_index` is the frame's offset in its block, for messages only. *ret
-// has status 0 and length 0 after a walk to the frame's end, else -1; it is untouched when the frame is refused for its
-// header. decode_frame ignores other types, decode_frame_8 reports them.
-void decode_frame(int frame_len, char *frame, int file_index, retIntStruct *ret);
-void decode_frame_8(int frame_len, char *frame, int file_index, retIntStruct *ret);
-
-// Decode one message whose body begins at `offset` and store it. *ret gets status 0 and the bytes of the body; a
-// message that cannot be read leaves it as it is and stores nothing. The switch decoder takes shm_lock.
-void decode_switchFrame(int frame_type, int frame_len, int offset, char *frame, int message_type, int core_id,
-                        retIntStruct *ret);
-void decode_cpumeminfoFrame(int frame_type, int frame_len, int offset, char *frame, int message_type, int core_id,
-                            retIntStruct *ret);
-
-/* ------------------------------ Vitals store ------------------------------ */
-// Written by the reader thread, read by the client thread ("QXClientProcess") without a lock: a reader may see a slot
-// in the middle of an update, never an index out of range.
-
-// Empties ring, samples and CPU history. Once, before the threads start.
-void init_collected_data();
-
-// Stores a sample of frame type 7 or 8. One with a negative time stamp is refused with an error line.
-void groupData(_SYSDATA_ *sample, int frame_type, int message_type);
-
-// Writes a sample into `slot` (0 to 179). Returns the slot of the newest complete second: `slot` when it holds switch
-// data, else last_index.
-int fillData(int slot, _SYSDATA_ *sample, int frame_type, int message_type);
-
-// Sets valid_index to the oldest slot of the unbroken run of switch samples that ends at last_index. Reader and client.
-void find_valid_index();
-
-// Computes the percentages and temperatures of the slots from valid_index to last_index.
-void calculateCPUAvgValues();
-
-// Logs all slots at priority 4. Any thread.
-void printCollectedData();
-
-// The vital that a packet type of 0 to 16 names. Any thread.
-double vital(const _SYSDATA_ &slot, unsigned type);
-
-/* ------------------------------ Window statistics ------------------------------ */
-// Client thread. The window holds the slots, from `end` back to valid_index, whose time stamp is not more than `window`
-// seconds before `end`.
-
-// -1.0 when the window is empty. The minimum leaves out values of 0 and below behind the first value.
-double calculateMax(int type, int window, long long end);
-double calculateMin(int type, int window, long long end);
-
-// Over the values above 0; NaN when there are none. The variance is the population's.
-float calculateAvg(int type, int window, long long end);
-float calculateVariance(int type, int window, long long end);
-
-// Fills *out; window 0 gives the value in `slot` (0 to 179). A type beyond 16 or below 0 is logged and leaves *out as
-// it is.
-void getTypeResult(_VestraData_ *out, int type, int window, long long end, int slot);
-
-// The same with the request's own type and window into its four figures.
-void getResult(vestra_api_data *req, long long end, int slot);
-
-// Answers the requests up to now. `count` 1 (or less): request 0. More: request t for each type t found in the array,
-// which is therefore indexed by packet type; a type of `count` or more is refused.
-void process_request(vestra_api_data *reqs, int count);
-
 /* ------------------------------ CPU history ------------------------------ */
-// An open-addressing table: home index pid & 0x7fff, then the next ones. pid -1 is never found nor stored.
+// An open-addressing table. A process's home index is pid & 0x7fff; the indices after it follow. There is no pid -1.
 
 // Makes all records unused. Always 0.
 int vesrta_hash_init_hist();
 
-// Index of a record to hold `pid`, a never used one (which is given the pid) or one without a name; -1 when all are
-// taken.
+// The index of a record for `pid`: an unused one, which gets the pid, or one without a name. -1 when there is none.
 int vesrta_gethash_hist(int pid);
 
-// Index of `pid`'s record, or -1 when there is none or it has no name. The second copies it into *out unless null.
+// The index of `pid`'s record, or -1 when there is none or it has no name. The second copies it into *out unless null.
 int vesrta_checkhash_hist(int pid);
 int vesrta_get_process_data_hist(int pid, int unused, __VestraProcCPUUsageHist__ *out);
 
@@ -270,18 +202,87 @@ int vestra_vital_update_cpuusage_hist(__VestraProcCPUUsageHist__ *rec);
 
 /* ------------------------------ Per-process memory list ------------------------------ */
 
-// A new node from the record, linked nowhere; the caller's. Throws std::bad_alloc without memory.
-circ_buf_shm *GetShmNode(process_mem *record, double cpu);
-
-// Links a node at the list's head and lets the oldest fall off while the list is beyond kListLimit. The list owns the
-// node from here on. Takes shm_lock.
-void insert_node(circ_buf_shm *node);
-
 // Decimal text of `value`. Any thread.
 std::string ToString(long long value);
 
-/* ------------------------------ Process history database ------------------------------ */
-// Main thread. Every failure is logged and nothing is retried.
+// A new node from the record, not linked; the caller owns it. Throws std::bad_alloc without memory.
+circ_buf_shm *GetShmNode(process_mem *record, double cpu);
+
+// Links a node at the list's head and drops the oldest nodes while the list is beyond kListLimit. The list then owns
+// the node. Takes shm_lock.
+void insert_node(circ_buf_shm *node);
+
+/* ------------------------------ Vitals store ------------------------------ */
+// The reader thread writes it, the client thread ("QXClientProcess") reads it without a lock: that thread may see a
+// slot in the middle of an update, but never uses an index out of range.
+
+// The vital that a packet type of 0 to 16 names. Any thread.
+double vital(const _SYSDATA_ &slot, unsigned type);
+
+// Empties ring, samples and CPU history. Once, before the threads start.
+void init_collected_data();
+
+// Writes a sample into `slot` (0 to 179). The slot of the newest complete second: `slot` if it holds switch data, else
+// last_index, which is the result for a wrong slot or frame type, too.
+int fillData(int slot, _SYSDATA_ *sample, int frame_type, int message_type);
+
+// Sets valid_index to the oldest slot of the unbroken run of switch samples that ends at last_index. Reader and client.
+void find_valid_index();
+
+// Computes the percentages and temperatures of the slots from valid_index to last_index.
+void calculateCPUAvgValues();
+
+// Stores a sample of frame type 7 or 8. Refuses one with a negative time stamp with an error line.
+void groupData(_SYSDATA_ *sample, int frame_type, int message_type);
+
+// Logs all slots at priority 4. Any thread.
+void printCollectedData();
+
+/* ------------------------------ Window statistics ------------------------------ */
+// Client thread. The window holds the slots, from the one of `end` back to valid_index, whose time stamp is at most
+// `window` seconds before `end`.
+
+// -1.0 when the window is empty. The minimum skips values of 0 and below unless they come first.
+double calculateMax(int type, int window, long long end);
+double calculateMin(int type, int window, long long end);
+
+// Of the values above 0; NaN when there are none. The variance is the population's.
+float calculateAvg(int type, int window, long long end);
+float calculateVariance(int type, int window, long long end);
+
+// Fills *out; window 0 gives the value in `slot` (0 to 179). Logs a type that is not 0 to 16 and leaves *out as it is.
+void getTypeResult(_VestraData_ *out, int type, int window, long long end, int slot);
+
+// The same with the request's own type and window, into its four figures.
+void getResult(vestra_api_data *req, long long end, int slot);
+
+// Answers requests. A `count` of 1 or less: request 0. More: request t for each type t in the array, which is therefore
+// indexed by packet type; refuses a type of `count` or more.
+void process_request(vestra_api_data *reqs, int count);
+
+/* ------------------------------ Message decoders ------------------------------ */
+
+// Decode the message whose body begins at `offset` and store it. *ret gets status 0 and the length of the body. A
+// message that cannot be read leaves *ret as it is and stores nothing. The switch decoder takes shm_lock.
+void decode_switchFrame(int frame_type, int frame_len, int offset, char *frame, int message_type, int core_id,
+                        retIntStruct *ret);
+void decode_cpumeminfoFrame(int frame_type, int frame_len, int offset, char *frame, int message_type, int core_id,
+                            retIntStruct *ret);
+
+/* ------------------------------ Walkers ------------------------------ */
+
+// Walk the messages of a frame of type 7 or 8. `file_index` is the frame's offset in its block, for messages only. *ret
+// gets status 0 and length 0 after a walk to the frame's end, else status -1; a frame refused for its header leaves it
+// untouched. decode_frame ignores other types, decode_frame_8 reports them.
+void decode_frame(int frame_len, char *frame, int file_index, retIntStruct *ret);
+void decode_frame_8(int frame_len, char *frame, int file_index, retIntStruct *ret);
+
+// Walks one block of `total` bytes and stores what it finds. Returns the type (signed first byte) of the last frame of
+// two bytes or more, -1 when there was none. Does not change `buf`.
+int decode_file(unsigned char *buf, unsigned int total);
+
+/* ------------------------------ History database ------------------------------ */
+// Main thread. Logs every failure and retries nothing.
 
 // Sets the trigger key "memory/SHM/trigger_db_write" to 0. Any thread.
 void set_shm_default_vconf();
@@ -291,9 +292,11 @@ int openDB();
 int closeDB();
 int createTables();
 
-// Resets the trigger key, sets dbPath and makes the table anew. Always 0.
+// Resets the trigger key, sets dbPath and makes the table again, empty. Always 0.
 int ProcessDbInit();
 
-// Replaces the table's rows by the list's samples, newest first, and then resets the trigger key; a failure leaves the
-// key as it is. The caller holds `lock`; takes shm_lock for the whole of the writing. Always 0.
+/* ------------------------------ Database fill ------------------------------ */
+
+// Main thread. Replaces the table's rows by the list's samples, newest first, and then resets the trigger key; after a
+// failure the key keeps its value. The caller holds `lock`; takes shm_lock for the whole of the writing. Always 0.
 int Process_Info_fill();

@@ -10,8 +10,7 @@
 #define VESTRA_LOG_PREFIX "%s: %s(%d) > [Vestrad:%s:%d]"
 
 // The operation that a line names: by default the function that logs it. Log filters match the operation, so a function
-// that is only a step of one begins with LOGS_AS("operation"). That defines a local variable which hides the
-// enumerator.
+// that is a step of a longer one begins with LOGS_AS("operation"): a local variable that hides the enumerator.
 enum OwnName { log_operation };
 inline const char *operation_name(OwnName /*own*/, const char *function) {
     return function;
@@ -21,16 +20,14 @@ inline const char *operation_name(const char *operation, const char * /*function
 }
 #define LOGS_AS(operation) static constexpr char log_operation[] = operation
 
-// Transitional: decoder.cpp still redefines it around its steps.
-#define VESTRA_LOG_OPERATION operation_name(log_operation, __func__)
-
 // `fmt` must be a string literal. Leaves errno alone: "%m" and the code after the line see the caller's error.
-#define VESTRA_LOG(prio, fmt, ...)                                                                       \
-    do {                                                                                                 \
-        if (dlog_wants(prio)) {                                                                          \
-            __dlog_print(LOG_ID_MAIN, (prio), VESTRA_LOG_TAG, VESTRA_LOG_PREFIX fmt, __FILE_NAME__,      \
-                         VESTRA_LOG_OPERATION, __LINE__, VESTRA_LOG_OPERATION, __LINE__, ##__VA_ARGS__); \
-        }                                                                                                \
+#define VESTRA_LOG(prio, fmt, ...)                                                                                   \
+    do {                                                                                                             \
+        if (dlog_wants(prio)) {                                                                                      \
+            __dlog_print(LOG_ID_MAIN, (prio), VESTRA_LOG_TAG, VESTRA_LOG_PREFIX fmt, __FILE_NAME__,                  \
+                         operation_name(log_operation, __func__), __LINE__, operation_name(log_operation, __func__), \
+                         __LINE__, ##__VA_ARGS__);                                                                   \
+        }                                                                                                            \
     } while (0)
 
 #define LOGD(fmt, ...) VESTRA_LOG(DLOG_DEBUG, fmt, ##__VA_ARGS__)

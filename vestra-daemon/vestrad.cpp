@@ -680,13 +680,12 @@ void free_bufs_shm(circ_buf_shm **head) {
     *head = nullptr;
 }
 
-// Reads one block from the device into `buffer`. The result of read(), or 0 when 20 reads gave nothing or the daemon
-// stops.
+// Reads one block from the device into `buffer`. The result of read(); 0 after 20 empty reads or when the daemon stops.
 static ssize_t read_block(int fd, unsigned char *buffer) {
     LOGS_AS("read_data");
     for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
         if (exit_flag) return 0;
-        const ssize_t count = read(fd, buffer, kBlockMax);
+        const ssize_t count = read(fd, buffer, trace::kBlockMax);
         if (count != 0) return count;
         LOGW("WARN: Invalid Read (%d:%m) ", errno);
     }
@@ -707,7 +706,7 @@ static void trim_chain(circ_buf_s **head, unsigned int *total) {
 }
 
 int read_data(circ_buf_s **head, int fd, unsigned int *total) {
-    unsigned char buffer[kBlockMax];
+    unsigned char buffer[trace::kBlockMax];
     const ssize_t count = read_block(fd, buffer);
     if (count == 0) return 0;
 
@@ -1275,8 +1274,7 @@ void dod_vconf_notify_cb(keynode_t *key, void * /*user_data*/) {
         dod_mode_flag = value;
         char usb[kPathSize] = {};
         if (value == 1 && get_usb_path(usb, kPathSize, 0) == 0) {
-            // Kept as it stands: the first lookup of a stick leaves `usb` empty, and the folder is then one of the
-            // root.
+            // Kept as it stands: the first lookup of a stick leaves `usb` empty, so the folder is one of the root.
             char folder[kPathSize];
             snprintf(folder, sizeof(folder), "%s/%s/", usb, kDodFolder);
             if (check_path(folder, kPathSize, 0) != 0) {
@@ -1318,8 +1316,7 @@ void robustness_vconf_notify_cb(keynode_t *key, void * /*user_data*/) {
         RobustnessRequest request = parse_robustness(value);
         LOGD("[vestra] data from ira : path %s, name %s, pid %d", request.path, request.name, request.pid);
         if (check_path(request.path, kPathSize, 0) != 0) {
-            // Kept as it stands: the path came with the key, not from get_usb_path. The fault agent's log filter
-            // matches this text.
+            // Kept as it stands: the path did not come from get_usb_path. The fault agent filters by this text.
             LOGE("[vestra] ERROR: get_usb_path %s ", request.path);
         } else if (write_data(&ghead_s, request.path, request.name, request.pid, WRITE_REASON_ROBUSTNESS) < 0) {
             LOGE("[vestra] ERROR: robustness write_data failed (%d:%m)", errno);

@@ -12,7 +12,6 @@
 
 #include "platform/key_combination.h"
 #include "platform/vconf.h"
-#include "trace/trace_format.h"
 #include "vestra-daemon/vestra_xml.h"
 
 struct circ_buf_shm;  // decoder.h
@@ -53,7 +52,6 @@ struct image_type_flags {
 };
 
 constexpr int kPathSize = 256;              // bytes of every path buffer that crosses a function boundary
-using trace::kBlockMax;                     // bytes asked for in one read of the control node
 constexpr int kTemperatureFailed = -65535;  // GetTemperature's value for "no reading"
 
 /* ------------------------------ State ------------------------------ */
@@ -64,19 +62,19 @@ extern GMainLoop *g_loop;
 extern uint32_t max_file_size;
 extern int32_t sleep_time_usec_buf, sleep_time_sec_file, sleep_time_live_file;
 extern int32_t max_number_of_files;
-extern int32_t key_handling_flag, fault_handling_flag, dod_mode_flag;
 extern char process_name[kPathSize];
 extern char VESTRA_CONFIG_FILE[96];
-extern pthread_t client_thread, thread_for_userdata, thread_for_process_names, thread_read_hndl;
 extern int32_t g_chip_type;
 extern VestraConfig_t g_vestra_config;
 extern image_type_flags m_image_type;
+extern pthread_t client_thread, thread_for_userdata, thread_for_process_names, thread_read_hndl;
+extern int32_t key_handling_flag, fault_handling_flag, dod_mode_flag;
 
 extern pthread_mutex_t lock;  // guards the chain; taken before shm_lock where both are held
 extern circ_buf_s *ghead_s;
 extern uint32_t gtotal_bytes;
-extern int32_t file_complete_flag;
 extern uint32_t g_current_new_data;
+extern int32_t file_complete_flag;
 
 extern int32_t g_cnt_of_files;
 extern char g_prev_file_path[kPathSize];
@@ -159,14 +157,12 @@ int vestra_rename(const char *from, const char *to);
 
 /* ------------------------------ On-screen notice ------------------------------ */
 
-// Shows `text` as a notice, on debug images with notices switched on. 0, also when nothing is shown; -1 when the
-// service fails.
+// Shows `text` as a notice, on debug images with notices on. 0, also when nothing is shown; -1 when the service fails.
 int vestra_Display_GlobalNotification(std::string text);
 
 /* ------------------------------ Capture chain ------------------------------ */
 
-// Allocates a node with a block for `len` bytes; its `size` is not set. Returns `len`, or -1 with *node null when there
-// is no memory.
+// Allocates a node with a block for `len` bytes; its `size` is not set. `len`, or -1 with *node null without memory.
 int vestra_get_node(circ_buf_s **node, int len);
 
 // Frees *node and its block; *node keeps its value. Always 0.
@@ -179,8 +175,7 @@ void free_bufs(circ_buf_s **head);
 void free_bufs_shm(circ_buf_shm **head);
 
 // Reads one block from `fd`, decodes it, appends it to *head and drops the oldest blocks beyond max_file_size. 0, also
-// when there was nothing to read; -1 when the device or memory fails, and the chain is then intact. Reader thread;
-// takes `lock`.
+// when there was nothing to read; -1 when the device or memory fails, and the chain is intact. Reader thread, `lock`.
 int read_data(circ_buf_s **head, int fd, unsigned int *total);
 
 /* ------------------------------ Dump writer ------------------------------ */
@@ -224,8 +219,8 @@ void __scenario_manager_tv_memory(keynode_t *node, void *data);
 
 /* ------------------------------ Temperature probes ------------------------------ */
 
-// "/platform/soc/thermal/" in a new block in *dir; frees the old block, the caller frees the new one. 0, or -1 without
-// that directory.
+// Sets *dir to a new block with "/platform/soc/thermal/", which the caller frees, and frees the old block. 0, or -1
+// when there is no such directory.
 int vestra_get_thermal_dir(char **dir);
 
 // Sets temperature_file_name. 0 or -1.
