@@ -746,7 +746,26 @@ struct MessageFormat {
     const char *guard_check;
 };
 
-#define CHECK_TEXT(text) VESTRA_LOG_PREFIX "vestra : " text
+// True when `text` takes 4 or 5 integers and nothing else: what log_check passes after the prefix's own arguments.
+static constexpr bool takes_integers(std::string_view text) {
+    int count = 0;
+    for (size_t at = text.find('%'); at != std::string_view::npos; at = text.find('%', at + 2)) {
+        const std::string_view conversion = text.substr(at, 2);
+        if (conversion == "%%") continue;
+        if (conversion != "%d") return false;
+        ++count;
+    }
+    return count == 4 || count == 5;
+}
+static_assert(takes_integers("%d%% %d, %d %%%d") && takes_integers("%d%d%d%d%d"));
+static_assert(!takes_integers("%d%d%d%%d") && !takes_integers("%d%d%d%d%ld") && !takes_integers("%d%d%d%d%"));
+
+// A check's log text with the prefix. The compiler cannot check the arguments of a text in a table, so this does.
+#define CHECK_TEXT(text)                           \
+    [] {                                           \
+        static_assert(takes_integers(text));       \
+        return VESTRA_LOG_PREFIX "vestra : " text; \
+    }()
 #define AT_TEXT " at frame_index:%d, frame_len:%d, messageType:%d, offset:%d"
 
 static constexpr MessageFormat kSwitchMessage = {kSwitchKinds,
@@ -778,11 +797,11 @@ static constexpr struct CoreCounter {
     {&iowaittimeIs, &_SYSDATA_::iowaittime, CHECK_TEXT("14 .Corrupted" AT_TEXT " \n")},
 };
 
-static constexpr char kSwitchCores[] = CHECK_TEXT("15. Corrupted" AT_TEXT ", elm_count:%d \n");
+static constexpr const char *kSwitchCores = CHECK_TEXT("15. Corrupted" AT_TEXT ", elm_count:%d \n");
 
 /* ------------------------------ 8. Message decoders ------------------------------ */
 
-// Logs a text of a table with the prefix and up to five integers; a text may leave out the last one.
+// Logs a CHECK_TEXT, which has checked the text. One that takes four integers leaves out the last.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 [[gnu::cold]] static void log_check(int prio, const char *text, const char *function, int line, int a, int b, int c,
