@@ -1,85 +1,63 @@
 #include "set/config_file.h"
 
-#include <algorithm>
+#include <tinyxml2.h>
+
+#include "default_config.h"  // made by CMake from packaging/orna_vestra_config.xml
 
 namespace vestra_set {
 namespace {
 
-struct Element {
-    const char *name;
-    std::string value;
-};
+constexpr const char *kRootElement = "vestra_config";
 
-// The daemon's order. A desktop has the disk and the memory for all of it, so the recorder is switched on in full.
-std::vector<Element> default_elements() {
-    return {
-        {"vestra_kmod_load_unload", "1"},
-        {"vestra_litemode_on", "0"},
-        {"min_time_diff_dump", "10"},
-        {"cont_data_collect", "0"},
-        {"no_of_files", "3"},
-        {"max_file_size", "10"},
-        {"user_notification_on", "1"},
-        {"vestra_diskio_read_enable", "1"},
-        {"vestra_diskio_write_enable", "1"},
-        {"live_data_collect", "0"},
-        {"vestra_unique_id", "1"},
-        {"vestra_extfile_path_id", "/opt/data/vestraDir/"},
-        {"vestra_extfile_path_other_id", "/opt/data/vestraDir/"},
-        {"vestra_info_raise_priority", "0"},
-        {"vestra_info_new_priority_nice", "0"},
-    };
+// Where a simulated set differs from what is shipped: dumps may follow each other sooner, and an upload has an address.
+constexpr const char *kSetValues[] = {"min_time_diff_dump=10", "vestra_unique_id=1",
+                                      "vestra_extfile_path_id=/opt/data/vestraDir/",
+                                      "vestra_extfile_path_other_id=/opt/data/vestraDir/"};
+
+std::string value_of(const tinyxml2::XMLElement &element) {
+    const char *text = element.GetText();  // null for an empty element
+    return text != nullptr ? text : "";
 }
 
-std::string escaped(std::string_view text) {
-    std::string result;
-    for (const char c : text) {
-        switch (c) {
-            case '&':
-                result += "&amp;";
-                break;
-            case '<':
-                result += "&lt;";
-                break;
-            case '>':
-                result += "&gt;";
-                break;
-            default:
-                result += c;
-        }
+bool override_element(tinyxml2::XMLElement *root, const std::string &item, std::string *error) {
+    const size_t equals = item.find('=');
+    const std::string name = item.substr(0, equals);
+    tinyxml2::XMLElement *element = root->FirstChildElement(name.c_str());
+    if (equals != std::string::npos && !name.empty() && element != nullptr) {
+        element->SetText(item.substr(equals + 1).c_str());
+        return true;
     }
-    return result;
+    *error = "--config " + item + ": expected NAME=VALUE, where NAME is one of these (with their values):";
+    for (element = root->FirstChildElement(); element != nullptr; element = element->NextSiblingElement()) {
+        *error += std::string("\n  ") + element->Name() + " (" + value_of(*element) + ")";
+    }
+    return false;
 }
 
 }  // namespace
 
 std::string make_config(const std::vector<std::string> &overrides, std::string *error) {
-    std::vector<Element> elements = default_elements();
+    tinyxml2::XMLDocument document;
+    document.Parse(kDefaultConfig);
+    tinyxml2::XMLElement *root = document.FirstChildElement(kRootElement);
+    for (const char *item : kSetValues) {
+        if (!override_element(root, item, error)) return {};
+    }
     for (const std::string &item : overrides) {
-        const size_t equals = item.find('=');
-        const std::string key = item.substr(0, equals);
-        const auto element =
-            std::find_if(elements.begin(), elements.end(), [&](const Element &e) { return key == e.name; });
-        if (equals == std::string::npos || element == elements.end()) {
-            *error = "--config " + item + ": wanted KEY=VALUE with one of these keys:";
-            for (const Element &known : elements) *error += std::string("\n  ") + known.name + " (" + known.value + ")";
-            return {};
-        }
-        element->value = item.substr(equals + 1);
+        if (!override_element(root, item, error)) return {};
     }
-    std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<vestra_config>\n";
-    for (const Element &element : elements) {
-        text += std::string("    <") + element.name + ">" + escaped(element.value) + "</" + element.name + ">\n";
-    }
-    return text + "</vestra_config>\n";
+    tinyxml2::XMLPrinter printer;
+    document.Print(&printer);
+    return printer.CStr() + std::string("\n");
 }
 
-bool config_loads_module(std::string_view config) {
-    constexpr std::string_view kElement = "<vestra_kmod_load_unload>";
-    const size_t start = config.find(kElement);
-    if (start == std::string_view::npos) return false;
-    const std::string_view value = config.substr(start + kElement.size());
-    return value.substr(0, value.find('<')).find_first_of("123456789") != std::string_view::npos;
+bool config_loads_module(const std::string &config) {
+    tinyxml2::XMLDocument document;
+    if (document.Parse(config.c_str()) != tinyxml2::XML_SUCCESS) return false;
+    const tinyxml2::XMLElement *root = document.FirstChildElement(kRootElement);
+    const tinyxml2::XMLElement *element =
+        root != nullptr ? root->FirstChildElement("vestra_kmod_load_unload") : nullptr;
+    return element != nullptr && value_of(*element).find_first_of("123456789") != std::string::npos;
 }
 
 std::string make_product_info() {

@@ -7,13 +7,13 @@
 
 namespace vestra_set {
 
-// The daemon's configuration file with this simulated set's values. `overrides` are KEY=VALUE texts; a KEY that the
-// file does not have is an error, for a misspelt one would otherwise go unnoticed. On error: an empty text, and
-// `*error` says why.
+// The daemon's configuration: the file that is shipped, with the values of a simulated set and then `overrides`, each
+// NAME=VALUE. A NAME that the file does not have is an error, since a misspelt one would otherwise go unnoticed. On
+// error: an empty text, and the reason in `*error`.
 std::string make_config(const std::vector<std::string> &overrides, std::string *error);
 
 // True when the configuration makes the daemon load the kernel module itself.
-bool config_loads_module(std::string_view config);
+bool config_loads_module(const std::string &config);
 
 // /etc/prd_info.ini, with CR LF line ends as a set has them.
 std::string make_product_info();
