@@ -38,14 +38,12 @@ void ModuleState::reset() {
     temperature_known_ = false;
     ++loads_;
     ++control_version_;
-    ++version_;
 }
 
 int ModuleState::write(std::string_view text) {
     const auto command = parse_node_command(text);
     const std::lock_guard<std::mutex> guard(mutex_);
     ++writes_;
-    ++version_;
     if (!command) {
         ++refused_;
         last_refused_ = text.substr(0, kRefusedShown);
@@ -106,7 +104,6 @@ void ModuleState::apply(const NodeCommand &command) {
 void ModuleState::count_read(const uint8_t *block, size_t size) {
     const std::lock_guard<std::mutex> guard(mutex_);
     ++reads_;
-    ++version_;
     if (size == 0) {
         ++empty_reads_;
         return;
@@ -120,7 +117,6 @@ void ModuleState::count_failed_read() {
     const std::lock_guard<std::mutex> guard(mutex_);
     ++reads_;
     ++failed_reads_;
-    ++version_;
 }
 
 ModuleControl ModuleState::control() const {
@@ -131,11 +127,6 @@ ModuleControl ModuleState::control() const {
 uint64_t ModuleState::control_version() const {
     const std::lock_guard<std::mutex> guard(mutex_);
     return control_version_;
-}
-
-uint64_t ModuleState::version() const {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    return version_;
 }
 
 nlohmann::json ModuleState::status() const {

@@ -35,9 +35,6 @@ class ModuleState {
     // Grows with every change that control() shows.
     uint64_t control_version() const;
 
-    // Grows with every change at all.
-    uint64_t version() const;
-
     // Everything, for people and tests:
     //   loads, tracing, disk_read, disk_write, temperature (null before the first), filter {names, pids},
     //   reads {total, empty, failed}, blocks, bytes, frames {TYPE: count}, damaged_blocks,
@@ -62,7 +59,6 @@ class ModuleState {
     ModuleControl control_;
     bool temperature_known_ = false;
     uint64_t control_version_ = 1;
-    uint64_t version_ = 1;
     uint64_t loads_ = 0;
     uint64_t reads_ = 0, empty_reads_ = 0, failed_reads_ = 0, blocks_ = 0, bytes_ = 0, damaged_blocks_ = 0;
     std::array<uint64_t, 256> frames_{};

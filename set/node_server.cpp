@@ -18,7 +18,6 @@
 #include <thread>
 #include <vector>
 
-#include "platform/state_dir.h"
 #include "set/inject.h"
 #include "set/layout.h"
 #include "set/module_state.h"
@@ -33,7 +32,6 @@ constexpr fuse_ino_t kNodeInode = 2;
 constexpr fuse_ino_t kStatusInode = 3;
 constexpr const char *kNodeName = "vesertra_info";
 constexpr const char *kStatusName = "status";
-constexpr auto kStatusInterval = 200ms;
 constexpr auto kStallLook = 20ms;
 
 class NodeServer {
@@ -74,21 +72,6 @@ class NodeServer {
         nlohmann::json status = state_.status();
         status["loaded"] = is_loaded;
         return status.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-    }
-
-    // Body of the thread that keeps the status file; ends with the process.
-    void keep_status_file() {
-        const std::string path = std::string(kStateDir) + "/module/status.json";
-        uint64_t written = 0;
-        bool was_loaded = false;
-        for (;; std::this_thread::sleep_for(kStatusInterval)) {
-            const bool is_loaded = loaded();
-            const uint64_t version = state_.version();
-            if (version == written && is_loaded == was_loaded) continue;
-            if (!replace_state_file(path, status())) continue;  // tried again next time
-            written = version;
-            was_loaded = is_loaded;
-        }
     }
 
   private:
@@ -295,14 +278,13 @@ int serve_node(int fuse, int source, const SourceOptions &options) {
     fuse_session *session = fuse_session_new(&args, &ops, sizeof ops, &node);
     // What is mounted already is handed over as a descriptor.
     if (session == nullptr || fuse_session_mount(session, ("/dev/fd/" + std::to_string(fuse)).c_str()) != 0) return 1;
-    std::thread(&NodeServer::keep_status_file, &node).detach();
     fuse_loop_config config{};
     config.clone_fd = 0;
     config.max_idle_threads = 4;
     const int result = fuse_session_loop_mt(session, &config);
-    // The status thread goes on until the process has ended: nothing is torn down under it.
+    fuse_session_destroy(session);
     fuse_opt_free_args(&args);
-    _exit(result == 0 ? 0 : 1);
+    return result == 0 ? 0 : 1;
 }
 
 }  // namespace vestra_set

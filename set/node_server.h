@@ -1,13 +1,9 @@
 // The control node: a file system of two files, mounted where the set's /proc leads to it.
 //
-//   vesertra_info  there while the kernel module is loaded. One read is one block of the trace source, 0 to 131072
-//   bytes; 0 while
-//                  tracing is off. One write is one command (set/user_data.h); what is none is refused with EINVAL. A
-//                  descriptor that is open while the module is unloaded fails with ENODEV.
-//   status         what the module was told and did, as JSON, as of the moment it is opened
-//
-// The same JSON is kept in "module/status.json" of the state directory, replaced when it has changed, five times a
-// second at most.
+//   vesertra_info  exists while the kernel module is loaded. One read is one block of the trace source, 0 to 131072
+//                  bytes; 0 while tracing is off. One write is one command (set/user_data.h); anything else is refused
+//                  with EINVAL. A descriptor that is open while the module is unloaded fails with ENODEV.
+//   status         what the module received and did, as JSON, as of the moment when it is opened
 #pragma once
 
 #include "set/set_options.h"
