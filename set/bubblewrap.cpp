@@ -101,7 +101,12 @@ std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std:
     add({"--symlink", std::string(kRealProc) + "/self", "/proc/self"});
     add({"--ro-bind", "/etc", kRealEtc, "--tmpfs", "/etc"});
     add({"--dev", "/dev", "--tmpfs", "/dev/shm"});
-    if (plan.options.node) add({"--dev-bind", "/dev/fuse", "/dev/fuse"});
+    if (plan.options.node) {
+        add({"--dev-bind", "/dev/fuse", "/dev/fuse"});
+        if (plan.options.source.kind == "host") {
+            for (const std::string path : {"/proc", "/sys"}) add({"--ro-bind", path, kHostDir + path});
+        }
+    }
     for (const char *path : {"/opt", "/tmp", "/run", "/sys"}) add({"--tmpfs", path});
 
     add({"--ro-bind", own_program(), kLauncher});

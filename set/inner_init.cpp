@@ -52,7 +52,7 @@ struct Client {
 
 class Init {
   public:
-    Init(int link, int source) : link_(link), source_(source) {}
+    explicit Init(int link) : link_(link) {}
 
     int run(const std::vector<std::string> &program) {
         if (!prepare()) return 1;
@@ -85,9 +85,9 @@ class Init {
         return (!options_.node || start_node()) && listen_for_clients();
     }
 
-    // The file system is mounted here, so that it is there before anything else starts; what asks waits for the server.
+    // The file system is mounted here, so that it is there before the set's program starts.
     bool start_node() {
-        const UniqueFd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
+        UniqueFd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
         if (!fuse.valid()) return fail_errno("/dev/fuse");
         const std::string data =
             "fd=" + std::to_string(fuse.get()) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
@@ -102,9 +102,13 @@ class Init {
             sigset_t none;
             sigemptyset(&none);
             sigprocmask(SIG_SETMASK, &none, nullptr);
-            _exit(serve_node(fuse.get(), source_.get(), options_.source));
+            _exit(serve_node(fuse.get(), options_.source));
         }
-        source_.reset();
+        // The server has the only descriptor now: this waits for its first answer, and fails if it ends before.
+        fuse.reset();
+        struct stat ignored;
+        if (stat(kNodeDir, &ignored) != 0) return fail("the control node's server did not start");
+        hide_host();
         return true;
     }
 
@@ -284,7 +288,6 @@ class Init {
     }
 
     UniqueFd link_;
-    UniqueFd source_;
     UniqueFd signals_;
     UniqueFd listener_;
     SetOptions options_;
@@ -299,11 +302,10 @@ class Init {
 
 }  // namespace
 
-int inner_init(int link, int source, const std::vector<std::string> &program) {
+int inner_init(int link, const std::vector<std::string> &program) {
     fcntl(link, F_SETFD, FD_CLOEXEC);
-    if (source >= 0) fcntl(source, F_SETFD, FD_CLOEXEC);
     try {
-        return Init(link, source).run(program);
+        return Init(link).run(program);
     } catch (const std::exception &problem) {
         send_message(link, {{"error", std::string("inside the set: ") + problem.what()}, {"exit", 1}});
         return 1;

@@ -18,8 +18,8 @@
 
 namespace vestra_set {
 
-// Does all that on the message socket `link`; `source` is a socket to a trace source outside, or -1. Returns only on
-// failure, with an exit code: it has then been reported on the link.
-int inner_init(int link, int source, const std::vector<std::string> &program);
+// Does all that on the message socket `link`. Returns only on failure, with an exit code: it has then been reported on
+// the link.
+int inner_init(int link, const std::vector<std::string> &program);
 
 }  // namespace vestra_set

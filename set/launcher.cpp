@@ -17,12 +17,10 @@
 #include <iostream>
 #include <memory>
 #include <optional>
-#include <thread>
 
 #include "set/bubblewrap.h"
 #include "set/layout.h"
 #include "set/messages.h"
-#include "set/remote_source.h"
 
 namespace vestra_set {
 namespace {
@@ -75,10 +73,9 @@ UniqueFd take_signals() {
     return UniqueFd(signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-pid_t start_bubblewrap(const LaunchPlan &plan, const std::string &program, int link, int source) {
+pid_t start_bubblewrap(const LaunchPlan &plan, const std::string &program, int link) {
     std::vector<std::string> args = bubblewrap_arguments(plan, program);
-    args.insert(args.end(),
-                {"--", kLauncher, "inner-init", std::to_string(link), std::to_string(source), "--", program});
+    args.insert(args.end(), {"--", kLauncher, "inner-init", std::to_string(link), "--", program});
     args.insert(args.end(), plan.program.begin() + 1, plan.program.end());
     std::vector<char *> argv;
     for (std::string &argument : args) argv.push_back(argument.data());
@@ -97,7 +94,6 @@ pid_t start_bubblewrap(const LaunchPlan &plan, const std::string &program, int l
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     fcntl(link, F_SETFD, 0);
-    if (source >= 0) fcntl(source, F_SETFD, 0);
     execv(bwrap.c_str(), argv.data());
     _exit(127);
 }
@@ -169,36 +165,25 @@ int launch(LaunchPlan plan, int *signal) {
     std::error_code ignored;
     if (plan.options.directory.empty()) plan.options.directory = std::filesystem::current_path(ignored);
 
+    // Made here as well, so that a wrong option is reported before anything is built.
     std::string error;
-    const bool outside = plan.options.node && plan.options.source.kind == "host";
-    std::unique_ptr<TraceSource> trace_source;
-    if (plan.options.node) {
-        // Made here in any case, so that a wrong option is told before anything is built.
-        trace_source = make_source(plan.options.source, &error);
-        if (trace_source == nullptr) {
-            say("trace source: " + error);
-            return kExitUsage;
-        }
-        if (!outside) trace_source.reset();
+    if (plan.options.node && make_source(plan.options.source, &error) == nullptr) {
+        say("trace source: " + error);
+        return kExitUsage;
     }
     UniqueFd link;
     UniqueFd inner_link;
-    UniqueFd source;
-    UniqueFd inner_source;
-    if (!message_pair(&link, &inner_link) || (outside && !source_pair(&source, &inner_source))) {
+    if (!message_pair(&link, &inner_link)) {
         say(std::string("socketpair: ") + std::strerror(errno));
         return kExitFailed;
     }
     const UniqueFd signals = take_signals();
-    const pid_t bwrap = start_bubblewrap(plan, program, inner_link.get(), inner_source.get());
+    const pid_t bwrap = start_bubblewrap(plan, program, inner_link.get());
     inner_link.reset();
-    inner_source.reset();
     if (bwrap < 0) {
         say(std::string("fork: ") + std::strerror(errno));
         return kExitFailed;
     }
-    std::thread server;
-    if (outside) server = std::thread([&] { serve_source(source.get(), *trace_source); });
     send_message(link.get(), json(plan.options));
     const int code = follow(link.get(), signals.get(), plan, signal);
 
@@ -206,7 +191,6 @@ int launch(LaunchPlan plan, int *signal) {
     link.reset();
     while (waitpid(bwrap, nullptr, 0) < 0 && errno == EINTR) {
     }
-    if (server.joinable()) server.join();  // its other end closed with the set
     return code;
 }
 

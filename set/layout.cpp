@@ -1,5 +1,6 @@
 #include "set/layout.h"
 
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -107,6 +108,22 @@ bool make_layout(const SetOptions &options, std::string *error) {
     return make_proc(options) && make_etc(options, error) && make_state(options, error) &&
            put(config + ".xml", options.config, error) && put(config + "_lpc.xml", options.config, error) &&
            put(kTemperatureFile, std::to_string(options.temperature) + "\n", error);
+}
+
+bool show_host(std::string *error) {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        return failed(error, "a mount namespace for the trace source");
+    }
+    for (const char *path : {"/proc", "/sys"}) {
+        if (mount((kHostDir + std::string(path)).c_str(), path, nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+            return failed(error, std::string("the host's ") + path);
+        }
+    }
+    return true;
+}
+
+void hide_host() {
+    for (const char *path : {"/proc", "/sys"}) umount2((kHostDir + std::string(path)).c_str(), MNT_DETACH);
 }
 
 void extend_process_links(int last) {

@@ -11,6 +11,7 @@ namespace vestra_set {
 constexpr const char *kStateDir = "/run/vestra-set";              // what the platform services keep
 constexpr const char *kRealEtc = "/tv/etc";                       // the host's /etc, read-only
 constexpr const char *kRealProc = "/tv/proc";                     // procfs
+constexpr const char *kHostDir = "/tv/host";                      // the host's /proc and /sys, see show_host
 constexpr const char *kNodeDir = "/tv/node";                      // the control node's file system
 constexpr const char *kLauncher = "/tv/bin/vestra-set";           // this program
 constexpr const char *kLogFile = "/tv/log/vestrad.log";           // bound where the log goes to a file of the host
@@ -22,6 +23,14 @@ constexpr const char *kModuleFile = "/lib/modules/linux/kernel/orna-vestra-kmod.
 
 // Makes all of it. False with `*error` set when something could not be made.
 bool make_layout(const SetOptions &options, std::string *error);
+
+// Makes the host's /proc and /sys what this process sees under these names, in a mount namespace of its own: inside a
+// set's pid namespace the host's processes could not be seen. They must be mounted in kHostDir. False with `*error` set
+// on failure.
+bool show_host(std::string *error);
+
+// Takes the host's /proc and /sys away from the set, after show_host in another process.
+void hide_host();
 
 // Adds links for process ids up to `last` to /proc; those made before stay.
 void extend_process_links(int last);

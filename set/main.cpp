@@ -42,11 +42,10 @@ void open_standard_streams() {
     }
 }
 
-// inner-init LINK SOURCE -- PROGRAM ARGS...; only ever typed by the launcher.
+// inner-init LINK -- PROGRAM ARGS...; only ever typed by the launcher.
 int run_inner_init(const std::vector<std::string> &words, const Rest &rest) {
-    if (words.size() != 3) return kExitUsage;
-    const auto number = [&](size_t word) { return static_cast<int>(std::strtol(words[word].c_str(), nullptr, 10)); };
-    return inner_init(number(1), number(2), rest.words);
+    if (words.size() != 2) return kExitUsage;
+    return inner_init(static_cast<int>(std::strtol(words[1].c_str(), nullptr, 10)), rest.words);
 }
 
 int run(int argc, char **argv) {

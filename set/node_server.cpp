@@ -21,7 +21,6 @@
 #include "set/inject.h"
 #include "set/layout.h"
 #include "set/module_state.h"
-#include "set/remote_source.h"
 
 namespace vestra_set {
 namespace {
@@ -262,10 +261,14 @@ fuse_lowlevel_ops operations() {
 
 }  // namespace
 
-int serve_node(int fuse, int source, const SourceOptions &options) {
+int serve_node(int fuse, const SourceOptions &options) {
     pthread_setname_np(pthread_self(), "vestra-node");
     std::string error;
-    auto trace = source >= 0 ? remote_source(UniqueFd(dup(source))) : make_source(options, &error);
+    if (options.kind == "host" && !show_host(&error)) {
+        std::cerr << "vestra-set: " << error << std::endl;
+        return 1;
+    }
+    auto trace = make_source(options, &error);
     if (trace == nullptr) {
         std::cerr << "vestra-set: trace source: " << error << std::endl;
         return 1;

@@ -11,7 +11,8 @@
 namespace vestra_set {
 
 // Serves requests of the mounted file system on descriptor `fuse` until it is unmounted. Blocks come from a source made
-// by `options`, or, where `source` is a descriptor, from the source on its other side. Returns an exit code.
-int serve_node(int fuse, int source, const SourceOptions &options);
+// by `options`; for the host source this process leaves the set's mount namespace (show_host in set/layout.h). Returns
+// an exit code.
+int serve_node(int fuse, const SourceOptions &options);
 
 }  // namespace vestra_set
