@@ -110,7 +110,7 @@ std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std:
     for (const char *path : {"/opt", "/tmp", "/run", "/sys"}) add({"--tmpfs", path});
 
     add({"--ro-bind", own_program(), kLauncher});
-    if (!plan.state_dir.empty()) add({"--bind", plan.state_dir, kStateDir});
+    if (plan.directory != nullptr) add({"--bind", plan.directory->path(), kStateDir});
     if (!plan.log_file.empty()) add({"--bind", plan.log_file, kLogFile});
     for (const auto &[label, directory] : plan.stick_dirs) add({"--bind", directory, "/media/" + label});
 
@@ -125,12 +125,15 @@ std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std:
         add({"--ro-bind", file, file});
     }
 
-    add({"--setenv", "VESTRA_SET_INSIDE", "1", "--setenv", "HOME", "/root", "--setenv", "PATH", search_path()});
-    for (const char *name : {"VESTRA_SET_DIR", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "TMPDIR"}) {
-        add({"--unsetenv", name});
-    }
     add({"--chdir", "/"});
     return args;
+}
+
+void set_environment_inside() {
+    setenv("PATH", search_path().c_str(), 1);
+    setenv("HOME", "/root", 1);
+    setenv("VESTRA_SET_INSIDE", "1", 1);
+    for (const char *name : {"VESTRA_SET_DIR", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "TMPDIR"}) unsetenv(name);
 }
 
 }  // namespace vestra_set

@@ -16,4 +16,7 @@ bool may_be_bound(const std::string &path);
 // paths.
 std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std::string &program);
 
+// Gives this process the environment that programs in a set have.
+void set_environment_inside();
+
 }  // namespace vestra_set

@@ -1,32 +1,31 @@
 // inspect: what a recorded dump holds, by a walk that shares nothing with the daemon.
 
 #include <iostream>
-#include <memory>
 
 #include "set/commands.h"
-#include "set/launcher.h"
+#include "set/complain.h"
 #include "set/trace/stream_stats.h"
 
 namespace vestra_set {
 namespace {
 
-int inspect(const std::string &path) {
+std::string g_path;
+
+int inspect() {
     DumpReport report;
     std::string error;
-    if (!inspect_dump(path, &report, &error)) {
-        std::cerr << "vestra-set: " << path << ": " << error << std::endl;
-        return kExitFailed;
-    }
+    if (!inspect_dump(g_path, &report, &error)) fail(g_path + ": " + error);
     std::cout << describe(report);
     return kExitOk;
 }
 
 }  // namespace
 
-Action setup_inspect(CLI::App &app) {
-    auto path = std::make_shared<std::string>();
-    app.add_option("file", *path, "The dump")->required();
-    return [path](const Rest &) { return inspect(*path); };
-}
+const Command kInspect = {"inspect",
+                          "Count what a recorded dump holds, and show its trailer",
+                          "example:\n  vestra-set inspect ./stick/0000000000_5_vestrad_1764020000",
+                          Command::kOutside,
+                          [](CLI::App &app) { app.add_option("file", g_path, "The dump")->required(); },
+                          inspect};
 
 }  // namespace vestra_set

@@ -1,4 +1,4 @@
-// key, vconf, temperature, notices, log and module: what a running set can be told and asked, carried out inside it.
+// key, temperature, vconf, module, notices and log: what a set has, read and changed inside it.
 
 #include <unistd.h>
 
@@ -16,8 +16,8 @@
 #include "platform/state_dir.h"
 #include "platform/vconf.h"
 #include "set/commands.h"
+#include "set/complain.h"
 #include "set/files.h"
-#include "set/launcher.h"
 #include "set/layout.h"
 
 namespace vestra_set {
@@ -25,78 +25,116 @@ namespace {
 
 using nlohmann::json;
 
-int complain(const std::string &text) {
-    std::cerr << "vestra-set: " << text << std::endl;
-    return kExitFailed;
+/* ------------------------------ key, temperature ------------------------------ */
+
+struct {
+    int number;
+} g_key;
+
+int press_key() {
+    if (key_combination_drop(g_key.number) != 0) fail_errno("the key press was not taken");
+    return kExitOk;
 }
 
-int complain_errno(const std::string &what) {
-    return complain(what + ": " + std::strerror(errno));
+struct {
+    int degrees;
+} g_temperature;
+
+int set_temperature() {
+    if (!replace_state_file(kTemperatureFile, std::to_string(g_temperature.degrees) + "\n")) {
+        fail_errno(kTemperatureFile);
+    }
+    return kExitOk;
 }
 
 /* ------------------------------ vconf ------------------------------ */
 
-int get_vconf(const std::string &key) {
+struct {
+    int (*action)();
+    std::string key;
+    std::string value;
+    std::string type = "int";
+} g_vconf;
+
+int get_key() {
     int number = 0;
-    if (vconf_get_int(key.c_str(), &number) == 0) {
+    if (vconf_get_int(g_vconf.key.c_str(), &number) == 0) {
         std::cout << number << std::endl;
         return kExitOk;
     }
-    const std::unique_ptr<char, decltype(&std::free)> text(vconf_get_str(key.c_str()), std::free);
-    if (text == nullptr) return complain("vconf key " + key + " is not set");
+    const std::unique_ptr<char, decltype(&std::free)> text(vconf_get_str(g_vconf.key.c_str()), std::free);
+    if (text == nullptr) fail("vconf key " + g_vconf.key + " is not set");
     std::cout << text.get() << std::endl;
     return kExitOk;
 }
 
-int set_vconf(const std::string &key, const std::string &value, const std::string &type) {
-    if (type == "string") {
-        return vconf_set_str(key.c_str(), value.c_str()) == 0 ? kExitOk : complain("vconf key " + key + " was not set");
+int set_key() {
+    const char *key = g_vconf.key.c_str();
+    int result = 0;
+    if (g_vconf.type == "string") {
+        result = vconf_set_str(key, g_vconf.value.c_str());
+    } else {
+        int number = 0;
+        if (!CLI::detail::lexical_cast(g_vconf.value, number)) {
+            fail("\"" + g_vconf.value + "\" is not an integer; a text needs --type string", kExitUsage);
+        }
+        result = vconf_set_int(key, number);
     }
-    char *end = nullptr;
-    errno = 0;
-    const long number = std::strtol(value.c_str(), &end, 0);
-    if (value.empty() || *end != '\0' || errno != 0 || number < INT_MIN || number > INT_MAX) {
-        complain("\"" + value + "\" is not an integer; a text needs --type string");
-        return kExitUsage;
-    }
-    return vconf_set_int(key.c_str(), static_cast<int>(number)) == 0 ? kExitOk
-                                                                     : complain("vconf key " + key + " was not set");
+    if (result != 0) fail("vconf key " + g_vconf.key + " was not set");
+    return kExitOk;
 }
 
 /* ------------------------------ kernel module ------------------------------ */
+
+struct {
+    int (*action)();
+    bool json = false;
+    std::string state;
+    std::vector<std::string> faults;
+} g_module;
 
 std::string inject_file() {
     return state_path("module/inject");
 }
 
-// Replaces the file of faults; no lines, no file.
+// Replaces the file of faults; removes it where there are none.
 int set_faults(const std::vector<std::string> &lines) {
     if (lines.empty()) {
-        return unlink(inject_file().c_str()) == 0 || errno == ENOENT ? kExitOk : complain_errno(inject_file());
+        if (unlink(inject_file().c_str()) != 0 && errno != ENOENT) fail_errno(inject_file());
+        return kExitOk;
     }
     std::string text;
     for (const std::string &line : lines) text += line + "\n";
-    return replace_state_file(inject_file(), text) ? kExitOk : complain_errno(inject_file());
+    if (!replace_state_file(inject_file(), text)) fail_errno(inject_file());
+    return kExitOk;
 }
 
-// Only the stall line comes or goes; what else is injected stays.
-int set_stall(bool on) {
+// Only the stall line is added or removed; what else is injected stays.
+int set_stall() {
     std::vector<std::string> lines;
     std::istringstream old(read_file(inject_file()).value_or(""));
     for (std::string line; std::getline(old, line);) {
         if (line != "stall" && !line.empty()) lines.push_back(line);
     }
-    if (on) lines.emplace_back("stall");
+    if (g_module.state == "on") lines.emplace_back("stall");
     return set_faults(lines);
 }
 
-int set_loaded(bool load) {
+int check_privileged(const char *what, int result, int answer) {
+    if (result != 0 || answer != 0) fail(std::string(what) + ": " + PS_ErrorToString(result != 0 ? result : answer));
+    return kExitOk;
+}
+
+int load_module() {
     int answer = 0;
-    const int result = load ? PS_Insmod_Fast(kModuleFile, std::strlen(kModuleFile), 0, &answer)
-                            : PS_Rmmod(kModuleName, std::strlen(kModuleName), 0, &answer);
-    if (result == 0 && answer == 0) return kExitOk;
-    return complain(std::string(load ? "loading" : "unloading") +
-                    " the kernel module failed: " + PS_ErrorToString(result != 0 ? result : answer));
+    const int result = PS_Insmod_Fast(kModuleFile, std::strlen(kModuleFile), 0, &answer);
+    return check_privileged("loading the kernel module", result, answer);
+}
+
+int unload_module() {
+    int answer = 0;
+    const int result = PS_Rmmod(kModuleName, std::strlen(kModuleName), 0, &answer);
+    return check_privileged("unloading the kernel module", result, answer);
 }
 
 std::string joined(const json &list) {
@@ -144,11 +182,11 @@ void print_status(const json &status) {
     std::cout << std::flush;
 }
 
-int show_status(bool as_json) {
+int show_status() {
     const std::string path = std::string(kNodeDir) + "/status";
     const auto text = read_file(path);
-    if (!text) return complain("this set has no control node (" + path + ": " + std::strerror(errno) + ")");
-    if (as_json) {
+    if (!text) fail_errno("this set has no control node: " + path);
+    if (g_module.json) {
         std::cout << *text << std::flush;
     } else {
         print_status(json::parse(*text));
@@ -172,82 +210,109 @@ int show_notices() {
     return kExitOk;
 }
 
-int show_log(bool follow, int lines) {
+struct {
+    bool follow = false;
+    int lines = -1;
+} g_log;
+
+int show_log() {
     const char *path = access(kLogFile, R_OK) == 0 ? kLogFile : kStateLog;
-    if (access(path, R_OK) != 0) return complain("this set's log is not in a file, or empty so far");
-    const std::string count = lines < 0 ? "+1" : std::to_string(lines);
-    execlp("tail", "tail", "-n", count.c_str(), follow ? "-F" : path, follow ? path : nullptr, nullptr);
-    return complain_errno("tail");
+    if (access(path, R_OK) != 0) fail("this set's log is not in a file, or still empty");
+    const std::string count = g_log.lines < 0 ? "+1" : std::to_string(g_log.lines);
+    execlp("tail", "tail", "-n", count.c_str(), g_log.follow ? "-F" : path, g_log.follow ? path : nullptr, nullptr);
+    fail_errno("tail");
+}
+
+/* ------------------------------ options ------------------------------ */
+
+void add_vconf_options(CLI::App &app) {
+    app.require_subcommand(1);
+    CLI::App *sub = add_action(app, "get", "Show a key's value", &g_vconf.action, get_key);
+    sub->add_option("key", g_vconf.key, "Name of the key")->required();
+    sub = add_action(app, "set", "Set a key; its listeners are called even when the value stays the same",
+                     &g_vconf.action, set_key);
+    sub->add_option("key", g_vconf.key, "Name of the key")->required();
+    sub->add_option("value", g_vconf.value, "Its new value")->required();
+    sub->add_option("--type", g_vconf.type, "int or string")
+        ->check(CLI::IsMember({"int", "string"}))
+        ->capture_default_str();
+}
+
+void add_module_options(CLI::App &app) {
+    app.require_subcommand(1);
+    int (**action)() = &g_module.action;
+    add_action(app, "status", "What it received and what it handed out", action, show_status)
+        ->add_flag("--json", g_module.json, "As JSON");
+    add_action(app, "load", "Load it: the control node appears", action, load_module);
+    add_action(app, "unload", "Unload it: the control node goes", action, unload_module);
+    add_action(app, "stall", "Make reads of the control node wait", action, set_stall)
+        ->add_option("state", g_module.state, "on or off")
+        ->required()
+        ->check(CLI::IsMember({"on", "off"}));
+    add_action(
+        app, "inject",
+        "Faults to commit, instead of those so far: 'empty N', 'error N [ERRNO]', 'stall', 'size N'; none: behave",
+        action, [] { return set_faults(g_module.faults); })
+        ->add_option("fault", g_module.faults, "One fault each");
 }
 
 }  // namespace
 
-Action setup_key(CLI::App &app) {
-    auto number = std::make_shared<int>();
-    app.add_option("number", *number, "Number of the combination")->required()->check(CLI::Range(0, INT_MAX));
-    return [number](const Rest &) {
-        return key_combination_drop(*number) == 0 ? kExitOk : complain_errno("the key press was not taken");
-    };
-}
+const Command kKey = {
+    "key",
+    "Press a key combination on the remote control",
+    "Combination 87 makes the daemon write a dump.\n\nexample:\n  vestra-set key 87",
+    Command::kInside,
+    [](CLI::App &app) {
+        app.add_option("number", g_key.number, "Number of the combination")->required()->check(CLI::Range(0, INT_MAX));
+    },
+    press_key};
 
-Action setup_vconf(CLI::App &app) {
-    auto key = std::make_shared<std::string>();
-    auto value = std::make_shared<std::string>();
-    auto type = std::make_shared<std::string>("int");
-    app.require_subcommand(1);
-    CLI::App *get = app.add_subcommand("get", "Show a key's value");
-    get->add_option("key", *key, "Name of the key")->required();
-    CLI::App *set = app.add_subcommand("set", "Set a key; who listens for it is told even when the value is as it was");
-    set->add_option("key", *key, "Name of the key")->required();
-    set->add_option("value", *value, "Its new value")->required();
-    set->add_option("--type", *type, "int or string")->check(CLI::IsMember({"int", "string"}))->capture_default_str();
-    for (CLI::App *sub : {get, set}) sub->fallthrough();
-    return [=](const Rest &) { return get->parsed() ? get_vconf(*key) : set_vconf(*key, *value, *type); };
-}
+const Command kTemperature = {
+    "temperature",
+    "Set the temperature of the set's processor, in degrees Celsius",
+    "example:\n  vestra-set temperature 126     (above 125 the daemon raises its alarm)",
+    Command::kInside,
+    [](CLI::App &app) { app.add_option("degrees", g_temperature.degrees, "Degrees Celsius")->required(); },
+    set_temperature};
 
-Action setup_temperature(CLI::App &app) {
-    auto degrees = std::make_shared<int>();
-    app.add_option("degrees", *degrees, "Degrees Celsius")->required();
-    return [degrees](const Rest &) {
-        const bool done = replace_state_file(kTemperatureFile, std::to_string(*degrees) + "\n");
-        return done ? kExitOk : complain_errno(kTemperatureFile);
-    };
-}
+const Command kVconf = {"vconf",
+                        "Read or set a key of the platform's configuration service",
+                        "examples:\n"
+                        "  vestra-set vconf set system/DOD/test_monitor 1\n"
+                        "  vestra-set vconf set system/vestra/robust --type string 'some text'\n"
+                        "  vestra-set vconf get memory/SHM/trigger_db_write",
+                        Command::kInside,
+                        add_vconf_options,
+                        [] { return g_vconf.action(); }};
 
-Action setup_module(CLI::App &app) {
-    auto as_json = std::make_shared<bool>(false);
-    auto state = std::make_shared<std::string>();
-    auto faults = std::make_shared<std::vector<std::string>>();
-    app.require_subcommand(1);
-    CLI::App *status = app.add_subcommand("status", "What it was told and what it handed out");
-    status->add_flag("--json", *as_json, "As JSON");
-    CLI::App *load = app.add_subcommand("load", "Load it: the control node appears");
-    CLI::App *unload = app.add_subcommand("unload", "Unload it: the control node goes");
-    CLI::App *stall = app.add_subcommand("stall", "Let reads of the control node wait");
-    stall->add_option("state", *state, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
-    CLI::App *inject = app.add_subcommand(
-        "inject",
-        "Faults to commit, in place of those so far: 'empty N', 'error N [ERRNO]', 'stall', 'size N'; none: behave");
-    inject->add_option("fault", *faults, "One fault each");
-    for (CLI::App *sub : {status, load, unload, stall, inject}) sub->fallthrough();
-    return [=](const Rest &) {
-        if (status->parsed()) return show_status(*as_json);
-        if (stall->parsed()) return set_stall(*state == "on");
-        if (inject->parsed()) return set_faults(*faults);
-        return set_loaded(load->parsed());
-    };
-}
+const Command kModule = {"module",
+                         "Look at the kernel module, load and unload it, make it misbehave",
+                         "examples:\n"
+                         "  vestra-set module status\n"
+                         "  vestra-set module stall on      (reads of the control node wait, until: stall off)\n"
+                         "  vestra-set module inject 'error 3' 'size 4096'\n"
+                         "  vestra-set module inject        (behave again)",
+                         Command::kInside,
+                         add_module_options,
+                         [] { return g_module.action(); }};
 
-Action setup_notices(CLI::App &) {
-    return [](const Rest &) { return show_notices(); };
-}
+const Command kNotices = {"notices",
+                          "Show the notices that were put on the set's screen",
+                          "example:\n  vestra-set notices",
+                          Command::kInside,
+                          nullptr,
+                          show_notices};
 
-Action setup_log(CLI::App &app) {
-    auto follow = std::make_shared<bool>(false);
-    auto lines = std::make_shared<int>(-1);
-    app.add_flag("-f,--follow", *follow, "Go on with what is logged from now on");
-    app.add_option("-n,--lines", *lines, "Only the last ones")->check(CLI::NonNegativeNumber);
-    return [follow, lines](const Rest &) { return show_log(*follow, *lines); };
-}
+const Command kLog = {
+    "log",
+    "Show the daemon's log",
+    "example:\n  vestra-set log -f",
+    Command::kInside,
+    [](CLI::App &app) {
+        app.add_flag("-f,--follow", g_log.follow, "Continue with what is logged from now on");
+        app.add_option("-n,--lines", g_log.lines, "Only the last ones")->check(CLI::NonNegativeNumber);
+    },
+    show_log};
 
 }  // namespace vestra_set

@@ -1,21 +1,19 @@
 // run and sandbox: the commands that make a set.
 
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <csignal>
-#include <cstring>
 #include <filesystem>
-#include <iostream>
 #include <memory>
+#include <optional>
 
 #include "set/bubblewrap.h"
 #include "set/commands.h"
+#include "set/complain.h"
 #include "set/config_file.h"
 #include "set/files.h"
 #include "set/launcher.h"
 #include "set/layout.h"
-#include "set/set_directory.h"
 
 namespace vestra_set {
 namespace {
@@ -24,35 +22,34 @@ namespace fs = std::filesystem;
 
 constexpr const char *kDefaultStickSize = "64M";
 constexpr const char *kNoName = "auto";
+constexpr double kDaemonReads = 2;  // a second
 
-// Options of both commands as they are typed.
-struct Typed {
+// Options of both commands, as they were given.
+struct {
     LaunchPlan plan;
     std::string daemon;  // path of vestrad
     std::vector<std::string> source;
+    std::optional<double> rate;
     std::vector<std::string> config;
     std::string config_file;
     std::string module;
     std::vector<std::string> sticks;
     std::vector<std::string> stick_dirs;
     std::string log;
-};
+    std::string run_name = "default";
+    std::string sandbox_name = kNoName;
+} g_given;
 
-bool complain(const std::string &text) {
-    std::cerr << "vestra-set: " << text << std::endl;
-    return false;
-}
-
-void add_set_options(CLI::App &app, Typed &typed, const std::string &rate_note) {
-    SetOptions &options = typed.plan.options;
+void add_set_options(CLI::App &app, const std::string &rate_note) {
+    SetOptions &options = g_given.plan.options;
     SourceOptions &source = options.source;
     app.add_option(
-           "--source", typed.source,
+           "--source", g_given.source,
            "What the kernel module hands out: host (this machine's processes), synthetic, or replay FILE (a dump)")
         ->expected(1, 2)
         ->type_name("KIND [FILE]");
     const char *group = "Trace source";
-    app.add_option("--rate", source.rate,
+    app.add_option("--rate", g_given.rate,
                    "Blocks a second (host: samples a second); 0: a block with every read (host: 2). " + rate_note)
         ->group(group);
     app.add_flag("--every-process", source.every_process,
@@ -66,7 +63,7 @@ void add_set_options(CLI::App &app, Typed &typed, const std::string &rate_note) 
     app.add_option_function<double>(
            "--step", [&source](const double &seconds) { source.step_ns = static_cast<uint64_t>(seconds * 1e9); },
            "synthetic, with a rate of 0: seconds of the stream in a block, 0.0001 to 3600 (default 1)")
-        ->check(CLI::Range(0.0001, 3600.0))
+        ->check(between(0.0001, 3600))
         ->group(group);
     app.add_option("--seed", source.seed, "synthetic: equal seeds give equal blocks")->group(group);
     app.add_flag("--loop", source.loop, "replay: begin again at the end")->group(group);
@@ -74,96 +71,93 @@ void add_set_options(CLI::App &app, Typed &typed, const std::string &rate_note) 
     app.add_option("--image", options.image, "Kind of system image")
         ->check(CLI::IsMember({"debug", "release", "perf", "none"}))
         ->capture_default_str();
-    app.add_option("--config", typed.config, "Override an element of the daemon's configuration")
-        ->type_name("KEY=VALUE");
-    app.add_option("--config-file", typed.config_file, "The daemon's configuration, as a whole")
+    app.add_option("--config", g_given.config, "Override an element of the daemon's configuration")
+        ->type_name("NAME=VALUE");
+    app.add_option("--config-file", g_given.config_file, "The daemon's configuration, as a whole")
         ->check(CLI::ExistingFile);
     app.add_option("--chip", options.chip, "Chipset name")->capture_default_str();
-    app.add_option("--module", typed.module, "Kernel module at the start: loaded or unloaded")
+    app.add_option("--module", g_given.module, "Kernel module at the start: loaded or unloaded")
         ->check(CLI::IsMember({"loaded", "unloaded"}));
     app.add_option("--temperature", options.temperature, "Degrees Celsius")->capture_default_str();
-    app.add_option("--usb", typed.sticks, "A USB stick from the start, empty, at /media/LABEL")
+    app.add_option("--usb", g_given.sticks, "A USB stick from the start, empty, at /media/LABEL")
         ->type_name("LABEL[:SIZE]");
-    app.add_option("--usb-dir", typed.stick_dirs,
+    app.add_option("--usb-dir", g_given.stick_dirs,
                    "A USB stick that is a directory of this machine; plugged before --usb")
         ->type_name("LABEL=DIR");
-    app.add_option("--bind", typed.plan.binds, "More of this machine's directories, at their own paths, writable")
+    app.add_option("--bind", g_given.plan.binds, "More of this machine's directories, at their own paths, writable")
         ->type_name("PATH");
 }
 
-bool take_source(Typed &typed) {
-    if (typed.source.empty()) return true;
-    SourceOptions &source = typed.plan.options.source;
-    source.kind = typed.source[0];
+void take_source() {
+    if (g_given.source.empty()) return;
+    SourceOptions &source = g_given.plan.options.source;
+    source.kind = g_given.source[0];
+    const bool has_file = g_given.source.size() == 2;
     if (source.kind != "host" && source.kind != "synthetic" && source.kind != "replay") {
-        return complain("--source " + source.kind + ": wanted host, synthetic or replay FILE");
+        fail("--source " + source.kind + ": expected host, synthetic or replay FILE", kExitUsage);
     }
-    if ((source.kind == "replay") != (typed.source.size() == 2)) {
-        return complain(source.kind == "replay" ? "--source replay: wanted a FILE behind it"
-                                                : "--source " + source.kind + ": \"" + typed.source[1] +
-                                                      "\" behind it? only replay takes a file");
+    if (source.kind != "replay") {
+        if (has_file)
+            fail("--source " + source.kind + " " + g_given.source[1] + ": only replay takes a file", kExitUsage);
+        return;
     }
-    if (source.kind != "replay") return true;
+    if (!has_file) fail("--source replay: expected a FILE after it", kExitUsage);
     std::error_code error;
-    source.file = fs::canonical(typed.source[1], error);
-    return !error || complain(typed.source[1] + ": " + error.message());
+    source.file = fs::canonical(g_given.source[1], error);
+    if (error) fail(g_given.source[1] + ": " + error.message(), kExitUsage);
 }
 
-bool take_sticks(Typed &typed) {
-    std::vector<Stick> &sticks = typed.plan.options.sticks;
+void take_sticks() {
+    std::vector<Stick> &sticks = g_given.plan.options.sticks;
     const auto add = [&](const std::string &label, const std::string &size) {
         for (const Stick &stick : sticks) {
-            if (stick.label == label) return complain("USB stick " + label + ": the label is taken");
+            if (stick.label == label) fail("USB stick " + label + ": there are two of that label", kExitUsage);
         }
-        if (!valid_name(label)) return complain("\"" + label + "\" cannot be a USB stick's label");
+        if (!valid_name(label)) fail("\"" + label + "\" cannot be a USB stick's label", kExitUsage);
         sticks.push_back({label, size});
-        return true;
     };
-    for (const std::string &text : typed.stick_dirs) {
+    for (const std::string &text : g_given.stick_dirs) {
         const size_t equals = text.find('=');
+        if (equals == std::string::npos) fail("--usb-dir " + text + ": expected LABEL=DIR", kExitUsage);
         std::error_code error;
-        const fs::path directory =
-            equals == std::string::npos ? fs::path() : fs::canonical(text.substr(equals + 1), error);
-        if (equals == std::string::npos) return complain("--usb-dir " + text + ": wanted LABEL=DIR");
-        if (error || !fs::is_directory(directory, error)) return complain(text + ": there is no such directory");
-        if (!add(text.substr(0, equals), "")) return false;
-        typed.plan.stick_dirs.emplace_back(text.substr(0, equals), directory);
+        const fs::path directory = fs::canonical(text.substr(equals + 1), error);
+        if (error || !fs::is_directory(directory, error)) fail(text + ": there is no such directory", kExitUsage);
+        add(text.substr(0, equals), "");
+        g_given.plan.stick_dirs.emplace_back(text.substr(0, equals), directory);
     }
-    for (const std::string &text : typed.sticks) {
+    for (const std::string &text : g_given.sticks) {
         const size_t colon = text.find(':');
-        const std::string size = colon == std::string::npos ? kDefaultStickSize : text.substr(colon + 1);
-        if (!add(text.substr(0, colon), size)) return false;
+        add(text.substr(0, colon), colon == std::string::npos ? kDefaultStickSize : text.substr(colon + 1));
     }
-    return true;
 }
 
-bool take_binds(Typed &typed) {
-    for (std::string &path : typed.plan.binds) {
+void take_binds() {
+    for (std::string &path : g_given.plan.binds) {
         std::error_code error;
-        path = fs::canonical(path, error);
-        if (error) return complain("--bind " + path + ": " + error.message());
-        if (!may_be_bound(path))
-            return complain("--bind " + path + ": a set has its own, or sees this machine's anyway");
+        const fs::path target = fs::canonical(path, error);
+        if (error) fail("--bind " + path + ": " + error.message(), kExitUsage);
+        if (!may_be_bound(target)) {
+            fail("--bind " + path + ": a set has its own, or sees this machine's anyway", kExitUsage);
+        }
+        path = target;
     }
-    return true;
 }
 
-bool take_config(Typed &typed, bool loaded_by_default) {
-    SetOptions &options = typed.plan.options;
-    std::string error;
-    if (!typed.config_file.empty()) {
-        if (!typed.config.empty()) return complain("--config and --config-file do not go together");
-        const auto text = read_file(typed.config_file, 1024 * 1024);
-        if (!text) return complain(typed.config_file + ": " + std::strerror(errno));
+void take_config(bool loaded_by_default) {
+    SetOptions &options = g_given.plan.options;
+    if (!g_given.config_file.empty()) {
+        if (!g_given.config.empty()) fail("--config and --config-file exclude each other", kExitUsage);
+        const auto text = read_file(g_given.config_file, 1024 * 1024);
+        if (!text) fail_errno(g_given.config_file, kExitUsage);
         options.config = *text;
     } else {
-        options.config = make_config(typed.config, &error);
-        if (options.config.empty()) return complain(error);
+        std::string error;
+        options.config = make_config(g_given.config, &error);
+        if (options.config.empty()) fail(error, kExitUsage);
     }
     // A daemon that does not load the module finds it loaded.
     options.module_loaded =
-        typed.module.empty() ? loaded_by_default || !config_loads_module(options.config) : typed.module == "loaded";
-    return true;
+        g_given.module.empty() ? loaded_by_default || !config_loads_module(options.config) : g_given.module == "loaded";
 }
 
 // Leaves as the set's program did: with its exit code, or by its signal.
@@ -191,111 +185,115 @@ std::string find_daemon(const std::string &given) {
     return find_program("vestrad");
 }
 
-bool take_log(Typed &typed) {
-    SetOptions &options = typed.plan.options;
-    if (typed.log == "-") return true;
-    if (typed.log.empty()) {
-        options.log = kStateLog;
-        return true;
-    }
+void take_log() {
+    SetOptions &options = g_given.plan.options;
+    if (g_given.log == "-") return;
+    options.log = kStateLog;
+    if (g_given.log.empty()) return;
     std::error_code error;
-    typed.plan.log_file = fs::absolute(typed.log, error);
+    g_given.plan.log_file = fs::absolute(g_given.log, error);
     options.log = kLogFile;
-    return write_file(typed.plan.log_file, "") || complain(typed.log + ": " + std::strerror(errno));
+    if (!write_file(g_given.plan.log_file, "")) fail_errno(g_given.log);
 }
 
-int start_run(Typed &typed, const Rest &rest) {
-    LaunchPlan &plan = typed.plan;
+void take_set_options(double default_rate, bool module_loaded) {
+    g_given.plan.options.source.rate = g_given.rate.value_or(default_rate);
+    take_source();
+    take_sticks();
+    take_binds();
+    take_config(module_loaded);
+}
+
+std::unique_ptr<ClaimedDirectory> claim_directory() {
+    LaunchPlan &plan = g_given.plan;
+    std::string error;
+    auto directory = ClaimedDirectory::claim(plan.options.name, &error);
+    if (directory == nullptr) fail(error);
+    plan.directory = directory.get();
+    return directory;
+}
+
+int start_run() {
+    LaunchPlan &plan = g_given.plan;
+    plan.options.name = g_given.run_name;
     plan.options.daemon = plan.options.node = true;
-    if (!take_source(typed) || !take_sticks(typed) || !take_binds(typed) || !take_config(typed, false))
-        return kExitUsage;
-    const std::string daemon = find_daemon(typed.daemon);
+    take_set_options(kDaemonReads, false);
+    const std::string daemon = find_daemon(g_given.daemon);
     if (daemon.empty()) {
-        complain(typed.daemon.empty()
-                     ? "vestrad is not to be found beside vestra-set or in PATH; give its path with --vestrad"
-                     : "--vestrad " + typed.daemon + ": there is no such program");
-        return kExitUsage;
+        fail(g_given.daemon.empty() ? "vestrad is neither beside vestra-set nor in PATH; give its path with --vestrad"
+                                    : "--vestrad " + g_given.daemon + ": there is no such program",
+             kExitUsage);
     }
     plan.program = {daemon};
-    plan.program.insert(plan.program.end(), rest.words.begin(), rest.words.end());
-    std::string error;
-    const auto directory = ClaimedDirectory::claim(plan.options.name, &error);
-    if (directory == nullptr) {
-        complain(error);
-        return kExitFailed;
-    }
-    plan.state_dir = directory->path();
-    if (!take_log(typed)) return kExitFailed;
+    plan.program.insert(plan.program.end(), g_program.begin(), g_program.end());
+    const auto directory = claim_directory();
+    take_log();
     int signal_number = 0;
     return launch(plan, &signal_number);
 }
 
-int start_sandbox(Typed &typed, const Rest &rest) {
-    LaunchPlan &plan = typed.plan;
-    if (rest.words.empty()) {
-        complain("sandbox: which program? vestra-set sandbox [options] -- PROGRAM [ARGUMENTS]");
-        return kExitUsage;
+int start_sandbox() {
+    LaunchPlan &plan = g_given.plan;
+    plan.options.name = g_given.sandbox_name;
+    plan.quiet = true;
+    if (g_program.empty()) {
+        fail("sandbox: which program? vestra-set sandbox [options] -- PROGRAM [ARGUMENTS]", kExitUsage);
     }
-    if (!take_source(typed) || !take_sticks(typed) || !take_binds(typed) || !take_config(typed, true))
-        return kExitUsage;
-    plan.program = rest.words;
+    take_set_options(0, true);
+    plan.program = g_program;
     std::unique_ptr<ClaimedDirectory> directory;
-    if (plan.options.name != kNoName) {
-        std::string error;
-        directory = ClaimedDirectory::claim(plan.options.name, &error);
-        if (directory == nullptr) {
-            complain(error);
-            return kExitFailed;
-        }
-        plan.state_dir = directory->path();
-    }
+    if (plan.options.name != kNoName) directory = claim_directory();
     int signal_number = 0;
     const int code = launch(plan, &signal_number);
     directory.reset();
     return leave(code, signal_number);
 }
 
-CLI::Validator is_valid_name() {
-    return {[](std::string &text) {
-                return valid_name(text) ? std::string() : "wanted up to 32 letters, digits, '-', '_' and '.'";
-            },
-            "NAME"};
+void add_run_options(CLI::App &app) {
+    add_name_option(app, g_given.run_name, "The set's name; sets with different names run side by side");
+    app.add_option("--vestrad", g_given.daemon, "The daemon; by default the one beside this program")
+        ->type_name("PATH");
+    add_set_options(app, "Default: 2");
+    app.add_option("--log", g_given.log,
+                   "The daemon's log, a file of this machine, or - for standard error; without it\n"
+                   "\"vestra-set log\" shows it while the set runs")
+        ->type_name("FILE");
+    app.add_option("--log-level", g_given.plan.options.log_level, "debug, info, warning or error")
+        ->check(CLI::IsMember({"debug", "info", "warning", "error", "3", "4", "5", "6"}));
+    add_seconds_option(app, "--grace", g_given.plan.grace, "Seconds that the daemon has to end after Ctrl-C");
+    app.add_flag("-q,--quiet", g_given.plan.quiet, "Do not report how the set comes up and ends");
+}
+
+void add_sandbox_options(CLI::App &app) {
+    add_name_option(app, g_given.sandbox_name,
+                    "A name lets \"vestra-set exec\" and the like reach it; auto: nobody can");
+    app.add_flag("--node", g_given.plan.options.node, "Serve the trace control node as well");
+    add_set_options(app, "Default: 0");
 }
 
 }  // namespace
 
-Action setup_run(CLI::App &app) {
-    auto typed = std::make_shared<Typed>();
-    typed->plan.options.name = "default";
-    typed->plan.options.source.rate = 2;  // what the daemon reads in a second
-    app.add_option("--name", typed->plan.options.name, "The set's name; sets with different names run side by side")
-        ->check(is_valid_name())
-        ->capture_default_str();
-    app.add_option("--vestrad", typed->daemon, "The daemon; by default the one beside this program")->type_name("PATH");
-    add_set_options(app, *typed, "Default: 2");
-    app.add_option("--log", typed->log,
-                   "The daemon's log, a file of this machine, or - for standard error; without it\n"
-                   "\"vestra-set log\" shows it while the set runs")
-        ->type_name("FILE");
-    app.add_option("--log-level", typed->plan.options.log_level, "debug, info, warning or error")
-        ->check(CLI::IsMember({"debug", "info", "warning", "error", "3", "4", "5", "6"}));
-    app.add_option("--grace", typed->plan.grace, "Seconds that the daemon has to end after Ctrl-C")
-        ->capture_default_str();
-    app.add_flag("-q,--quiet", typed->plan.quiet, "No word about the set's going up and down");
-    return [typed](const Rest &rest) { return start_run(*typed, rest); };
-}
+const Command kRun = {"run",
+                      "Start a set and the daemon in it; stays until the daemon has ended",
+                      "The words after \"--\" go to the daemon: [max_file_size_MiB [file_interval_s]].\n"
+                      "Ctrl-C stops the daemon in order, a second one at once.\n\n"
+                      "examples:\n"
+                      "  vestra-set run\n"
+                      "  vestra-set run --source host --usb-dir STICK=./stick --log-level debug\n"
+                      "  vestra-set run --name small --config max_file_size=1 --usb A:8M -- 1 4",
+                      Command::kProgram,
+                      add_run_options,
+                      start_run};
 
-Action setup_sandbox(CLI::App &app) {
-    auto typed = std::make_shared<Typed>();
-    typed->plan.options.name = kNoName;
-    typed->plan.quiet = true;
-    app.add_option("--name", typed->plan.options.name,
-                   "A name lets \"vestra-set exec\" and the like reach it; auto: nobody can")
-        ->check(is_valid_name())
-        ->capture_default_str();
-    app.add_flag("--node", typed->plan.options.node, "Serve the trace control node as well");
-    add_set_options(app, *typed, "Default: 0");
-    return [typed](const Rest &rest) { return start_sandbox(*typed, rest); };
-}
+const Command kSandbox = {
+    "sandbox",
+    "Run a program, such as a test, in its own set without the daemon",
+    "The program's exit code, or the signal that ends it, is passed on. VESTRA_SET_INSIDE=1 is in its environment.\n\n"
+    "examples:\n"
+    "  vestra-set sandbox -- ./build/tests/decoder_test\n"
+    "  vestra-set sandbox --node --seed 7 -- ./build/tests/reader_test --gtest_filter='*Empty*'",
+    Command::kProgram,
+    add_sandbox_options,
+    start_sandbox};
 
 }  // namespace vestra_set

@@ -1,118 +1,151 @@
 // exec, wait, stop and list: commands about sets as a whole, from outside.
 
-#include <algorithm>
+#include <fcntl.h>
+
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
-#include <memory>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "set/commands.h"
-#include "set/launcher.h"
-#include "set/messages.h"
-#include "set/remote.h"
+#include "set/complain.h"
+#include "set/enter.h"
+#include "set/inner_init.h"
+#include "set/layout.h"
 #include "set/set_directory.h"
 
 namespace vestra_set {
 namespace {
 
-using nlohmann::json;
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
 
-constexpr auto kWaitLook = std::chrono::milliseconds(20);
-constexpr auto kEndLook = std::chrono::milliseconds(10);
-constexpr auto kEndLimit = std::chrono::seconds(5);
+constexpr auto kLook = std::chrono::milliseconds(10);
+constexpr Seconds kEndLimit{5};  // for a set to go once its program has been ended
 
-bool is_running(const std::string &name) {
-    const auto sets = running_sets();
-    return std::any_of(sets.begin(), sets.end(), [&](const RunningSet &set) { return set.name == name; });
+/* ------------------------------ exec ------------------------------ */
+
+int execute() {
+    if (!g_program.empty()) return execute_in_set(g_name, g_program);
+    fail("exec: which program? vestra-set exec [options] -- PROGRAM [ARGUMENTS]", kExitUsage);
 }
 
-std::optional<json> ask_info(const std::string &name) {
-    const UniqueFd set = connect_to_set(name, true);
-    if (!set.valid() || !send_message(set.get(), {{"op", "info"}})) return std::nullopt;
-    return receive_message(set.get());
-}
+/* ------------------------------ wait ------------------------------ */
 
-int stop_set(const std::string &name, double grace) {
-    const UniqueFd set = connect_to_set(name);
-    if (!set.valid()) return kExitNotRunning;
-    send_message(set.get(), {{"op", "stop"}, {"grace", grace}});
-    while (const auto message = receive_message(set.get())) {
-        if (message->contains("text")) std::cout << message->value("text", "") << std::endl;
-        if (message->contains("exit")) break;
+struct {
+    double timeout = 10;
+} g_wait;
+
+int wait_for_set() {
+    const auto end = Clock::now() + Seconds(g_wait.timeout);
+    for (;; std::this_thread::sleep_for(kLook)) {
+        const auto set = find_set(g_name);
+        if (set && open_init(*set).valid()) return kExitOk;
+        if (Clock::now() >= end) fail("no set \"" + g_name + "\" came up", kExitNotRunning);
     }
-    // What comes next may start a set of the same name: the launcher has the directory to clear away first.
-    const auto limit = std::chrono::steady_clock::now() + kEndLimit;
-    while (is_running(name) && std::chrono::steady_clock::now() < limit) std::this_thread::sleep_for(kEndLook);
-    return kExitOk;
 }
 
-int wait_for_set(const std::string &name, double limit) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(limit);
-    while (!ask_info(name)) {
-        if (std::chrono::steady_clock::now() >= end) {
-            std::cerr << "vestra-set: no set \"" << name << "\" came up" << std::endl;
-            return kExitNotRunning;
+/* ------------------------------ stop ------------------------------ */
+
+struct {
+    double grace = 3;
+} g_stop;
+
+// Copies what was added to a file since the last call to standard output.
+void show_new(int file) {
+    char text[4096];
+    for (ssize_t size = 0; (size = read(file, text, sizeof text)) > 0;) std::cout.write(text, size);
+    std::cout << std::flush;
+}
+
+int stop_set() {
+    const RunningSet set = find_running_set(g_name);
+    const UniqueFd init = open_init(set);
+    const UniqueFd stop_log(open((process_path(init) + "/root" + kStopLog).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!request_stop(init, g_stop.grace)) {
+        fail("the set \"" + g_name + "\" has just ended", kExitNotRunning);
+    }
+    // The launcher has the directory to remove: what comes next may start a set of the same name.
+    const auto limit = Clock::now() + Seconds(g_stop.grace) + kEndLimit;
+    for (;; std::this_thread::sleep_for(kLook)) {
+        const auto now = find_set(g_name);
+        show_new(stop_log.get());
+        if (!now || now->launcher != set.launcher) return kExitOk;
+        if (Clock::now() >= limit) {
+            fail("the set \"" + g_name + "\" has not ended; its launcher is process " + std::to_string(set.launcher));
         }
-        std::this_thread::sleep_for(kWaitLook);
     }
-    return kExitOk;
 }
 
-int list_sets(bool as_json) {
-    json all = json::array();
-    for (const RunningSet &set : running_sets()) {
-        const auto info = ask_info(set.name);
-        all.push_back({{"name", set.name},
-                       {"launcher", set.launcher},
-                       {"program", info ? info->value("program", "") : ""},
-                       {"directory", set_directory(set.name)}});
-    }
-    if (as_json) {
-        std::cout << all.dump(2) << std::endl;
+/* ------------------------------ list ------------------------------ */
+
+struct {
+    bool json = false;
+} g_list;
+
+int list_sets() {
+    using nlohmann::json;
+    const auto sets = running_sets();
+    if (g_list.json) {
+        json all = json::array();
+        for (const RunningSet &set : sets) {
+            all.push_back({{"name", set.name},
+                           {"launcher", set.launcher},
+                           {"program", set.program},
+                           {"directory", set_directory(set.name)}});
+        }
+        std::cout << all.dump(2, ' ', false, json::error_handler_t::replace) << std::endl;
         return kExitOk;
     }
-    if (all.empty()) std::cout << "no set is running" << std::endl;
-    for (const json &set : all) {
-        std::printf("%-20s launcher %-8d %s\n", set.value("name", "").c_str(), set.value("launcher", 0),
-                    set.value("program", "").c_str());
+    if (sets.empty()) std::cout << "no set is running" << std::endl;
+    for (const RunningSet &set : sets) {
+        std::printf("%-20s launcher %-8d %s\n", set.name.c_str(), set.launcher, set.program.c_str());
     }
     return kExitOk;
 }
 
 }  // namespace
 
-Action setup_exec(CLI::App &app) {
-    auto name = std::make_shared<std::string>("default");
-    add_name_option(app, *name);
-    return [name](const Rest &rest) -> int {
-        if (!rest.words.empty()) return execute_in_set(*name, rest.words);
-        std::cerr << "vestra-set: exec: which program? vestra-set exec [options] -- PROGRAM [ARGUMENTS]" << std::endl;
-        return kExitUsage;
-    };
-}
+const Command kExec = {"exec",
+                       "Run a program inside a running set",
+                       "The program's exit code is passed on; 128 + the number of a signal that ended it.\n\n"
+                       "examples:\n"
+                       "  vestra-set exec -- ls -l /media/STICK\n"
+                       "  vestra-set exec -- sh",
+                       Command::kProgram,
+                       [](CLI::App &app) { add_name_option(app); },
+                       execute};
 
-Action setup_stop(CLI::App &app) {
-    auto name = std::make_shared<std::string>("default");
-    auto grace = std::make_shared<double>(3.0);
-    add_name_option(app, *name);
-    app.add_option("--grace", *grace, "Seconds that the daemon's threads have to end")->capture_default_str();
-    return [name, grace](const Rest &) { return stop_set(*name, *grace); };
-}
+const Command kWait = {"wait",
+                       "Wait until a set is up",
+                       "example:\n  vestra-set run --name demo & vestra-set wait --name demo",
+                       Command::kOutside,
+                       [](CLI::App &app) {
+                           add_name_option(app);
+                           add_seconds_option(app, "--timeout", g_wait.timeout, "Seconds to wait");
+                       },
+                       wait_for_set};
 
-Action setup_list(CLI::App &app) {
-    auto as_json = std::make_shared<bool>(false);
-    app.add_flag("--json", *as_json, "As JSON");
-    return [as_json](const Rest &) { return list_sets(*as_json); };
-}
+const Command kStop = {
+    "stop",
+    "Stop the daemon in order, and end its set",
+    "The daemon gets SIGRTMIN+6 and ends its main loop and its reader, client and user-data threads.\n"
+    "It then waits for its process-list thread, which never ends. So it is ended by force once the\n"
+    "other threads have ended, or when the time of grace is over.\n\n"
+    "example:\n  vestra-set stop --name small",
+    Command::kOutside,
+    [](CLI::App &app) {
+        add_name_option(app);
+        add_seconds_option(app, "--grace", g_stop.grace, "Seconds for the daemon's threads to end");
+    },
+    stop_set};
 
-Action setup_wait(CLI::App &app) {
-    auto name = std::make_shared<std::string>("default");
-    auto limit = std::make_shared<double>(10.0);
-    add_name_option(app, *name);
-    app.add_option("--timeout", *limit, "Seconds")->capture_default_str();
-    return [name, limit](const Rest &) { return wait_for_set(*name, *limit); };
-}
+const Command kList = {"list",
+                       "List the sets that are running",
+                       "example:\n  vestra-set list --json",
+                       Command::kOutside,
+                       [](CLI::App &app) { app.add_flag("--json", g_list.json, "As JSON"); },
+                       list_sets};
 
 }  // namespace vestra_set

@@ -23,8 +23,8 @@
 
 #include "platform/vconf.h"
 #include "set/commands.h"
+#include "set/complain.h"
 #include "set/files.h"
-#include "set/launcher.h"
 
 namespace vestra_set {
 namespace {
@@ -40,11 +40,6 @@ constexpr const char *kListFile = "/tmp/vestra_processes/processes.txt";
 constexpr size_t kFieldLimit = 255;  // characters that the daemon takes of a robustness request's path and name
 constexpr double kPatience = 10;     // seconds, where none are given
 constexpr Seconds kOffer{1};         // how long a list lies there before it is dropped anew
-
-int complain(const std::string &text, int code = kExitFailed) {
-    std::cerr << "vestra-set: " << text << std::endl;
-    return code;
-}
 
 // Looks every 20 ms until `condition` holds; false when it still does not after `patience`.
 bool comes_true(const std::function<bool()> &condition, Seconds patience) {
@@ -62,34 +57,48 @@ std::string seconds_text(double seconds) {
     return text.str();
 }
 
-void add_timeout(CLI::App &app, double &timeout) {
-    app.add_option("--timeout", timeout, "Seconds to wait")->check(CLI::NonNegativeNumber)->capture_default_str();
+void set_key(const char *key, int value) {
+    if (vconf_set_int(key, value) != 0) fail(std::string("vconf key ") + key + " was not set");
 }
 
 /* ------------------------------ robust, dod ------------------------------ */
 
-int request_dump(const std::string &directory, const std::string &process, int pid) {
-    for (const std::string &field : {directory, process}) {
+struct {
+    std::string directory, process;
+    int pid;
+} g_robust;
+
+int request_dump() {
+    for (const std::string &field : {g_robust.directory, g_robust.process}) {
         if (field.empty() || field.size() > kFieldLimit || field.find('|') != std::string::npos) {
-            return complain("\"" + field + "\": wanted 1 to 255 characters, none of them a '|'", kExitUsage);
+            fail("\"" + field + "\": expected 1 to 255 characters, none of them a '|'", kExitUsage);
         }
     }
     struct stat info;
-    if (stat(directory.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-        complain("note: " + directory + " is no directory in the set; the daemon waits 41 s for it");
+    if (stat(g_robust.directory.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+        say("note: " + g_robust.directory + " is no directory in the set; the daemon waits 41 s for it");
     }
-    const std::string value = directory + "|" + process + "|" + std::to_string(pid);
-    return vconf_set_str(kRobustKey, value.c_str()) == 0
-               ? kExitOk
-               : complain(std::string("vconf key ") + kRobustKey + " was not set");
+    const std::string value = g_robust.directory + "|" + g_robust.process + "|" + std::to_string(g_robust.pid);
+    if (vconf_set_str(kRobustKey, value.c_str()) != 0) fail(std::string("vconf key ") + kRobustKey + " was not set");
+    return kExitOk;
 }
 
-int set_dod(bool on) {
-    return vconf_set_int(kDodKey, on ? 1 : 0) == 0 ? kExitOk
-                                                   : complain(std::string("vconf key ") + kDodKey + " was not set");
+struct {
+    std::string state;
+} g_dod;
+
+int set_dod() {
+    set_key(kDodKey, g_dod.state == "on" ? 1 : 0);
+    return kExitOk;
 }
 
 /* ------------------------------ history ------------------------------ */
+
+struct {
+    int rows = 20;
+    bool json = false;
+    double timeout = kPatience;
+} g_history;
 
 struct HistoryRow {
     int64_t time;  // nanoseconds
@@ -104,33 +113,34 @@ struct SqliteClose {
     void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
 };
 
-// The number of rows in `*total` and the `limit` newest of them, newest first, in `*rows`. False with `*error` set.
-bool read_history(int limit, int64_t *total, std::vector<HistoryRow> *rows, std::string *error) {
+// Returns the number of rows, and puts the newest of them into `*rows`, newest first.
+int64_t read_history(std::vector<HistoryRow> *rows) {
     sqlite3 *opened = nullptr;
     const int result = sqlite3_open_v2(kHistoryFile, &opened, SQLITE_OPEN_READONLY, nullptr);
     const std::unique_ptr<sqlite3, SqliteClose> database(opened);
-    const auto failed = [&] {
-        *error = std::string(kHistoryFile) + ": " + sqlite3_errmsg(opened);
-        return false;
+    const auto check = [&](bool good) {
+        if (!good) fail(std::string(kHistoryFile) + ": " + sqlite3_errmsg(opened));
     };
-    if (result != SQLITE_OK) return failed();
+    check(result == SQLITE_OK);
     sqlite3_busy_timeout(opened, 2000);
     // The daemon writes its list from the newest sample to the oldest.
     static constexpr char kQuery[] =
         "SELECT TIMESTAMP,PROCESS_ID,PROCESS_NAME,RSS_USED,SWAP_USED,CPU_PERCENTAGE_USED,COUNT(*) OVER () "
         "FROM PROCESS_INFO ORDER BY rowid LIMIT ?";
     sqlite3_stmt *prepared = nullptr;
-    if (sqlite3_prepare_v2(opened, kQuery, -1, &prepared, nullptr) != SQLITE_OK) return failed();
+    check(sqlite3_prepare_v2(opened, kQuery, -1, &prepared, nullptr) == SQLITE_OK);
     const std::unique_ptr<sqlite3_stmt, SqliteClose> statement(prepared);
-    sqlite3_bind_int(prepared, 1, limit);
+    sqlite3_bind_int(prepared, 1, g_history.rows);
+    int64_t total = 0;
     int step = SQLITE_ROW;
     while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
         const auto number = [&](int column) { return int64_t{sqlite3_column_int64(prepared, column)}; };
         const auto *name = reinterpret_cast<const char *>(sqlite3_column_text(prepared, 2));
         rows->push_back({number(0), number(1), name != nullptr ? name : "", number(3), number(4), number(5)});
-        *total = number(6);
+        total = number(6);
     }
-    return step == SQLITE_DONE || failed();
+    check(step == SQLITE_DONE);
+    return total;
 }
 
 void print_rows(int64_t total, const std::vector<HistoryRow> &rows) {
@@ -152,21 +162,19 @@ void print_rows(int64_t total, const std::vector<HistoryRow> &rows) {
     std::cout << std::flush;
 }
 
-int show_history(int limit, bool as_json, double timeout) {
-    if (vconf_set_int(kHistoryKey, 1) != 0) return complain(std::string("vconf key ") + kHistoryKey + " was not set");
+int show_history() {
+    set_key(kHistoryKey, 1);
     int value = 1;
     const auto filled = [&] { return vconf_get_int(kHistoryKey, &value) == 0 && value == 0; };
-    if (!comes_true(filled, Seconds(timeout))) {
-        return complain(std::string("the history was not filled: key ") + kHistoryKey + " still stands at " +
-                        std::to_string(value) + " after " + seconds_text(timeout) +
-                        ".\nA fill that failed leaves it so, and the daemon's log has the \"SQL error\". Without such "
-                        "a line the daemon is busy with\nanother request, or does not run.");
+    if (!comes_true(filled, Seconds(g_history.timeout))) {
+        fail(std::string("the history was not written: key ") + kHistoryKey + " is still " + std::to_string(value) +
+             " after " + seconds_text(g_history.timeout) +
+             ".\nA write that failed leaves it so, and the daemon's log has the \"SQL error\". Without such a line the "
+             "daemon is busy with\nanother request, or does not run.");
     }
-    int64_t total = 0;
     std::vector<HistoryRow> rows;
-    std::string error;
-    if (!read_history(limit, &total, &rows, &error)) return complain(error);
-    if (!as_json) {
+    const int64_t total = read_history(&rows);
+    if (!g_history.json) {
         print_rows(total, rows);
         return kExitOk;
     }
@@ -187,6 +195,11 @@ int show_history(int limit, bool as_json, double timeout) {
 
 /* ------------------------------ filter ------------------------------ */
 
+struct {
+    std::vector<std::string> names;
+    double timeout = kPatience;
+} g_filter;
+
 // Removes a file at the end of the scope.
 struct Leftover {
     std::string path;
@@ -195,63 +208,82 @@ struct Leftover {
 
 // The list is linked into its place: a whole file appears, with the event that the daemon waits for. One written in
 // place may be read half done, one renamed is not noticed.
-int drop_list(const std::vector<std::string> &names, double timeout) {
+int drop_list() {
     std::string text;
-    for (const std::string &name : names) {
-        if (name.find('\n') != std::string::npos) return complain("a name has one line", kExitUsage);
+    for (const std::string &name : g_filter.names) {
+        if (name.find('\n') != std::string::npos) fail("a name has one line", kExitUsage);
         text += name + "\n";
     }
     const Leftover list{std::string("/tmp/.vestra-set-list.") + std::to_string(getpid())};
-    if (!write_file(list.path, text)) return complain(list.path + ": " + std::strerror(errno));
+    if (!write_file(list.path, text)) fail_errno(list.path);
     int problem = 0;
     const auto taken = [&] {
-        // One that lies there was dropped before the daemon's watch stood, or renamed into place: nobody will take it.
+        // One that is still there was dropped before the daemon's watch was set up, or renamed into place: nobody will
+        // take it.
         unlink(kListFile);
         problem = link(list.path.c_str(), kListFile) == 0 ? 0 : errno;
         return problem == 0 && comes_true([] { return access(kListFile, F_OK) != 0; }, kOffer);
     };
-    if (comes_true(taken, Seconds(timeout))) return kExitOk;
+    if (comes_true(taken, Seconds(g_filter.timeout))) return kExitOk;
     unlink(kListFile);
-    return complain(problem == ENOENT
-                        ? std::string("there is no ") + kListDirectory + ": no daemon runs in this set yet"
-                        : std::string(kListFile) + " was not taken in " + seconds_text(timeout) +
-                              (problem != 0 ? std::string(": ") + std::strerror(problem) : "; does the daemon run?"));
+    if (problem == ENOENT) fail(std::string("there is no ") + kListDirectory + ": no daemon runs in this set yet");
+    fail(std::string(kListFile) + " was not taken within " + seconds_text(g_filter.timeout) +
+         (problem != 0 ? std::string(": ") + std::strerror(problem) : "; does the daemon run?"));
 }
 
 }  // namespace
 
-Action setup_robust(CLI::App &app) {
-    auto directory = std::make_shared<std::string>();
-    auto process = std::make_shared<std::string>();
-    auto pid = std::make_shared<int>();
-    app.add_option("directory", *directory, "Directory inside the set that the dump goes to")->required();
-    app.add_option("process", *process, "Name of the process that failed")->required();
-    app.add_option("pid", *pid, "Its process id")->required()->check(CLI::Range(0, INT_MAX));
-    return [=](const Rest &) { return request_dump(*directory, *process, *pid); };
-}
+const Command kRobust = {
+    "robust",
+    "Report a failed process: the daemon writes a dump for it at once",
+    "The dump is DIRECTORY/0000000000_PID_PROCESS_SECONDS, and a copy of it is on the stick.\n\n"
+    "example:\n  vestra-set robust /tmp procd 77",
+    Command::kInside,
+    [](CLI::App &app) {
+        app.add_option("directory", g_robust.directory, "Directory inside the set that the dump goes to")->required();
+        app.add_option("process", g_robust.process, "Name of the process that failed")->required();
+        app.add_option("pid", g_robust.pid, "Its process id")->required()->check(CLI::Range(0, INT_MAX));
+    },
+    request_dump};
 
-Action setup_dod(CLI::App &app) {
-    auto state = std::make_shared<std::string>();
-    app.add_option("state", *state, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
-    return [=](const Rest &) { return set_dod(*state == "on"); };
-}
+const Command kDod = {
+    "dod",
+    "Switch DOD mode: continuous dumps, in a folder of the stick",
+    "Continuous dumps need a daemon that was started with two arguments.\n\n"
+    "example:\n  vestra-set dod on     (dumps come into /media/LABEL/issue_report_agent_DOD/Vestra)",
+    Command::kInside,
+    [](CLI::App &app) {
+        app.add_option("state", g_dod.state, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
+    },
+    set_dod};
 
-Action setup_history(CLI::App &app) {
-    auto rows = std::make_shared<int>(20);
-    auto as_json = std::make_shared<bool>(false);
-    auto timeout = std::make_shared<double>(kPatience);
-    app.add_option("--rows", *rows, "How many to show")->check(CLI::Range(1, INT_MAX))->capture_default_str();
-    app.add_flag("--json", *as_json, "As JSON");
-    add_timeout(app, *timeout);
-    return [=](const Rest &) { return show_history(*rows, *as_json, *timeout); };
-}
+const Command kHistory = {"history",
+                          "Make the daemon write the process history into its database, and show the newest rows",
+                          "Exit code 1 when the daemon did not write it.\n\n"
+                          "examples:\n  vestra-set history\n  vestra-set history --rows 1000 --json",
+                          Command::kInside,
+                          [](CLI::App &app) {
+                              app.add_option("--rows", g_history.rows, "How many to show")
+                                  ->check(CLI::Range(1, INT_MAX))
+                                  ->capture_default_str();
+                              app.add_flag("--json", g_history.json, "As JSON");
+                              add_seconds_option(app, "--timeout", g_history.timeout, "Seconds to wait");
+                          },
+                          show_history};
 
-Action setup_filter(CLI::App &app) {
-    auto names = std::make_shared<std::vector<std::string>>();
-    auto timeout = std::make_shared<double>(kPatience);
-    app.add_option("name", *names, "Process names; the daemon sends the first five")->required()->type_name("NAME");
-    add_timeout(app, *timeout);
-    return [=](const Rest &) { return drop_list(*names, *timeout); };
-}
+const Command kFilter = {"filter",
+                         "Drop a list of process names: the module reports no others",
+                         "Waits until the daemon has taken the list. The module keeps the five newest names, from "
+                         "whatever lists, until it is\n"
+                         "loaded again; it compares 15 characters.\n\n"
+                         "example:\n  vestra-set filter tvs-engine launcher",
+                         Command::kInside,
+                         [](CLI::App &app) {
+                             app.add_option("name", g_filter.names, "Process names; the daemon sends the first five")
+                                 ->required()
+                                 ->type_name("NAME");
+                             add_seconds_option(app, "--timeout", g_filter.timeout, "Seconds to wait");
+                         },
+                         drop_list};
 
 }  // namespace vestra_set

@@ -16,7 +16,7 @@
 #include "platform/state_dir.h"
 #include "platform/usb_device.h"
 #include "set/commands.h"
-#include "set/launcher.h"
+#include "set/complain.h"
 #include "set/layout.h"
 
 namespace vestra_set {
@@ -24,10 +24,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-int complain(const std::string &text) {
-    std::cerr << "vestra-set: " << text << std::endl;
-    return kExitFailed;
-}
+struct {
+    int (*action)();
+    std::string label;
+    std::string size = "64M";
+    std::string directory;
+    bool no_mount = false;
+    bool yank = false;
+} g_usb;
 
 std::string mount_point(const std::string &label) {
     return "/media/" + label;
@@ -52,38 +56,38 @@ std::vector<std::string> plugged() {
     return names;
 }
 
-int plug(const std::string &label, const std::string &size, const std::string &directory, bool without_mount) {
-    if (!valid_name(label)) return complain("\"" + label + "\" cannot be a USB stick's label");
+int plug() {
+    const std::string &label = g_usb.label;
+    if (!valid_name(label)) fail("\"" + label + "\" cannot be a USB stick's label");
     const std::vector<std::string> sticks = plugged();
-    if (std::find(sticks.begin(), sticks.end(), label) != sticks.end())
-        return complain("stick " + label + " is plugged already");
+    if (std::find(sticks.begin(), sticks.end(), label) != sticks.end()) fail("stick " + label + " is plugged already");
     const std::string path = mount_point(label);
-    std::string error;
-    // A stick that was unplugged, but not pulled, is still mounted with what is on it.
-    if (!without_mount && !is_mounted(path)) {
-        if (directory.empty()) {
-            if (!mount_stick(label, size, &error)) return complain(error);
+    // A stick that was unplugged, but not pulled out, is still mounted with what is on it.
+    if (!g_usb.no_mount && !is_mounted(path)) {
+        std::string error;
+        if (g_usb.directory.empty()) {
+            if (!mount_stick(label, g_usb.size, &error)) fail(error);
         } else {
             std::error_code problem;
             fs::create_directories(path, problem);
-            if (mount(directory.c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
-                return complain(directory + ": " + std::strerror(errno) +
-                                " (a set sees the directories it was started with; run's --bind adds one)");
+            if (mount(g_usb.directory.c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+                fail(g_usb.directory + ": " + std::strerror(errno) +
+                     " (a set sees the directories it was started with; run's --bind adds one)");
             }
         }
     }
-    const char *mounted = without_mount ? nullptr : path.c_str();
+    const char *mounted = g_usb.no_mount ? nullptr : path.c_str();
     if (usb_device_plug(label.c_str(), mounted, USB_DEVICE_CLASS_MASS_STORAGE) != 0) {
-        return complain("stick " + label + " could not be plugged");
+        fail("stick " + label + " could not be plugged");
     }
     return kExitOk;
 }
 
-int unplug(const std::string &label, bool yank) {
-    if (usb_device_unplug(label.c_str()) != 0) return complain("there is no stick " + label);
-    const std::string path = mount_point(label);
-    if (yank && is_mounted(path)) {
-        if (umount2(path.c_str(), MNT_DETACH) != 0) return complain(path + ": " + std::strerror(errno));
+int unplug() {
+    if (usb_device_unplug(g_usb.label.c_str()) != 0) fail("there is no stick " + g_usb.label);
+    const std::string path = mount_point(g_usb.label);
+    if (g_usb.yank && is_mounted(path)) {
+        if (umount2(path.c_str(), MNT_DETACH) != 0) fail_errno(path);
         rmdir(path.c_str());
     }
     return kExitOk;
@@ -100,30 +104,29 @@ int list_sticks() {
     return kExitOk;
 }
 
+void add_options(CLI::App &app) {
+    app.require_subcommand(1);
+    CLI::App *sub = add_action(app, "plug", "Plug a stick; it is at /media/LABEL then", &g_usb.action, plug);
+    sub->add_option("label", g_usb.label, "Label")->required();
+    sub->add_option("--size", g_usb.size, "Size of a new stick")->capture_default_str();
+    sub->add_option("--dir", g_usb.directory, "A directory that the set sees, used as a stick");
+    sub->add_flag("--no-mount", g_usb.no_mount, "A stick that could not be mounted");
+    sub = add_action(app, "unplug", "Unplug a stick; its content stays for the next plug", &g_usb.action, unplug);
+    sub->add_option("label", g_usb.label, "Label")->required();
+    sub->add_flag("--yank", g_usb.yank, "Pull it out: the mount goes at once, with what was on it");
+    add_action(app, "list", "List the sticks, in their order", &g_usb.action, list_sticks);
+}
+
 }  // namespace
 
-Action setup_usb(CLI::App &app) {
-    auto label = std::make_shared<std::string>();
-    auto size = std::make_shared<std::string>("64M");
-    auto directory = std::make_shared<std::string>();
-    auto without_mount = std::make_shared<bool>(false);
-    auto yank = std::make_shared<bool>(false);
-    app.require_subcommand(1);
-    CLI::App *plug_command = app.add_subcommand("plug", "Plug a stick; it is at /media/LABEL then");
-    plug_command->add_option("label", *label, "Label")->required();
-    plug_command->add_option("--size", *size, "Size of a new stick")->capture_default_str();
-    plug_command->add_option("--dir", *directory, "A directory that the set sees, for a stick");
-    plug_command->add_flag("--no-mount", *without_mount, "A stick that could not be mounted");
-    CLI::App *unplug_command = app.add_subcommand("unplug", "Unplug a stick; its content stays for the next plug");
-    unplug_command->add_option("label", *label, "Label")->required();
-    unplug_command->add_flag("--yank", *yank, "Pull it out: the mount goes at once, with what was on it");
-    CLI::App *list = app.add_subcommand("list", "List the sticks, in their order");
-    for (CLI::App *sub : {plug_command, unplug_command, list}) sub->fallthrough();
-    return [=](const Rest &) {
-        if (plug_command->parsed()) return plug(*label, *size, *directory, *without_mount);
-        if (unplug_command->parsed()) return unplug(*label, *yank);
-        return list_sticks();
-    };
-}
+const Command kUsb = {"usb",
+                      "Plug and unplug USB sticks",
+                      "examples:\n"
+                      "  vestra-set usb plug STICK --size 16M\n"
+                      "  vestra-set usb unplug STICK --yank     (pulled out while it is being written to)\n"
+                      "  vestra-set usb list",
+                      Command::kInside,
+                      add_options,
+                      [] { return g_usb.action(); }};
 
 }  // namespace vestra_set

@@ -1,57 +1,43 @@
-// The subcommands of vestra-set: one function each, and the table of them.
+// The commands of vestra-set. Each is a table row beside its options, a struct that is filled by the command line, and
+// its function.
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <functional>
 #include <string>
 #include <vector>
 
 namespace vestra_set {
 
-// What stands behind "--" on the command line.
-struct Rest {
-    bool present = false;
-    std::vector<std::string> words;
-};
-
-// Carries the command out, once the options have been parsed; returns an exit code.
-using Action = std::function<int(const Rest &)>;
-
 struct Command {
     const char *name;
     const char *summary;
     const char *footer;  // of its help: examples, exit codes
-    // Carried out by this program inside the set, where the platform's files and mounts are; outside it is passed on to
-    // the set that --name names. Takes nothing behind "--".
-    bool inside;
-    // Adds the options; --name for an `inside` command is there already.
-    Action (*setup)(CLI::App &app);
+    // kInside: this program runs it again inside the set that --name names, where the platform's files and mounts are.
+    // kProgram: the command line continues with "--" and a program, or arguments for one; see g_program.
+    enum Kind { kOutside, kInside, kProgram } kind;
+    void (*add_options)(CLI::App &app);  // null: it has none; a kInside command gets --name in any case
+    int (*run)();                        // returns the exit code; throws Failure
 };
 
-// In the order in which help shows them.
-const std::vector<Command> &commands();
+extern const Command kRun, kSandbox, kExec, kWait, kStop, kList;                 // sets as a whole
+extern const Command kKey, kVconf, kUsb, kTemperature, kModule, kNotices, kLog;  // what a set has
+extern const Command kRobust, kDod, kHistory, kFilter;                           // requests to the daemon
+extern const Command kInspect;
 
-// Adds --name. `name` holds the default, and must live as long as `app`.
-void add_name_option(CLI::App &app, std::string &name);
+extern std::string g_name;                  // --name
+extern std::vector<std::string> g_program;  // the words after "--"
 
-// One setup function for each command; see the table.
-Action setup_run(CLI::App &app);
-Action setup_sandbox(CLI::App &app);
-Action setup_exec(CLI::App &app);
-Action setup_stop(CLI::App &app);
-Action setup_list(CLI::App &app);
-Action setup_wait(CLI::App &app);
-Action setup_key(CLI::App &app);
-Action setup_vconf(CLI::App &app);
-Action setup_usb(CLI::App &app);
-Action setup_temperature(CLI::App &app);
-Action setup_module(CLI::App &app);
-Action setup_robust(CLI::App &app);
-Action setup_dod(CLI::App &app);
-Action setup_history(CLI::App &app);
-Action setup_filter(CLI::App &app);
-Action setup_notices(CLI::App &app);
-Action setup_log(CLI::App &app);
-Action setup_inspect(CLI::App &app);
+// Adds --name; `name` holds the default.
+void add_name_option(CLI::App &app, std::string &name = g_name, const std::string &text = "The set's name");
+
+// Adds an option for a number of seconds, from 0 to a million.
+void add_seconds_option(CLI::App &app, const std::string &option, double &seconds, const std::string &text);
+
+// A validator for numbers: `low` to `high`.
+CLI::Validator between(double low, double high);
+
+// Adds a subcommand that sets `*action` to `function`. Returns it for its own options.
+CLI::App *add_action(CLI::App &app, const std::string &name, const std::string &text, int (**action)(),
+                     int (*function)());
 
 }  // namespace vestra_set

@@ -10,13 +10,11 @@
 
 namespace vestra_set {
 
-std::optional<std::string> read_file(const std::string &path, size_t limit) {
-    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd.valid()) return std::nullopt;
+std::optional<std::string> read_all(int fd, size_t limit) {
     std::string text;
     std::array<char, 16384> buffer;
     for (;;) {
-        const ssize_t count = read(fd.get(), buffer.data(), buffer.size());
+        const ssize_t count = read(fd, buffer.data(), buffer.size());
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) return std::nullopt;
         if (count == 0) return text;
@@ -28,16 +26,24 @@ std::optional<std::string> read_file(const std::string &path, size_t limit) {
     }
 }
 
-bool write_file(const std::string &path, std::string_view text) {
-    const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (!fd.valid()) return false;
+std::optional<std::string> read_file(const std::string &path, size_t limit) {
+    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd.valid() ? read_all(fd.get(), limit) : std::nullopt;
+}
+
+bool write_all(int fd, std::string_view text) {
     while (!text.empty()) {
-        const ssize_t count = write(fd.get(), text.data(), text.size());
+        const ssize_t count = write(fd, text.data(), text.size());
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) return false;
         text.remove_prefix(static_cast<size_t>(count));
     }
     return true;
+}
+
+bool write_file(const std::string &path, std::string_view text) {
+    const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    return fd.valid() && write_all(fd.get(), text);
 }
 
 bool make_directories(const std::string &path) {

@@ -1,4 +1,4 @@
-// Small whole files: read, written, replaced. Failures are reported by the result, with errno set.
+// Small whole files. Failures are reported by the result, with errno set.
 #pragma once
 
 #include <optional>
@@ -7,10 +7,16 @@
 
 namespace vestra_set {
 
-// The whole file, or nothing when it cannot be read or is longer than `limit` bytes.
+// Everything up to the end of a descriptor, or nothing when it cannot be read or is longer than `limit` bytes.
+std::optional<std::string> read_all(int fd, size_t limit = 16 * 1024 * 1024);
+
+// The same for a file.
 std::optional<std::string> read_file(const std::string &path, size_t limit = 16 * 1024 * 1024);
 
-// Writes a file in place, made where it is missing.
+// Writes all of `text` to a descriptor.
+bool write_all(int fd, std::string_view text);
+
+// Writes a file in place; makes it where it is missing.
 bool write_file(const std::string &path, std::string_view text);
 
 // Makes a directory and those above it; true when it is there afterwards.

@@ -2,67 +2,57 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
-#include <sys/wait.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <climits>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <iostream>
-#include <memory>
-#include <optional>
 
 #include "set/bubblewrap.h"
+#include "set/fd.h"
+#include "set/files.h"
+#include "set/inner_init.h"
 #include "set/layout.h"
-#include "set/messages.h"
+#include "set/process.h"
 
 namespace vestra_set {
 namespace {
 
 using nlohmann::json;
 
-void say(const std::string &text) {
-    std::cerr << "vestra-set: " << text << std::endl;
-}
-
-// What can be told before anything is started. False when a set cannot be made here.
-bool possible_here(const LaunchPlan &plan) {
+// Fails where it is clear before anything is started that a set cannot be made here.
+void check_needs(const LaunchPlan &plan) {
     if (find_program("bwrap").empty()) {
-        say("bubblewrap is missing (no bwrap in PATH); install the package \"bubblewrap\"");
-        return false;
+        fail("bubblewrap is missing (no bwrap in PATH); install the package \"bubblewrap\"", kExitNoSet);
     }
-    if (!plan.options.node) return true;
+    if (!plan.options.node) return;
     const UniqueFd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
-    if (fuse.valid()) return true;
+    if (fuse.valid()) return;
     if (errno == EACCES || errno == EPERM) {
-        say("the control node needs /dev/fuse, and you may not use it (" + std::string(std::strerror(errno)) +
-            ")\n  either run vestra-set as root, or let everybody use it, as desktops do: chmod 666 /dev/fuse");
-    } else {
-        say("the control node needs /dev/fuse, and it cannot be opened (" + std::string(std::strerror(errno)) +
-            ")\n  load the kernel module with: modprobe fuse\n  in a container, pass the device in: --device "
-            "/dev/fuse");
+        fail("the control node needs /dev/fuse, and you may not use it (" + std::string(std::strerror(errno)) +
+                 ")\n  either run vestra-set as root, or let everybody use it, as desktops do: chmod 666 /dev/fuse",
+             kExitNoSet);
     }
-    return false;
+    fail("the control node needs /dev/fuse, and it cannot be opened (" + std::string(std::strerror(errno)) +
+             ")\n  load the kernel module with: modprobe fuse\n"
+             "  in a container, pass the device in: --device /dev/fuse",
+         kExitNoSet);
 }
 
-void say_namespace_refused() {
-    if (geteuid() == 0) {
-        say("bubblewrap could not build the set's namespace (its own words are above)\n"
-            "  in a container, root needs the right to mount: --privileged, or --cap-add SYS_ADMIN with\n"
-            "  --security-opt seccomp=unconfined --security-opt apparmor=unconfined");
-    } else {
-        say("bubblewrap could not build the set's namespace (its own words are above)\n"
-            "  either run vestra-set as root, or let everybody have user namespaces:\n"
-            "  sysctl -w user.max_user_namespaces=10000; on some hosts also kernel.unprivileged_userns_clone=1 or\n"
-            "  kernel.apparmor_restrict_unprivileged_userns=0");
-    }
-}
+constexpr const char *kNoNamespaceForRoot =
+    "bubblewrap could not build the set's namespace (its own words are above)\n"
+    "  in a container, root needs the right to mount: --privileged, or --cap-add SYS_ADMIN with\n"
+    "  --security-opt seccomp=unconfined --security-opt apparmor=unconfined";
+constexpr const char *kNoNamespace =
+    "bubblewrap could not build the set's namespace (its own words are above)\n"
+    "  either run vestra-set as root, or let everybody have user namespaces:\n"
+    "  sysctl -w user.max_user_namespaces=10000; on some hosts also kernel.unprivileged_userns_clone=1 or\n"
+    "  kernel.apparmor_restrict_unprivileged_userns=0";
 
 // A descriptor for the signals that the launcher acts on, which it no longer dies of.
 UniqueFd take_signals() {
@@ -73,78 +63,117 @@ UniqueFd take_signals() {
     return UniqueFd(signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-pid_t start_bubblewrap(const LaunchPlan &plan, const std::string &program, int link) {
-    std::vector<std::string> args = bubblewrap_arguments(plan, program);
-    args.insert(args.end(), {"--", kLauncher, "inner-init", std::to_string(link), "--", program});
-    args.insert(args.end(), plan.program.begin() + 1, plan.program.end());
-    std::vector<char *> argv;
-    for (std::string &argument : args) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    const std::string bwrap = find_program("bwrap");
+// A set that is being made, or runs. It ends with this object.
+struct Launched {
+    UniqueFd link;      // to its first process
+    pid_t bwrap = -1;   // child of this process; it is there for as long as anything of the set is
+    pid_t init = 0;     // the first process; 0 when there never was one
+    UniqueFd init_dir;  // its directory in /proc
 
+    ~Launched() {
+        if (bwrap < 0) return;
+        // Already gone, except for a set that was interrupted while it was being made.
+        if (!signal_process(init_dir, SIGKILL)) kill(bwrap, SIGKILL);
+        wait_for(bwrap);
+    }
+};
+
+// False with errno set when bubblewrap cannot be started. Whether it can build the namespace shows on the link.
+bool start_bubblewrap(const LaunchPlan &plan, const std::string &program, Launched *set) {
+    int link[2];
+    int info[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, link) != 0) return false;
+    set->link.reset(link[0]);
+    UniqueFd inner_link(link[1]);
+    if (pipe2(info, O_CLOEXEC) != 0) return false;
+    const UniqueFd info_reader(info[0]);
+    UniqueFd info_writer(info[1]);
+    const UniqueFd options(memfd_create("set-options", MFD_CLOEXEC));
+    const std::string text = json(plan.options).dump(-1, ' ', false, json::error_handler_t::replace);
+    if (!options.valid() || !write_all(options.get(), text) || lseek(options.get(), 0, SEEK_SET) != 0) return false;
+
+    std::vector<std::string> args = bubblewrap_arguments(plan, program);
+    args.insert(args.end(), {"--info-fd", std::to_string(info_writer.get()), "--", kLauncher, "inner-init",
+                             std::to_string(options.get()), std::to_string(inner_link.get()), "--", program});
+    args.insert(args.end(), plan.program.begin() + 1, plan.program.end());
     const pid_t launcher = getpid();
-    const pid_t child = fork();
-    if (child != 0) return child;
-    // bubblewrap asks for this too, but only once it runs: a launcher that is killed before would leave a set behind.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != launcher) _exit(127);
-    // Ctrl-C reaches every process of the terminal; only the launcher and the set's program are to act on it.
-    for (const int number : {SIGINT, SIGQUIT, SIGHUP}) signal(number, SIG_IGN);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    fcntl(link, F_SETFD, 0);
-    execv(bwrap.c_str(), argv.data());
-    _exit(127);
+    set->bwrap = spawn(
+        args,
+        [&] {
+            // bubblewrap asks for this too, but only once it runs: a launcher that is killed before would leave a set.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != launcher) _exit(kExitFailed);
+            // Ctrl-C reaches every process of the terminal; only the launcher and the set's program act on it.
+            for (const int number : {SIGINT, SIGQUIT, SIGHUP}) signal(number, SIG_IGN);
+            for (const int fd : {options.get(), inner_link.get(), info_writer.get()}) fcntl(fd, F_SETFD, 0);
+            set_environment_inside();
+        },
+        &errno);
+    if (set->bwrap < 0) return false;
+    info_writer.reset();
+    // An object with the first process's id; nothing when bubblewrap has failed before it made one.
+    const json child = json::parse(read_all(info_reader.get()).value_or(""), nullptr, false);
+    set->init = child.is_object() ? child.value("child-pid", 0) : 0;
+    set->init_dir = open_process(set->init);
+    return true;
 }
 
-// Hands signals to the set: its program gets them, except that the daemon is stopped in order, by force at the second.
-void pass_signals(int signals, int link, const LaunchPlan &plan, bool *stopping) {
-    signalfd_siginfo info;
-    while (read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-        const int number = static_cast<int>(info.ssi_signo);
-        if (!plan.options.daemon) {
-            // From the terminal it has them already.
-            if (info.ssi_code != SI_KERNEL) send_message(link, {{"op", "signal"}, {"number", number}});
-        } else if (!*stopping) {
-            *stopping = true;
-            send_message(link, {{"op", "stop"}, {"grace", plan.grace}});
-        } else {
-            send_message(link, {{"op", "kill"}});
-        }
+// Hands a signal to the set: its program gets it, except that the daemon is stopped in order, by force at the second.
+void pass_signal(const signalfd_siginfo &info, const Launched &set, const LaunchPlan &plan, bool *stopping) {
+    if (plan.options.daemon) {
+        request_stop(set.init_dir, *stopping ? 0 : plan.grace);
+        *stopping = true;
+    } else if (info.ssi_code != SI_KERNEL) {  // from the terminal the program has it already
+        signal_process(set.init_dir, static_cast<int>(info.ssi_signo));
+    }
+}
+
+void set_is_up(const LaunchPlan &plan, const Launched &set) {
+    if (plan.directory != nullptr && !plan.directory->announce(set.init, set.init_dir, plan.program[0])) {
+        say("the set cannot be reached from outside: " + plan.directory->path() + ".lock: " + std::strerror(errno));
+    }
+    if (plan.options.daemon && !plan.quiet) {
+        say("set \"" + plan.options.name + "\" is up; Ctrl-C or \"vestra-set stop --name " + plan.options.name +
+            "\" ends it");
     }
 }
 
 // Follows the set until it has ended. Returns the exit code, and the signal that ended the program or 0.
-int follow(int link, int signals, const LaunchPlan &plan, int *signal_number) {
+int follow(const Launched &set, int signals, const LaunchPlan &plan, int *signal_number) {
+    bool up = false;
     bool stopping = false;
-    bool heard = false;
     for (;;) {
-        pollfd waits[] = {{link, POLLIN, 0}, {signals, POLLIN, 0}};
+        pollfd waits[] = {{set.link.get(), POLLIN, 0}, {signals, POLLIN, 0}};
         if (poll(waits, 2, -1) < 0) continue;
-        if (waits[1].revents != 0) pass_signals(signals, link, plan, &stopping);
-        if (waits[0].revents == 0) continue;
-        const auto message = receive_message(link);
-        if (!message) {
-            if (heard) {
-                say("the set was killed");
-                return kExitFailed;
+        signalfd_siginfo info;
+        while (read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+            if (up) {
+                pass_signal(info, set, plan, &stopping);
+            } else {
+                *signal_number = static_cast<int>(info.ssi_signo);  // not started yet, so nothing to end in order
+                return 128 + *signal_number;
             }
-            say_namespace_refused();
-            return kExitNoSet;
         }
-        heard = true;
-        if (message->contains("error")) say(message->value("error", ""));
-        if (message->contains("ready") && plan.options.daemon && !plan.quiet) {
-            say("set \"" + plan.options.name + "\" is up; Ctrl-C or \"vestra-set stop --name " + plan.options.name +
-                "\" ends it");
+        if (waits[0].revents == 0) continue;
+        Report report{};
+        if (recv(set.link.get(), &report, sizeof report, 0) != static_cast<ssize_t>(sizeof report)) {
+            if (up) fail("the set was killed");
+            fail(geteuid() == 0 ? kNoNamespaceForRoot : kNoNamespace, kExitNoSet);
         }
-        if (message->contains("text") && !plan.quiet) say(message->value("text", ""));
-        if (message->contains("signal")) {
-            *signal_number = message->value("signal", 0);
-            return 128 + *signal_number;
+        switch (report.kind) {
+            case Report::kUp:
+                up = true;
+                set_is_up(plan, set);
+                break;
+            case Report::kText:
+                if (!plan.quiet) say(report.text);
+                break;
+            case Report::kFailed:
+                fail(report.text, report.status);
+            case Report::kEnded:
+                if (WIFSIGNALED(report.status)) *signal_number = WTERMSIG(report.status);
+                return exit_code_of(report.status);
         }
-        if (message->contains("exit")) return message->value("exit", 0);
     }
 }
 
@@ -153,45 +182,23 @@ int follow(int link, int signals, const LaunchPlan &plan, int *signal_number) {
 int launch(LaunchPlan plan, int *signal) {
     *signal = 0;
     if (std::getenv("VESTRA_SET_INSIDE") != nullptr) {
-        say("this is inside a simulated set already; sets do not nest");
-        return kExitNoSet;
+        fail("this is inside a simulated set already; sets do not nest", kExitNoSet);
     }
-    if (!possible_here(plan)) return kExitNoSet;
+    check_needs(plan);
     const std::string program = find_program(plan.program.at(0));
-    if (program.empty()) {
-        say(plan.program[0] + ": there is no such program");
-        return 127;
-    }
+    if (program.empty()) fail(plan.program[0] + ": there is no such program", 127);
     std::error_code ignored;
     if (plan.options.directory.empty()) plan.options.directory = std::filesystem::current_path(ignored);
-
-    // Made here as well, so that a wrong option is reported before anything is built.
+    // Made here only so that a wrong option is reported before anything is built.
     std::string error;
     if (plan.options.node && make_source(plan.options.source, &error) == nullptr) {
-        say("trace source: " + error);
-        return kExitUsage;
+        fail("trace source: " + error, kExitUsage);
     }
-    UniqueFd link;
-    UniqueFd inner_link;
-    if (!message_pair(&link, &inner_link)) {
-        say(std::string("socketpair: ") + std::strerror(errno));
-        return kExitFailed;
-    }
-    const UniqueFd signals = take_signals();
-    const pid_t bwrap = start_bubblewrap(plan, program, inner_link.get());
-    inner_link.reset();
-    if (bwrap < 0) {
-        say(std::string("fork: ") + std::strerror(errno));
-        return kExitFailed;
-    }
-    send_message(link.get(), json(plan.options));
-    const int code = follow(link.get(), signals.get(), plan, signal);
 
-    // Gone only when bubblewrap is: nothing of the set is left after that.
-    link.reset();
-    while (waitpid(bwrap, nullptr, 0) < 0 && errno == EINTR) {
-    }
-    return code;
+    const UniqueFd signals = take_signals();
+    Launched set;
+    if (!start_bubblewrap(plan, program, &set)) fail_errno("starting bubblewrap");
+    return follow(set, signals.get(), plan, signal);
 }
 
 std::string find_program(const std::string &name) {

@@ -76,6 +76,7 @@ bool make_state(const SetOptions &options, std::string *error) {
         if (!make_directories(path)) return failed(error, path);
     }
     if (!put(std::string(kStateDir) + "/system_info.ini", make_system_info(options.chip), error)) return false;
+    if (!put(kStopLog, "", error)) return false;
     if (vconf_set_int("memory/SHM/trigger_db_write", 0) != 0 || vconf_set_int("system/DOD/test_monitor", 0) != 0) {
         return failed(error, "the set's vconf keys");
     }
@@ -124,6 +125,10 @@ bool show_host(std::string *error) {
 
 void hide_host() {
     for (const char *path : {"/proc", "/sys"}) umount2((kHostDir + std::string(path)).c_str(), MNT_DETACH);
+}
+
+void enter_directory(const std::string &path) {
+    if (chdir(path.c_str()) != 0 && chdir("/") != 0) _exit(126);
 }
 
 void extend_process_links(int last) {

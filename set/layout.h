@@ -16,7 +16,7 @@ constexpr const char *kNodeDir = "/tv/node";                      // the control
 constexpr const char *kLauncher = "/tv/bin/vestra-set";           // this program
 constexpr const char *kLogFile = "/tv/log/vestrad.log";           // bound where the log goes to a file of the host
 constexpr const char *kStateLog = "/run/vestra-set/vestrad.log";  // where it goes otherwise
-constexpr const char *kControlSocket = "/run/vestra-set/control.sock";
+constexpr const char *kStopLog = "/tv/stop.log";                  // what happens while the set is stopped
 constexpr const char *kTemperatureFile = "/sys/devices/platform/soc/thermal/temperature";
 constexpr const char *kModuleName = "orna_vestra_kmod";
 constexpr const char *kModuleFile = "/lib/modules/linux/kernel/orna-vestra-kmod.ko";
@@ -31,6 +31,9 @@ bool show_host(std::string *error);
 
 // Takes the host's /proc and /sys away from the set, after show_host in another process.
 void hide_host();
+
+// Changes into a directory that the set may not have; into / where it has none.
+void enter_directory(const std::string &path);
 
 // Adds links for process ids up to `last` to /proc; those made before stay.
 void extend_process_links(int last);

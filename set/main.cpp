@@ -1,24 +1,32 @@
 // vestra-set: starts a simulated set with the daemon in it, and is the remote control of one that runs.
 //
-// Outside a set, the commands that act on one (Command::inside) are sent through its control socket and carried out by
-// this same program inside, where the paths are the set's own. Inside, as in a test, they act at once.
+// Outside a set, the commands that act on one (Command::kInside) are run again by this same program inside it, where
+// the paths are the set's own. Inside, as in a test, they act at once.
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <csignal>
+#include <algorithm>
 #include <cstdlib>
-#include <iostream>
 #include <map>
 
 #include "set/commands.h"
+#include "set/complain.h"
+#include "set/enter.h"
 #include "set/inner_init.h"
-#include "set/launcher.h"
 #include "set/layout.h"
-#include "set/remote.h"
 
 namespace vestra_set {
+
+std::string g_name = "default";
+std::vector<std::string> g_program;
+
 namespace {
+
+// In the order in which help shows them.
+constexpr const Command *kCommands[] = {&kRun,    &kSandbox, &kKey,  &kRobust,      &kDod,     &kHistory,
+                                        &kFilter, &kVconf,   &kUsb,  &kTemperature, &kModule,  &kNotices,
+                                        &kLog,    &kExec,    &kWait, &kStop,        &kInspect, &kList};
 
 constexpr const char *kOverview =
     "exit codes:\n"
@@ -27,66 +35,67 @@ constexpr const char *kOverview =
     "  2   a set cannot be made here; the message says what to do\n"
     "  3   there is no running set of that name\n"
     "  64  wrong options or arguments\n"
-    "  run, sandbox and exec pass on the exit code of the program in the set; 126 and 127 tell that it could not be "
-    "run\n\n"
+    "  run, sandbox and exec pass on the exit code of the program in the set; 126 and 127 mean that it could not be\n"
+    "  run\n\n"
     "examples:\n"
     "  vestra-set run --source host --usb-dir STICK=./stick\n"
     "  vestra-set key 87\n"
     "  vestra-set COMMAND --help";
 
-// Started with one of them closed, this program would get a descriptor of its own in its place and pass that on.
+// If this program were started with one of them closed, it would get a descriptor of its own in its place and pass that
+// on.
 void open_standard_streams() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        // The lowest that is free, which is this one; not close-on-exec, for it is meant for what is run.
+        // The lowest that is free, which is this one; not close-on-exec, because programs that are run inherit it.
         if (fcntl(fd, F_GETFD) < 0) (void)open("/dev/null", O_RDWR);
     }
 }
 
-// inner-init LINK -- PROGRAM ARGS...; only ever typed by the launcher.
-int run_inner_init(const std::vector<std::string> &words, const Rest &rest) {
-    if (words.size() != 2) return kExitUsage;
-    return inner_init(static_cast<int>(std::strtol(words[1].c_str(), nullptr, 10)), rest.words);
+// What this program runs of itself inside a set:
+//   inner-init OPTIONS LINK -- PROGRAM [ARGUMENTS]   as the first process, see set/inner_init.h
+//   inner-exec DIRECTORY -- PROGRAM [ARGUMENTS]      for exec, see set/enter.h
+int run_inner(const std::vector<std::string> &words) {
+    const auto number = [&](size_t word) { return static_cast<int>(std::strtol(words[word].c_str(), nullptr, 10)); };
+    if (g_program.empty()) return kExitUsage;
+    if (words[0] == "inner-init" && words.size() == 3) return inner_init(number(1), number(2), g_program);
+    if (words[0] == "inner-exec" && words.size() == 2) return execute_inside(words[1], g_program);
+    return kExitUsage;
 }
 
-int run(int argc, char **argv) {
-    std::vector<std::string> words;
-    Rest rest;
-    for (int i = 1; i < argc; ++i) {
-        if (!rest.present && std::string_view(argv[i]) == "--") {
-            rest.present = true;
-        } else {
-            (rest.present ? rest.words : words).emplace_back(argv[i]);
-        }
-    }
-    if (!words.empty() && words[0] == "inner-init") return run_inner_init(words, rest);
+int run(const std::vector<std::string> &arguments) {
+    const auto dashes = std::find(arguments.begin(), arguments.end(), "--");
+    const std::vector<std::string> words(arguments.begin(), dashes);
+    if (dashes != arguments.end()) g_program.assign(dashes + 1, arguments.end());
+    if (!words.empty() && words[0].rfind("inner-", 0) == 0) return run_inner(words);
 
     CLI::App app(
-        "A simulated TV set for the flight recorder: runs the daemon at its real paths in a namespace of its own,\n"
-        "with a kernel module, key presses, USB sticks and settings to play with.",
+        "A simulated TV set for the flight recorder: runs the daemon at its real paths in its own namespace, with a\n"
+        "kernel module, key presses, USB sticks and settings to play with.",
         "vestra-set");
-    app.set_version_flag("--version", "vestra-set " VESTRA_VERSION);
-    app.require_subcommand(1);
+    app.require_subcommand(1)->fallthrough();
     app.footer(kOverview);
-    std::string name = "default";
-    std::map<const CLI::App *, std::pair<const Command *, Action>> actions;
-    for (const Command &command : commands()) {
-        CLI::App *sub = app.add_subcommand(command.name, command.summary);
-        sub->footer(command.footer);
-        if (command.inside) add_name_option(*sub, name);
-        actions[sub] = {&command, command.setup(*sub)};
+    std::map<const CLI::App *, const Command *> commands;
+    for (const Command *command : kCommands) {
+        CLI::App *sub = app.add_subcommand(command->name, command->summary);
+        sub->footer(command->footer);
+        if (command->kind == Command::kInside) add_name_option(*sub);
+        if (command->add_options != nullptr) command->add_options(*sub);
+        commands[sub] = command;
     }
     try {
-        std::vector<std::string> reversed(words.rbegin(), words.rend());
-        app.parse(reversed);
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kExitOk : kExitUsage;
     }
-    const auto &[command, action] = actions.at(app.get_subcommands().front());
-    if (!command->inside || std::getenv("VESTRA_SET_INSIDE") != nullptr) return action(rest);
+    const Command &command = *commands.at(app.get_subcommands().front());
+    if (!g_program.empty() && command.kind != Command::kProgram) {
+        fail(std::string(command.name) + " takes nothing after \"--\"", kExitUsage);
+    }
+    if (command.kind != Command::kInside || std::getenv("VESTRA_SET_INSIDE") != nullptr) return command.run();
 
     std::vector<std::string> inside{kLauncher};
     inside.insert(inside.end(), words.begin(), words.end());
-    return execute_in_set(name, inside);
+    return execute_in_set(g_name, inside);
 }
 
 }  // namespace
@@ -95,9 +104,12 @@ int run(int argc, char **argv) {
 int main(int argc, char **argv) {
     vestra_set::open_standard_streams();
     try {
-        return vestra_set::run(argc, argv);
+        return vestra_set::run({argv + std::min(argc, 1), argv + argc});
+    } catch (const vestra_set::Failure &failure) {
+        vestra_set::say(failure.what());
+        return failure.code;
     } catch (const std::exception &problem) {
-        std::cerr << "vestra-set: " << problem.what() << std::endl;
+        vestra_set::say(problem.what());
         return vestra_set::kExitFailed;
     }
 }

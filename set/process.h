@@ -1,30 +1,29 @@
-// Starting a program inside the set.
+// Starting programs.
 #pragma once
 
 #include <sys/types.h>
+#include <sys/wait.h>
 
+#include <cerrno>
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace vestra_set {
 
-struct Spawn {
-    std::vector<std::string> argv;                                 // looked up in PATH
-    std::string directory;                                         // used where it exists, "/" otherwise
-    std::vector<std::pair<std::string, std::string>> environment;  // added
-    std::vector<int> stdio;                                        // three descriptors, or none: this process's own
-    // Whose signals from a terminal it gets: this process's group's, none (own group), or it stands apart altogether
-    // (own session), so that it may read a terminal that belongs to another.
-    enum { kSameGroup, kOwnGroup, kOwnSession } place = kSameGroup;
-};
+// Starts a program; `argv[0]` is looked up in PATH. In the child no signal is blocked or ignored; `prepare` then runs
+// there. Returns the process id when the program runs; -1 with `*error` (an errno) when it could not be run.
+pid_t spawn(const std::vector<std::string> &argv, const std::function<void()> &prepare, int *error);
 
-// Starts it with no signal blocked or ignored. Returns its process id; -1 with `*error` (an errno) when it could not be
-// run.
-pid_t spawn(const Spawn &what, int *error);
+// Waits until a child has ended and returns its wait status.
+int wait_for(pid_t child);
 
-// The exit code with which a shell tells that a program could not be run.
+// The exit code that a shell reports for a program that could not be run, and for one that ended with `status`.
 inline int exit_code_of_failed_run(int error) {
-    return error == 2 /* ENOENT */ ? 127 : 126;
+    return error == ENOENT ? 127 : 126;
+}
+inline int exit_code_of(int status) {
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 }  // namespace vestra_set

@@ -2,13 +2,17 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 
+#include "set/complain.h"
 #include "set/files.h"
 
 namespace vestra_set {
@@ -65,8 +69,14 @@ bool is_locked(const std::string &path) {
     return fd.valid() && fcntl(fd.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-pid_t lock_owner(const std::string &path) {
-    return static_cast<pid_t>(std::strtol(read_file(path).value_or("0").c_str(), nullptr, 10));
+// When a process was started, in clock ticks since the machine was; 0 when it has ended. Its name, which stands before
+// that in parentheses, may be anything.
+uint64_t start_time(const UniqueFd &process) {
+    const std::string stat = read_file(process_path(process) + "/stat").value_or("");
+    std::istringstream words(stat.substr(std::min(stat.size(), stat.rfind(')') + 1)));
+    std::string word;
+    for (int field = 3; field <= 22; ++field) words >> word;
+    return std::strtoull(word.c_str(), nullptr, 10);
 }
 
 }  // namespace
@@ -75,16 +85,65 @@ std::string set_directory(const std::string &name) {
     return base_directory() + "/" + name;
 }
 
+std::optional<RunningSet> find_set(const std::string &name) {
+    const std::string path = set_directory(name) + kLockSuffix;
+    if (!is_locked(path)) return std::nullopt;
+    RunningSet set;
+    set.name = name;
+    std::istringstream text(read_file(path).value_or(""));
+    text >> set.launcher >> set.init >> set.init_start >> std::ws;
+    std::getline(text, set.program);
+    return set;
+}
+
 std::vector<RunningSet> running_sets() {
     std::vector<RunningSet> sets;
     std::error_code ignored;
     for (const auto &entry : fs::directory_iterator(base_directory(), ignored)) {
-        const fs::path &path = entry.path();
-        if (path.extension() != kLockSuffix || !is_locked(path)) continue;
-        sets.push_back({path.stem(), lock_owner(path)});
+        if (entry.path().extension() != kLockSuffix) continue;
+        const auto set = find_set(entry.path().stem());
+        if (set) sets.push_back(*set);
     }
     std::sort(sets.begin(), sets.end(), [](const RunningSet &a, const RunningSet &b) { return a.name < b.name; });
     return sets;
+}
+
+RunningSet find_running_set(const std::string &name) {
+    const auto set = find_set(name);
+    if (set && open_init(*set).valid()) return *set;
+    if (set) {
+        fail("the set \"" + name + "\" is not up yet, or is ending; \"vestra-set wait\" waits until it is up",
+             kExitNotRunning);
+    }
+    std::string others;
+    for (const RunningSet &running : running_sets()) others += " " + running.name;
+    fail("no set \"" + name + "\" is running; " +
+             (others.empty() ? "start one with \"vestra-set run\"" : "running:" + others),
+         kExitNotRunning);
+}
+
+UniqueFd open_process(pid_t process) {
+    return UniqueFd(open(("/proc/" + std::to_string(process)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+bool signal_process(const UniqueFd &process, int number, int value) {
+    siginfo_t info{};
+    info.si_signo = number;
+    info.si_code = SI_QUEUE;
+    info.si_value.sival_int = value;
+    return syscall(SYS_pidfd_send_signal, process.get(), number, value >= 0 ? &info : nullptr, 0) == 0;
+}
+
+UniqueFd open_init(const RunningSet &set) {
+    if (set.init <= 0) return {};
+    UniqueFd init = open_process(set.init);
+    // Another process may have the process id by now.
+    if (!init.valid() || start_time(init) != set.init_start) return {};
+    return init;
+}
+
+std::string process_path(const UniqueFd &process) {
+    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(process.get());
 }
 
 std::unique_ptr<ClaimedDirectory> ClaimedDirectory::claim(const std::string &name, std::string *error) {
@@ -93,8 +152,8 @@ std::unique_ptr<ClaimedDirectory> ClaimedDirectory::claim(const std::string &nam
     UniqueFd lock = take_lock(path + kLockSuffix);
     if (!lock.valid()) {
         *error = "a set \"" + name + "\" is running already (process " +
-                 std::to_string(lock_owner(path + kLockSuffix)) + "); end it with \"vestra-set stop --name " + name +
-                 "\", or give this one another --name";
+                 std::to_string(find_set(name).value_or(RunningSet()).launcher) +
+                 "); end it with \"vestra-set stop --name " + name + "\", or give this one another --name";
         return nullptr;
     }
     const std::string owner = std::to_string(getpid()) + "\n";
@@ -106,6 +165,12 @@ std::unique_ptr<ClaimedDirectory> ClaimedDirectory::claim(const std::string &nam
     }
     if (!make_private(path, error)) return nullptr;
     return std::unique_ptr<ClaimedDirectory>(new ClaimedDirectory(path, std::move(lock)));
+}
+
+bool ClaimedDirectory::announce(pid_t init, const UniqueFd &process, const std::string &program) {
+    const std::string text = std::to_string(getpid()) + " " + std::to_string(init) + " " +
+                             std::to_string(start_time(process)) + " " + program + "\n";
+    return pwrite(lock_.get(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
 }
 
 ClaimedDirectory::~ClaimedDirectory() {

@@ -1,10 +1,14 @@
-// Directories of the sets of this user on the host: ${XDG_RUNTIME_DIR or /tmp}/vestra-set-UID/NAME, beside each a lock
-// file NAME.lock that is held for as long as the set runs and contains the launcher's process id.
+// The sets of this user that run, on the host: a directory ${XDG_RUNTIME_DIR or /tmp}/vestra-set-UID/NAME for each, and
+// a lock file NAME.lock that the launcher holds for as long as the set runs. The lock file holds a line "LAUNCHER", and
+// once the set is up "LAUNCHER INIT START PROGRAM": process ids of the launcher and of the set's first process, the
+// time at which that was started, and the set's program.
 #pragma once
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,16 +21,36 @@ std::string set_directory(const std::string &name);
 
 struct RunningSet {
     std::string name;
-    pid_t launcher;
+    pid_t launcher = 0;
+    pid_t init = 0;           // the set's first process; 0 while the set is not up
+    uint64_t init_start = 0;  // clock ticks since the machine was started
+    std::string program;
 };
 
-// The sets of this user that run now, by name.
+// The sets of this user that run now, by name; and the one of a name.
 std::vector<RunningSet> running_sets();
+std::optional<RunningSet> find_set(const std::string &name);
 
-// A set's directory, empty at first, held for one launcher and removed with this object.
+// The same for a command that needs the set to be up; throws Failure where it is not.
+RunningSet find_running_set(const std::string &name);
+
+// Directory of a process in /proc. It stays with that process: once the process has ended, what is looked up in it
+// fails, even if another process has got the process id.
+UniqueFd open_process(pid_t process);
+
+// Sends a signal to that process, with `value` where it is not negative. False with errno set when it has ended.
+bool signal_process(const UniqueFd &process, int number, int value = -1);
+
+// That of a set's first process. Not valid when it has ended, or the set is not up.
+UniqueFd open_init(const RunningSet &set);
+
+// Path of such a directory, for this process and others of this user.
+std::string process_path(const UniqueFd &process);
+
+// A set's directory, empty at first, held by one launcher and removed with this object.
 class ClaimedDirectory {
   public:
-    // What a killed set has left under this name is removed. Null with `*error` set when the name is taken, or the
+    // Removes what a killed set has left under this name. Null with `*error` set when the name is taken, or the
     // directory cannot be made or is not safe to use.
     static std::unique_ptr<ClaimedDirectory> claim(const std::string &name, std::string *error);
     ~ClaimedDirectory();
@@ -34,6 +58,10 @@ class ClaimedDirectory {
     ClaimedDirectory &operator=(const ClaimedDirectory &) = delete;
 
     const std::string &path() const { return path_; }
+
+    // Says that the set is up; `init` is its first process, `process` that one's directory in /proc. False with errno
+    // set on failure.
+    bool announce(pid_t init, const UniqueFd &process, const std::string &program);
 
   private:
     ClaimedDirectory(std::string path, UniqueFd lock) : path_(std::move(path)), lock_(std::move(lock)) {}

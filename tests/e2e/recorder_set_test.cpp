@@ -148,8 +148,8 @@ TEST_F(Recorder, HistoryNeedsADatabaseThatCanBeWritten) {
         row.spoil();
         const Ran failed = remote("history --timeout 1");
         EXPECT_EQ(failed.code, 1);
-        EXPECT_THAT(failed.err, HasSubstr("the history was not filled: key memory/SHM/trigger_db_write still stands "
-                                          "at 1 after 1 s"));
+        EXPECT_THAT(failed.err, HasSubstr("the history was not written: key memory/SHM/trigger_db_write is still "
+                                          "1 after 1 s"));
         EXPECT_TRUE(comes_true([&] { return logged(row.message); }));
         EXPECT_TRUE(records());
         row.mend();
