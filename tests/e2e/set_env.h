@@ -10,17 +10,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
+#include <sstream>
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -32,24 +29,14 @@
 
 namespace vestra_test {
 
-namespace fs = std::filesystem;
 using namespace ::testing;
 using nlohmann::json;
 
 constexpr char kLog[] = "/tmp/vestrad.log";
 constexpr char kPrinted[] = "/tmp/vestrad.out";
 constexpr char kErrors[] = "/tmp/vestrad.err";  // what the daemon's child programs have to say
-constexpr char kStick[] = "/media/stick";
-constexpr char kTrailer[] = "1234.5/QX-55\n\x0d";
 constexpr char kHistoryKey[] = "memory/SHM/trigger_db_write";
 constexpr char kDatabase[] = "/opt/usr/home/owner/share/tvhistory.db";
-
-inline std::vector<std::string> names_in(const fs::path &directory) {
-    std::vector<std::string> names;
-    for (const auto &entry : fs::directory_iterator(directory)) names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 // How often a part stands in a text.
 inline size_t count(const std::string &text, const std::string &part) {
@@ -165,7 +152,7 @@ class SetTest : public Test {
         fs::remove_all(kStick);
         fs::create_directories(kStick);
         fs::create_directories("/tmp/fault");
-        write_file("/etc/prd_info.ini", "Model=QX-55\nBuild=1234.5\r\n");
+        write_file("/etc/prd_info.ini", kVersionText);
         // Without a stick the daemon looks for one, three seconds long.
         usb_device_plug("stick", kStick, USB_DEVICE_CLASS_MASS_STORAGE);
         configure({});

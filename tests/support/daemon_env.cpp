@@ -1,9 +1,6 @@
 #include "support/daemon_env.h"
 
-#include <fstream>
-#include <iterator>
 #include <regex>
-#include <set>
 
 #include "platform/dlog.h"
 
@@ -32,9 +29,6 @@ static void reset_globals() {
     if (inotify_fd >= 0) close(inotify_fd);
     inotify_fd = inotify_wd = -1;
 }
-
-// What lies in /tmp when the program begins: the build tree may be bound there. It is left alone and not shown.
-static const std::set<fs::path> kNotOurs(fs::directory_iterator("/tmp"), fs::directory_iterator{});
 
 // Removes files at the set's own paths: never outside a set.
 static void clean_set() {
@@ -85,7 +79,7 @@ void DaemonTest::append_block(size_t size, char fill) {
 
 void DaemonTest::make_debug_image() {
     write_file("/etc/debug", "");
-    write_file("/etc/prd_info.ini", "Model=QX-55\nBuild=1234.5\r\n");
+    write_file("/etc/prd_info.ini", kVersionText);
     g_vestra_config.user_notification_on = 1;
 }
 
@@ -109,25 +103,6 @@ std::string drain_node() {
     std::string text(65536, '\0');
     text.resize(static_cast<size_t>(std::max<ssize_t>(read(node, text.data(), text.size()), 0)));
     return text;
-}
-
-void write_file(const fs::path &path, std::string_view text) {
-    fs::create_directories(path.parent_path());
-    ASSERT_TRUE(std::ofstream(path, std::ios::binary | std::ios::trunc) << text << std::flush) << path;
-}
-
-std::string read_file(const fs::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-Strings names_in(const fs::path &directory) {
-    Strings names;
-    for (const auto &entry : fs::directory_iterator(directory)) {
-        if (kNotOurs.count(entry.path()) == 0) names.push_back(entry.path().filename());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 std::string notices() {

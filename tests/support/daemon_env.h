@@ -14,13 +14,9 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <functional>
-#include <string>
-#include <string_view>
 #include <tuple>
 #include <variant>
-#include <vector>
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -28,14 +24,13 @@
 #include "platform/state_dir.h"
 #include "platform/usb_device.h"
 #include "platform/vestra_api.h"
+#include "support/files.h"
 #include "vestra-daemon/decoder.h"
 #include "vestra-daemon/vestrad.h"
 
 namespace vestra_test {
 
-namespace fs = std::filesystem;
 using namespace ::testing;
-using Strings = std::vector<std::string>;
 template <class... Columns>
 using Table = std::vector<std::tuple<Columns...>>;
 
@@ -118,13 +113,8 @@ void put(const std::string &block);
 std::string drain_node();  // what is in it now
 
 inline constexpr char kControlNode[] = "/proc/vesertra_info";
-inline constexpr char kStick[] = "/tmp/stick";
-inline constexpr char kTrailer[] = "1234.5/QX-55\n\x0d";  // of the version file that make_debug_image writes
 
-void write_file(const fs::path &path, std::string_view text);
-std::string read_file(const fs::path &path);
-Strings names_in(const fs::path &directory);  // sorted; in /tmp the tests' own only
-std::string notices();                        // the notice spool
+std::string notices();  // the notice spool
 std::string printed_by(const std::function<void()> &body);
 int next_descriptor();  // that would be opened: the same before and after what leaks none
 bool lock_is_free();    // the chain's

@@ -4,23 +4,10 @@
 #include <sys/wait.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
+
+#include "support/files.h"
 
 namespace vestra_test {
-
-inline std::string read_file(const std::filesystem::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-inline void write_file(const std::filesystem::path &path, const std::string &text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
 
 struct Ran {
     int code;

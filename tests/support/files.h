@@ -1,0 +1,48 @@
+// Files for tests: read, write and list them; the version file that a dump takes its trailer from; a USB stick.
+#pragma once
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "gtest/gtest.h"
+
+namespace vestra_test {
+
+namespace fs = std::filesystem;
+using Strings = std::vector<std::string>;
+
+inline constexpr char kStick[] = "/tmp/stick";
+inline constexpr char kVersionText[] = "Model=QX-55\nBuild=1234.5\r\n";  // of /etc/prd_info.ini
+inline constexpr char kTrailer[] = "1234.5/QX-55\n\x0d";                 // of a dump that was written with it
+
+inline std::string read_file(const fs::path &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Makes the directory, too, if there is none.
+inline void write_file(const fs::path &path, std::string_view text) {
+    fs::create_directories(path.parent_path());
+    ASSERT_TRUE(std::ofstream(path, std::ios::binary | std::ios::trunc) << text << std::flush) << path;
+}
+
+// What is in /tmp when the program starts: the build tree may be mounted there.
+inline const std::set<fs::path> kNotOurs(fs::directory_iterator("/tmp"), fs::directory_iterator{});
+
+// The names in a directory, sorted; in /tmp only what the tests made there.
+inline Strings names_in(const fs::path &directory) {
+    Strings names;
+    for (const auto &entry : fs::directory_iterator(directory)) {
+        if (kNotOurs.count(entry.path()) == 0) names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+}  // namespace vestra_test
