@@ -85,29 +85,32 @@ static bool fails_now(Call call, int error) {
 
 extern "C" {
 
-ssize_t __real_write(int fd, const void *data, size_t size);
-int __real_fsync(int fd);
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-int __real_open64(const char *path, int flags, ...);
-FILE *__real_fopen64(const char *path, const char *mode);
-ssize_t __real_read(int fd, void *data, size_t size);
-int __real_rename(const char *from, const char *to);
-int __real_inotify_init1(int flags);
-int __real_inotify_add_watch(int fd, const char *path, uint32_t mask);
-int __real_sqlite3_exec(sqlite3 *db, const char *sql, int (*row)(void *, int, char **, char **), void *out,
-                        char **error);
-pid_t __real_fork();
-pid_t __real_waitpid(pid_t child, int *status, int options);
-int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument);
-int __real_pthread_join(pthread_t thread, void **result);
-int __real_vconf_notify_key_changed(const char *key, vconf_callback_fn callback, void *user_data);
-int __real_vconf_ignore_key_changed(const char *key, vconf_callback_fn callback);
-int __real_notification_post(notification_h notification);
-int __real_KeyCombination_Add_Handler(_KeyComb combination, KeyCombination_Handler handler);
-int __real_vestra_request_sem_lock_func(const char *caller, int n);
+// The real operation, and the one that is called instead: it first does FIRST.
+#define WRAP(NAME, PARAMETERS, ARGUMENTS, FIRST)                       \
+    decltype(NAME) __real_##NAME;                                      \
+    auto __wrap_##NAME PARAMETERS->decltype(__real_##NAME ARGUMENTS) { \
+        FIRST;                                                         \
+        return __real_##NAME ARGUMENTS;                                \
+    }
+#define FAILS(CALL, ERROR, RESULT) \
+    if (fails_now(CALL, ERROR)) return RESULT
 
-// Every line of the daemon begins with the five arguments of its prefix. A stand-in's lines are passed over.
+WRAP(malloc, (size_t size), (size), FAILS(kMalloc, ENOMEM, nullptr))
+WRAP(calloc, (size_t count, size_t size), (count, size), FAILS(kMalloc, ENOMEM, nullptr))
+WRAP(rename, (const char *from, const char *to), (from, to), FAILS(kRename, EIO, -1))
+WRAP(fork, (), (), FAILS(kFork, EAGAIN, -1))
+WRAP(inotify_init1, (int flags), (flags), FAILS(kInotify, ENOSPC, -1))
+WRAP(inotify_add_watch, (int fd, const char *path, uint32_t mask), (fd, path, mask), FAILS(kInotify, ENOSPC, -1))
+WRAP(vconf_notify_key_changed, (const char *key, vconf_callback_fn callback, void *data), (key, callback, data),
+     note("call notify ", key))
+WRAP(vconf_ignore_key_changed, (const char *key, vconf_callback_fn callback), (key, callback),
+     note("call ignore ", key))
+WRAP(KeyCombination_Add_Handler, (_KeyComb combination, KeyCombination_Handler handler), (combination, handler),
+     note("call combination ", std::to_string(combination)))
+// The JSON library of the simulated notices ends the process when memory runs out while it frees some.
+WRAP(notification_post, (notification_h notice), (notice), const OwnCalls ours)
+
+// Every line of the daemon begins with the five arguments of its prefix. Lines of the simulated services are skipped.
 int __wrap___dlog_print(log_id_t id, int priority, const char *tag, const char *format, ...) {
     constexpr size_t kPrefix = sizeof(VESTRA_LOG_PREFIX) - 1;
     const int error = errno;
@@ -178,12 +181,12 @@ static bool is_temporary_file(const std::string &path) {
     return path.rfind("/tmp/temp-vestra", 0) == 0;
 }
 
-static bool is_of_a_stand_in(std::string_view path) {
+static bool is_of_a_service(std::string_view path) {
     const OwnCalls ours;
-    const std::string theirs = state_path("");
-    return path.substr(0, theirs.size()) == theirs;
+    return path.rfind(state_path(""), 0) == 0;
 }
 
+decltype(write) __real_write;
 ssize_t __wrap_write(int fd, const void *data, size_t size) {
     std::string path;
     {
@@ -197,47 +200,20 @@ ssize_t __wrap_write(int fd, const void *data, size_t size) {
     return __real_write(fd, data, std::min(size, world().write_most));
 }
 
-ssize_t __wrap_read(int fd, void *data, size_t size) {
-    return !is_of_a_stand_in(path_of(fd)) && fails_now(kRead, EIO) ? -1 : __real_read(fd, data, size);
-}
-
-int __wrap_fsync(int fd) {
-    if (is_temporary_file(path_of(fd))) note("sync");
-    return fails_now(kFsync, EIO) ? -1 : __real_fsync(fd);
-}
-
-static bool opening_fails(const char *path) {
-    return !is_of_a_stand_in(path) && fails_now(kOpen, EMFILE);
-}
+WRAP(read, (int fd, void *data, size_t size), (fd, data, size),
+     if (!is_of_a_service(path_of(fd))) FAILS(kRead, EIO, -1))
+WRAP(fsync, (int fd), (fd), if (is_temporary_file(path_of(fd))) note("sync"); FAILS(kFsync, EIO, -1))
+WRAP(fopen64, (const char *path, const char *mode), (path, mode),
+     if (!is_of_a_service(path)) FAILS(kOpen, EMFILE, nullptr))
+decltype(open64) __real_open64;
 int __wrap_open64(const char *path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    return opening_fails(path) ? -1 : __real_open64(path, flags, mode);
+    return !is_of_a_service(path) && fails_now(kOpen, EMFILE) ? -1 : __real_open64(path, flags, mode);
 }
-FILE *__wrap_fopen64(const char *path, const char *mode) {
-    return opening_fails(path) ? nullptr : __real_fopen64(path, mode);
-}
-
-void *__wrap_malloc(size_t size) {
-    return fails_now(kMalloc, ENOMEM) ? nullptr : __real_malloc(size);
-}
-void *__wrap_calloc(size_t count, size_t size) {
-    return fails_now(kMalloc, ENOMEM) ? nullptr : __real_calloc(count, size);
-}
-
-int __wrap_rename(const char *from, const char *to) {
-    return fails_now(kRename, EIO) ? -1 : __real_rename(from, to);
-}
-
-int __wrap_inotify_init1(int flags) {
-    return fails_now(kInotify, ENOSPC) ? -1 : __real_inotify_init1(flags);
-}
-int __wrap_inotify_add_watch(int fd, const char *path, uint32_t mask) {
-    return fails_now(kInotify, ENOSPC) ? -1 : __real_inotify_add_watch(fd, path, mask);
-}
-
+decltype(sqlite3_exec) __real_sqlite3_exec;
 int __wrap_sqlite3_exec(sqlite3 *db, const char *sql, int (*row)(void *, int, char **, char **), void *out,
                         char **error) {
     if (!fails_now(kSql, EIO)) return __real_sqlite3_exec(db, sql, row, out, error);
@@ -245,13 +221,11 @@ int __wrap_sqlite3_exec(sqlite3 *db, const char *sql, int (*row)(void *, int, ch
     return SQLITE_IOERR;
 }
 
-pid_t __wrap_fork() {
-    return fails_now(kFork, EAGAIN) ? -1 : __real_fork();
-}
 // The real one cannot be called from a function that returns. To the caller the two are one.
 pid_t __wrap_vfork() {
     return __wrap_fork();
 }
+decltype(waitpid) __real_waitpid;
 pid_t __wrap_waitpid(pid_t child, int *status, int options) {
     const pid_t ended = __real_waitpid(child, status, options);
     return fails_now(kWaitpid, ECHILD) ? -1 : ended;
@@ -261,6 +235,7 @@ static void *return_at_once(void * /*argument*/) {
     return nullptr;
 }
 
+decltype(pthread_create) __real_pthread_create;
 int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*)(void *), void *argument) {
     if (fails_now(kThread, EAGAIN)) return EAGAIN;
     return __real_pthread_create(thread, attributes, return_at_once, argument);
@@ -275,6 +250,7 @@ int __wrap_pthread_setname_np(pthread_t thread, const char *name) {
     return world().name_error;
 }
 
+decltype(pthread_join) __real_pthread_join;
 int __wrap_pthread_join(pthread_t thread, void **result) {
     {
         const OwnCalls ours;
@@ -289,27 +265,7 @@ int __wrap_nice(int increment) {
     return world().nice_result;
 }
 
-int __wrap_vconf_notify_key_changed(const char *key, vconf_callback_fn callback, void *user_data) {
-    note("call notify ", key);
-    return __real_vconf_notify_key_changed(key, callback, user_data);
-}
-
-int __wrap_vconf_ignore_key_changed(const char *key, vconf_callback_fn callback) {
-    note("call ignore ", key);
-    return __real_vconf_ignore_key_changed(key, callback);
-}
-
-int __wrap_KeyCombination_Add_Handler(_KeyComb combination, KeyCombination_Handler handler) {
-    note("call combination ", std::to_string(combination));
-    return __real_KeyCombination_Add_Handler(combination, handler);
-}
-
-// The stand-in's JSON library ends the process when memory runs out while it frees some.
-int __wrap_notification_post(notification_h notification) {
-    const OwnCalls ours;
-    return __real_notification_post(notification);
-}
-
+decltype(vestra_request_sem_lock_func) __real_vestra_request_sem_lock_func;
 int __wrap_vestra_request_sem_lock_func(const char *caller, int n) {
     EXPECT_STREQ(caller, "client_request_process");
     EXPECT_EQ(n, 6);
