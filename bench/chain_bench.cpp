@@ -60,7 +60,7 @@ class Node {
 // An empty chain with a budget of `mib` MiB, and a stream of blocks of `block_size` bytes.
 class Chain {
   public:
-    Chain(size_t block_size, int64_t mib) : stream_(1500, Life::steady, kBlock / block_size, block_size) {
+    Chain(size_t block_size, int64_t mib) : stream_(1500, Life::steady, trace::kBlockMax / block_size, block_size) {
         dlog_set_threshold(DLOG_ERROR + 1);
         free_bufs(&ghead_s);
         init_collected_data();
@@ -125,7 +125,7 @@ void Decode(benchmark::State &state) {
     });
 }
 void Memcpy(benchmark::State &state) {
-    static Block target(kBlock);
+    static Block target(trace::kBlockMax);
     Chain(static_cast<size_t>(state.range(0)), 1).measure(state, [](const Block &block) {
         std::memcpy(target.data(), block.data(), block.size());
         benchmark::ClobberMemory();
@@ -151,7 +151,7 @@ void make_rooms() {
 template <class Work>
 void run_dumps(benchmark::State &state, Work work) {
     make_rooms();
-    Chain(kBlock, state.range(0)).fill();
+    Chain(trace::kBlockMax, state.range(0)).fill();
     for (auto unused : state) {
         (void)unused;
         const auto start = Clock::now();

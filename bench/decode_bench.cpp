@@ -66,7 +66,7 @@ void decode(const Block &block) {
 }
 
 void copy(const Block &block) {
-    static Block target(kBlock);
+    static Block target(trace::kBlockMax);
     std::memcpy(target.data(), block.data(), block.size());
     benchmark::DoNotOptimize(target.data());
     benchmark::ClobberMemory();

@@ -15,7 +15,6 @@ namespace vestra_bench {
 using Block = std::vector<uint8_t>;
 
 constexpr int kMessagesPerFrame = 8;
-constexpr size_t kBlock = 131072;
 constexpr uint64_t kMessageInterval = 1'000'000'000 / 1500;
 constexpr size_t kMessagesPerTick = 1500 / 250;  // the cores' counters advance once a tick
 
@@ -30,7 +29,7 @@ enum class Life {
 class Stream {
   public:
     // next() returns `blocks` blocks. 24 of them hold three samples of each of 10,000 short-lived processes.
-    explicit Stream(int processes, Life life = Life::steady, size_t blocks = 10, size_t block_size = kBlock)
+    explicit Stream(int processes, Life life = Life::steady, size_t blocks = 10, size_t block_size = trace::kBlockMax)
         : life_(life), block_size_(block_size), blocks_(blocks) {
         for (int i = 0; i < processes; ++i) {
             Process process;

@@ -98,24 +98,21 @@ std::string totals_text(const DumpTotals &totals) {
 }  // namespace
 
 // The reader's calls of these two functions come here.
-std::optional<size_t> real_well_formed(const uint8_t *frame, size_t size,
-                                       size_t limit) asm("__real__ZN11vestra_dump11well_formedEPKhmm");
-std::optional<size_t> counted_well_formed(const uint8_t *frame, size_t size,
-                                          size_t limit) asm("__wrap__ZN11vestra_dump11well_formedEPKhmm");
-Fault real_read(FrameMessages *self, const uint8_t *frame,
-                size_t size) asm("__real__ZN11vestra_dump13FrameMessages4readEPKhm");
-Fault counted_read(FrameMessages *self, const uint8_t *frame,
-                   size_t size) asm("__wrap__ZN11vestra_dump13FrameMessages4readEPKhm");
+bool real_begins_frame(const uint8_t *at, size_t size) asm("__real__ZN5trace12begins_frameEPKhm");
+bool counted_begins_frame(const uint8_t *at, size_t size) asm("__wrap__ZN5trace12begins_frameEPKhm");
+trace::FrameFault real_read(FrameMessages *self, const uint8_t *frame,
+                            size_t size) asm("__real__ZN11vestra_dump13FrameMessages4readEPKhm");
+trace::FrameFault counted_read(FrameMessages *self, const uint8_t *frame,
+                               size_t size) asm("__wrap__ZN11vestra_dump13FrameMessages4readEPKhm");
 
-std::optional<size_t> counted_well_formed(const uint8_t *frame, size_t size, size_t limit) {
+bool counted_begins_frame(const uint8_t *at, size_t size) {
     ++looks;
-    FUZZ_RULE(limit <= 8, "a check reads only a few messages");
-    return real_well_formed(frame, size, limit);
+    return real_begins_frame(at, size);
 }
 
-Fault counted_read(FrameMessages *self, const uint8_t *frame, size_t size) {
-    const Fault fault = real_read(self, frame, size);
-    bytes_read += fault == Fault::kNone ? size : self->end();
+trace::FrameFault counted_read(FrameMessages *self, const uint8_t *frame, size_t size) {
+    const trace::FrameFault fault = real_read(self, frame, size);
+    bytes_read += fault == trace::FrameFault::kNone ? size : self->end();
     return fault;
 }
 
@@ -135,7 +132,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // One pass over the file, and up to three over its end for the trailer. In each pass, at most the file's size, the
     // free allowance and one record are read again.
     constexpr uint64_t kPasses = 4;
-    const uint64_t most_of_a_pass = 2 * bytes.size() + Rework::kFree + kRecordMax;
+    const uint64_t most_of_a_pass = 2 * bytes.size() + Rework::kFree + trace::kRecordMax;
     FUZZ_RULE(looks <= kPasses * bytes.size(), "no offset is checked more than once a pass");
     FUZZ_RULE(bytes_read <= kPasses * most_of_a_pass, "reading again is bounded by the file's size");
     const uint64_t trailer = totals.trailer ? totals.trailer->bytes.size() : 0;

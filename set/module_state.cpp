@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <chrono>
 
+#include "trace/frame_walk.h"
+
 namespace vestra_set {
 namespace {
 
@@ -17,17 +19,14 @@ double now() {
 
 // Counts a block's frames by type. False when the block is not a whole number of frames.
 bool count_frames(const uint8_t *block, size_t size, std::array<uint64_t, 256> *frames) {
-    size_t offset = 0;
-    while (size - offset >= 4) {
-        const size_t length = block[offset] | static_cast<size_t>(block[offset + 1]) << 8 |
-                              static_cast<size_t>(block[offset + 2]) << 16 |
-                              static_cast<size_t>(block[offset + 3]) << 24;
-        offset += 4;
-        if (length > size - offset) return false;
-        if (length > 0) ++(*frames)[block[offset]];
-        offset += length;
+    const uint8_t *const end = block + size;
+    while (block != end) {
+        const Record record = take_record(block, end);
+        if (record.next == nullptr) return false;
+        if (record.size > 0) ++(*frames)[record.frame[0]];
+        block = record.next;
     }
-    return offset == size;
+    return true;
 }
 
 }  // namespace

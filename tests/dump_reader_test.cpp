@@ -182,7 +182,7 @@ TEST(DumpReader, BytesAreReadAgainAtMostOnceHoweverTheyAreLaidOut) {
     }
     EXPECT_EQ(rework.bytes_passed(), bytes.size());
     EXPECT_GT(rework.bytes_again(), vestra_dump::Rework::kFree) << "the limit is what ends it";
-    EXPECT_LE(rework.bytes_again(), bytes.size() + vestra_dump::Rework::kFree + vestra_dump::kRecordMax);
+    EXPECT_LE(rework.bytes_again(), bytes.size() + vestra_dump::Rework::kFree + trace::kRecordMax);
 }
 
 // The simulated set has a reader that shares nothing with this one.

@@ -20,13 +20,16 @@ namespace trace {
 
 /* ------------------------------ Sizes ------------------------------ */
 
-constexpr size_t kBlockMax = 0x20000;            // bytes that one read of the control node asks for
-constexpr uint32_t kFrameMax = 0x20000;          // bytes of a frame, its type and core included
-constexpr uint32_t kLengthField = 4;             // bytes before a frame
+constexpr size_t kBlockMax = 0x20000;    // bytes that one read of the control node asks for
+constexpr uint32_t kFrameMax = 0x20000;  // bytes of a frame, its type and core included
+constexpr uint32_t kLengthField = 4;     // bytes before a frame
+constexpr uint32_t kRecordMax = kLengthField + kFrameMax;
 constexpr int kFrameHeader = 1 + 1;              // type, core
 constexpr uint32_t kEmptyRecord = kLengthField;  // bytes of the record that ends a block: a length of 0 and no frame
 constexpr int kVarintMax = 10;                   // bytes
 constexpr int kCoreCount = 4;
+// Bytes of the longest trailer after a dump's blocks: build and model text, "QXLiteMode=-2147483648", two lengths.
+constexpr size_t kTrailerMax = 121 + 32 + 22 + 2;
 constexpr size_t kNameKept = 14;  // bytes of a process name that the daemon keeps
 
 /* ------------------------------ Element tables ------------------------------ */

@@ -9,7 +9,7 @@ namespace vestra_dump {
 namespace {
 
 // The last bytes of what was read are held back, because they may be the trailer.
-constexpr size_t kLookahead = kRecordLookahead + kTrailerMax;
+constexpr size_t kLookahead = kRecordLookahead + trace::kTrailerMax;
 
 // A stretch of the file that moves forward.
 class Window {
@@ -64,7 +64,7 @@ class Reader {
         for (;;) {
             window_.fill();
             if (window_.ended() && !trailer_known_) find_trailer();
-            const size_t left = window_.size() - (window_.ended() ? trailer_size() : kTrailerMax);
+            const size_t left = window_.size() - (window_.ended() ? trailer_size() : trace::kTrailerMax);
             if (left == 0) break;
             take(judge_record({window_.data(), left, window_.ended()}, searching_, &messages_, &rework_));
         }
@@ -121,7 +121,7 @@ class Reader {
         set_times(messages_.switches);
         set_times(messages_.memories);
         frame.raw = frame_bytes;
-        frame.raw_size = is_known_type(frame_bytes[0]) ? messages_.end() : record.size - trace::kLengthField;
+        frame.raw_size = trace::is_known_type(frame_bytes[0]) ? messages_.end() : record.size - trace::kLengthField;
         visitor_.on_frame(frame);
         for (const SwitchSample &sample : messages_.switches) visitor_.on_switch(sample);
         for (const MemorySample &sample : messages_.memories) visitor_.on_memory(sample);
@@ -163,7 +163,7 @@ class Reader {
     void find_trailer() {
         trailer_known_ = true;
         if (window_.size() == 0 || !window_.error().empty()) return;
-        const size_t tail = std::min(window_.size(), kTrailerMax);
+        const size_t tail = std::min(window_.size(), trace::kTrailerMax);
         auto readings = read_trailer({reinterpret_cast<const char *>(window_.data() + window_.size() - tail), tail});
         if (readings.empty() || ending_without(0) != Ending::kInDamage) return;
         for (TrailerReading &reading : readings) {

@@ -4,11 +4,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string_view>
 #include <vector>
 
-#include "trace/trace_format.h"
+#include "trace/frame_walk.h"
 
 namespace vestra_dump {
 
@@ -29,9 +28,9 @@ struct SwitchSample {
     uint64_t rss, swap;              // KiB
     double context_switches, running;
     std::array<CoreFigures, trace::kCoreCount> cores;
-    uint8_t core;     // the frame's
-    bool accounted;   // the daemon takes it into its process list: process id and both memory figures are there
-    uint32_t behind;  // offset in the frame behind the message
+    uint8_t core;    // the frame's
+    bool accounted;  // the daemon takes it into its process list: process id and both memory figures are there
+    uint32_t end;    // of the message: offset in the frame
 };
 constexpr size_t kNameShown = 64;
 
@@ -39,40 +38,28 @@ constexpr size_t kNameShown = 64;
 struct MemorySample {
     int64_t time_ns;
     std::array<double, 6> figures;  // vitals 11 to 16
-    uint32_t behind;
+    uint32_t end;
 };
 
-enum class Fault : uint8_t {
-    kNone,
-    kOneByte,      // a frame without room for a core
-    kCore,         // a core that is none
-    kMessageType,  // neither 1 nor 2
-    kElement       // cut short, a number of more than ten bytes, or an empty text
-};
-
-// A frame of type 7 or 8, message by message up to the first fault. One is used again and again: it keeps its memory,
-// which is bounded by the longest frame.
+// The messages of a frame, up to its first fault. One object is used for frame after frame: it keeps its memory, which
+// is bounded by the longest frame.
 class FrameMessages {
   public:
-    // Reads the `size` bytes behind a length field. The names are views of them.
-    Fault read(const uint8_t *frame, size_t size);
+    // Reads a frame of a known type and returns its fault. Names are views of the frame.
+    trace::FrameFault read(const uint8_t *frame, size_t size);
+
+    void clear();
 
     size_t count() const { return switches.size() + memories.size(); }
 
     // Leaves only the messages that end at or before that offset in the frame.
     void keep_up_to(size_t offset);
 
-    // Offset behind the last message; behind the header when there is none.
+    // Offset in the frame past the last message, or past type and core if there is none.
     size_t end() const;
 
     std::vector<SwitchSample> switches;  // one of the two is empty
     std::vector<MemorySample> memories;
 };
-
-// Looks at a frame of known type without reading its figures: how many messages it has up to its end, or `limit` when
-// so many are well-formed. Nothing when something is wrong with it so far.
-std::optional<size_t> well_formed(const uint8_t *frame, size_t size, size_t limit);
-
-bool is_known_type(uint8_t type);
 
 }  // namespace vestra_dump

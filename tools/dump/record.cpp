@@ -5,35 +5,16 @@
 namespace vestra_dump {
 namespace {
 
-// The beginning of a frame is believed when so many messages are well-formed, or all of a shorter frame. A limit,
-// because bytes can be laid out so that nearly every one begins a long frame with a fault at its end.
-constexpr size_t kBelieved = 8;
-
 // Rows of empty records that are taken as such; longer ones are what a crash or a worn stick leaves behind.
 constexpr size_t kZeroRow = 128;  // bytes
 
-constexpr size_t kLengthField = trace::kLengthField;
-
-bool begins_frame(const uint8_t *at, size_t left) {
-    constexpr size_t kLeast = kLengthField + static_cast<size_t>(trace::kFrameHeader) + 1;
-    if (left < kLeast || at[3] != 0 || !is_known_type(at[kLengthField])) return false;  // most places end here
-    const size_t size = trace::get_frame_len(at);
-    if (size > trace::kFrameMax || size > left - kLengthField || size <= static_cast<size_t>(trace::kFrameHeader))
-        return false;
-    return well_formed(at + kLengthField, size, kBelieved).value_or(0) > 0;
-}
-static_assert(trace::kFrameMax < 1U << 24, "the last byte of a length is 0");
-
-// First place in [from, to) where a frame begins, else `to`.
-size_t find_frame(const View &view, size_t from, size_t to) {
-    while (from < to && !begins_frame(view.at + from, view.size - from)) ++from;
-    return from;
-}
+using trace::FrameFault;
+using trace::kLengthField;
 
 // Damage from here to where the next frame begins.
 Record search(const View &view, size_t from, Reason reason) {
-    const size_t to = view.last ? view.size : view.size - kRecordMax;
-    const size_t found = find_frame(view, from, to);
+    const size_t to = view.last ? view.size : view.size - trace::kRecordMax;
+    const size_t found = trace::find_frame(view.at, view.size, from, to);
     return {Record::kDamaged, reason, found == to && !view.last, found};
 }
 
@@ -41,15 +22,15 @@ bool is_zero_row(const View &view) {
     return view.size >= kZeroRow && std::all_of(view.at, view.at + kZeroRow, [](uint8_t byte) { return byte == 0; });
 }
 
-Reason reason_of(Fault fault) {
+Reason reason_of(FrameFault fault) {
     switch (fault) {
-        case Fault::kOneByte:
+        case FrameFault::kShort:
             return Reason::kOneByte;
-        case Fault::kCore:
+        case FrameFault::kCore:
             return Reason::kCore;
-        case Fault::kMessageType:
+        case FrameFault::kMessageType:
             return Reason::kMessageType;
-        case Fault::kElement:
+        case FrameFault::kElement:
             return Reason::kElement;
         default:
             return Reason::kNone;
@@ -60,23 +41,23 @@ Reason reason_of(Fault fault) {
 Record judge_frame(const View &view, size_t length, size_t there, FrameMessages *messages, Rework *rework) {
     const uint8_t *frame = view.at + kLengthField;
     const bool cut = there < length;
-    const bool known = there > 0 && is_known_type(frame[0]);
-    Fault fault = Fault::kNone;
+    const bool known = there > 0 && trace::is_known_type(frame[0]);
+    FrameFault fault = FrameFault::kNone;
     if (known) {
         fault = messages->read(frame, there);
-    } else if (length < static_cast<size_t>(trace::kFrameHeader)) {
-        fault = Fault::kOneByte;
+    } else if (length < trace::kFrameHeader) {
+        fault = FrameFault::kShort;
     }
     const size_t end = kLengthField + there;
-    if (known && !cut && fault == Fault::kNone) return {Record::kFrame, Reason::kNone, false, end};
-    const size_t next = rework->allowed() ? find_frame(view, 1, end) : end;
+    if (known && !cut && fault == FrameFault::kNone) return {Record::kFrame, Reason::kNone, false, end};
+    const size_t next = rework->allowed() ? trace::find_frame(view.at, view.size, 1, end) : end;
     if (next < end) {
         if (known) rework->again(end - next);
         messages->keep_up_to(next < kLengthField ? 0 : next - kLengthField);
         return {Record::kDamaged, Reason::kNextInside, false, next};
     }
     if (cut) return {Record::kDamaged, Reason::kPayloadEnds, false, view.size};
-    if (fault == Fault::kNone) return {Record::kFrame, Reason::kNone, false, end};
+    if (fault == FrameFault::kNone) return {Record::kFrame, Reason::kNone, false, end};
     return {Record::kDamaged, reason_of(fault), false, end};
 }
 
@@ -106,8 +87,7 @@ const char *describe(Reason reason) {
 }
 
 Record judge_record(const View &view, bool searching, FrameMessages *messages, Rework *rework) {
-    messages->switches.clear();
-    messages->memories.clear();
+    messages->clear();
     if (searching) {
         const Record damage = search(view, 0, Reason::kNone);
         if (damage.size > 0) return damage;

@@ -37,10 +37,8 @@ struct Record {
     size_t size;    // bytes, length field included; never 0
 };
 
-constexpr size_t kRecordMax = trace::kLengthField + trace::kFrameMax;
-
 // Bytes of the payload that must be in view where it goes on behind them: a record, and one that begins in it.
-constexpr size_t kRecordLookahead = 2 * kRecordMax;
+constexpr size_t kRecordLookahead = 2 * trace::kRecordMax;
 
 // Stretches of the payload. `last`: it ends with them; otherwise they are at least kRecordLookahead.
 struct View {
@@ -61,7 +59,8 @@ class Rework {
     uint64_t bytes_passed() const { return passed_; }
     uint64_t bytes_again() const { return again_; }
 
-    static constexpr uint64_t kFree = 8 * kRecordMax;  // bytes read again that are allowed beyond those that there are
+    static constexpr uint64_t kFree =
+        8 * trace::kRecordMax;  // bytes read again that are allowed beyond those that there are
 
   private:
     uint64_t passed_ = 0;

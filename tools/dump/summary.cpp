@@ -31,7 +31,7 @@ uint64_t frames_of(const DumpTotals &totals, int type) {
 
 uint64_t other_frames(const DumpTotals &totals) {
     uint64_t others = 0;
-    for (const auto &[type, count] : totals.frames) others += is_known_type(static_cast<uint8_t>(type)) ? 0 : count;
+    for (const auto &[type, count] : totals.frames) others += trace::is_known_type(type) ? 0 : count;
     return others;
 }
 

@@ -19,9 +19,6 @@ struct Trailer {
     bool model_cut = false;  // 32 bytes and no line end: there may have been more
 };
 
-// Bytes of the longest trailer that there can be: 121 of a build, 32 of a model, "QXLiteMode=-2147483648", two lengths.
-constexpr size_t kTrailerMax = 121 + 32 + 22 + 2;
-
 // What the end of a file can be read as, the likeliest first. `sure`: so much text that it is no accident; the others
 // count only where the payload in front of them ends with a whole record.
 struct TrailerReading {
