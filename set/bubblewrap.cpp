@@ -101,12 +101,9 @@ std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std:
     add({"--symlink", std::string(kRealProc) + "/self", "/proc/self"});
     add({"--ro-bind", "/etc", kRealEtc, "--tmpfs", "/etc"});
     add({"--dev", "/dev", "--tmpfs", "/dev/shm"});
-    if (plan.options.node) {
-        add({"--dev-bind", "/dev/fuse", "/dev/fuse"});
-        if (plan.options.source.kind == "host") {
-            for (const std::string path : {"/proc", "/sys"}) add({"--ro-bind", path, kHostDir + path});
-        }
-    }
+    if (plan.options.node) add({"--dev-bind", "/dev/fuse", "/dev/fuse"});
+    add({"--ro-bind", "/proc", kHostDir + std::string("/proc")});
+    if (plan.options.source.kind == "host") add({"--ro-bind", "/sys", kHostDir + std::string("/sys")});
     for (const char *path : {"/opt", "/tmp", "/run", "/sys"}) add({"--tmpfs", path});
 
     add({"--ro-bind", own_program(), kLauncher});

@@ -1,7 +1,5 @@
 // exec, wait, stop and list: commands about sets as a whole, from outside.
 
-#include <fcntl.h>
-
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -11,9 +9,8 @@
 #include "set/commands.h"
 #include "set/complain.h"
 #include "set/enter.h"
-#include "set/inner_init.h"
-#include "set/layout.h"
 #include "set/set_directory.h"
+#include "set/stop_watch.h"
 
 namespace vestra_set {
 namespace {
@@ -41,7 +38,7 @@ int wait_for_set() {
     const auto end = Clock::now() + Seconds(g_wait.timeout);
     for (;; std::this_thread::sleep_for(kLook)) {
         const auto set = find_set(g_name);
-        if (set && open_init(*set).valid()) return kExitOk;
+        if (set && open_program(*set).valid()) return kExitOk;
         if (Clock::now() >= end) fail("no set \"" + g_name + "\" came up", kExitNotRunning);
     }
 }
@@ -52,30 +49,16 @@ struct {
     double grace = 3;
 } g_stop;
 
-// Copies what was added to a file since the last call to standard output.
-void show_new(int file) {
-    char text[4096];
-    for (ssize_t size = 0; (size = read(file, text, sizeof text)) > 0;) std::cout.write(text, size);
-    std::cout << std::flush;
-}
-
 int stop_set() {
     const RunningSet set = find_running_set(g_name);
-    const UniqueFd init = open_init(set);
-    const UniqueFd stop_log(open((process_path(init) + "/root" + kStopLog).c_str(), O_RDONLY | O_CLOEXEC));
-    if (!request_stop(init, g_stop.grace)) {
-        fail("the set \"" + g_name + "\" has just ended", kExitNotRunning);
-    }
+    StopWatch watch(set, g_stop.grace, [](const std::string &line) { std::cout << line << std::endl; });
+    while (watch.look()) std::this_thread::sleep_for(kStopLook);
     // The launcher has the directory to remove: what comes next may start a set of the same name.
-    const auto limit = Clock::now() + Seconds(g_stop.grace) + kEndLimit;
-    for (;; std::this_thread::sleep_for(kLook)) {
+    for (const auto limit = Clock::now() + kEndLimit; Clock::now() < limit; std::this_thread::sleep_for(kLook)) {
         const auto now = find_set(g_name);
-        show_new(stop_log.get());
         if (!now || now->launcher != set.launcher) return kExitOk;
-        if (Clock::now() >= limit) {
-            fail("the set \"" + g_name + "\" has not ended; its launcher is process " + std::to_string(set.launcher));
-        }
     }
+    fail("the set \"" + g_name + "\" has not ended; its launcher is process " + std::to_string(set.launcher));
 }
 
 /* ------------------------------ list ------------------------------ */

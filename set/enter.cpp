@@ -30,8 +30,8 @@ int execute_in_set(const std::string &name, const std::vector<std::string> &argv
     const RunningSet set = find_running_set(name);
     const std::string nsenter = find_program("nsenter");
     if (nsenter.empty()) fail("nsenter is missing (none in PATH); install the package \"util-linux\"");
-    const UniqueFd init = open_init(set);
-    const std::string namespaces = process_path(init) + "/ns/";
+    const UniqueFd process = open_program(set);
+    const std::string namespaces = process_path(process) + "/ns/";
     std::vector<std::string> args{nsenter, "-m" + namespaces + "mnt", "-p" + namespaces + "pid",
                                   "-i" + namespaces + "ipc"};
     if (geteuid() != 0) args.insert(args.end(), {"-U" + namespaces + "user", "--preserve-credentials"});
@@ -62,7 +62,7 @@ int execute_in_set(const std::string &name, const std::vector<std::string> &argv
 
     // nsenter itself fails with 1, and is killed only with the set.
     const bool failed = WIFSIGNALED(status) || WEXITSTATUS(status) == kExitFailed;
-    if (failed && (WIFSIGNALED(status) || !open_init(set).valid())) {
+    if (failed && (WIFSIGNALED(status) || !open_program(set).valid())) {
         fail("the set \"" + name + "\" has ended", kExitNotRunning);
     }
     return exit_code_of(status);

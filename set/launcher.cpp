@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 
 #include "set/bubblewrap.h"
 #include "set/fd.h"
@@ -19,27 +20,25 @@
 #include "set/inner_init.h"
 #include "set/layout.h"
 #include "set/process.h"
+#include "set/stop_watch.h"
 
 namespace vestra_set {
 namespace {
 
 using nlohmann::json;
 
-// Fails where it is clear before anything is started that a set cannot be made here.
-void check_needs(const LaunchPlan &plan) {
-    if (find_program("bwrap").empty()) {
-        fail("bubblewrap is missing (no bwrap in PATH); install the package \"bubblewrap\"", kExitNoSet);
-    }
-    if (!plan.options.node) return;
+// Fails where it is clear before anything is started that there can be no control node here.
+void check_fuse() {
     const UniqueFd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
     if (fuse.valid()) return;
+    const std::string why = std::string(" (") + std::strerror(errno) + ")\n  ";
     if (errno == EACCES || errno == EPERM) {
-        fail("the control node needs /dev/fuse, and you may not use it (" + std::string(std::strerror(errno)) +
-                 ")\n  either run vestra-set as root, or let everybody use it, as desktops do: chmod 666 /dev/fuse",
+        fail("the control node needs /dev/fuse, and you may not use it" + why +
+                 "either run vestra-set as root, or let everybody use it, as desktops do: chmod 666 /dev/fuse",
              kExitNoSet);
     }
-    fail("the control node needs /dev/fuse, and it cannot be opened (" + std::string(std::strerror(errno)) +
-             ")\n  load the kernel module with: modprobe fuse\n"
+    fail("the control node needs /dev/fuse, and it cannot be opened" + why +
+             "load the kernel module with: modprobe fuse\n"
              "  in a container, pass the device in: --device /dev/fuse",
          kExitNoSet);
 }
@@ -63,41 +62,24 @@ UniqueFd take_signals() {
     return UniqueFd(signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-// A set that is being made, or runs. It ends with this object.
-struct Launched {
-    UniqueFd link;      // to its first process
-    pid_t bwrap = -1;   // child of this process; it is there for as long as anything of the set is
-    pid_t init = 0;     // the first process; 0 when there never was one
-    UniqueFd init_dir;  // its directory in /proc
-
-    ~Launched() {
-        if (bwrap < 0) return;
-        // Already gone, except for a set that was interrupted while it was being made.
-        if (!signal_process(init_dir, SIGKILL)) kill(bwrap, SIGKILL);
-        wait_for(bwrap);
-    }
-};
-
-// False with errno set when bubblewrap cannot be started. Whether it can build the namespace shows on the link.
-bool start_bubblewrap(const LaunchPlan &plan, const std::string &program, Launched *set) {
-    int link[2];
-    int info[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, link) != 0) return false;
-    set->link.reset(link[0]);
-    UniqueFd inner_link(link[1]);
-    if (pipe2(info, O_CLOEXEC) != 0) return false;
-    const UniqueFd info_reader(info[0]);
-    UniqueFd info_writer(info[1]);
+// Starts bubblewrap and returns its process id. Whether it can build the namespace shows on `*link`, a socket to the
+// set's first process.
+pid_t start_bubblewrap(const LaunchPlan &plan, const std::string &program, UniqueFd *link) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) fail_errno("socketpair");
+    link->reset(ends[0]);
+    const UniqueFd inner_link(ends[1]);
     const UniqueFd options(memfd_create("set-options", MFD_CLOEXEC));
     const std::string text = json(plan.options).dump(-1, ' ', false, json::error_handler_t::replace);
-    if (!options.valid() || !write_all(options.get(), text) || lseek(options.get(), 0, SEEK_SET) != 0) return false;
+    if (!write_all(options.get(), text) || lseek(options.get(), 0, SEEK_SET) != 0) fail_errno("the set's options");
 
     std::vector<std::string> args = bubblewrap_arguments(plan, program);
-    args.insert(args.end(), {"--info-fd", std::to_string(info_writer.get()), "--", kLauncher, "inner-init",
-                             std::to_string(options.get()), std::to_string(inner_link.get()), "--", program});
+    args.insert(args.end(), {"--", kLauncher, "inner-init", std::to_string(options.get()),
+                             std::to_string(inner_link.get()), "--", program});
     args.insert(args.end(), plan.program.begin() + 1, plan.program.end());
     const pid_t launcher = getpid();
-    set->bwrap = spawn(
+    int error = 0;
+    const pid_t bwrap = spawn(
         args,
         [&] {
             // bubblewrap asks for this too, but only once it runs: a launcher that is killed before would leave a set.
@@ -105,77 +87,110 @@ bool start_bubblewrap(const LaunchPlan &plan, const std::string &program, Launch
             if (getppid() != launcher) _exit(kExitFailed);
             // Ctrl-C reaches every process of the terminal; only the launcher and the set's program act on it.
             for (const int number : {SIGINT, SIGQUIT, SIGHUP}) signal(number, SIG_IGN);
-            for (const int fd : {options.get(), inner_link.get(), info_writer.get()}) fcntl(fd, F_SETFD, 0);
+            for (const int fd : {options.get(), inner_link.get()}) fcntl(fd, F_SETFD, 0);
             set_environment_inside();
         },
-        &errno);
-    if (set->bwrap < 0) return false;
-    info_writer.reset();
-    // An object with the first process's id; nothing when bubblewrap has failed before it made one.
-    const json child = json::parse(read_all(info_reader.get()).value_or(""), nullptr, false);
-    set->init = child.is_object() ? child.value("child-pid", 0) : 0;
-    set->init_dir = open_process(set->init);
-    return true;
+        &error);
+    if (bwrap > 0) return bwrap;
+    if (error == ENOENT) {
+        fail("bubblewrap is missing (no bwrap in PATH); install the package \"bubblewrap\"", kExitNoSet);
+    }
+    fail(std::string("bwrap: ") + std::strerror(error), kExitNoSet);
 }
 
-// Hands a signal to the set: its program gets it, except that the daemon is stopped in order, by force at the second.
-void pass_signal(const signalfd_siginfo &info, const Launched &set, const LaunchPlan &plan, bool *stopping) {
-    if (plan.options.daemon) {
-        request_stop(set.init_dir, *stopping ? 0 : plan.grace);
-        *stopping = true;
-    } else if (info.ssi_code != SI_KERNEL) {  // from the terminal the program has it already
-        signal_process(set.init_dir, static_cast<int>(info.ssi_signo));
+// Follows a set until it has ended.
+class Follower {
+  public:
+    Follower(const LaunchPlan &plan, pid_t bwrap, int link, int signals)
+        : plan_(plan), bwrap_(bwrap), link_(link), signals_(signals) {
+        set_.name = plan.options.name;
+        set_.launcher = getpid();
+        set_.program = plan.program[0];
+        set_.stop_signal = plan.options.daemon ? SIGRTMIN + 6 : SIGTERM;
     }
-}
 
-void set_is_up(const LaunchPlan &plan, const Launched &set) {
-    if (plan.directory != nullptr && !plan.directory->announce(set.init, set.init_dir, plan.program[0])) {
-        say("the set cannot be reached from outside: " + plan.directory->path() + ".lock: " + std::strerror(errno));
-    }
-    if (plan.options.daemon && !plan.quiet) {
-        say("set \"" + plan.options.name + "\" is up; Ctrl-C or \"vestra-set stop --name " + plan.options.name +
-            "\" ends it");
-    }
-}
+    // bubblewrap goes last of all.
+    ~Follower() { wait_for(bwrap_); }
+    Follower(const Follower &) = delete;
+    Follower &operator=(const Follower &) = delete;
 
-// Follows the set until it has ended. Returns the exit code, and the signal that ended the program or 0.
-int follow(const Launched &set, int signals, const LaunchPlan &plan, int *signal_number) {
-    bool up = false;
-    bool stopping = false;
-    for (;;) {
-        pollfd waits[] = {{set.link.get(), POLLIN, 0}, {signals, POLLIN, 0}};
-        if (poll(waits, 2, -1) < 0) continue;
-        signalfd_siginfo info;
-        while (read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-            if (up) {
-                pass_signal(info, set, plan, &stopping);
-            } else {
-                *signal_number = static_cast<int>(info.ssi_signo);  // not started yet, so nothing to end in order
-                return 128 + *signal_number;
-            }
+    // Returns the program's wait status, or 0 where it was ended by force. A set that is interrupted before it is up is
+    // one whose program has ended by that signal.
+    int follow() {
+        while (!ended_) {
+            pollfd waits[] = {{link_, POLLIN, 0}, {signals_, POLLIN, 0}};
+            poll(waits, 2, stop_ != nullptr ? static_cast<int>(kStopLook.count()) : -1);
+            signalfd_siginfo info;
+            while (read(signals_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) take(info);
+            if (waits[0].revents != 0) take_report();
+            if (stop_ != nullptr) stop_->look();
         }
-        if (waits[0].revents == 0) continue;
+        const bool by_force =
+            plan_.directory != nullptr && access((plan_.directory->path() + kForcedMark).c_str(), F_OK) == 0;
+        return by_force ? 0 : status_;
+    }
+
+  private:
+    void tell(const std::string &text) const {
+        if (plan_.options.daemon && !plan_.quiet) say(text);
+    }
+
+    // The program gets the signal, except that the daemon is stopped in order, and by force at the second.
+    void take(const signalfd_siginfo &info) {
+        const int number = static_cast<int>(info.ssi_signo);
+        if (!up_) {
+            status_ = number;
+            kill(bwrap_, SIGKILL);  // which ends the first process; then the link closes
+        } else if (!plan_.options.daemon) {
+            // From the terminal it has it already.
+            if (info.ssi_code != SI_KERNEL) signal_process(program_, number);
+        } else if (stop_ != nullptr) {
+            stop_->force();
+        } else {
+            stop_ = std::make_unique<StopWatch>(set_, plan_.grace, [this](const std::string &line) { tell(line); });
+        }
+    }
+
+    void take_report() {
         Report report{};
-        if (recv(set.link.get(), &report, sizeof report, 0) != static_cast<ssize_t>(sizeof report)) {
-            if (up) fail("the set was killed");
+        if (recv(link_, &report, sizeof report, 0) != static_cast<ssize_t>(sizeof report)) {
+            ended_ = status_ != 0;
+            if (ended_) return;
+            if (up_) fail("the set was killed");
             fail(geteuid() == 0 ? kNoNamespaceForRoot : kNoNamespace, kExitNoSet);
         }
         switch (report.kind) {
-            case Report::kUp:
-                up = true;
-                set_is_up(plan, set);
+            case Report::kStarts:
+                set_.process = report.number;
+                program_ = open_process(set_.process);
+                set_.start = start_time(program_);
                 break;
-            case Report::kText:
-                if (!plan.quiet) say(report.text);
+            case Report::kUp:
+                up_ = true;
+                if (plan_.directory != nullptr && !plan_.directory->announce(set_)) {
+                    say("the set cannot be reached: " + plan_.directory->path() + ".lock: " + std::strerror(errno));
+                }
+                tell("set \"" + set_.name + "\" is up; Ctrl-C or \"vestra-set stop --name " + set_.name + "\" ends it");
                 break;
             case Report::kFailed:
-                fail(report.text, report.status);
+                fail(report.text, report.number);
             case Report::kEnded:
-                if (WIFSIGNALED(report.status)) *signal_number = WTERMSIG(report.status);
-                return exit_code_of(report.status);
+                status_ = report.number;
+                ended_ = true;
         }
     }
-}
+
+    const LaunchPlan &plan_;
+    const pid_t bwrap_;
+    const int link_;
+    const int signals_;
+    RunningSet set_;
+    UniqueFd program_;
+    bool up_ = false;
+    bool ended_ = false;
+    int status_ = 0;
+    std::unique_ptr<StopWatch> stop_;
+};
 
 }  // namespace
 
@@ -184,7 +199,7 @@ int launch(LaunchPlan plan, int *signal) {
     if (std::getenv("VESTRA_SET_INSIDE") != nullptr) {
         fail("this is inside a simulated set already; sets do not nest", kExitNoSet);
     }
-    check_needs(plan);
+    if (plan.options.node) check_fuse();
     const std::string program = find_program(plan.program.at(0));
     if (program.empty()) fail(plan.program[0] + ": there is no such program", 127);
     std::error_code ignored;
@@ -196,9 +211,11 @@ int launch(LaunchPlan plan, int *signal) {
     }
 
     const UniqueFd signals = take_signals();
-    Launched set;
-    if (!start_bubblewrap(plan, program, &set)) fail_errno("starting bubblewrap");
-    return follow(set, signals.get(), plan, signal);
+    UniqueFd link;
+    const pid_t bwrap = start_bubblewrap(plan, program, &link);
+    const int status = Follower(plan, bwrap, link.get(), signals.get()).follow();
+    if (WIFSIGNALED(status)) *signal = WTERMSIG(status);
+    return exit_code_of(status);
 }
 
 std::string find_program(const std::string &name) {

@@ -76,7 +76,6 @@ bool make_state(const SetOptions &options, std::string *error) {
         if (!make_directories(path)) return failed(error, path);
     }
     if (!put(std::string(kStateDir) + "/system_info.ini", make_system_info(options.chip), error)) return false;
-    if (!put(kStopLog, "", error)) return false;
     if (vconf_set_int("memory/SHM/trigger_db_write", 0) != 0 || vconf_set_int("system/DOD/test_monitor", 0) != 0) {
         return failed(error, "the set's vconf keys");
     }

@@ -16,7 +16,6 @@ constexpr const char *kNodeDir = "/tv/node";                      // the control
 constexpr const char *kLauncher = "/tv/bin/vestra-set";           // this program
 constexpr const char *kLogFile = "/tv/log/vestrad.log";           // bound where the log goes to a file of the host
 constexpr const char *kStateLog = "/run/vestra-set/vestrad.log";  // where it goes otherwise
-constexpr const char *kStopLog = "/tv/stop.log";                  // what happens while the set is stopped
 constexpr const char *kTemperatureFile = "/sys/devices/platform/soc/thermal/temperature";
 constexpr const char *kModuleName = "orna_vestra_kmod";
 constexpr const char *kModuleFile = "/lib/modules/linux/kernel/orna-vestra-kmod.ko";

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -69,16 +68,6 @@ bool is_locked(const std::string &path) {
     return fd.valid() && fcntl(fd.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-// When a process was started, in clock ticks since the machine was; 0 when it has ended. Its name, which stands before
-// that in parentheses, may be anything.
-uint64_t start_time(const UniqueFd &process) {
-    const std::string stat = read_file(process_path(process) + "/stat").value_or("");
-    std::istringstream words(stat.substr(std::min(stat.size(), stat.rfind(')') + 1)));
-    std::string word;
-    for (int field = 3; field <= 22; ++field) words >> word;
-    return std::strtoull(word.c_str(), nullptr, 10);
-}
-
 }  // namespace
 
 std::string set_directory(const std::string &name) {
@@ -91,7 +80,7 @@ std::optional<RunningSet> find_set(const std::string &name) {
     RunningSet set;
     set.name = name;
     std::istringstream text(read_file(path).value_or(""));
-    text >> set.launcher >> set.init >> set.init_start >> std::ws;
+    text >> set.launcher >> set.process >> set.start >> set.stop_signal >> std::ws;
     std::getline(text, set.program);
     return set;
 }
@@ -110,7 +99,7 @@ std::vector<RunningSet> running_sets() {
 
 RunningSet find_running_set(const std::string &name) {
     const auto set = find_set(name);
-    if (set && open_init(*set).valid()) return *set;
+    if (set && open_program(*set).valid()) return *set;
     if (set) {
         fail("the set \"" + name + "\" is not up yet, or is ending; \"vestra-set wait\" waits until it is up",
              kExitNotRunning);
@@ -126,20 +115,24 @@ UniqueFd open_process(pid_t process) {
     return UniqueFd(open(("/proc/" + std::to_string(process)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-bool signal_process(const UniqueFd &process, int number, int value) {
-    siginfo_t info{};
-    info.si_signo = number;
-    info.si_code = SI_QUEUE;
-    info.si_value.sival_int = value;
-    return syscall(SYS_pidfd_send_signal, process.get(), number, value >= 0 ? &info : nullptr, 0) == 0;
+uint64_t start_time(const UniqueFd &process) {
+    // The name in parentheses may be anything.
+    const std::string stat = read_file(process_path(process) + "/stat").value_or("");
+    std::istringstream words(stat.substr(std::min(stat.size(), stat.rfind(')') + 1)));
+    std::string word;
+    for (int field = 3; field <= 22; ++field) words >> word;
+    return std::strtoull(word.c_str(), nullptr, 10);
 }
 
-UniqueFd open_init(const RunningSet &set) {
-    if (set.init <= 0) return {};
-    UniqueFd init = open_process(set.init);
+bool signal_process(const UniqueFd &process, int number) {
+    return syscall(SYS_pidfd_send_signal, process.get(), number, nullptr, 0) == 0;
+}
+
+UniqueFd open_program(const RunningSet &set) {
+    UniqueFd process = open_process(set.process);
     // Another process may have the process id by now.
-    if (!init.valid() || start_time(init) != set.init_start) return {};
-    return init;
+    if (set.process <= 0 || start_time(process) != set.start) return {};
+    return process;
 }
 
 std::string process_path(const UniqueFd &process) {
@@ -167,10 +160,11 @@ std::unique_ptr<ClaimedDirectory> ClaimedDirectory::claim(const std::string &nam
     return std::unique_ptr<ClaimedDirectory>(new ClaimedDirectory(path, std::move(lock)));
 }
 
-bool ClaimedDirectory::announce(pid_t init, const UniqueFd &process, const std::string &program) {
-    const std::string text = std::to_string(getpid()) + " " + std::to_string(init) + " " +
-                             std::to_string(start_time(process)) + " " + program + "\n";
-    return pwrite(lock_.get(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
+bool ClaimedDirectory::announce(const RunningSet &set) {
+    std::ostringstream text;
+    text << set.launcher << ' ' << set.process << ' ' << set.start << ' ' << set.stop_signal << ' ' << set.program
+         << '\n';
+    return pwrite(lock_.get(), text.str().data(), text.str().size(), 0) == static_cast<ssize_t>(text.str().size());
 }
 
 ClaimedDirectory::~ClaimedDirectory() {

@@ -19,11 +19,15 @@ namespace vestra_set {
 // Where the set NAME keeps its state on the host.
 std::string set_directory(const std::string &name);
 
+// In the directory of a set whose program was ended by force, and on purpose.
+constexpr const char *kForcedMark = "/ended-by-force";
+
 struct RunningSet {
     std::string name;
     pid_t launcher = 0;
-    pid_t init = 0;           // the set's first process; 0 while the set is not up
-    uint64_t init_start = 0;  // clock ticks since the machine was started
+    pid_t process = 0;    // the program's; 0 while the set is not up
+    uint64_t start = 0;   // when that was started, in clock ticks since the machine was
+    int stop_signal = 0;  // what stops the program in order
     std::string program;
 };
 
@@ -38,11 +42,14 @@ RunningSet find_running_set(const std::string &name);
 // fails, even if another process has got the process id.
 UniqueFd open_process(pid_t process);
 
-// Sends a signal to that process, with `value` where it is not negative. False with errno set when it has ended.
-bool signal_process(const UniqueFd &process, int number, int value = -1);
+// When that process was started; 0 once it has ended.
+uint64_t start_time(const UniqueFd &process);
 
-// That of a set's first process. Not valid when it has ended, or the set is not up.
-UniqueFd open_init(const RunningSet &set);
+// Sends a signal to that process. False with errno set when it has ended.
+bool signal_process(const UniqueFd &process, int number);
+
+// That of a set's program. Not valid when it has ended, or the set is not up.
+UniqueFd open_program(const RunningSet &set);
 
 // Path of such a directory, for this process and others of this user.
 std::string process_path(const UniqueFd &process);
@@ -59,9 +66,8 @@ class ClaimedDirectory {
 
     const std::string &path() const { return path_; }
 
-    // Says that the set is up; `init` is its first process, `process` that one's directory in /proc. False with errno
-    // set on failure.
-    bool announce(pid_t init, const UniqueFd &process, const std::string &program);
+    // Says that the set is up. False with errno set on failure.
+    bool announce(const RunningSet &set);
 
   private:
     ClaimedDirectory(std::string path, UniqueFd lock) : path_(std::move(path)), lock_(std::move(lock)) {}

@@ -1,37 +1,44 @@
-// Watches a process that has been asked to end, and tells when to end it by force.
+// Ends a set's program in order, and by force when it does not end.
 #pragma once
-
-#include <sys/types.h>
 
 #include <chrono>
 #include <functional>
 #include <map>
 #include <string>
 
+#include "set/set_directory.h"
+
 namespace vestra_set {
 
+constexpr auto kStopLook = std::chrono::milliseconds(20);  // between looks
+
 // The daemon's main loop and its reader, client and user-data threads end when it is asked to; the join of its
-// process-list thread never returns. So there is nothing left to wait for once those three threads are gone.
+// process-list thread never returns. So there is nothing left to wait for once those three threads have ended.
 class StopWatch {
   public:
-    // `report` gets one line for each thing that happens. `process_dir` is the process's directory in procfs.
-    StopWatch(std::string process_dir, double grace_seconds, std::function<void(const std::string &)> report);
+    // Sends the signal that stops the program. `report` gets one line for each thing that happens.
+    StopWatch(const RunningSet &set, double grace_seconds, std::function<void(const std::string &)> report);
 
-    // Looks again; true when the process is to be ended by force.
-    bool time_to_force();
+    // Looks again: reports threads that have ended, and forces the end when it is time to. False once the program has
+    // ended.
+    bool look();
 
-    double elapsed_seconds() const;
+    // Ends the program at once. The set's launcher then finds the mark that this was on purpose.
+    void force();
 
   private:
     std::map<std::string, std::string> workers() const;  // thread id -> name, of the threads that end
+    bool time_to_force();
 
-    std::string process_dir_;
-    double grace_seconds_;
-    std::function<void(const std::string &)> report_;
-    std::chrono::steady_clock::time_point start_;
+    const RunningSet set_;
+    const UniqueFd process_;
+    const double grace_seconds_;
+    const std::function<void(const std::string &)> report_;
+    const std::chrono::steady_clock::time_point start_;
     std::chrono::steady_clock::time_point workers_gone_{};
     std::map<std::string, std::string> running_;
-    bool had_workers_;
+    const bool had_workers_;
+    bool forced_ = false;
 };
 
 }  // namespace vestra_set
