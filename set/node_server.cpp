@@ -1,7 +1,7 @@
 #include "set/node_server.h"
 
 #define FUSE_USE_VERSION 35
-#include <fuse_lowlevel.h>
+#include <fuse.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,7 +16,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "set/inject.h"
 #include "set/layout.h"
@@ -27,10 +26,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr fuse_ino_t kNodeInode = 2;
-constexpr fuse_ino_t kStatusInode = 3;
-constexpr const char *kNodeName = "vesertra_info";
-constexpr const char *kStatusName = "status";
 constexpr auto kStallLook = 20ms;
 
 class NodeServer {
@@ -54,8 +49,8 @@ class NodeServer {
     }
 
     // One block into `out`. Returns its size, or a negative errno.
-    ssize_t read(fuse_req_t request, uint8_t *out, size_t capacity) {
-        const ssize_t result = read_block(request, out, capacity);
+    ssize_t read(uint8_t *out, size_t capacity) {
+        const ssize_t result = read_block(out, capacity);
         if (result < 0) {
             state_.count_failed_read();
         } else {
@@ -74,7 +69,7 @@ class NodeServer {
     }
 
   private:
-    ssize_t read_block(fuse_req_t request, uint8_t *out, size_t capacity) {
+    ssize_t read_block(uint8_t *out, size_t capacity) {
         for (;;) {
             if (!loaded()) return -ENODEV;
             const Injector::Verdict verdict = inject_.next();
@@ -86,7 +81,7 @@ class NodeServer {
                 case Injector::Verdict::kError:
                     return -verdict.error;
                 case Injector::Verdict::kStall:
-                    if (fuse_req_interrupted(request) != 0) return -EINTR;
+                    if (fuse_interrupted() != 0) return -EINTR;
                     std::this_thread::sleep_for(kStallLook);
             }
         }
@@ -117,145 +112,99 @@ class NodeServer {
     ModuleState state_;
 };
 
-// The one server of this process; libfuse's threads come back with no more than the request.
-NodeServer &server(fuse_req_t request) {
-    return *static_cast<NodeServer *>(fuse_req_userdata(request));
+/* ------------------------------ Files ------------------------------ */
+
+constexpr const char *kNodePath = "/vesertra_info";
+constexpr const char *kStatusPath = "/status";
+
+NodeServer &server() {
+    return *static_cast<NodeServer *>(fuse_get_context()->private_data);
 }
 
-struct stat attributes(fuse_ino_t inode) {
-    struct stat result {};
-    result.st_ino = inode;
-    result.st_uid = geteuid();
-    result.st_gid = getegid();
-    result.st_nlink = inode == FUSE_ROOT_ID ? 2 : 1;
-    result.st_mode = inode == FUSE_ROOT_ID ? S_IFDIR | 0555 : inode == kNodeInode ? S_IFREG | 0666 : S_IFREG | 0444;
-    return result;
+bool is_node(const char *path) {
+    return std::strcmp(path, kNodePath) == 0;
 }
 
-bool present(fuse_req_t request, fuse_ino_t inode) {
-    return inode != kNodeInode || server(request).loaded();
+// The status is one text from its first byte to its last, whatever happens while it is read: that of the open file.
+std::string *status_of(const fuse_file_info *info) {
+    return reinterpret_cast<std::string *>(static_cast<uintptr_t>(info->fh));
 }
 
-void on_lookup(fuse_req_t request, fuse_ino_t parent, const char *name) {
-    const fuse_ino_t inode = std::strcmp(name, kNodeName) == 0     ? kNodeInode
-                             : std::strcmp(name, kStatusName) == 0 ? kStatusInode
-                                                                   : 0;
-    if (parent != FUSE_ROOT_ID || inode == 0 || !present(request, inode)) {
-        fuse_reply_err(request, ENOENT);
-        return;
+// Nothing is cached: the kernel asks every time.
+void *on_init(fuse_conn_info *, fuse_config *config) {
+    config->direct_io = 1;
+    config->entry_timeout = config->attr_timeout = config->negative_timeout = 0;
+    return fuse_get_context()->private_data;
+}
+
+int on_getattr(const char *path, struct stat *result, fuse_file_info *) {
+    const bool root = std::strcmp(path, "/") == 0;
+    if (!root && std::strcmp(path, kStatusPath) != 0 && !(is_node(path) && server().loaded())) return -ENOENT;
+    *result = {};
+    result->st_uid = geteuid();
+    result->st_gid = getegid();
+    result->st_nlink = root ? 2 : 1;
+    result->st_mode = root ? S_IFDIR | 0555 : is_node(path) ? S_IFREG | 0666 : S_IFREG | 0444;
+    return 0;
+}
+
+int on_readdir(const char *, void *buffer, fuse_fill_dir_t fill, off_t, fuse_file_info *, fuse_readdir_flags) {
+    for (const char *name : {".", "..", kStatusPath + 1, kNodePath + 1}) {
+        if (name == kNodePath + 1 && !server().loaded()) continue;
+        fill(buffer, name, nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
     }
-    fuse_entry_param entry{};  // time-outs of 0: the kernel asks every time
-    entry.ino = inode;
-    entry.attr = attributes(inode);
-    fuse_reply_entry(request, &entry);
+    return 0;
 }
 
-void on_getattr(fuse_req_t request, fuse_ino_t inode, fuse_file_info *) {
-    if (!present(request, inode)) {
-        fuse_reply_err(request, ENOENT);
-        return;
-    }
-    const struct stat attr = attributes(inode);
-    fuse_reply_attr(request, &attr, 0);
+int on_open(const char *path, fuse_file_info *info) {
+    if (is_node(path)) return server().loaded() ? 0 : -ENOENT;
+    if ((info->flags & O_ACCMODE) != O_RDONLY) return -EACCES;
+    info->fh = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(new std::string(server().status())));
+    return 0;
+}
+
+int on_release(const char *, fuse_file_info *info) {
+    delete status_of(info);
+    return 0;
+}
+
+int on_read(const char *path, char *out, size_t size, off_t offset, fuse_file_info *info) {
+    if (is_node(path)) return static_cast<int>(server().read(reinterpret_cast<uint8_t *>(out), size));
+    const std::string &text = *status_of(info);
+    return static_cast<int>(text.copy(out, size, std::min(text.size(), static_cast<size_t>(offset))));
+}
+
+int on_write(const char *, const char *data, size_t size, off_t, fuse_file_info *) {
+    const int error = server().write({data, size});
+    return error == 0 ? static_cast<int>(size) : -error;
 }
 
 // Opening with O_TRUNC sets a size; nothing follows from that, as with any file of /proc.
-void on_setattr(fuse_req_t request, fuse_ino_t inode, struct stat *, int, fuse_file_info *info) {
-    on_getattr(request, inode, info);
+int on_truncate(const char *path, off_t, fuse_file_info *info) {
+    struct stat ignored;
+    return on_getattr(path, &ignored, info);
 }
 
-void on_access(fuse_req_t request, fuse_ino_t inode, int) {
-    fuse_reply_err(request, present(request, inode) ? 0 : ENOENT);
+int on_create(const char *, mode_t, fuse_file_info *) {
+    return -EACCES;
 }
 
-void on_open(fuse_req_t request, fuse_ino_t inode, fuse_file_info *info) {
-    if (!present(request, inode)) {
-        fuse_reply_err(request, ENOENT);
-        return;
-    }
-    if (inode == kStatusInode && (info->flags & O_ACCMODE) != O_RDONLY) {
-        fuse_reply_err(request, EACCES);
-        return;
-    }
-    info->direct_io = 1;
-    // The status is one text from its first byte to its last, whatever happens while it is read.
-    if (inode == kStatusInode) {
-        info->fh = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(new std::string(server(request).status())));
-    }
-    if (fuse_reply_open(request, info) != 0 && inode == kStatusInode) {
-        delete reinterpret_cast<std::string *>(static_cast<uintptr_t>(info->fh));
-    }
+int on_mknod(const char *, mode_t, dev_t) {
+    return -EACCES;
 }
 
-void on_release(fuse_req_t request, fuse_ino_t inode, fuse_file_info *info) {
-    if (inode == kStatusInode) delete reinterpret_cast<std::string *>(static_cast<uintptr_t>(info->fh));
-    fuse_reply_err(request, 0);
-}
-
-void on_read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info *info) {
-    if (inode == kStatusInode) {
-        const auto &text = *reinterpret_cast<const std::string *>(static_cast<uintptr_t>(info->fh));
-        const size_t start = std::min(text.size(), static_cast<size_t>(std::max<off_t>(offset, 0)));
-        // A copy: who reads may have closed the file before the call that replies is back, and the text is gone then.
-        const std::string part = text.substr(start, size);
-        fuse_reply_buf(request, part.data(), part.size());
-        return;
-    }
-    thread_local std::vector<uint8_t> block(kBlockMax);
-    const ssize_t count = server(request).read(request, block.data(), std::min<size_t>(size, kBlockMax));
-    if (count < 0) {
-        fuse_reply_err(request, static_cast<int>(-count));
-    } else {
-        fuse_reply_buf(request, reinterpret_cast<const char *>(block.data()), static_cast<size_t>(count));
-    }
-}
-
-void on_write(fuse_req_t request, fuse_ino_t inode, const char *data, size_t size, off_t, fuse_file_info *) {
-    const int error = inode == kNodeInode ? server(request).write({data, size}) : EACCES;
-    if (error != 0) {
-        fuse_reply_err(request, error);
-    } else {
-        fuse_reply_write(request, size);
-    }
-}
-
-void on_create(fuse_req_t request, fuse_ino_t, const char *, mode_t, fuse_file_info *) {
-    fuse_reply_err(request, EACCES);
-}
-
-void on_mknod(fuse_req_t request, fuse_ino_t, const char *, mode_t, dev_t) {
-    fuse_reply_err(request, EACCES);
-}
-
-void on_readdir(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info *) {
-    const std::pair<const char *, fuse_ino_t> entries[] = {
-        {".", FUSE_ROOT_ID}, {"..", FUSE_ROOT_ID}, {kStatusName, kStatusInode}, {kNodeName, kNodeInode}};
-    std::vector<char> buffer(size);
-    size_t used = 0;
-    for (size_t i = static_cast<size_t>(std::max<off_t>(offset, 0)); i < std::size(entries); ++i) {
-        if (!present(request, entries[i].second)) continue;
-        const struct stat attr = attributes(entries[i].second);
-        const size_t needed = fuse_add_direntry(request, buffer.data() + used, size - used, entries[i].first, &attr,
-                                                static_cast<off_t>(i + 1));
-        if (needed > size - used) break;
-        used += needed;
-    }
-    fuse_reply_buf(request, buffer.data(), used);
-}
-
-fuse_lowlevel_ops operations() {
-    fuse_lowlevel_ops ops{};
-    ops.lookup = on_lookup;
+fuse_operations operations() {
+    fuse_operations ops{};
+    ops.init = on_init;
     ops.getattr = on_getattr;
-    ops.setattr = on_setattr;
-    ops.access = on_access;
+    ops.readdir = on_readdir;
     ops.open = on_open;
     ops.release = on_release;
     ops.read = on_read;
     ops.write = on_write;
+    ops.truncate = on_truncate;
     ops.create = on_create;
     ops.mknod = on_mknod;
-    ops.readdir = on_readdir;
     return ops;
 }
 
@@ -274,19 +223,17 @@ int serve_node(int fuse, const SourceOptions &options) {
         return 1;
     }
     NodeServer node(std::move(trace));
-    const fuse_lowlevel_ops ops = operations();
+    const fuse_operations ops = operations();
     char name[] = "vestra-set";
     char *argv[] = {name, nullptr};
     fuse_args args = FUSE_ARGS_INIT(1, argv);
-    fuse_session *session = fuse_session_new(&args, &ops, sizeof ops, &node);
+    struct fuse *files = fuse_new(&args, &ops, sizeof ops, &node);
     // What is mounted already is handed over as a descriptor.
-    if (session == nullptr || fuse_session_mount(session, ("/dev/fd/" + std::to_string(fuse)).c_str()) != 0) return 1;
+    if (files == nullptr || fuse_mount(files, ("/dev/fd/" + std::to_string(fuse)).c_str()) != 0) return 1;
     fuse_loop_config config{};
-    config.clone_fd = 0;
     config.max_idle_threads = 4;
-    const int result = fuse_session_loop_mt(session, &config);
-    fuse_session_destroy(session);
-    fuse_opt_free_args(&args);
+    const int result = fuse_loop_mt(files, &config);
+    fuse_destroy(files);
     return result == 0 ? 0 : 1;
 }
 
