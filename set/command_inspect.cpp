@@ -21,11 +21,10 @@ int inspect() {
 
 }  // namespace
 
-const Command kInspect = {"inspect",
-                          "Count what a recorded dump holds, and show its trailer",
-                          "example:\n  vestra-set inspect ./stick/0000000000_5_vestrad_1764020000",
-                          Command::kOutside,
-                          [](CLI::App &app) { app.add_option("file", g_path, "The dump")->required(); },
-                          inspect};
+void add_inspect_command(CLI::App &app) {
+    add_command(app, Where::kOutside, "inspect", "Count what a recorded dump holds, and show its trailer", inspect)
+        ->add_option("file", g_path, "The dump")
+        ->required();
+}
 
 }  // namespace vestra_set

@@ -50,7 +50,6 @@ int set_temperature() {
 /* ------------------------------ vconf ------------------------------ */
 
 struct {
-    int (*action)();
     std::string key;
     std::string value;
     std::string type = "int";
@@ -87,7 +86,6 @@ int set_key() {
 /* ------------------------------ kernel module ------------------------------ */
 
 struct {
-    int (*action)();
     bool json = false;
     std::string state;
     std::vector<std::string> faults;
@@ -98,55 +96,75 @@ std::string inject_file() {
 }
 
 // Replaces the file of faults; removes it where there are none.
-int set_faults(const std::vector<std::string> &lines) {
-    if (lines.empty()) {
-        if (unlink(inject_file().c_str()) != 0 && errno != ENOENT) fail_errno(inject_file());
-        return kExitOk;
-    }
-    std::string text;
-    for (const std::string &line : lines) text += line + "\n";
-    if (!replace_state_file(inject_file(), text)) fail_errno(inject_file());
+int set_faults(const std::string &lines) {
+    const bool done = lines.empty() ? unlink(inject_file().c_str()) == 0 || errno == ENOENT
+                                    : replace_state_file(inject_file(), lines);
+    if (!done) fail_errno(inject_file());
     return kExitOk;
+}
+
+int inject() {
+    std::string lines;
+    for (const std::string &fault : g_module.faults) lines += fault + "\n";
+    return set_faults(lines);
 }
 
 // Only the stall line is added or removed; what else is injected stays.
 int set_stall() {
-    std::vector<std::string> lines;
+    std::string lines;
     std::istringstream old(read_file(inject_file()).value_or(""));
     for (std::string line; std::getline(old, line);) {
-        if (line != "stall" && !line.empty()) lines.push_back(line);
+        if (line != "stall") lines += line + "\n";
     }
-    if (g_module.state == "on") lines.emplace_back("stall");
-    return set_faults(lines);
+    return set_faults(lines + (g_module.state == "on" ? "stall\n" : ""));
 }
 
-int check_privileged(const char *what, int result, int answer) {
-    if (result != 0 || answer != 0) fail(std::string(what) + ": " + PS_ErrorToString(result != 0 ? result : answer));
-    return kExitOk;
-}
-
-int load_module() {
+int load_or_unload(bool load) {
     int answer = 0;
-    const int result = PS_Insmod_Fast(kModuleFile, std::strlen(kModuleFile), 0, &answer);
-    return check_privileged("loading the kernel module", result, answer);
+    const int result = load ? PS_Insmod_Fast(kModuleFile, std::strlen(kModuleFile), 0, &answer)
+                            : PS_Rmmod(kModuleName, std::strlen(kModuleName), 0, &answer);
+    if (result == 0 && answer == 0) return kExitOk;
+    fail(std::string(load ? "loading" : "unloading") +
+         " the kernel module failed: " + PS_ErrorToString(result != 0 ? result : answer));
 }
 
-int unload_module() {
-    int answer = 0;
-    const int result = PS_Rmmod(kModuleName, std::strlen(kModuleName), 0, &answer);
-    return check_privileged("unloading the kernel module", result, answer);
-}
-
-std::string joined(const json &list) {
+// A member of the status for people.
+std::string shown(const json &value) {
+    if (value.is_boolean()) return value.get<bool>() ? "on" : "off";
+    if (!value.is_array()) return value.is_null() ? "none yet" : value.dump();
     std::string text;
-    for (const json &item : list)
+    for (const json &item : value) {
         text += (text.empty() ? "" : ", ") + (item.is_string() ? item.get<std::string>() : item.dump());
+    }
     return text.empty() ? "none" : text;
 }
 
-// The commands that came, in their order; of many the newest.
-void print_received(const json &recent) {
+void print_status(const json &status) {
+    const json &filter = status["filter"];
+    const json &reads = status["reads"];
+    std::cout << "module       " << (status.value("loaded", false) ? "loaded" : "unloaded") << ", loaded "
+              << status["loads"] << " times\n"
+              << "tracing      " << shown(status["tracing"]) << "\n"
+              << "disk I/O     reads " << shown(status["disk_read"]) << ", writes " << shown(status["disk_write"])
+              << "\n"
+              << "temperature  " << shown(status["temperature"]) << "\n"
+              << "filter       names " << shown(filter["names"]) << "; process ids " << shown(filter["pids"]) << "\n"
+              << "reads        " << reads["total"] << ", empty " << reads["empty"] << ", failed " << reads["failed"]
+              << "\n"
+              << "handed out   " << status["blocks"] << " blocks, " << status["bytes"] << " bytes\n";
+    for (const auto &[type, count] : status["frames"].items()) {
+        std::cout << "  frames of type " << type << ": " << count << "\n";
+    }
+    if (status["damaged_blocks"] != 0) {
+        std::cout << "  blocks with damaged frames: " << status["damaged_blocks"] << "\n";
+    }
+    std::cout << "writes       " << status["writes"] << ", refused " << status["refused"] << "\n";
+    for (const auto &[number, tally] : status["commands"].items()) {
+        std::cout << "  command " << number << ": " << tally["count"] << " times, last " << tally["payload"] << "\n";
+    }
+    // The commands in their order; of many only the newest.
     constexpr size_t kShown = 20;
+    const json &recent = status["recent"];
     const size_t hidden = recent.size() > kShown ? recent.size() - kShown : 0;
     if (!recent.empty()) std::cout << "received     " << (hidden > 0 ? "the newest, all with --json" : "") << "\n";
     for (size_t i = hidden; i < recent.size(); ++i) {
@@ -154,31 +172,6 @@ void print_received(const json &recent) {
         if (recent[i]["count"] != 1) std::cout << "   " << recent[i]["count"] << " times";
         std::cout << "\n";
     }
-}
-
-void print_status(const json &status) {
-    const auto on_off = [&](const char *name) { return status.value(name, false) ? "on" : "off"; };
-    std::cout << "module       " << (status.value("loaded", false) ? "loaded" : "unloaded") << ", loaded "
-              << status["loads"] << " times\n"
-              << "tracing      " << on_off("tracing") << "\n"
-              << "disk I/O     reads " << on_off("disk_read") << ", writes " << on_off("disk_write") << "\n"
-              << "temperature  " << (status["temperature"].is_null() ? "not told yet" : status["temperature"].dump())
-              << "\n"
-              << "filter       names " << joined(status["filter"]["names"]) << "; process ids "
-              << joined(status["filter"]["pids"]) << "\n"
-              << "reads        " << status["reads"]["total"] << ", empty " << status["reads"]["empty"] << ", failed "
-              << status["reads"]["failed"] << "\n"
-              << "handed out   " << status["blocks"] << " blocks, " << status["bytes"] << " bytes\n";
-    for (const auto &[type, count] : status["frames"].items()) {
-        std::cout << "  frames of type " << type << ": " << count << "\n";
-    }
-    if (status["damaged_blocks"] != 0)
-        std::cout << "  blocks with damaged frames: " << status["damaged_blocks"] << "\n";
-    std::cout << "writes       " << status["writes"] << ", refused " << status["refused"] << "\n";
-    for (const auto &[number, tally] : status["commands"].items()) {
-        std::cout << "  command " << number << ": " << tally["count"] << " times, last " << tally["payload"] << "\n";
-    }
-    print_received(status["recent"]);
     std::cout << std::flush;
 }
 
@@ -200,11 +193,9 @@ int show_notices() {
     std::istringstream lines(read_file(state_path("notifications.jsonl")).value_or(""));
     for (std::string line; std::getline(lines, line);) {
         const json notice = json::parse(line, nullptr, false);
-        // As it is on the screen where it has a text; anything else as it was posted.
-        std::cout << (notice.is_object() && notice.contains("text") && notice["text"].is_string()
-                          ? notice["text"].get<std::string>()
-                          : line)
-                  << "\n";
+        // What is on the screen; a notice without a text as it was posted.
+        const bool has_text = notice.is_object() && notice.contains("text") && notice["text"].is_string();
+        std::cout << (has_text ? notice["text"].get<std::string>() : line) << "\n";
     }
     std::cout << std::flush;
     return kExitOk;
@@ -223,96 +214,56 @@ int show_log() {
     fail_errno("tail");
 }
 
-/* ------------------------------ options ------------------------------ */
-
-void add_vconf_options(CLI::App &app) {
-    app.require_subcommand(1);
-    CLI::App *sub = add_action(app, "get", "Show a key's value", &g_vconf.action, get_key);
-    sub->add_option("key", g_vconf.key, "Name of the key")->required();
-    sub = add_action(app, "set", "Set a key; its listeners are called even when the value stays the same",
-                     &g_vconf.action, set_key);
-    sub->add_option("key", g_vconf.key, "Name of the key")->required();
-    sub->add_option("value", g_vconf.value, "Its new value")->required();
-    sub->add_option("--type", g_vconf.type, "int or string")
-        ->check(CLI::IsMember({"int", "string"}))
-        ->capture_default_str();
-}
-
-void add_module_options(CLI::App &app) {
-    app.require_subcommand(1);
-    int (**action)() = &g_module.action;
-    add_action(app, "status", "What it received and what it handed out", action, show_status)
-        ->add_flag("--json", g_module.json, "As JSON");
-    add_action(app, "load", "Load it: the control node appears", action, load_module);
-    add_action(app, "unload", "Unload it: the control node goes", action, unload_module);
-    add_action(app, "stall", "Make reads of the control node wait", action, set_stall)
-        ->add_option("state", g_module.state, "on or off")
-        ->required()
-        ->check(CLI::IsMember({"on", "off"}));
-    add_action(
-        app, "inject",
-        "Faults to commit, instead of those so far: 'empty N', 'error N [ERRNO]', 'stall', 'size N'; none: behave",
-        action, [] { return set_faults(g_module.faults); })
-        ->add_option("fault", g_module.faults, "One fault each");
-}
-
 }  // namespace
 
-const Command kKey = {
-    "key",
-    "Press a key combination on the remote control",
-    "Combination 87 makes the daemon write a dump.\n\nexample:\n  vestra-set key 87",
-    Command::kInside,
-    [](CLI::App &app) {
-        app.add_option("number", g_key.number, "Number of the combination")->required()->check(CLI::Range(0, INT_MAX));
-    },
-    press_key};
+void add_remote_commands(CLI::App &app) {
+    constexpr Where kInside = Where::kInside;
+    CLI::App *command = add_command(app, kInside, "key", "Press a key combination on the remote control", press_key,
+                                    "Combination 87 makes the daemon write a dump.");
+    command->add_option("number", g_key.number, "Number of the combination")->required()->check(CLI::Range(0, INT_MAX));
 
-const Command kTemperature = {
-    "temperature",
-    "Set the temperature of the set's processor, in degrees Celsius",
-    "example:\n  vestra-set temperature 126     (above 125 the daemon raises its alarm)",
-    Command::kInside,
-    [](CLI::App &app) { app.add_option("degrees", g_temperature.degrees, "Degrees Celsius")->required(); },
-    set_temperature};
+    command = add_command(app, kInside, "temperature", "Set the temperature of the set's processor", set_temperature,
+                          "Above 125 the daemon raises its alarm.");
+    command->add_option("degrees", g_temperature.degrees, "Degrees Celsius")->required();
 
-const Command kVconf = {"vconf",
-                        "Read or set a key of the platform's configuration service",
-                        "examples:\n"
-                        "  vestra-set vconf set system/DOD/test_monitor 1\n"
-                        "  vestra-set vconf set system/vestra/robust --type string 'some text'\n"
-                        "  vestra-set vconf get memory/SHM/trigger_db_write",
-                        Command::kInside,
-                        add_vconf_options,
-                        [] { return g_vconf.action(); }};
+    CLI::App *vconf =
+        add_command(app, kInside, "vconf", "Read or set a key of the platform's configuration service", nullptr,
+                    "examples:\n"
+                    "  vestra-set vconf set system/DOD/test_monitor 1\n"
+                    "  vestra-set vconf set system/vestra/robust --type string 'some text'\n"
+                    "  vestra-set vconf get memory/SHM/trigger_db_write");
+    command = add_command(*vconf, kInside, "get", "Show a key's value", get_key);
+    command->add_option("key", g_vconf.key, "Name of the key")->required();
+    command = add_command(*vconf, kInside, "set",
+                          "Set a key; its listeners are called even when the value stays the same", set_key);
+    command->add_option("key", g_vconf.key, "Name of the key")->required();
+    command->add_option("value", g_vconf.value, "Its new value")->required();
+    command->add_option("--type", g_vconf.type, "int or string")
+        ->check(CLI::IsMember({"int", "string"}))
+        ->capture_default_str();
 
-const Command kModule = {"module",
-                         "Look at the kernel module, load and unload it, make it misbehave",
-                         "examples:\n"
-                         "  vestra-set module status\n"
-                         "  vestra-set module stall on      (reads of the control node wait, until: stall off)\n"
-                         "  vestra-set module inject 'error 3' 'size 4096'\n"
-                         "  vestra-set module inject        (behave again)",
-                         Command::kInside,
-                         add_module_options,
-                         [] { return g_module.action(); }};
+    CLI::App *module =
+        add_command(app, kInside, "module", "Look at the kernel module, load and unload it, make it misbehave", nullptr,
+                    "examples:\n"
+                    "  vestra-set module inject 'error 3' 'size 4096'\n"
+                    "  vestra-set module inject        (behave again)");
+    command = add_command(*module, kInside, "status", "What it received and what it handed out", show_status);
+    command->add_flag("--json", g_module.json, "As JSON");
+    add_command(*module, kInside, "load", "Load it: the control node appears", [] { return load_or_unload(true); });
+    add_command(*module, kInside, "unload", "Unload it: the control node goes", [] { return load_or_unload(false); });
+    command = add_command(*module, kInside, "stall", "Make reads of the control node wait", set_stall);
+    command->add_option("state", g_module.state, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
+    command = add_command(*module, kInside, "inject",
+                          "Faults to commit, instead of those so far: 'empty N', 'error N [ERRNO]', 'stall', 'size N'; "
+                          "none: behave",
+                          inject);
+    command->add_option("fault", g_module.faults, "One fault each");
 
-const Command kNotices = {"notices",
-                          "Show the notices that were put on the set's screen",
-                          "example:\n  vestra-set notices",
-                          Command::kInside,
-                          nullptr,
-                          show_notices};
+    add_command(app, kInside, "notices", "Show the notices that were put on the set's screen", show_notices);
 
-const Command kLog = {
-    "log",
-    "Show the daemon's log",
-    "example:\n  vestra-set log -f",
-    Command::kInside,
-    [](CLI::App &app) {
-        app.add_flag("-f,--follow", g_log.follow, "Continue with what is logged from now on");
-        app.add_option("-n,--lines", g_log.lines, "Only the last ones")->check(CLI::NonNegativeNumber);
-    },
-    show_log};
+    command = add_command(app, kInside, "log", "Show the daemon's log", show_log);
+    command->add_flag("-f,--follow", g_log.follow, "Continue with what is logged from now on");
+    command->add_option("-n,--lines", g_log.lines, "Only the last ones")->check(CLI::NonNegativeNumber);
+}
 
 }  // namespace vestra_set

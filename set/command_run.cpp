@@ -24,140 +24,136 @@ constexpr const char *kDefaultStickSize = "64M";
 constexpr const char *kNoName = "auto";
 constexpr double kDaemonReads = 2;  // a second
 
-// Options of both commands, as they were given.
+// Options of both commands.
 struct {
     LaunchPlan plan;
-    std::string daemon;  // path of vestrad
-    std::vector<std::string> source;
     std::optional<double> rate;
+    std::string daemon;  // path of vestrad
     std::vector<std::string> config;
     std::string config_file;
     std::string module;
-    std::vector<std::string> sticks;
-    std::vector<std::string> stick_dirs;
     std::string log;
     std::string run_name = "default";
     std::string sandbox_name = kNoName;
 } g_given;
 
+void take_source(const std::vector<std::string> &words) {
+    SourceOptions &source = g_given.plan.options.source;
+    source.kind = words[0];
+    if ((source.kind == "replay") != (words.size() == 2)) {
+        fail("--source " + source.kind +
+                 (words.size() == 2 ? ": only replay takes a file" : ": expected a FILE after it"),
+             kExitUsage);
+    }
+    if (words.size() == 1) return;
+    std::error_code error;
+    source.file = fs::canonical(words[1], error);
+    if (error) fail(words[1] + ": " + error.message(), kExitUsage);
+}
+
+void add_stick(const std::string &label, const std::string &size) {
+    std::vector<Stick> &sticks = g_given.plan.options.sticks;
+    for (const Stick &stick : sticks) {
+        if (stick.label == label) fail("USB stick " + label + ": there are two with that label", kExitUsage);
+    }
+    if (!valid_name(label)) fail("\"" + label + "\" cannot be a USB stick's label", kExitUsage);
+    sticks.push_back({label, size});
+}
+
+void take_stick_directories(const std::vector<std::string> &texts) {
+    for (const std::string &text : texts) {
+        const size_t equals = text.find('=');
+        if (equals == std::string::npos) fail("--usb-dir " + text + ": expected LABEL=DIR", kExitUsage);
+        std::error_code error;
+        const fs::path directory = fs::canonical(text.substr(equals + 1), error);
+        if (error || !fs::is_directory(directory, error)) fail(text + ": there is no such directory", kExitUsage);
+        add_stick(text.substr(0, equals), "");
+        g_given.plan.stick_dirs.emplace_back(text.substr(0, equals), directory);
+    }
+}
+
+void take_sticks(const std::vector<std::string> &texts) {
+    for (const std::string &text : texts) {
+        const size_t colon = text.find(':');
+        add_stick(text.substr(0, colon), colon == std::string::npos ? kDefaultStickSize : text.substr(colon + 1));
+    }
+}
+
+void take_binds(const std::vector<std::string> &paths) {
+    for (const std::string &path : paths) {
+        std::error_code error;
+        g_given.plan.binds.push_back(fs::canonical(path, error));
+        if (error) fail("--bind " + path + ": " + error.message(), kExitUsage);
+        if (!may_be_bound(g_given.plan.binds.back())) {
+            fail("--bind " + path + ": a set has its own, or sees this machine's anyway", kExitUsage);
+        }
+    }
+}
+
 void add_set_options(CLI::App &app, const std::string &rate_note) {
     SetOptions &options = g_given.plan.options;
     SourceOptions &source = options.source;
-    app.add_option(
-           "--source", g_given.source,
-           "What the kernel module hands out: host (this machine's processes), synthetic, or replay FILE (a dump)")
+    using Texts = std::vector<std::string>;
+    app.option_defaults()->group("Trace source");
+    app.add_option_function<Texts>("--source", take_source,
+                                   "host (this machine's processes), synthetic, or replay FILE (a dump)")
         ->expected(1, 2)
         ->type_name("KIND [FILE]");
-    const char *group = "Trace source";
     app.add_option("--rate", g_given.rate,
-                   "Blocks a second (host: samples a second); 0: a block with every read (host: 2). " + rate_note)
-        ->group(group);
+                   "Blocks a second (host: samples a second); 0: a block with every read (host: 2). " + rate_note);
     app.add_flag("--every-process", source.every_process,
-                 "host: each process in each sample, not only those that ran since the last")
-        ->group(group);
-    app.add_option("--block-size", source.block_size, "Bytes of a block, 64 to 131072; 0: as it comes")->group(group);
+                 "host: each process in each sample, not only those that ran since the last");
+    app.add_option("--block-size", source.block_size, "Bytes of a block, 64 to 131072; 0: as it comes");
     app.add_option("--profile", source.profile, "synthetic: steady, burst, stall or hostile (damaged frames)")
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--processes", source.processes, "synthetic: number of processes, up to 32000; 0: 24")->group(group);
+        ->capture_default_str();
+    app.add_option("--processes", source.processes, "synthetic: number of processes, up to 32000; 0: 24");
     app.add_option_function<double>(
            "--step", [&source](const double &seconds) { source.step_ns = static_cast<uint64_t>(seconds * 1e9); },
            "synthetic, with a rate of 0: seconds of the stream in a block, 0.0001 to 3600 (default 1)")
-        ->check(between(0.0001, 3600))
-        ->group(group);
-    app.add_option("--seed", source.seed, "synthetic: equal seeds give equal blocks")->group(group);
-    app.add_flag("--loop", source.loop, "replay: begin again at the end")->group(group);
+        ->check(between(0.0001, 3600));
+    app.add_option("--seed", source.seed, "synthetic: equal seeds give equal blocks");
+    app.add_flag("--loop", source.loop, "replay: begin again at the end");
 
+    app.option_defaults()->group("What the set has");
     app.add_option("--image", options.image, "Kind of system image")
         ->check(CLI::IsMember({"debug", "release", "perf", "none"}))
         ->capture_default_str();
     app.add_option("--config", g_given.config, "Override an element of the daemon's configuration")
         ->type_name("NAME=VALUE");
     app.add_option("--config-file", g_given.config_file, "The daemon's configuration, as a whole")
-        ->check(CLI::ExistingFile);
+        ->check(CLI::ExistingFile)
+        ->excludes("--config");
     app.add_option("--chip", options.chip, "Chipset name")->capture_default_str();
     app.add_option("--module", g_given.module, "Kernel module at the start: loaded or unloaded")
         ->check(CLI::IsMember({"loaded", "unloaded"}));
     app.add_option("--temperature", options.temperature, "Degrees Celsius")->capture_default_str();
-    app.add_option("--usb", g_given.sticks, "A USB stick from the start, empty, at /media/LABEL")
-        ->type_name("LABEL[:SIZE]");
-    app.add_option("--usb-dir", g_given.stick_dirs,
-                   "A USB stick that is a directory of this machine; plugged before --usb")
+    // In this order they are plugged.
+    app.add_option_function<Texts>("--usb-dir", take_stick_directories,
+                                   "A USB stick that is a directory of this machine; plugged before --usb")
         ->type_name("LABEL=DIR");
-    app.add_option("--bind", g_given.plan.binds, "More of this machine's directories, at their own paths, writable")
+    app.add_option_function<Texts>("--usb", take_sticks, "A USB stick from the start, empty, at /media/LABEL")
+        ->type_name("LABEL[:SIZE]");
+    app.add_option_function<Texts>("--bind", take_binds,
+                                   "More of this machine's directories, at their own paths, writable")
         ->type_name("PATH");
 }
 
-void take_source() {
-    if (g_given.source.empty()) return;
-    SourceOptions &source = g_given.plan.options.source;
-    source.kind = g_given.source[0];
-    const bool has_file = g_given.source.size() == 2;
-    if (source.kind != "host" && source.kind != "synthetic" && source.kind != "replay") {
-        fail("--source " + source.kind + ": expected host, synthetic or replay FILE", kExitUsage);
-    }
-    if (source.kind != "replay") {
-        if (has_file)
-            fail("--source " + source.kind + " " + g_given.source[1] + ": only replay takes a file", kExitUsage);
-        return;
-    }
-    if (!has_file) fail("--source replay: expected a FILE after it", kExitUsage);
-    std::error_code error;
-    source.file = fs::canonical(g_given.source[1], error);
-    if (error) fail(g_given.source[1] + ": " + error.message(), kExitUsage);
-}
-
-void take_sticks() {
-    std::vector<Stick> &sticks = g_given.plan.options.sticks;
-    const auto add = [&](const std::string &label, const std::string &size) {
-        for (const Stick &stick : sticks) {
-            if (stick.label == label) fail("USB stick " + label + ": there are two of that label", kExitUsage);
-        }
-        if (!valid_name(label)) fail("\"" + label + "\" cannot be a USB stick's label", kExitUsage);
-        sticks.push_back({label, size});
-    };
-    for (const std::string &text : g_given.stick_dirs) {
-        const size_t equals = text.find('=');
-        if (equals == std::string::npos) fail("--usb-dir " + text + ": expected LABEL=DIR", kExitUsage);
-        std::error_code error;
-        const fs::path directory = fs::canonical(text.substr(equals + 1), error);
-        if (error || !fs::is_directory(directory, error)) fail(text + ": there is no such directory", kExitUsage);
-        add(text.substr(0, equals), "");
-        g_given.plan.stick_dirs.emplace_back(text.substr(0, equals), directory);
-    }
-    for (const std::string &text : g_given.sticks) {
-        const size_t colon = text.find(':');
-        add(text.substr(0, colon), colon == std::string::npos ? kDefaultStickSize : text.substr(colon + 1));
-    }
-}
-
-void take_binds() {
-    for (std::string &path : g_given.plan.binds) {
-        std::error_code error;
-        const fs::path target = fs::canonical(path, error);
-        if (error) fail("--bind " + path + ": " + error.message(), kExitUsage);
-        if (!may_be_bound(target)) {
-            fail("--bind " + path + ": a set has its own, or sees this machine's anyway", kExitUsage);
-        }
-        path = target;
-    }
-}
-
-void take_config(bool loaded_by_default) {
+// What both commands finish in the same way.
+void complete_options(double default_rate, bool module_loaded) {
     SetOptions &options = g_given.plan.options;
-    if (!g_given.config_file.empty()) {
-        if (!g_given.config.empty()) fail("--config and --config-file exclude each other", kExitUsage);
-        const auto text = read_file(g_given.config_file, 1024 * 1024);
-        if (!text) fail_errno(g_given.config_file, kExitUsage);
-        options.config = *text;
-    } else {
+    options.source.rate = g_given.rate.value_or(default_rate);
+    if (g_given.config_file.empty()) {
         std::string error;
         options.config = make_config(g_given.config, &error);
         if (options.config.empty()) fail(error, kExitUsage);
+    } else {
+        const auto text = read_file(g_given.config_file, 1024 * 1024);
+        if (!text) fail_errno(g_given.config_file, kExitUsage);
+        options.config = *text;
     }
     // A daemon that does not load the module finds it loaded.
     options.module_loaded =
-        g_given.module.empty() ? loaded_by_default || !config_loads_module(options.config) : g_given.module == "loaded";
+        g_given.module.empty() ? module_loaded || !config_loads_module(options.config) : g_given.module == "loaded";
 }
 
 // Leaves as the set's program did: with its exit code, or by its signal.
@@ -196,14 +192,6 @@ void take_log() {
     if (!write_file(g_given.plan.log_file, "")) fail_errno(g_given.log);
 }
 
-void take_set_options(double default_rate, bool module_loaded) {
-    g_given.plan.options.source.rate = g_given.rate.value_or(default_rate);
-    take_source();
-    take_sticks();
-    take_binds();
-    take_config(module_loaded);
-}
-
 std::unique_ptr<ClaimedDirectory> claim_directory() {
     LaunchPlan &plan = g_given.plan;
     std::string error;
@@ -217,7 +205,7 @@ int start_run() {
     LaunchPlan &plan = g_given.plan;
     plan.options.name = g_given.run_name;
     plan.options.daemon = plan.options.node = true;
-    take_set_options(kDaemonReads, false);
+    complete_options(kDaemonReads, false);
     const std::string daemon = find_daemon(g_given.daemon);
     if (daemon.empty()) {
         fail(g_given.daemon.empty() ? "vestrad is neither beside vestra-set nor in PATH; give its path with --vestrad"
@@ -239,7 +227,7 @@ int start_sandbox() {
     if (g_program.empty()) {
         fail("sandbox: which program? vestra-set sandbox [options] -- PROGRAM [ARGUMENTS]", kExitUsage);
     }
-    take_set_options(0, true);
+    complete_options(0, true);
     plan.program = g_program;
     std::unique_ptr<ClaimedDirectory> directory;
     if (plan.options.name != kNoName) directory = claim_directory();
@@ -249,51 +237,40 @@ int start_sandbox() {
     return leave(code, signal_number);
 }
 
-void add_run_options(CLI::App &app) {
-    add_name_option(app, g_given.run_name, "The set's name; sets with different names run side by side");
-    app.add_option("--vestrad", g_given.daemon, "The daemon; by default the one beside this program")
-        ->type_name("PATH");
-    add_set_options(app, "Default: 2");
-    app.add_option("--log", g_given.log,
-                   "The daemon's log, a file of this machine, or - for standard error; without it\n"
-                   "\"vestra-set log\" shows it while the set runs")
-        ->type_name("FILE");
-    app.add_option("--log-level", g_given.plan.options.log_level, "debug, info, warning or error")
-        ->check(CLI::IsMember({"debug", "info", "warning", "error", "3", "4", "5", "6"}));
-    add_seconds_option(app, "--grace", g_given.plan.grace, "Seconds that the daemon has to end after Ctrl-C");
-    app.add_flag("-q,--quiet", g_given.plan.quiet, "Do not report how the set comes up and ends");
-}
-
-void add_sandbox_options(CLI::App &app) {
-    add_name_option(app, g_given.sandbox_name,
-                    "A name lets \"vestra-set exec\" and the like reach it; auto: nobody can");
-    app.add_flag("--node", g_given.plan.options.node, "Serve the trace control node as well");
-    add_set_options(app, "Default: 0");
-}
-
 }  // namespace
 
-const Command kRun = {"run",
-                      "Start a set and the daemon in it; stays until the daemon has ended",
-                      "The words after \"--\" go to the daemon: [max_file_size_MiB [file_interval_s]].\n"
-                      "Ctrl-C stops the daemon in order, a second one at once.\n\n"
-                      "examples:\n"
-                      "  vestra-set run\n"
-                      "  vestra-set run --source host --usb-dir STICK=./stick --log-level debug\n"
-                      "  vestra-set run --name small --config max_file_size=1 --usb A:8M -- 1 4",
-                      Command::kProgram,
-                      add_run_options,
-                      start_run};
+void add_run_commands(CLI::App &app) {
+    CLI::App *run = add_command(app, Where::kProgram, "run",
+                                "Start a set and the daemon in it; stays until the daemon has ended", start_run,
+                                "The words after \"--\" go to the daemon: [max_file_size_MiB [file_interval_s]].\n"
+                                "Ctrl-C stops the daemon in order, a second one at once.\n\n"
+                                "examples:\n"
+                                "  vestra-set run --source host --usb-dir STICK=./stick --log-level debug\n"
+                                "  vestra-set run --name small --config max_file_size=1 --usb A:8M -- 1 4");
+    add_name_option(*run, g_given.run_name, "The set's name; sets with different names run side by side");
+    run->add_option("--vestrad", g_given.daemon, "The daemon; by default the one beside this program")
+        ->type_name("PATH");
+    run->add_option("--log", g_given.log,
+                    "The daemon's log, a file of this machine, or - for standard error; without it\n"
+                    "\"vestra-set log\" shows it while the set runs")
+        ->type_name("FILE");
+    run->add_option("--log-level", g_given.plan.options.log_level, "debug, info, warning or error")
+        ->check(CLI::IsMember({"debug", "info", "warning", "error", "3", "4", "5", "6"}));
+    add_seconds_option(*run, "--grace", g_given.plan.grace, "Seconds that the daemon has to end after Ctrl-C");
+    run->add_flag("-q,--quiet", g_given.plan.quiet, "Do not report how the set comes up and ends");
+    add_set_options(*run, "Default: 2");
 
-const Command kSandbox = {
-    "sandbox",
-    "Run a program, such as a test, in its own set without the daemon",
-    "The program's exit code, or the signal that ends it, is passed on. VESTRA_SET_INSIDE=1 is in its environment.\n\n"
-    "examples:\n"
-    "  vestra-set sandbox -- ./build/tests/decoder_test\n"
-    "  vestra-set sandbox --node --seed 7 -- ./build/tests/reader_test --gtest_filter='*Empty*'",
-    Command::kProgram,
-    add_sandbox_options,
-    start_sandbox};
+    CLI::App *sandbox =
+        add_command(app, Where::kProgram, "sandbox", "Run a program, such as a test, in its own set without the daemon",
+                    start_sandbox,
+                    "The program's exit code, or the signal that ends it, is passed on.\n"
+                    "VESTRA_SET_INSIDE=1 is in its environment.\n\n"
+                    "example:\n"
+                    "  vestra-set sandbox --node --seed 7 -- ./build/tests/reader_test --gtest_list_tests");
+    add_name_option(*sandbox, g_given.sandbox_name,
+                    "A name lets \"vestra-set exec\" and the like reach it; auto: nobody can");
+    sandbox->add_flag("--node", g_given.plan.options.node, "Serve the trace control node as well");
+    add_set_options(*sandbox, "Default: 0");
+}
 
 }  // namespace vestra_set

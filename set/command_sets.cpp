@@ -90,45 +90,27 @@ int list_sets() {
 
 }  // namespace
 
-const Command kExec = {"exec",
-                       "Run a program inside a running set",
-                       "The program's exit code is passed on; 128 + the number of a signal that ended it.\n\n"
-                       "examples:\n"
-                       "  vestra-set exec -- ls -l /media/STICK\n"
-                       "  vestra-set exec -- sh",
-                       Command::kProgram,
-                       [](CLI::App &app) { add_name_option(app); },
-                       execute};
+void add_set_commands(CLI::App &app) {
+    CLI::App *command =
+        add_command(app, Where::kProgram, "exec", "Run a program inside a running set", execute,
+                    "The program's exit code is passed on; 128 + the number of a signal that ended it.\n\n"
+                    "example:\n  vestra-set exec --name demo -- ls -l /media/STICK");
+    add_name_option(*command);
 
-const Command kWait = {"wait",
-                       "Wait until a set is up",
-                       "example:\n  vestra-set run --name demo & vestra-set wait --name demo",
-                       Command::kOutside,
-                       [](CLI::App &app) {
-                           add_name_option(app);
-                           add_seconds_option(app, "--timeout", g_wait.timeout, "Seconds to wait");
-                       },
-                       wait_for_set};
+    command = add_command(app, Where::kOutside, "wait", "Wait until a set is up", wait_for_set);
+    add_name_option(*command);
+    add_seconds_option(*command, "--timeout", g_wait.timeout, "Seconds to wait");
 
-const Command kStop = {
-    "stop",
-    "Stop the daemon in order, and end its set",
-    "The daemon gets SIGRTMIN+6 and ends its main loop and its reader, client and user-data threads.\n"
-    "It then waits for its process-list thread, which never ends. So it is ended by force once the\n"
-    "other threads have ended, or when the time of grace is over.\n\n"
-    "example:\n  vestra-set stop --name small",
-    Command::kOutside,
-    [](CLI::App &app) {
-        add_name_option(app);
-        add_seconds_option(app, "--grace", g_stop.grace, "Seconds for the daemon's threads to end");
-    },
-    stop_set};
+    command =
+        add_command(app, Where::kOutside, "stop", "Stop the daemon in order, and end its set", stop_set,
+                    "The daemon gets SIGRTMIN+6 and ends its main loop and its reader, client and user-data\n"
+                    "threads. It then waits for its process-list thread, which never ends. So it is ended by force\n"
+                    "once the other threads have ended, or when the time of grace is over.");
+    add_name_option(*command);
+    add_seconds_option(*command, "--grace", g_stop.grace, "Seconds for the daemon's threads to end");
 
-const Command kList = {"list",
-                       "List the sets that are running",
-                       "example:\n  vestra-set list --json",
-                       Command::kOutside,
-                       [](CLI::App &app) { app.add_flag("--json", g_list.json, "As JSON"); },
-                       list_sets};
+    command = add_command(app, Where::kOutside, "list", "List the sets that are running", list_sets);
+    command->add_flag("--json", g_list.json, "As JSON");
+}
 
 }  // namespace vestra_set

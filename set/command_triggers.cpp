@@ -29,6 +29,7 @@
 namespace vestra_set {
 namespace {
 
+using nlohmann::json;
 using Seconds = std::chrono::duration<double>;
 
 constexpr const char *kRobustKey = "system/vestra/robust";
@@ -96,25 +97,17 @@ int set_dod() {
 
 struct {
     int rows = 20;
-    bool json = false;
+    bool as_json = false;
     double timeout = kPatience;
 } g_history;
-
-struct HistoryRow {
-    int64_t time;  // nanoseconds
-    int64_t pid;
-    std::string name;
-    int64_t rss, swap;  // KiB
-    int64_t cpu;        // percent
-};
 
 struct SqliteClose {
     void operator()(sqlite3 *database) const { sqlite3_close(database); }
     void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
 };
 
-// Returns the number of rows, and puts the newest of them into `*rows`, newest first.
-int64_t read_history(std::vector<HistoryRow> *rows) {
+// {total: number of rows, rows: the newest of them, newest first}
+json read_history() {
     sqlite3 *opened = nullptr;
     const int result = sqlite3_open_v2(kHistoryFile, &opened, SQLITE_OPEN_READONLY, nullptr);
     const std::unique_ptr<sqlite3, SqliteClose> database(opened);
@@ -131,35 +124,38 @@ int64_t read_history(std::vector<HistoryRow> *rows) {
     check(sqlite3_prepare_v2(opened, kQuery, -1, &prepared, nullptr) == SQLITE_OK);
     const std::unique_ptr<sqlite3_stmt, SqliteClose> statement(prepared);
     sqlite3_bind_int(prepared, 1, g_history.rows);
-    int64_t total = 0;
+    json history = {{"total", 0}, {"rows", json::array()}};
     int step = SQLITE_ROW;
     while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
         const auto number = [&](int column) { return int64_t{sqlite3_column_int64(prepared, column)}; };
         const auto *name = reinterpret_cast<const char *>(sqlite3_column_text(prepared, 2));
-        rows->push_back({number(0), number(1), name != nullptr ? name : "", number(3), number(4), number(5)});
-        total = number(6);
+        history["rows"].push_back({{"time_ns", number(0)},
+                                   {"pid", number(1)},
+                                   {"name", name != nullptr ? name : ""},
+                                   {"rss_kib", number(3)},
+                                   {"swap_kib", number(4)},
+                                   {"cpu_percent", number(5)}});
+        history["total"] = number(6);
     }
     check(step == SQLITE_DONE);
-    return total;
+    return history;
 }
 
-void print_rows(int64_t total, const std::vector<HistoryRow> &rows) {
-    std::cout << total << " rows in " << kHistoryFile;
-    if (rows.empty()) {
-        std::cout << std::endl;
-        return;
-    }
-    std::cout << (rows.size() < static_cast<size_t>(total) ? "; the newest:\n" : "\n");
-    std::cout << "      TIME s     PID  NAME              RSS KiB  SWAP KiB  CPU %\n" << std::fixed;
-    for (const HistoryRow &row : rows) {
-        std::string name = row.name;  // processes choose theirs
+void print_history(const json &history) {
+    const json &rows = history["rows"];
+    std::cout << history["total"] << " rows in " << kHistoryFile
+              << (rows.size() < history["total"] ? "; the newest:" : "");
+    if (!rows.empty()) std::cout << "\n      TIME s     PID  NAME              RSS KiB  SWAP KiB  CPU %";
+    for (const json &row : rows) {
+        std::string name = row["name"];  // processes choose theirs
         std::replace_if(
             name.begin(), name.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
-        std::cout << std::setw(12) << std::setprecision(3) << static_cast<double>(row.time) / 1e9 << std::setw(8)
-                  << row.pid << "  " << std::left << std::setw(14) << name << std::right << std::setw(11) << row.rss
-                  << std::setw(10) << row.swap << std::setw(7) << row.cpu << "\n";
+        std::cout << std::fixed << std::setprecision(3) << "\n"
+                  << std::setw(12) << row["time_ns"].get<double>() / 1e9 << std::setw(8) << row["pid"] << "  "
+                  << std::left << std::setw(14) << name << std::right << std::setw(11) << row["rss_kib"]
+                  << std::setw(10) << row["swap_kib"] << std::setw(7) << row["cpu_percent"];
     }
-    std::cout << std::flush;
+    std::cout << std::endl;
 }
 
 int show_history() {
@@ -172,24 +168,12 @@ int show_history() {
              ".\nA write that failed leaves it so, and the daemon's log has the \"SQL error\". Without such a line the "
              "daemon is busy with\nanother request, or does not run.");
     }
-    std::vector<HistoryRow> rows;
-    const int64_t total = read_history(&rows);
-    if (!g_history.json) {
-        print_rows(total, rows);
-        return kExitOk;
+    const json history = read_history();
+    if (g_history.as_json) {
+        std::cout << history.dump(2, ' ', false, json::error_handler_t::replace) << std::endl;
+    } else {
+        print_history(history);
     }
-    using nlohmann::json;
-    json list = json::array();
-    for (const HistoryRow &row : rows) {
-        list.push_back({{"time_ns", row.time},
-                        {"pid", row.pid},
-                        {"name", row.name},
-                        {"rss_kib", row.rss},
-                        {"swap_kib", row.swap},
-                        {"cpu_percent", row.cpu}});
-    }
-    const json answer = {{"total", total}, {"rows", list}};
-    std::cout << answer.dump(2, ' ', false, json::error_handler_t::replace) << std::endl;
     return kExitOk;
 }
 
@@ -233,57 +217,37 @@ int drop_list() {
 
 }  // namespace
 
-const Command kRobust = {
-    "robust",
-    "Report a failed process: the daemon writes a dump for it at once",
-    "The dump is DIRECTORY/0000000000_PID_PROCESS_SECONDS, and a copy of it is on the stick.\n\n"
-    "example:\n  vestra-set robust /tmp procd 77",
-    Command::kInside,
-    [](CLI::App &app) {
-        app.add_option("directory", g_robust.directory, "Directory inside the set that the dump goes to")->required();
-        app.add_option("process", g_robust.process, "Name of the process that failed")->required();
-        app.add_option("pid", g_robust.pid, "Its process id")->required()->check(CLI::Range(0, INT_MAX));
-    },
-    request_dump};
+void add_trigger_commands(CLI::App &app) {
+    CLI::App *command = add_command(
+        app, Where::kInside, "robust", "Report a failed process: the daemon writes a dump for it at once", request_dump,
+        "The dump is DIRECTORY/0000000000_PID_PROCESS_SECONDS, and a copy of it is on the stick.");
+    command->add_option("directory", g_robust.directory, "Directory inside the set that the dump goes to")->required();
+    command->add_option("process", g_robust.process, "Name of the process that failed")->required();
+    command->add_option("pid", g_robust.pid, "Its process id")->required()->check(CLI::Range(0, INT_MAX));
 
-const Command kDod = {
-    "dod",
-    "Switch DOD mode: continuous dumps, in a folder of the stick",
-    "Continuous dumps need a daemon that was started with two arguments.\n\n"
-    "example:\n  vestra-set dod on     (dumps come into /media/LABEL/issue_report_agent_DOD/Vestra)",
-    Command::kInside,
-    [](CLI::App &app) {
-        app.add_option("state", g_dod.state, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
-    },
-    set_dod};
+    command =
+        add_command(app, Where::kInside, "dod", "Switch DOD mode: continuous dumps, in a folder of the stick", set_dod,
+                    "The dumps go to /media/LABEL/issue_report_agent_DOD/Vestra. They need a daemon that was\n"
+                    "started with two arguments.");
+    command->add_option("state", g_dod.state, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
 
-const Command kHistory = {"history",
+    command = add_command(app, Where::kInside, "history",
                           "Make the daemon write the process history into its database, and show the newest rows",
-                          "Exit code 1 when the daemon did not write it.\n\n"
-                          "examples:\n  vestra-set history\n  vestra-set history --rows 1000 --json",
-                          Command::kInside,
-                          [](CLI::App &app) {
-                              app.add_option("--rows", g_history.rows, "How many to show")
-                                  ->check(CLI::Range(1, INT_MAX))
-                                  ->capture_default_str();
-                              app.add_flag("--json", g_history.json, "As JSON");
-                              add_seconds_option(app, "--timeout", g_history.timeout, "Seconds to wait");
-                          },
-                          show_history};
+                          show_history, "Exit code 1 when the daemon did not write it.");
+    command->add_option("--rows", g_history.rows, "How many to show")
+        ->check(CLI::Range(1, INT_MAX))
+        ->capture_default_str();
+    command->add_flag("--json", g_history.as_json, "As JSON");
+    add_seconds_option(*command, "--timeout", g_history.timeout, "Seconds to wait");
 
-const Command kFilter = {"filter",
-                         "Drop a list of process names: the module reports no others",
-                         "Waits until the daemon has taken the list. The module keeps the five newest names, from "
-                         "whatever lists, until it is\n"
-                         "loaded again; it compares 15 characters.\n\n"
-                         "example:\n  vestra-set filter tvs-engine launcher",
-                         Command::kInside,
-                         [](CLI::App &app) {
-                             app.add_option("name", g_filter.names, "Process names; the daemon sends the first five")
-                                 ->required()
-                                 ->type_name("NAME");
-                             add_seconds_option(app, "--timeout", g_filter.timeout, "Seconds to wait");
-                         },
-                         drop_list};
+    command = add_command(app, Where::kInside, "filter", "Drop a list of process names: the module reports no others",
+                          drop_list,
+                          "Waits until the daemon has taken the list. The module keeps the five newest names, from\n"
+                          "whatever lists, until it is loaded again; it compares 15 characters.");
+    command->add_option("name", g_filter.names, "Process names; the daemon sends the first five")
+        ->required()
+        ->type_name("NAME");
+    add_seconds_option(*command, "--timeout", g_filter.timeout, "Seconds to wait");
+}
 
 }  // namespace vestra_set

@@ -25,7 +25,6 @@ namespace {
 namespace fs = std::filesystem;
 
 struct {
-    int (*action)();
     std::string label;
     std::string size = "64M";
     std::string directory;
@@ -104,29 +103,20 @@ int list_sticks() {
     return kExitOk;
 }
 
-void add_options(CLI::App &app) {
-    app.require_subcommand(1);
-    CLI::App *sub = add_action(app, "plug", "Plug a stick; it is at /media/LABEL then", &g_usb.action, plug);
-    sub->add_option("label", g_usb.label, "Label")->required();
-    sub->add_option("--size", g_usb.size, "Size of a new stick")->capture_default_str();
-    sub->add_option("--dir", g_usb.directory, "A directory that the set sees, used as a stick");
-    sub->add_flag("--no-mount", g_usb.no_mount, "A stick that could not be mounted");
-    sub = add_action(app, "unplug", "Unplug a stick; its content stays for the next plug", &g_usb.action, unplug);
-    sub->add_option("label", g_usb.label, "Label")->required();
-    sub->add_flag("--yank", g_usb.yank, "Pull it out: the mount goes at once, with what was on it");
-    add_action(app, "list", "List the sticks, in their order", &g_usb.action, list_sticks);
-}
-
 }  // namespace
 
-const Command kUsb = {"usb",
-                      "Plug and unplug USB sticks",
-                      "examples:\n"
-                      "  vestra-set usb plug STICK --size 16M\n"
-                      "  vestra-set usb unplug STICK --yank     (pulled out while it is being written to)\n"
-                      "  vestra-set usb list",
-                      Command::kInside,
-                      add_options,
-                      [] { return g_usb.action(); }};
+void add_usb_commands(CLI::App &app) {
+    CLI::App *usb = add_command(app, Where::kInside, "usb", "Plug and unplug USB sticks");
+    CLI::App *command = add_command(*usb, Where::kInside, "plug", "Plug a stick; it is at /media/LABEL then", plug);
+    command->add_option("label", g_usb.label, "Label")->required();
+    command->add_option("--size", g_usb.size, "Size of a new stick")->capture_default_str();
+    command->add_option("--dir", g_usb.directory, "A directory that the set sees, used as a stick");
+    command->add_flag("--no-mount", g_usb.no_mount, "A stick that could not be mounted");
+    command =
+        add_command(*usb, Where::kInside, "unplug", "Unplug a stick; its content stays for the next plug", unplug);
+    command->add_option("label", g_usb.label, "Label")->required();
+    command->add_flag("--yank", g_usb.yank, "Pull it out: the mount goes at once, with what was on it");
+    add_command(*usb, Where::kInside, "list", "List the sticks, in their order", list_sticks);
+}
 
 }  // namespace vestra_set

@@ -1,5 +1,5 @@
-// The commands of vestra-set. Each is a table row beside its options, a struct that is filled by the command line, and
-// its function.
+// The commands of vestra-set. Each has a struct of options, which the command line fills, and a function that carries
+// it out; a source file's add_..._commands connects them.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -8,24 +8,25 @@
 
 namespace vestra_set {
 
-struct Command {
-    const char *name;
-    const char *summary;
-    const char *footer;  // of its help: examples, exit codes
-    // kInside: this program runs it again inside the set that --name names, where the platform's files and mounts are.
-    // kProgram: the command line continues with "--" and a program, or arguments for one; see g_program.
-    enum Kind { kOutside, kInside, kProgram } kind;
-    void (*add_options)(CLI::App &app);  // null: it has none; a kInside command gets --name in any case
-    int (*run)();                        // returns the exit code; throws Failure
+enum class Where {
+    kOutside,
+    kInside,   // this program runs the command again inside the set that --name names, where the set's files are
+    kProgram,  // outside, with a program, or arguments for one, after "--"
 };
 
-extern const Command kRun, kSandbox, kExec, kWait, kStop, kList;                 // sets as a whole
-extern const Command kKey, kVconf, kUsb, kTemperature, kModule, kNotices, kLog;  // what a set has
-extern const Command kRobust, kDod, kHistory, kFilter;                           // requests to the daemon
-extern const Command kInspect;
-
+// The command that is to be carried out.
+struct Command {
+    Where where;
+    int (*run)();  // returns the exit code; throws Failure
+};
+extern Command g_command;
 extern std::string g_name;                  // --name
 extern std::vector<std::string> g_program;  // the words after "--"
+
+// Adds a command to `parent`, the program or another command, and returns it for its options. One that only holds
+// others has no `run`. Commands that are carried out inside get --name.
+CLI::App *add_command(CLI::App &parent, Where where, const std::string &name, const std::string &summary,
+                      int (*run)() = nullptr, const std::string &footer = "");
 
 // Adds --name; `name` holds the default.
 void add_name_option(CLI::App &app, std::string &name = g_name, const std::string &text = "The set's name");
@@ -33,11 +34,14 @@ void add_name_option(CLI::App &app, std::string &name = g_name, const std::strin
 // Adds an option for a number of seconds, from 0 to a million.
 void add_seconds_option(CLI::App &app, const std::string &option, double &seconds, const std::string &text);
 
-// A validator for numbers: `low` to `high`.
+// A validator for numbers from `low` to `high`.
 CLI::Validator between(double low, double high);
 
-// Adds a subcommand that sets `*action` to `function`. Returns it for its own options.
-CLI::App *add_action(CLI::App &app, const std::string &name, const std::string &text, int (**action)(),
-                     int (*function)());
+void add_run_commands(CLI::App &app);      // run, sandbox
+void add_remote_commands(CLI::App &app);   // key, temperature, vconf, module, notices, log
+void add_usb_commands(CLI::App &app);      // usb
+void add_trigger_commands(CLI::App &app);  // robust, dod, history, filter
+void add_set_commands(CLI::App &app);      // exec, wait, stop, list
+void add_inspect_command(CLI::App &app);
 
 }  // namespace vestra_set

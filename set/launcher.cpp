@@ -206,7 +206,7 @@ int launch(LaunchPlan plan, int *signal) {
     if (plan.options.directory.empty()) plan.options.directory = std::filesystem::current_path(ignored);
     // Made here only so that a wrong option is reported before anything is built.
     std::string error;
-    if (plan.options.node && make_source(plan.options.source, &error) == nullptr) {
+    if (make_source(plan.options.source, &error) == nullptr) {
         fail("trace source: " + error, kExitUsage);
     }
 

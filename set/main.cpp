@@ -1,6 +1,6 @@
 // vestra-set: starts a simulated set with the daemon in it, and is the remote control of one that runs.
 //
-// Outside a set, the commands that act on one (Command::kInside) are run again by this same program inside it, where
+// Outside a set, the commands that act on one (Where::kInside) are run again by this same program inside it, where
 // the paths are the set's own. Inside, as in a test, they act at once.
 
 #include <fcntl.h>
@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <map>
 
 #include "set/commands.h"
 #include "set/complain.h"
@@ -18,15 +17,7 @@
 
 namespace vestra_set {
 
-std::string g_name = "default";
-std::vector<std::string> g_program;
-
 namespace {
-
-// In the order in which help shows them.
-constexpr const Command *kCommands[] = {&kRun,    &kSandbox, &kKey,  &kRobust,      &kDod,     &kHistory,
-                                        &kFilter, &kVconf,   &kUsb,  &kTemperature, &kModule,  &kNotices,
-                                        &kLog,    &kExec,    &kWait, &kStop,        &kInspect, &kList};
 
 constexpr const char *kOverview =
     "exit codes:\n"
@@ -74,24 +65,18 @@ int run(const std::vector<std::string> &arguments) {
         "vestra-set");
     app.require_subcommand(1)->fallthrough();
     app.footer(kOverview);
-    std::map<const CLI::App *, const Command *> commands;
-    for (const Command *command : kCommands) {
-        CLI::App *sub = app.add_subcommand(command->name, command->summary);
-        sub->footer(command->footer);
-        if (command->kind == Command::kInside) add_name_option(*sub);
-        if (command->add_options != nullptr) command->add_options(*sub);
-        commands[sub] = command;
+    // In the order in which help shows them.
+    for (auto *add : {add_run_commands, add_remote_commands, add_usb_commands, add_trigger_commands, add_set_commands,
+                      add_inspect_command}) {
+        add(app);
     }
     try {
         app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kExitOk : kExitUsage;
     }
-    const Command &command = *commands.at(app.get_subcommands().front());
-    if (!g_program.empty() && command.kind != Command::kProgram) {
-        fail(std::string(command.name) + " takes nothing after \"--\"", kExitUsage);
-    }
-    if (command.kind != Command::kInside || std::getenv("VESTRA_SET_INSIDE") != nullptr) return command.run();
+    if (!g_program.empty() && g_command.where != Where::kProgram) fail("nothing is expected after \"--\"", kExitUsage);
+    if (g_command.where != Where::kInside || std::getenv("VESTRA_SET_INSIDE") != nullptr) return g_command.run();
 
     std::vector<std::string> inside{kLauncher};
     inside.insert(inside.end(), words.begin(), words.end());
