@@ -10,7 +10,7 @@ using trace::SwitchMessage;
 
 namespace {
 
-TEST_F(DecoderTest, HistoryPlacesProcessesOfOneHomeBehindEachOther) {
+TEST_F(DecoderTest, HistoryPlacesProcessesOfOneHomeAfterEachOther) {
     const auto store = [](int pid, const char *name) {
         __VestraProcCPUUsageHist__ record = {kSecond, pid, -1, 1, 2, 0, 0, 0, name};
         return vestra_vital_update_cpuusage_hist(&record);
@@ -66,6 +66,27 @@ TEST_F(DecoderTest, HistoryIsSearchedAsItStandsWhoeverChangedIt) {
         const int pid = process();
         ASSERT_EQ(vesrta_checkhash_hist(pid), searched(pid)) << "step " << step << ", pid " << pid;
     }
+}
+
+TEST_F(DecoderTest, HistoryIsSearchedFarEnoughAfterMemcpyAndMemset) {
+    constexpr size_t kNumbers = offsetof(__VestraProcCPUUsageHist__, name);
+    void *table = gProcCpuUsageHist, *second = &gProcCpuUsageHist[6], *far = &gProcCpuUsageHist[900];
+    __VestraProcCPUUsageHist__ record = {kSecond, 5, -1, 1, 2, 0, 0, 0, "name"};
+    for (; record.pid < 3 * 32768; record.pid = record.pid + 32768) vestra_vital_update_cpuusage_hist(&record);
+    std::vector<char> saved(sizeof(gProcCpuUsageHist));
+    memcpy(saved.data(), table, saved.size());
+    vesrta_hash_init_hist();
+    EXPECT_EQ(vesrta_checkhash_hist(65541), -1);
+    memcpy(table, saved.data(), saved.size());
+    EXPECT_EQ(vesrta_checkhash_hist(65541), 7);
+    memset(second, 0xff, kNumbers);
+    EXPECT_EQ(vesrta_checkhash_hist(32773), -1);
+    EXPECT_EQ(vesrta_checkhash_hist(65541), 7) << "after a record that is unused now";
+    record.pid = 77;
+    const void *made_elsewhere = &record;
+    memcpy(far, made_elsewhere, kNumbers);
+    gProcCpuUsageHist[900].name = "far from home";
+    EXPECT_EQ(vesrta_checkhash_hist(77), 900);
 }
 
 TEST_F(DecoderTest, HistorySurvivesCountersThatWrap) {

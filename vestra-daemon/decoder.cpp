@@ -158,29 +158,29 @@ void get_unpackedBytesWithLength(int frame_len, int offset, char *frame, int cou
 // The table; the last record is never used. Reader thread only.
 __VestraProcCPUUsageHist__ gProcCpuUsageHist[kHistRecords + 1];
 
-// The table's used records by the home index of their process: a search is over when it has met as many. Kept by
-// HistoryPid. At program start every pid is 0.
-static uint16_t home_counts[kHistRecords] = {kHistRecords};
+// The greatest distance of a process from its home index so far, in records. Never becomes smaller. Reader thread only.
+static int farthest;
 
 static int home_index(int pid) {
     return static_cast<int>(static_cast<uint32_t>(pid) & (kHistRecords - 1));
-}
-
-HistoryPid &HistoryPid::operator=(const HistoryPid &other) {
-    const int32_t before = std::exchange(pid_, other.pid_);
-    const auto offset = reinterpret_cast<uintptr_t>(this) - reinterpret_cast<uintptr_t>(gProcCpuUsageHist);
-    if (before == pid_ || offset >= kHistRecords * sizeof(__VestraProcCPUUsageHist__)) return *this;
-    if (before != -1) --home_counts[home_index(before)];
-    if (pid_ != -1) ++home_counts[home_index(pid_)];
-    return *this;
 }
 
 static int next_index(int index) {
     return (index + 1) & (kHistRecords - 1);
 }
 
+// Takes in what others have put into the table.
+[[gnu::cold]] static void measure_table() {
+    HistoryPid::any_changed = false;
+    for (int i = 0; i < kHistRecords; ++i) {
+        const int pid = gProcCpuUsageHist[i].pid;
+        if (pid != -1) farthest = std::max(farthest, (i - home_index(pid)) & (kHistRecords - 1));
+    }
+}
+
 int vesrta_hash_init_hist() {
     for (int i = 0; i < kHistRecords; ++i) gProcCpuUsageHist[i] = {0, -1, -1, 0, 0, 0, 0, 0, std::string()};
+    HistoryPid::any_changed = false;
     return 0;
 }
 
@@ -189,39 +189,55 @@ int vesrta_gethash_hist(int pid) {
     int index = home_index(pid);
     for (int probe = 0; probe < kHistRecords; ++probe, index = next_index(index)) {
         __VestraProcCPUUsageHist__ &record = gProcCpuUsageHist[index];
-        if (record.pid == -1) {
-            record.pid = pid;
-            return index;
-        }
-        if (record.name.empty()) return index;
+        if (record.pid != -1 && !record.name.empty()) continue;
+        if (record.pid == -1) record.pid.place(pid);
+        farthest = std::max(farthest, probe);
+        return index;
     }
     return -1;
+}
+
+// The first record with `pid`, from its home index on; null when there is none or it has no name.
+static inline __VestraProcCPUUsageHist__ *search(int pid) {
+    int index = home_index(pid), probe = 0;
+    do {
+        __VestraProcCPUUsageHist__ &record = gProcCpuUsageHist[index];
+        if (record.pid == pid) return record.name.empty() ? nullptr : &record;
+        index = next_index(index);
+    } while (++probe <= farthest);
+    return nullptr;
+}
+
+[[gnu::cold]] static __VestraProcCPUUsageHist__ *measure_and_search(int pid) {
+    measure_table();
+    return search(pid);
+}
+
+// `pid`'s record, or null.
+static inline __VestraProcCPUUsageHist__ *find_record(int pid) {
+    if (pid == -1) return nullptr;
+    __VestraProcCPUUsageHist__ *record = search(pid);
+    return record == nullptr && HistoryPid::any_changed ? measure_and_search(pid) : record;
+}
+
+static int index_of(const __VestraProcCPUUsageHist__ *record) {
+    return record == nullptr ? -1 : static_cast<int>(record - gProcCpuUsageHist);
 }
 
 int vesrta_checkhash_hist(int pid) {
-    if (pid == -1) return -1;
-    const int home = home_index(pid);
-    // An unused record does not end the search: records were claimed before others in front of them became free. The
-    // last record of this home does.
-    int index = home, left = home_counts[home];
-    for (int probe = 0; left > 0 && probe < kHistRecords; ++probe, index = next_index(index)) {
-        const __VestraProcCPUUsageHist__ &record = gProcCpuUsageHist[index];
-        if (record.pid == pid) return record.name.empty() ? -1 : index;
-        if (record.pid != -1 && home_index(record.pid) == home) --left;
-    }
-    return -1;
+    return index_of(find_record(pid));
 }
 
 int vesrta_get_process_data_hist(int pid, int /*unused*/, __VestraProcCPUUsageHist__ *out) {
-    const int index = vesrta_checkhash_hist(pid);
-    if (index != -1 && out != nullptr) *out = gProcCpuUsageHist[index];
-    return index;
+    const __VestraProcCPUUsageHist__ *record = find_record(pid);
+    if (record != nullptr && out != nullptr) *out = *record;
+    return index_of(record);
 }
 
-// The record to store `pid` in: the one where it was `found`, or a free one when that is -1. Null when there is none.
-static __VestraProcCPUUsageHist__ *record_for(int found, int pid) {
+// A record for a process that has none; null when the table is full.
+static __VestraProcCPUUsageHist__ *free_record(int pid) {
     LOGS_AS("vestra_vital_update_cpuusage_hist");
-    const int index = found != -1 ? found : vesrta_gethash_hist(pid);
+    const int index = vesrta_gethash_hist(pid);
     if (index != -1) return &gProcCpuUsageHist[index];
     if (pid != -1) LOGE("vestra: tvuc no space available ret = %d\n", index);
     return nullptr;
@@ -229,10 +245,12 @@ static __VestraProcCPUUsageHist__ *record_for(int found, int pid) {
 
 int vestra_vital_update_cpuusage_hist(__VestraProcCPUUsageHist__ *rec) {
     if (rec == nullptr) return -1;
-    __VestraProcCPUUsageHist__ *record = record_for(vesrta_checkhash_hist(rec->pid), rec->pid);
+    __VestraProcCPUUsageHist__ *record = find_record(rec->pid);
+    if (record == nullptr) record = free_record(rec->pid);
     if (record == nullptr) return -1;
+    record->pid.place(rec->pid);
     *record = *rec;
-    return static_cast<int>(record - gProcCpuUsageHist);
+    return index_of(record);
 }
 
 // What a sample says about the CPU time of its process.
@@ -248,33 +266,32 @@ struct ProcessSample {
 // the table is full.
 static const __VestraProcCPUUsageHist__ *update_history(const ProcessSample &sample, const std::string *name,
                                                         int32_t element1) {
-    const int index = vesrta_checkhash_hist(sample.pid);
-    const bool fresh = index == -1 || gProcCpuUsageHist[index].timestamp == 0;
+    __VestraProcCPUUsageHist__ *record = find_record(sample.pid);
+    const bool known = record != nullptr, fresh = !known || record->timestamp == 0;
     double percent_total = 0, percent_a = 0, percent_b = 0;
     if (!fresh) {
-        const __VestraProcCPUUsageHist__ &known = gProcCpuUsageHist[index];
-        if (known.timestamp >= sample.timestamp) return &known;
-        if (known.cpu_time_a == sample.cpu_time_a && known.cpu_time_b == sample.cpu_time_b) return &known;
-        const uint64_t interval = distance(sample.timestamp, known.timestamp);
-        if (interval <= kNsPerSecond) return &known;
+        if (record->timestamp >= sample.timestamp) return record;
+        if (record->cpu_time_a == sample.cpu_time_a && record->cpu_time_b == sample.cpu_time_b) return record;
+        const uint64_t interval = distance(sample.timestamp, record->timestamp);
+        if (interval <= kNsPerSecond) return record;
         const double interval_ms = static_cast<double>(interval) / 1000000;
         const double ticks = ticks_in(interval_ms / 1000);
-        percent_b = percent_of(sample.cpu_time_b, known.cpu_time_b, ticks);
-        percent_a = percent_of(sample.cpu_time_a, known.cpu_time_a, ticks);
+        percent_b = percent_of(sample.cpu_time_b, record->cpu_time_b, ticks);
+        percent_a = percent_of(sample.cpu_time_a, record->cpu_time_a, ticks);
         percent_total = percent_of(wrapping_sum(sample.cpu_time_a, sample.cpu_time_b),
-                                   wrapping_sum(known.cpu_time_a, known.cpu_time_b), ticks);
+                                   wrapping_sum(record->cpu_time_a, record->cpu_time_b), ticks);
     }
-    __VestraProcCPUUsageHist__ *record = record_for(index, sample.pid);
+    if (!known) record = free_record(sample.pid);
     if (record == nullptr) return nullptr;
     if (name == nullptr) {
         record->element1 = element1;
-        if (index == -1) record->name.clear();
+        if (!known) record->name.clear();
     } else {
         if (fresh) record->element1 = -1;
         if (record->name != *name) record->name = *name;
     }
     record->timestamp = sample.timestamp;
-    record->pid = sample.pid;
+    record->pid.place(sample.pid);
     record->cpu_time_a = sample.cpu_time_a;
     record->cpu_time_b = sample.cpu_time_b;
     record->total_percent = percent_total;

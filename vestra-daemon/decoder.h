@@ -85,14 +85,27 @@ struct _VestraData_ {
 };
 static_assert(sizeof(_VestraData_) == 4 * sizeof(double), "the layout is fixed");
 
-// A process id in a record of the CPU history. Whoever assigns one in the table keeps the table's counts right by it,
-// which tell that a process is not there.
+// A process id in a record of the CPU history: an int32_t that notes when one is made or changed.
+//
+// The history's functions remember the greatest distance of a process from its home index. A search ends there, not
+// after all 32,768 records. Whoever fills a record directly may put its process farther away, so after that the next
+// search that finds nothing measures the table and goes on. The distance never becomes smaller: a table that was copied
+// away and back is searched far enough, even if memcpy did it.
 class HistoryPid {
   public:
-    HistoryPid(int32_t pid = 0) : pid_(pid) {}
+    HistoryPid(int32_t pid = 0) : pid_(pid) { any_changed = true; }
     HistoryPid(const HistoryPid &) = default;
-    HistoryPid &operator=(const HistoryPid &other);
+    HistoryPid &operator=(const HistoryPid &other) {
+        any_changed = any_changed || pid_ != other.pid_;
+        pid_ = other.pid_;
+        return *this;
+    }
     operator int32_t() const { return pid_; }
+
+    // For the history's own functions, which know where the record is.
+    void place(int32_t pid) { pid_ = pid; }
+
+    inline static bool any_changed = false;
 
   private:
     int32_t pid_;
@@ -101,7 +114,7 @@ class HistoryPid {
 // The last sample that a process's CPU usage was computed from, and that usage.
 struct __VestraProcCPUUsageHist__ {
     int64_t timestamp;
-    HistoryPid pid;        // -1: the record was never used
+    HistoryPid pid;        // reads and assigns like an int32_t; -1: the record was never used
     int32_t element1;      // of the sample when the slot writer stored it, else -1
     int64_t cpu_time_a;    // ticks
     int64_t cpu_time_b;    // ticks
