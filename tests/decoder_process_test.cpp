@@ -143,6 +143,14 @@ TEST_F(DecoderTest, ListHoldsWhatIsAccountedNewestFirst) {
     EXPECT_EQ(vesrta_checkhash_hist(78), -1);
 }
 
+TEST_F(DecoderTest, ListWithoutATailGrows) {
+    ghead_shm = new circ_buf_shm{"1", 40, "by others", 10, 20, 1, nullptr, nullptr};
+    decode(sample(3, 77, "player"));
+    EXPECT_EQ(ghead_shm->pid, 77);
+    EXPECT_EQ(ghead_shm->next->pid, 40);
+    EXPECT_EQ(last_node, nullptr);
+}
+
 TEST_F(DecoderTest, OldestOfTheListFallOffAboveTheLimitOnly) {
     // A charge of 40 each: 20, ten digits, ten letters. 5120 of them are exactly the limit.
     for (int i = 0; i < 5120; ++i) decode(sample(1 + i / 1000.0, 77, "ten-letter"));

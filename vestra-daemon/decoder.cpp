@@ -968,8 +968,8 @@ static inline void prefetch_process(int32_t pid) {
     const __VestraProcCPUUsageHist__ *record = &gProcCpuUsageHist[home_index(pid)];
     __builtin_prefetch(record);
     __builtin_prefetch(reinterpret_cast<const char *>(record + 1) - 1);
-    // A list that was freed leaves last_node as it was.
-    if (ghead_shm == nullptr || last_node->prev == nullptr) return;
+    // Both ends: last_node is stale after the list was freed, and null in a list that others have made.
+    if (ghead_shm == nullptr || last_node == nullptr || last_node->prev == nullptr) return;
     __builtin_prefetch(last_node);
     __builtin_prefetch(&last_node->prev->next);
 }
