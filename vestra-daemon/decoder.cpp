@@ -488,16 +488,20 @@ int fillData(int slot, _SYSDATA_ *sample, int frame_type, int /*message_type*/) 
     return fill_slot(slot, sample, frame_type, false);
 }
 
-void find_valid_index() {
-    const int last = last_index;
-    if (!is_slot(last)) return;
+// The oldest slot of the unbroken run of switch samples that ends at `last`.
+static int start_of_run(int last) {
     int slot = last;
     do {
         const _SYSDATA_ &data = collectedData[slot];
         if (data.timestamp == 0 || (data.flags & kFlagSwitch) == 0) break;
         slot = slot_before(slot);
     } while (slot != last);
-    valid_index = slot_after(slot);
+    return slot_after(slot);
+}
+
+void find_valid_index() {
+    const int last = last_index;
+    if (is_slot(last)) valid_index = start_of_run(last);
 }
 
 // Sums over the cores of a slot, from which its percentages are derived.
@@ -557,9 +561,9 @@ static void add_cpu_samples(const double *samples, int count) {
     }
 }
 
-void calculateCPUAvgValues() {
-    const int first = valid_index, last = last_index;
-    if (!is_slot(first) || !is_slot(last)) return;
+// calculateCPUAvgValues for the slots from `first` to `last`.
+static void derive_percentages(int first, int last) {
+    LOGS_AS("calculateCPUAvgValues");
     CoreSums before = {};
     int64_t time_before = 0;
     double iowait_accepted = 0.0;
@@ -600,6 +604,11 @@ void calculateCPUAvgValues() {
     add_cpu_samples(totals, steps);
 }
 
+void calculateCPUAvgValues() {
+    const int first = valid_index, last = last_index;
+    if (is_slot(first) && is_slot(last)) derive_percentages(first, last);
+}
+
 // groupData. `in_history` as for fill_slot.
 static void store_sample(const _SYSDATA_ *sample, int frame_type, bool in_history) {
     LOGS_AS("groupData");
@@ -617,7 +626,8 @@ static void store_sample(const _SYSDATA_ *sample, int frame_type, bool in_histor
     last_index = newest;
     if (first) return;
     find_valid_index();
-    calculateCPUAvgValues();
+    // Not calculateCPUAvgValues: since then the client thread may have set valid_index for the head before this one.
+    derive_percentages(start_of_run(newest), newest);
 }
 
 void groupData(_SYSDATA_ *sample, int frame_type, int /*message_type*/) {
