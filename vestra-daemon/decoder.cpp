@@ -169,7 +169,7 @@ static int next_index(int index) {
     return (index + 1) & (kHistRecords - 1);
 }
 
-// Takes in what others have put into the table.
+// Makes `farthest` cover what others have put into the table.
 [[gnu::cold]] static void measure_table() {
     HistoryPid::any_changed = false;
     for (int i = 0; i < kHistRecords; ++i) {

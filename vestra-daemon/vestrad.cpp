@@ -243,8 +243,7 @@ struct FileCloser {
     }
 };
 
-// fscanf's "%d", but a number beyond 32 bits, for which that is undefined, is clamped. 1, 0 when there is something
-// else, EOF when there is nothing.
+// fscanf(file, "%d", value), except that it clamps a number beyond 32 bits, for which "%d" is undefined.
 static int read_decimal(FILE *file, int *value) {
     int c = fgetc(file);
     while (isspace(c)) c = fgetc(file);
