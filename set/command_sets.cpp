@@ -73,10 +73,8 @@ int list_sets() {
     if (g_list.json) {
         json all = json::array();
         for (const RunningSet &set : sets) {
-            all.push_back({{"name", set.name},
-                           {"launcher", set.launcher},
-                           {"program", set.program},
-                           {"directory", set_directory(set.name)}});
+            all.push_back(set);
+            all.back()["directory"] = set_directory(set.name);
         }
         std::cout << all.dump(2, ' ', false, json::error_handler_t::replace) << std::endl;
         return kExitOk;

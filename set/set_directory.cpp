@@ -77,11 +77,9 @@ std::string set_directory(const std::string &name) {
 std::optional<RunningSet> find_set(const std::string &name) {
     const std::string path = set_directory(name) + kLockSuffix;
     if (!is_locked(path)) return std::nullopt;
-    RunningSet set;
+    const auto text = nlohmann::json::parse(read_file(path).value_or(""), nullptr, false);
+    RunningSet set = text.is_object() ? text.get<RunningSet>() : RunningSet();  // one that is just being claimed
     set.name = name;
-    std::istringstream text(read_file(path).value_or(""));
-    text >> set.launcher >> set.process >> set.start >> set.stop_signal >> std::ws;
-    std::getline(text, set.program);
     return set;
 }
 
@@ -149,22 +147,26 @@ std::unique_ptr<ClaimedDirectory> ClaimedDirectory::claim(const std::string &nam
                  "); end it with \"vestra-set stop --name " + name + "\", or give this one another --name";
         return nullptr;
     }
-    const std::string owner = std::to_string(getpid()) + "\n";
     std::error_code problem;
     fs::remove_all(path, problem);
-    if (problem || ftruncate(lock.get(), 0) != 0 || write(lock.get(), owner.data(), owner.size()) < 0) {
-        *error = path + ": " + (problem ? problem.message() : std::strerror(errno));
+    if (problem) {
+        *error = path + ": " + problem.message();
         return nullptr;
     }
     if (!make_private(path, error)) return nullptr;
-    return std::unique_ptr<ClaimedDirectory>(new ClaimedDirectory(path, std::move(lock)));
+    std::unique_ptr<ClaimedDirectory> claimed(new ClaimedDirectory(path, std::move(lock)));
+    RunningSet starting;
+    starting.name = name;
+    starting.launcher = getpid();
+    if (claimed->announce(starting)) return claimed;
+    *error = path + ": " + std::strerror(errno);
+    return nullptr;
 }
 
 bool ClaimedDirectory::announce(const RunningSet &set) {
-    std::ostringstream text;
-    text << set.launcher << ' ' << set.process << ' ' << set.start << ' ' << set.stop_signal << ' ' << set.program
-         << '\n';
-    return pwrite(lock_.get(), text.str().data(), text.str().size(), 0) == static_cast<ssize_t>(text.str().size());
+    const auto text = nlohmann::json(set).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+    return ftruncate(lock_.get(), 0) == 0 &&
+           pwrite(lock_.get(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
 }
 
 ClaimedDirectory::~ClaimedDirectory() {

@@ -1,13 +1,12 @@
 // The sets of this user that run, on the host: a directory ${XDG_RUNTIME_DIR or /tmp}/vestra-set-UID/NAME for each, and
-// a lock file NAME.lock that the launcher holds for as long as the set runs. The lock file holds a line "LAUNCHER", and
-// once the set is up "LAUNCHER INIT START PROGRAM": process ids of the launcher and of the set's first process, the
-// time at which that was started, and the set's program.
+// a lock file NAME.lock that the launcher holds for as long as the set runs. The lock file holds a RunningSet as JSON.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,12 +23,13 @@ constexpr const char *kForcedMark = "/ended-by-force";
 
 struct RunningSet {
     std::string name;
-    pid_t launcher = 0;
+    pid_t launcher = 0;   // its process id
     pid_t process = 0;    // the program's; 0 while the set is not up
-    uint64_t start = 0;   // when that was started, in clock ticks since the machine was
-    int stop_signal = 0;  // what stops the program in order
+    uint64_t start = 0;   // when the program was started, in clock ticks since the machine was
+    int stop_signal = 0;  // stops the program in order
     std::string program;
 };
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(RunningSet, name, launcher, process, start, stop_signal, program)
 
 // The sets of this user that run now, by name; and the one of a name.
 std::vector<RunningSet> running_sets();
@@ -66,7 +66,7 @@ class ClaimedDirectory {
 
     const std::string &path() const { return path_; }
 
-    // Says that the set is up. False with errno set on failure.
+    // Says what runs in the set. False with errno set on failure.
     bool announce(const RunningSet &set);
 
   private:

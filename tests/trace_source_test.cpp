@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <csignal>
 #include <map>
 #include <string>
@@ -145,6 +146,28 @@ TEST(HostSource, SamplesTheProcessesAskedForWhenTheyAreDue) {
     const uint64_t expected[] = {3000, 1000, 1000, 3000};  // ticks; three CPUs on four cores
     const auto cores = fold_cores({{1200, 0, 1200, 0}, {0, 0, 0, 0}, {1200, 0, 1200, 0}}, 100);
     for (size_t core = 0; core < kCoreCount; ++core) EXPECT_EQ(cores[core].user + cores[core].idle, 2 * expected[core]);
+}
+
+TEST(HostSource, ARateCoversTheLastSecondWhateverTheReadingsAre) {
+    const struct {
+        uint64_t ms;
+        unsigned long count;
+        uint64_t rate;
+        const char *why;
+    } kRows[] = {{1000, 5000, 0, "the first reading"},
+                 {1050, 5100, 2000, "all there is"},
+                 {1100, 9000, 40000, "all there is"},
+                 {2000, 9100, 4100, "since the reading of a second ago"},
+                 {2100, 9100, 100, "the burst is more than a second ago"},
+                 {9100, 16100, 1000, "a late reading: over the time that passed"},
+                 {9150, 100, 1000, "the counter went back: the rate stays"},
+                 {9650, 600, 1000, "counting has begun again"}};
+    Rate rate;
+    for (const auto &row : kRows)
+        EXPECT_EQ(rate.update(row.ms * 1'000'000, row.count), row.rate) << row.ms << " ms: " << row.why;
+    Rate wraps;
+    wraps.update(0, ULONG_MAX - 99);
+    EXPECT_EQ(wraps.update(1'000'000'000, 100), 200U) << "the counter has wrapped";
 }
 
 }  // namespace

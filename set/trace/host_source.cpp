@@ -121,7 +121,10 @@ class Sampler {
         if (result >= 0) result = procps_stat_new(&stat_);
         if (result >= 0) result = procps_meminfo_new(&memory_);
         if (result < 0) *error = std::string("cannot sample this machine: ") + std::strerror(-result);
-        return result >= 0;
+        // The first reading, so that the first sample has a rate.
+        SwitchMessage ignored;
+        ignored.time_ns = static_cast<uint64_t>(monotonic_ns());
+        return result >= 0 && read_cpus(&ignored);
     }
 
     // Appends the frames of one sample to `out`. What cannot be read is left out.
@@ -155,14 +158,16 @@ class Sampler {
             cpus_.push_back({cpu[kCpuUser].result.ull_int, cpu[kCpuSystem].result.ull_int, cpu[kCpuIdle].result.ull_int,
                              cpu[kCpuIoWait].result.ull_int});
         }
-        message->cores = fold_cores(cpus_, hertz_);
-        const uint64_t switches = reaped->summary->head[kSwitches].result.ul_int;
-        const uint64_t passed_ms = (message->time_ns - last_ns_) / 1'000'000;
-        // Counted in a long, which wraps on a 32-bit machine; the difference does not mind.
-        const uint64_t more = static_cast<unsigned long>(switches - last_switches_);
-        if (last_ns_ != 0 && passed_ms > 0) message->element10 = more * 1000 / passed_ms;
-        last_ns_ = message->time_ns;
-        last_switches_ = switches;
+        // The kernel's idle and I/O wait times may go back a little, and all do when a CPU is switched off.
+        const auto cores = fold_cores(cpus_, hertz_);
+        for (size_t i = 0; i < kCores; ++i) {
+            cores_[i].user = std::max(cores_[i].user, cores[i].user);
+            cores_[i].system = std::max(cores_[i].system, cores[i].system);
+            cores_[i].idle = std::max(cores_[i].idle, cores[i].idle);
+            cores_[i].iowait = std::max(cores_[i].iowait, cores[i].iowait);
+        }
+        message->cores = cores_;
+        message->element10 = switches_.update(message->time_ns, reaped->summary->head[kSwitches].result.ul_int);
         message->element11 = reaped->summary->head[kRunning].result.ul_int;
         return true;
     }
@@ -268,8 +273,8 @@ class Sampler {
     const bool every_process_;
     bool with_disk_ = false;
     std::vector<CpuTicks> cpus_;
-    uint64_t last_ns_ = 0;  // 0 before the first sample
-    uint64_t last_switches_ = 0;
+    std::array<CoreTimes, kCores> cores_{};  // of the last sample
+    Rate switches_;
     std::unordered_map<int, Seen> seen_;  // processes of the last sample
 };
 
@@ -410,6 +415,20 @@ class HostSource : public TraceSource {
 };
 
 }  // namespace
+
+uint64_t Rate::update(uint64_t now_ns, unsigned long count) {
+    constexpr uint64_t kSecond = 1'000'000'000;
+    constexpr uint64_t kLeastSpan = kSecond / 100;
+    if (!readings_.empty() && static_cast<long>(count - readings_.back().count) < 0) readings_.clear();
+    while (readings_.size() > 1 && now_ns - readings_[1].ns >= kSecond) readings_.pop_front();
+    const uint64_t passed = readings_.empty() ? 0 : now_ns - readings_[0].ns;
+    if (passed >= kLeastSpan) {
+        const auto growth = static_cast<double>(count - readings_[0].count);
+        rate_ = static_cast<uint64_t>(std::llround(growth * 1e9 / static_cast<double>(passed)));
+    }
+    readings_.push_back({now_ns, count});
+    return rate_;
+}
 
 std::array<CoreTimes, kCoreCount> fold_cores(const std::vector<CpuTicks> &cpus, uint64_t hertz) {
     std::array<CoreTimes, kCoreCount> cores{};

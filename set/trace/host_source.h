@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,6 +19,23 @@ namespace vestra_set {
 // of the pid namespace that it runs in. With the first block it starts a thread that samples at the rate wanted,
 // whether anyone reads or not, and blocks all signals; of what nobody reads it keeps the newest megabyte.
 std::unique_ptr<TraceSource> make_host_source(const SourceOptions &options, std::string *error);
+
+// Turns readings of a counter into a rate over the last second.
+class Rate {
+  public:
+    // Takes in the counter's value at the time `now_ns`. Returns its growth per second since the newest reading that is
+    // at least a second old, or since the first one while all are younger; 0 where that is less than 10 ms ago. Where
+    // the counter went back, the old rate stays and counting begins again. A 32-bit counter may wrap.
+    uint64_t update(uint64_t now_ns, unsigned long count);
+
+  private:
+    struct Reading {
+        uint64_t ns;
+        unsigned long count;
+    };
+    std::deque<Reading> readings_;
+    uint64_t rate_ = 0;
+};
 
 // One machine CPU's counters since it was started.
 struct CpuTicks {

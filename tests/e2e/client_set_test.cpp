@@ -212,13 +212,14 @@ double busy_seconds() {
     return (user + nice + system + irq + softirq) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-double meminfo(const char *what) {
-    std::istringstream text(read_file("/proc/meminfo"));
-    double kib = 0;
-    for (std::string word; text >> word;) {
-        if (word == what && text >> kib) break;
+// The number after a word in a file of the kernel's.
+double figure(const char *file, const char *word) {
+    std::istringstream text(read_file(file));
+    double value = 0;
+    for (std::string each; text >> each;) {
+        if (each == word && text >> value) break;
     }
-    return kib;
+    return value;
 }
 
 double cpu_seconds(pid_t pid) {
@@ -248,6 +249,7 @@ TEST_F(HostFigures, AgreeWithTheMachine) {
     ASSERT_TRUE(comes_true([&] { return ask(2, 0, kPatience, &cpu) == VESTRA_API_OK && cpu.maximum > 0; }));
     poll(nullptr, 0, 1500);
     const double machine_before = busy_seconds();
+    const double switches_before = figure("/proc/stat", "ctxt");
     const double child_before = cpu_seconds(busy.pid());
     const auto begin = Clock::now();
     poll(nullptr, 0, kSeconds * 1000);
@@ -258,10 +260,14 @@ TEST_F(HostFigures, AgreeWithTheMachine) {
     ASSERT_EQ(ask(2, kSeconds, kPatience, &cpu), VESTRA_API_OK);
     EXPECT_NEAR(cpu.average, machine, 15) << "percent of all CPUs";
     EXPECT_GT(cpu.average, 20) << "one of them is busy";
+    vestra_api_data switches;
+    ASSERT_EQ(ask(0, kSeconds, kPatience, &switches), VESTRA_API_OK);
+    const double rate = (figure("/proc/stat", "ctxt") - switches_before) / static_cast<double>(ms_since(begin)) * 1000;
+    EXPECT_NEAR(switches.average, rate, 0.25 * rate) << "context switches a second";
 
     vestra_api_data memory;
     ASSERT_EQ(ask(16, 0, kPatience, &memory), VESTRA_API_OK);
-    EXPECT_NEAR(memory.maximum, meminfo("MemAvailable:"), 0.05 * meminfo("MemTotal:"));
+    EXPECT_NEAR(memory.maximum, figure("/proc/meminfo", "MemAvailable:"), 0.05 * figure("/proc/meminfo", "MemTotal:"));
 
     json rows = json::parse(remote("history --timeout 60 --rows 100000 --json").out)["rows"];
     double samples = 0, percent = 0, most = 0;
