@@ -14,10 +14,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Directories that a set has of its own: never replaced by the host's, though what lies below them may be bound.
+// Directories that a set has itself: never replaced by the host's, but what is below them may be bound.
 constexpr const char *kOwnDirectories[] = {"/",    "/tmp",  "/opt",   "/run", "/dev/shm", "/tv",
                                            "/var", "/home", "/media", "/mnt", "/srv"};
-// Trees that a set has of its own, or sees anyway.
+// Trees that a set has itself, or sees anyway.
 constexpr const char *kOwnTrees[] = {"/usr",    "/bin", "/sbin", "/lib", "/lib32", "/lib64",
                                      "/libx32", "/etc", "/proc", "/sys", "/dev"};
 
@@ -54,15 +54,15 @@ std::string search_path() {
 
 // What is bound writable at its own path, outer directories first and without those that lie below another.
 std::vector<std::string> bound_directories(const LaunchPlan &plan, const std::string &program) {
-    std::vector<std::string> wanted = own_trees();
+    std::vector<std::string> paths = own_trees();
     std::error_code ignored;
-    wanted.push_back(fs::path(program).parent_path());
-    wanted.push_back(fs::canonical(program, ignored).parent_path());  // where a link leads
-    wanted.push_back(plan.options.directory);
-    wanted.insert(wanted.end(), plan.binds.begin(), plan.binds.end());
-    std::sort(wanted.begin(), wanted.end());
+    paths.push_back(fs::path(program).parent_path());
+    paths.push_back(fs::canonical(program, ignored).parent_path());  // where a link leads
+    paths.push_back(plan.options.directory);
+    paths.insert(paths.end(), plan.binds.begin(), plan.binds.end());
+    std::sort(paths.begin(), paths.end());
     std::vector<std::string> bound;
-    for (const std::string &path : wanted) {
+    for (const std::string &path : paths) {
         if (!may_be_bound(path) || !fs::exists(path, ignored)) continue;
         if (std::none_of(bound.begin(), bound.end(), [&](const std::string &b) { return lies_below(path, b); })) {
             bound.push_back(path);

@@ -8,7 +8,7 @@
 
 namespace vestra_set {
 
-// False for a directory that a set has of its own, or sees anyway. `path` is absolute and without links.
+// False for a directory that a set has itself, or sees anyway. `path` is absolute and without links.
 bool may_be_bound(const std::string &path);
 
 // bubblewrap's arguments (its own name first) up to the program that it is to run. `program` is where the set's program

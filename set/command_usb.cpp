@@ -63,9 +63,8 @@ int plug() {
     const std::string path = mount_point(label);
     // A stick that was unplugged, but not pulled out, is still mounted with what is on it.
     if (!g_usb.no_mount && !is_mounted(path)) {
-        std::string error;
         if (g_usb.directory.empty()) {
-            if (!mount_stick(label, g_usb.size, &error)) fail(error);
+            mount_stick(label, g_usb.size);
         } else {
             std::error_code problem;
             fs::create_directories(path, problem);

@@ -9,17 +9,11 @@ namespace vestra_set {
 
 Injector::Verdict Injector::next() {
     const std::lock_guard<std::mutex> guard(mutex_);
-    struct stat now;
-    if (stat(path_.c_str(), &now) != 0) {
-        present_ = false;
-        return {};
-    }
-    if (!present_ || now.st_dev != device_ || now.st_ino != inode_ || now.st_mtim.tv_sec != changed_.tv_sec ||
-        now.st_mtim.tv_nsec != changed_.tv_nsec) {
-        present_ = true;
-        device_ = now.st_dev;
-        inode_ = now.st_ino;
-        changed_ = now.st_mtim;
+    struct stat now {};  // stays so without a file
+    stat(path_.c_str(), &now);
+    if (now.st_ino != loaded_.st_ino || now.st_mtim.tv_sec != loaded_.st_mtim.tv_sec ||
+        now.st_mtim.tv_nsec != loaded_.st_mtim.tv_nsec) {
+        loaded_ = now;
         load();
     }
     if (stall_) return {Verdict::kStall, 0, SIZE_MAX};

@@ -1,12 +1,12 @@
-// Faults that a test has the simulated kernel module commit, from the file "module/inject" in the state directory.
+// Faults that a test makes the simulated kernel module commit, from the file "module/inject" in the state directory.
 //
-// The file is text, one knob a line; a line that is none of these is ignored:
+// The file is text, one fault a line; other lines are ignored:
 //   empty N         the next N reads return 0 bytes
-//   error N [CODE]  the next N reads fail with errno CODE (a number; EIO where it is left out)
+//   error N [CODE]  the next N reads fail with errno CODE (a number; EIO by default)
 //   stall           reads wait until the line, or the file, is gone
 //   size N          blocks have at most N bytes
-// The file is looked at with every read of the node. When it has changed (replace it, rather than write into it) the
-// counts start anew. With no file the module behaves.
+// Each read of the node looks at the file. When it has changed (replace it, rather than write into it), the counts
+// start again. Without a file the module behaves.
 #pragma once
 
 #include <sys/stat.h>
@@ -28,18 +28,15 @@ class Injector {
         size_t size_limit = SIZE_MAX;  // kRead: bytes
     };
 
-    // What becomes of a read that comes now; takes one off the counts. After kStall, ask again. Any thread.
+    // What happens to a read that comes now; takes one off the counts. After kStall, ask again. Any thread.
     Verdict next();
 
   private:
     void load();
 
     const std::string path_;
-    std::mutex mutex_;  // guards all below
-    bool present_ = false;
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
-    timespec changed_{};
+    std::mutex mutex_;       // guards all below
+    struct stat loaded_ {};  // of the file when it was read
     uint32_t empty_ = 0;
     uint32_t errors_ = 0;
     int error_ = 0;

@@ -41,13 +41,13 @@ void report(Report::Kind kind, int number = 0, const std::string &text = "") {
 // id.
 pid_t start_node(const SourceOptions &source) {
     UniqueFd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
-    if (!fuse.valid()) fail_errno("/dev/fuse", kExitNoSet);
+    if (!fuse.valid()) fail_errno("/dev/fuse");
     const std::string data = "fd=" + std::to_string(fuse.get()) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
     if (mount("vestra-set", kNodeDir, "fuse.vestra-set", MS_NOSUID | MS_NODEV, data.c_str()) != 0) {
-        fail_errno("mounting the control node", kExitNoSet);
+        fail_errno("mounting the control node");
     }
     const pid_t server = fork();
-    if (server < 0) fail_errno("fork", kExitNoSet);
+    if (server < 0) fail_errno("fork");
     if (server == 0) {
         g_link.reset();
         _exit(serve_node(fuse.get(), source));
@@ -55,7 +55,7 @@ pid_t start_node(const SourceOptions &source) {
     // The server has the only descriptor now: this waits for its first answer, and fails if it ends before.
     fuse.reset();
     struct stat ignored;
-    if (stat(kNodeDir, &ignored) != 0) fail("the control node's server did not start", kExitNoSet);
+    if (stat(kNodeDir, &ignored) != 0) fail("the control node's server did not start");
     return server;
 }
 
@@ -97,8 +97,7 @@ void reap(pid_t program, pid_t node) {
     sigprocmask(SIG_BLOCK, &children, nullptr);
     const auto options = nlohmann::json::parse(read_all(options_file).value_or("")).get<SetOptions>();
     close(options_file);
-    std::string error;
-    if (!make_layout(options, &error)) fail(error, kExitNoSet);
+    make_layout(options);
     const pid_t node = options.node ? start_node(options.source) : -1;
     const pid_t child = start_program(options, program);
     hide_host();
@@ -123,7 +122,7 @@ int inner_init(int options, int link, const std::vector<std::string> &program) {
     try {
         run(options, program);
     } catch (const Failure &failure) {
-        report(Report::kFailed, failure.code, failure.what());
+        report(Report::kFailed, failure.code == kExitFailed ? kExitNoSet : failure.code, failure.what());
     } catch (const std::exception &problem) {
         report(Report::kFailed, kExitFailed, std::string("inside the set: ") + problem.what());
     }

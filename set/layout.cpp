@@ -6,13 +6,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 
 #include "platform/usb_device.h"
 #include "platform/vconf.h"
+#include "set/complain.h"
 #include "set/config_file.h"
 #include "set/files.h"
 
@@ -21,42 +20,41 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// In a new pid namespace ids count from 1, so that these last a short test; the first process soon adds more. They are
-// most of what making a set costs.
+// Process ids count from 1 in a new pid namespace, so a short test needs no more; the first process soon adds more.
+// They are most of what making a set costs.
 constexpr int kProcessLinks = 1024;
 
-bool failed(std::string *error, const std::string &what) {
-    *error = what + ": " + std::strerror(errno);
-    return false;
+void make_directory(const std::string &path) {
+    if (!make_directories(path)) fail_errno(path);
 }
 
-bool put(const std::string &path, std::string_view text, std::string *error) {
-    return (make_directories(fs::path(path).parent_path()) && write_file(path, text)) || failed(error, path);
+void put(const std::string &path, std::string_view text) {
+    make_directory(fs::path(path).parent_path());
+    if (!write_file(path, text)) fail_errno(path);
 }
 
-// /etc is a directory of links to the real one, so that the files which tell a set from a desktop can be made and
-// removed.
-bool make_etc(const SetOptions &options, std::string *error) {
+// /etc holds links to the real one, so that the files that mark a set can be made and removed.
+void make_etc(const SetOptions &options) {
     std::error_code ignored;
     for (const auto &entry : fs::directory_iterator(kRealEtc, ignored)) {
         const std::string name = entry.path().filename();
         if (name == "debug" || name == "release" || name == "perf" || name == "prd_info.ini") continue;
-        // A link is copied, for its text may be relative to /etc.
+        // A link is copied, since its text may be relative to /etc.
         fs::path target = entry.path();
         if (entry.is_symlink(ignored)) target = fs::read_symlink(entry.path(), ignored);
         fs::create_symlink(target, "/etc/" + name, ignored);
     }
-    // Relative links deeper down climb out of the real /etc into what lies beside it.
+    // Relative links deeper down lead out of the real /etc to its neighbours.
     for (const char *name : {"usr", "var", "lib", "run"}) {
         fs::create_symlink(std::string("/") + name, std::string("/tv/") + name, ignored);
     }
-    if (options.image != "none" && !put("/etc/" + options.image, "", error)) return false;
-    return put("/etc/prd_info.ini", make_product_info(), error);
+    if (options.image != "none") put("/etc/" + options.image, "");
+    put("/etc/prd_info.ini", make_product_info());
 }
 
-// /proc is a directory of links into procfs. /proc/uptime has been bound as the regular file it is on a set, for it is
-// refused as a link; the control node is a link, as nothing tests that one.
-bool make_proc(const SetOptions &options) {
+// /proc holds links into procfs. /proc/uptime has been bound as a regular file, since the daemon refuses a link there.
+// The control node may be a link.
+void make_proc(const SetOptions &options) {
     std::error_code ignored;
     for (const auto &entry : fs::directory_iterator(kRealProc, ignored)) {
         const std::string name = entry.path().filename();
@@ -67,63 +65,59 @@ bool make_proc(const SetOptions &options) {
     if (options.node) {
         fs::create_symlink(std::string(kNodeDir) + "/vesertra_info", "/proc/vesertra_info", ignored);
     }
-    return true;
 }
 
-bool make_state(const SetOptions &options, std::string *error) {
-    for (const char *name : {"vconf", "usb", "keys", "modules", "module"}) {
-        const std::string path = std::string(kStateDir) + "/" + name;
-        if (!make_directories(path)) return failed(error, path);
-    }
-    if (!put(std::string(kStateDir) + "/system_info.ini", make_system_info(options.chip), error)) return false;
+void make_state(const SetOptions &options) {
+    const std::string state = kStateDir;
+    for (const char *name : {"/vconf", "/usb", "/keys", "/modules", "/module"}) make_directory(state + name);
+    put(state + "/system_info.ini", make_system_info(options.chip));
     if (vconf_set_int("memory/SHM/trigger_db_write", 0) != 0 || vconf_set_int("system/DOD/test_monitor", 0) != 0) {
-        return failed(error, "the set's vconf keys");
+        fail_errno("the set's vconf keys");
     }
-    if (options.module_loaded && !put(std::string(kStateDir) + "/modules/" + kModuleName, kModuleFile, error)) {
-        return false;
-    }
+    if (options.module_loaded) put(state + "/modules/" + kModuleName, kModuleFile);
     for (const Stick &stick : options.sticks) {
-        if (!stick.size.empty() && !mount_stick(stick.label, stick.size, error)) return false;
-        if (usb_device_plug(stick.label.c_str(), ("/media/" + stick.label).c_str(), USB_DEVICE_CLASS_MASS_STORAGE) !=
-            0) {
-            return failed(error, "USB stick " + stick.label);
+        if (!stick.size.empty()) mount_stick(stick.label, stick.size);
+        const std::string path = "/media/" + stick.label;
+        if (usb_device_plug(stick.label.c_str(), path.c_str(), USB_DEVICE_CLASS_MASS_STORAGE) != 0) {
+            fail_errno("USB stick " + stick.label);
         }
     }
-    return true;
 }
 
 }  // namespace
 
-bool make_layout(const SetOptions &options, std::string *error) {
+void make_layout(const SetOptions &options) {
     umask(022);
-    // The builder of the namespace makes directories on a mount's way that only their owner may enter.
-    if (chmod("/tv", 0755) != 0) return failed(error, "/tv");
-    // /tmp is everybody's, on a set as anywhere.
-    if (chmod("/tmp", 01777) != 0 || chmod("/dev/shm", 01777) != 0) return failed(error, "/tmp");
-    for (const char *path : {"/opt/data/vestraDir", "/opt/usr/home/owner/share", "/opt/usr/share", "/media", kNodeDir,
-                             "/var/tmp", "/root", "/home"}) {
-        if (!make_directories(path)) return failed(error, path);
+    // bubblewrap makes directories that lead to a mount so that only their owner may enter.
+    if (chmod("/tv", 0755) != 0) fail_errno("/tv");
+    // Everybody may write to /tmp, on a set as anywhere.
+    if (chmod("/tmp", 01777) != 0 || chmod("/dev/shm", 01777) != 0) fail_errno("/tmp");
+    for (const char *path :
+         {"/opt/usr/home/owner/share", "/opt/usr/share", "/media", kNodeDir, "/var/tmp", "/root", "/home"}) {
+        make_directory(path);
     }
-    const std::string config = "/opt/data/vestraDir/orna_vestra_config";
-    return make_proc(options) && make_etc(options, error) && make_state(options, error) &&
-           put(config + ".xml", options.config, error) && put(config + "_lpc.xml", options.config, error) &&
-           put(kTemperatureFile, std::to_string(options.temperature) + "\n", error);
+    make_proc(options);
+    make_etc(options);
+    make_state(options);
+    for (const char *name : {"", "_lpc"}) {
+        put(std::string("/opt/data/vestraDir/orna_vestra_config") + name + ".xml", options.config);
+    }
+    put(kTemperatureFile, std::to_string(options.temperature) + "\n");
 }
 
-bool show_host(std::string *error) {
+void show_host() {
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return failed(error, "a mount namespace for the trace source");
+        fail_errno("a mount namespace for the trace source");
     }
-    for (const char *path : {"/proc", "/sys"}) {
-        if (mount((kHostDir + std::string(path)).c_str(), path, nullptr, MS_BIND | MS_REC, nullptr) != 0) {
-            return failed(error, std::string("the host's ") + path);
+    for (const std::string path : {"/proc", "/sys"}) {
+        if (mount((kHostDir + path).c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+            fail_errno("the host's " + path);
         }
     }
-    return true;
 }
 
 void hide_host() {
-    for (const char *path : {"/proc", "/sys"}) umount2((kHostDir + std::string(path)).c_str(), MNT_DETACH);
+    for (const std::string path : {"/proc", "/sys"}) umount2((kHostDir + path).c_str(), MNT_DETACH);
 }
 
 void enter_directory(const std::string &path) {
@@ -146,13 +140,12 @@ int newest_process_id() {
     return blank == std::string::npos ? 0 : static_cast<int>(std::strtol(text->c_str() + blank, nullptr, 10));
 }
 
-bool mount_stick(const std::string &label, const std::string &size, std::string *error) {
+void mount_stick(const std::string &label, const std::string &size) {
     const std::string path = "/media/" + label;
-    if (!make_directories(path)) return failed(error, path);
+    make_directory(path);
     if (mount("stick", path.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, ("mode=0777,size=" + size).c_str()) != 0) {
-        return failed(error, path + " (size " + size + ")");
+        fail_errno(path + " (size " + size + ")");
     }
-    return true;
 }
 
 bool valid_name(const std::string &name) {

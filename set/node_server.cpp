@@ -11,12 +11,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 
+#include "set/complain.h"
 #include "set/inject.h"
 #include "set/layout.h"
 #include "set/module_state.h"
@@ -35,7 +35,7 @@ class NodeServer {
           module_file_(std::string(kStateDir) + "/modules/" + kModuleName),
           inject_(std::string(kStateDir) + "/module/inject") {}
 
-    // True while the module is loaded. One that was unloaded and loaded again starts afresh.
+    // True while the module is loaded. One that was unloaded and loaded again has its first state.
     bool loaded() {
         struct stat now;
         if (stat(module_file_.c_str(), &now) != 0) return false;
@@ -62,7 +62,7 @@ class NodeServer {
     int write(std::string_view text) { return loaded() ? state_.write(text) : ENODEV; }
 
     std::string status() {
-        const bool is_loaded = loaded();  // first: a module loaded anew is told by looking
+        const bool is_loaded = loaded();  // first: this finds that the module was loaded again
         nlohmann::json status = state_.status();
         status["loaded"] = is_loaded;
         return status.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
@@ -210,18 +210,12 @@ fuse_operations operations() {
 
 }  // namespace
 
-int serve_node(int fuse, const SourceOptions &options) {
+int serve_node(int fuse, const SourceOptions &options) try {
     pthread_setname_np(pthread_self(), "vestra-node");
     std::string error;
-    if (options.kind == "host" && !show_host(&error)) {
-        std::cerr << "vestra-set: " << error << std::endl;
-        return 1;
-    }
+    if (options.kind == "host") show_host();
     auto trace = make_source(options, &error);
-    if (trace == nullptr) {
-        std::cerr << "vestra-set: trace source: " << error << std::endl;
-        return 1;
-    }
+    if (trace == nullptr) fail("trace source: " + error);
     NodeServer node(std::move(trace));
     const fuse_operations ops = operations();
     char name[] = "vestra-set";
@@ -229,12 +223,15 @@ int serve_node(int fuse, const SourceOptions &options) {
     fuse_args args = FUSE_ARGS_INIT(1, argv);
     struct fuse *files = fuse_new(&args, &ops, sizeof ops, &node);
     // What is mounted already is handed over as a descriptor.
-    if (files == nullptr || fuse_mount(files, ("/dev/fd/" + std::to_string(fuse)).c_str()) != 0) return 1;
+    if (files == nullptr || fuse_mount(files, ("/dev/fd/" + std::to_string(fuse)).c_str()) != 0) return kExitFailed;
     fuse_loop_config config{};
     config.max_idle_threads = 4;
     const int result = fuse_loop_mt(files, &config);
     fuse_destroy(files);
-    return result == 0 ? 0 : 1;
+    return result == 0 ? kExitOk : kExitFailed;
+} catch (const std::exception &problem) {
+    say(problem.what());
+    return kExitFailed;
 }
 
 }  // namespace vestra_set

@@ -1,5 +1,5 @@
-// For the main function of a test program that needs a set's files: started by hand, it starts itself again in a
-// sandbox.
+// For the main function of a test program that needs a set's files: when it is started by hand, it starts itself again
+// in a sandbox.
 //
 //   int main(int argc, char **argv) {
 //       const int code = vestra_set::run_in_sandbox_unless_inside(argc, argv, false);
@@ -9,19 +9,17 @@
 
 #include <unistd.h>
 
-#include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
+#include <string>
 #include <vector>
 
 namespace vestra_set {
 
-// Inside a set: -1, go on. Outside: replaces this process by "vestra-set sandbox [--node] -- " with the program's own
-// file and its arguments, and so does not return; when that cannot be done, a message is on standard error and the
-// result is exit code 2. vestra-set is found by the environment's VESTRA_SET_PROGRAM, by the macro of that name where
-// it is defined, or in PATH. Call first thing in main.
+// Inside a set: returns -1, go on. Outside: replaces this process by "vestra-set sandbox [--node] -- " and this program
+// with its arguments; if that fails, prints a message and returns exit code 2. The path of vestra-set is the
+// environment's VESTRA_SET_PROGRAM, or the macro of that name; otherwise PATH is searched. Call it first in main.
 inline int run_in_sandbox_unless_inside(int argc, char **argv, bool node) {
     if (std::getenv("VESTRA_SET_INSIDE") != nullptr) return -1;
     const char *launcher = std::getenv("VESTRA_SET_PROGRAM");
@@ -29,25 +27,17 @@ inline int run_in_sandbox_unless_inside(int argc, char **argv, bool node) {
     if (launcher == nullptr) launcher = VESTRA_SET_PROGRAM;
 #endif
     if (launcher == nullptr) launcher = "vestra-set";
-
-    static char self[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length < 0) {
-        std::fprintf(stderr, "/proc/self/exe: %s\n", std::strerror(errno));
-        return 2;
-    }
-    self[length] = '\0';
-    static char sandbox[] = "sandbox";
-    static char with_node[] = "--node";
-    static char rest[] = "--";
-    std::vector<char *> words{const_cast<char *>(launcher), sandbox};
-    if (node) words.push_back(with_node);
-    words.push_back(rest);
-    words.push_back(self);
-    for (int i = 1; i < argc; ++i) words.push_back(argv[i]);
-    words.push_back(nullptr);
-    execvp(launcher, words.data());
-    std::fprintf(stderr, "%s: %s (VESTRA_SET_PROGRAM gives the path of vestra-set)\n", launcher, std::strerror(errno));
+    std::error_code ignored;
+    std::string self = std::filesystem::read_symlink("/proc/self/exe", ignored);
+    std::string words[] = {launcher, "sandbox", "--node", "--"};
+    std::vector<char *> command{words[0].data(), words[1].data()};
+    if (node) command.push_back(words[2].data());
+    command.push_back(words[3].data());
+    command.push_back(self.data());
+    for (int i = 1; i < argc; ++i) command.push_back(argv[i]);
+    command.push_back(nullptr);
+    execvp(launcher, command.data());
+    std::perror((words[0] + " (VESTRA_SET_PROGRAM gives the path of vestra-set)").c_str());
     return 2;
 }
 
