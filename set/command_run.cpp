@@ -4,7 +4,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <memory>
 #include <optional>
 
 #include "set/bubblewrap.h"
@@ -192,15 +191,6 @@ void take_log() {
     if (!write_file(g_given.plan.log_file, "")) fail_errno(g_given.log);
 }
 
-std::unique_ptr<ClaimedDirectory> claim_directory() {
-    LaunchPlan &plan = g_given.plan;
-    std::string error;
-    auto directory = ClaimedDirectory::claim(plan.options.name, &error);
-    if (directory == nullptr) fail(error);
-    plan.directory = directory.get();
-    return directory;
-}
-
 int start_run() {
     LaunchPlan &plan = g_given.plan;
     plan.options.name = g_given.run_name;
@@ -214,7 +204,8 @@ int start_run() {
     }
     plan.program = {daemon};
     plan.program.insert(plan.program.end(), g_program.begin(), g_program.end());
-    const auto directory = claim_directory();
+    ClaimedDirectory directory(plan.options.name);
+    plan.directory = &directory;
     take_log();
     int signal_number = 0;
     return launch(plan, &signal_number);
@@ -229,8 +220,8 @@ int start_sandbox() {
     }
     complete_options(0, true);
     plan.program = g_program;
-    std::unique_ptr<ClaimedDirectory> directory;
-    if (plan.options.name != kNoName) directory = claim_directory();
+    std::optional<ClaimedDirectory> directory;
+    if (plan.options.name != kNoName) plan.directory = &directory.emplace(plan.options.name);
     int signal_number = 0;
     const int code = launch(plan, &signal_number);
     directory.reset();

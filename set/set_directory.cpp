@@ -27,18 +27,13 @@ std::string base_directory() {
     return parent + "/vestra-set-" + std::to_string(geteuid());
 }
 
-// In /tmp anybody can make the name first: only a directory of our own that nobody else can enter will do.
-bool make_private(const std::string &path, std::string *error) {
+// In /tmp anybody can make the name first: only a directory of this user that nobody else can enter will do.
+void make_private(const std::string &path) {
     struct stat info;
-    if ((mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) || lstat(path.c_str(), &info) != 0) {
-        *error = path + ": " + std::strerror(errno);
-        return false;
-    }
+    if ((mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) || lstat(path.c_str(), &info) != 0) fail_errno(path);
     if (!S_ISDIR(info.st_mode) || info.st_uid != geteuid() || (info.st_mode & 077) != 0) {
-        *error = path + " is not a directory of yours that only you can enter; remove it";
-        return false;
+        fail(path + " is not a directory of yours that only you can enter; remove it");
     }
-    return true;
 }
 
 struct flock whole_file() {
@@ -46,20 +41,6 @@ struct flock whole_file() {
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
     return lock;
-}
-
-// Opens and locks a lock file, as long as it is the one that is found under its path. Not valid when somebody else
-// holds it.
-UniqueFd take_lock(const std::string &path) {
-    for (;;) {
-        UniqueFd fd(open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC | O_NOFOLLOW, 0600));
-        struct flock lock = whole_file();
-        if (!fd.valid() || fcntl(fd.get(), F_OFD_SETLK, &lock) != 0) return {};
-        struct stat mine;
-        struct stat found;
-        if (fstat(fd.get(), &mine) == 0 && stat(path.c_str(), &found) == 0 && mine.st_ino == found.st_ino) return fd;
-        // A set that ended just now has removed it.
-    }
 }
 
 bool is_locked(const std::string &path) {
@@ -137,30 +118,29 @@ std::string process_path(const UniqueFd &process) {
     return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(process.get());
 }
 
-std::unique_ptr<ClaimedDirectory> ClaimedDirectory::claim(const std::string &name, std::string *error) {
-    if (!make_private(base_directory(), error)) return nullptr;
-    const std::string path = set_directory(name);
-    UniqueFd lock = take_lock(path + kLockSuffix);
-    if (!lock.valid()) {
-        *error = "a set \"" + name + "\" is running already (process " +
+ClaimedDirectory::ClaimedDirectory(const std::string &name) : path_(set_directory(name)) {
+    const std::string lock_path = path_ + kLockSuffix;
+    struct stat mine {};
+    struct stat found {};
+    // Again when a set that just ended has removed the file, or the directory that it is in.
+    do {
+        make_private(base_directory());
+        lock_.reset(open(lock_path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (!lock_.valid() && errno != ENOENT) fail_errno(lock_path);
+        struct flock lock = whole_file();
+        if (lock_.valid() && fcntl(lock_.get(), F_OFD_SETLK, &lock) != 0) {
+            fail("a set \"" + name + "\" is running already (process " +
                  std::to_string(find_set(name).value_or(RunningSet()).launcher) +
-                 "); end it with \"vestra-set stop --name " + name + "\", or give this one another --name";
-        return nullptr;
-    }
+                 "); end it with \"vestra-set stop --name " + name + "\", or give this one another --name");
+        }
+    } while (fstat(lock_.get(), &mine) != 0 || stat(lock_path.c_str(), &found) != 0 || mine.st_ino != found.st_ino);
     std::error_code problem;
-    fs::remove_all(path, problem);
-    if (problem) {
-        *error = path + ": " + problem.message();
-        return nullptr;
-    }
-    if (!make_private(path, error)) return nullptr;
-    std::unique_ptr<ClaimedDirectory> claimed(new ClaimedDirectory(path, std::move(lock)));
+    fs::remove_all(path_, problem);
+    if (problem) fail(path_ + ": " + problem.message());
+    make_private(path_);
     RunningSet starting;
-    starting.name = name;
     starting.launcher = getpid();
-    if (claimed->announce(starting)) return claimed;
-    *error = path + ": " + std::strerror(errno);
-    return nullptr;
+    if (!announce(starting)) fail_errno(lock_path);
 }
 
 bool ClaimedDirectory::announce(const RunningSet &set) {

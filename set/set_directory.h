@@ -5,7 +5,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -57,9 +56,9 @@ std::string process_path(const UniqueFd &process);
 // A set's directory, empty at first, held by one launcher and removed with this object.
 class ClaimedDirectory {
   public:
-    // Removes what a killed set has left under this name. Null with `*error` set when the name is taken, or the
-    // directory cannot be made or is not safe to use.
-    static std::unique_ptr<ClaimedDirectory> claim(const std::string &name, std::string *error);
+    // Removes what a killed set has left under this name. Throws Failure when the name is taken, or the directory
+    // cannot be made or is not safe to use.
+    explicit ClaimedDirectory(const std::string &name);
     ~ClaimedDirectory();
     ClaimedDirectory(const ClaimedDirectory &) = delete;
     ClaimedDirectory &operator=(const ClaimedDirectory &) = delete;
@@ -70,8 +69,7 @@ class ClaimedDirectory {
     bool announce(const RunningSet &set);
 
   private:
-    ClaimedDirectory(std::string path, UniqueFd lock) : path_(std::move(path)), lock_(std::move(lock)) {}
-    std::string path_;
+    const std::string path_;
     UniqueFd lock_;
 };
 

@@ -6,7 +6,6 @@
 #include <libproc2/pids.h>
 #include <libproc2/stat.h>
 #include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,7 +15,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <exception>
 #include <filesystem>
 #include <mutex>
@@ -70,15 +68,14 @@ meminfo_item kMemoryItems[] = {MEMINFO_MEM_TOTAL,  MEMINFO_MEM_FREE,    MEMINFO_
                                MEMINFO_MEM_CACHED, MEMINFO_MEM_BUFFERS, MEMINFO_MEM_SHARED,
                                MEMINFO_MEM_DIRTY,  MEMINFO_SWAP_TOTAL,  MEMINFO_SWAP_USED};
 
-int64_t monotonic_ns() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+uint64_t monotonic_ns() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(std::chrono::nanoseconds(now).count());
 }
 
-// Degrees Celsius of the machine's first thermal zone that gives a believable figure. False where there is none.
+// Degrees Celsius of the machine's first thermal zone that has a credible figure. False without one.
 bool machine_temperature(int *degrees) {
-    constexpr int kLeast = -40'000, kMost = 150'000;  // millidegrees
+    constexpr int kCredible[] = {-40'000, 150'000};  // millidegrees
     for (int zone = 0; zone < kMaxZones; ++zone) {
         char path[64];
         std::snprintf(path, sizeof path, "/sys/class/thermal/thermal_zone%d/temp", zone);
@@ -89,7 +86,7 @@ bool machine_temperature(int *degrees) {
         close(fd);
         int value = 0;
         if (size <= 0 || std::from_chars(text, text + size, value).ec != std::errc()) continue;
-        if (value < kLeast || value > kMost) continue;
+        if (value < kCredible[0] || value > kCredible[1]) continue;
         *degrees = value / 1000;
         return true;
     }
@@ -123,14 +120,14 @@ class Sampler {
         if (result < 0) *error = std::string("cannot sample this machine: ") + std::strerror(-result);
         // The first reading, so that the first sample has a rate.
         SwitchMessage ignored;
-        ignored.time_ns = static_cast<uint64_t>(monotonic_ns());
+        ignored.time_ns = monotonic_ns();
         return result >= 0 && read_cpus(&ignored);
     }
 
     // Appends the frames of one sample to `out`. What cannot be read is left out.
     void sample(const ModuleControl &control, std::vector<uint8_t> *out) {
         SwitchMessage message;  // what all messages of the sample have in common
-        message.time_ns = static_cast<uint64_t>(monotonic_ns());
+        message.time_ns = monotonic_ns();
         if (!read_cpus(&message)) return;
         int degrees = control.temperature;
         machine_temperature(&degrees);
@@ -302,7 +299,7 @@ class HostSource : public TraceSource {
     size_t next_block(uint8_t *out, size_t capacity) override try {
         std::unique_lock<std::mutex> lock(mutex_);
         if (!control_.tracing) return 0;
-        if (!thread_.joinable()) start();
+        if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
         sampled_changed_.wait(lock, [this] { return sampled_; });
         return take(out, std::min<size_t>(capacity, block_size_));
     } catch (const std::exception &) {
@@ -319,25 +316,10 @@ class HostSource : public TraceSource {
         }
         wake_.notify_all();
     } catch (const std::exception &) {
-        // Out of memory: tracing is as wanted, the rest as it was.
+        // Out of memory: tracing is switched, the rest stays as it was.
     }
 
   private:
-    // The thread inherits the blocked signals: they are for those who wait for them.
-    void start() {
-        sigset_t all;
-        sigset_t before;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before);
-        try {
-            thread_ = std::thread([this] { run(); });
-        } catch (...) {
-            pthread_sigmask(SIG_SETMASK, &before, nullptr);
-            throw;
-        }
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    }
-
     void run() {
         pthread_setname_np(pthread_self(), "vestra-sampler");
         std::unique_lock<std::mutex> lock(mutex_);

@@ -15,9 +15,9 @@
 
 namespace vestra_set {
 
-// Null with the reason in *error when the machine's process file system cannot be read. The source sees the processes
-// of the pid namespace that it runs in. With the first block it starts a thread that samples at the rate wanted,
-// whether anyone reads or not, and blocks all signals; of what nobody reads it keeps the newest megabyte.
+// Null with the reason in *error when the machine's process file system cannot be read. The source samples what /proc
+// shows. With the first block it starts a thread that samples at the given rate, whether anyone reads or not; of what
+// nobody reads it keeps the newest megabyte.
 std::unique_ptr<TraceSource> make_host_source(const SourceOptions &options, std::string *error);
 
 // Turns readings of a counter into a rate over the last second.
