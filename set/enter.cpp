@@ -29,7 +29,7 @@ void pass_on(int number) {
 int execute_in_set(const std::string &name, const std::vector<std::string> &argv) {
     const RunningSet set = find_running_set(name);
     const std::string nsenter = find_program("nsenter");
-    if (nsenter.empty()) fail("nsenter is missing (none in PATH); install the package \"util-linux\"");
+    if (nsenter.empty()) fail("nsenter is missing (none in PATH); install the package \"util-linux\"", kExitNoSet);
     const UniqueFd process = open_program(set);
     const std::string namespaces = process_path(process) + "/ns/";
     std::vector<std::string> args{nsenter, "-m" + namespaces + "mnt", "-p" + namespaces + "pid",

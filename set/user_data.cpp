@@ -6,7 +6,7 @@
 namespace vestra_set {
 namespace {
 
-constexpr size_t kCommandLimit = 255;  // what fits the sender's buffer
+constexpr size_t kCommandLimit = 255;  // what fits into the sender's buffer
 constexpr int kIntegerLength = 4;
 constexpr size_t kFilterIds = 5;
 
@@ -21,7 +21,8 @@ std::optional<int> to_number(std::string_view text) {
     return value;
 }
 
-// Takes the text up to the next `separator` off `rest`, and the separator; nothing where there is none.
+// Removes the text up to the next `separator`, and the separator, from `rest`. Returns nothing if there is no
+// separator.
 std::optional<std::string_view> take_field(std::string_view *rest, char separator) {
     const size_t end = rest->find(separator);
     if (end == std::string_view::npos) return std::nullopt;

@@ -1,16 +1,16 @@
 // Commands that the daemon writes into the control node. One write is one command.
 //
-//   0  1                 tracing off, on; a newline may follow
-//   c-NUMBER-LENGTH-PAYLOAD   user data, at most 255 bytes, nothing behind it:
+//   0  1                      tracing off, on; a newline may follow
+//   c-NUMBER-LENGTH-PAYLOAD   user data, at most 255 bytes, nothing after it:
 //
 //   NUMBER  LENGTH          PAYLOAD
 //   0       4               temperature in degrees Celsius, decimal, may be negative
-//   1, 2    4               the number again: trace disk reads, do not
-//   3, 4    4               the number again: trace disk writes, do not
-//   5       of the payload  five process ids, "%d|%d|%d|%d|%d"; 0 stands for none
+//   1, 2    4               the number again; 1: trace disk reads, 2: do not
+//   3, 4    4               the number again; 3: trace disk writes, 4: do not
+//   5       of the payload  five process ids, "%d|%d|%d|%d|%d"; 0 means none
 //   6       of the payload  one process name, without control characters
 //
-// The 4 is the size of an integer in the sender, whatever its digits. Numbers are decimal, without sign, blank or
+// The 4 is the size of an integer in the sender, not its number of digits. Numbers are decimal, without sign, blank or
 // leading zero.
 #pragma once
 
@@ -27,7 +27,7 @@ struct NodeCommand {
     int value = 0;          // numbers 0..4: the payload
     std::vector<int> pids;  // number 5: those that are not 0
     std::string name;       // number 6
-    std::string payload;    // kUserData: as it came
+    std::string payload;    // kUserData: as received
 };
 
 // What one write means, or nothing when it is malformed in any way.

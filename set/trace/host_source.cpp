@@ -157,7 +157,7 @@ class Sampler {
         }
         // The kernel's idle and I/O wait times may go back a little, and all do when a CPU is switched off.
         const auto cores = fold_cores(cpus_, hertz_);
-        for (size_t i = 0; i < kCores; ++i) {
+        for (size_t i = 0; i < kCoreCount; ++i) {
             cores_[i].user = std::max(cores_[i].user, cores[i].user);
             cores_[i].system = std::max(cores_[i].system, cores[i].system);
             cores_[i].idle = std::max(cores_[i].idle, cores[i].idle);
@@ -270,7 +270,7 @@ class Sampler {
     const bool every_process_;
     bool with_disk_ = false;
     std::vector<CpuTicks> cpus_;
-    std::array<CoreTimes, kCores> cores_{};  // of the last sample
+    std::array<CoreTimes, kCoreCount> cores_{};  // of the last sample
     Rate switches_;
     std::unordered_map<int, Seen> seen_;  // processes of the last sample
 };
