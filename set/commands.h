@@ -42,6 +42,5 @@ void add_remote_commands(CLI::App &app);   // key, temperature, vconf, module, n
 void add_usb_commands(CLI::App &app);      // usb
 void add_trigger_commands(CLI::App &app);  // robust, dod, history, filter
 void add_set_commands(CLI::App &app);      // exec, wait, stop, list
-void add_inspect_command(CLI::App &app);
 
 }  // namespace vestra_set

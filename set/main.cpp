@@ -67,7 +67,6 @@ int run(const std::vector<std::string> &arguments) {
     app.footer(kOverview);
     // In the order in which help shows them.
     for (auto *add : {add_run_commands, add_remote_commands, add_usb_commands, add_trigger_commands, add_set_commands,
-                      add_inspect_command}) {
         add(app);
     }
     try {

@@ -5,13 +5,14 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <map>
 
 #include "dump_support.h"
-#include "set/trace/stream_stats.h"
 #include "vestra-daemon/vestra_xml.h"
 #include "vestra-daemon/vestrad.h"
 
 using namespace dump_test;
+using vestra_dump::MemorySource;
 using vestra_dump::Reason;
 
 namespace {
@@ -185,19 +186,44 @@ TEST(DumpReader, BytesAreReadAgainAtMostOnceHoweverTheyAreLaidOut) {
     EXPECT_LE(rework.bytes_again(), bytes.size() + vestra_dump::Rework::kFree + trace::kRecordMax);
 }
 
-// The simulated set has a reader that shares nothing with this one.
-TEST(DumpReader, AgreesWithTheIndependentReaderAboutHostileStreams) {
+TEST(DumpReader, HostileStreamIsReadAsItsSourcePlannedIt) {
+    using Samples = std::vector<std::pair<int64_t, int32_t>>;  // time and process
+    struct Seen : vestra_dump::DumpVisitor {
+        std::map<uint64_t, Samples> frames;  // by offset
+        Samples *frame = nullptr;
+        void on_frame(const vestra_dump::Frame &frame_seen) override { frame = &frames[frame_seen.offset]; }
+        void on_switch(const vestra_dump::SwitchSample &s) override { frame->emplace_back(s.time_ns, s.pid); }
+        void on_memory(const vestra_dump::MemorySample &s) override { frame->emplace_back(s.time_ns, 0); }
+    };
     for (const uint64_t seed : {1U, 2U, 3U}) {
-        const std::string dump = synthetic("hostile", 50, 20000, 60, seed) + kTrailer;
-        std::ofstream("/tmp/hostile", std::ios::binary) << dump;
-        vestra_set::DumpReport report;
-        std::string error;
-        ASSERT_TRUE(vestra_set::inspect_dump("/tmp/hostile", &report, &error)) << error;
-        const auto totals = record(dump, 70000).totals;
+        std::string dump, error;
+        std::map<uint64_t, Samples> sound, damaged;
+        const auto source = vestra_set::SyntheticSource::make(source_options("hostile", 50, 20000, seed), &error);
+        source->keep_plan(true);
+        for (int block = 0; block < 60; ++block) {
+            const size_t begin = dump.size();
+            append_block(*source, &dump);
+            for (const vestra_set::PlannedFrame &frame : source->plan().frames) {
+                const bool is_sound =
+                    frame.damage == vestra_set::Damage::kNone || frame.damage == vestra_set::Damage::kExtremes;
+                Samples &samples = (is_sound ? sound : damaged)[begin + frame.offset];
+                for (const auto &message : frame.switches) samples.emplace_back(message.time_ns, message.pid);
+                for (const auto &message : frame.infos) samples.emplace_back(message.time_ns, 0);
+            }
+        }
+        MemorySource bytes(dump);
+        Seen seen;
+        const auto totals = read_dump(bytes, seen);
         EXPECT_GT(totals.damaged_spans, 100U);
-        EXPECT_EQ(totals.frames, report.frames);
-        EXPECT_EQ(totals.messages, report.messages);
-        EXPECT_EQ(totals.empty_records, report.empty_records);
+        size_t found = 0;
+        for (const auto &[offset, samples] : seen.frames) {
+            SCOPED_TRACE(offset);
+            const bool is_sound = sound.count(offset) > 0;
+            found += is_sound ? 1 : 0;
+            // What a damaged frame holds before its fault counts.
+            EXPECT_EQ(samples, is_sound ? sound[offset] : damaged[offset]);
+        }
+        EXPECT_EQ(found, sound.size());
     }
 }
 

@@ -53,21 +53,28 @@ inline Recorder record(std::string_view bytes, size_t piece = SIZE_MAX) {
     return seen;
 }
 
-// Blocks of the simulated module.
-inline std::string synthetic(const char *profile, uint32_t processes, uint32_t block_size, int blocks,
-                             uint64_t seed = 5) {
+inline vestra_set::SourceOptions source_options(const char *profile, uint32_t processes, uint32_t block_size,
+                                                uint64_t seed) {
     vestra_set::SourceOptions options;
     options.profile = profile;
     options.processes = processes;
     options.block_size = block_size;
     options.seed = seed;
-    std::string error, all;
-    const auto source = make_source(options, &error);
+    return options;
+}
+
+inline void append_block(vestra_set::TraceSource &source, std::string *to) {
     std::vector<uint8_t> block(trace::kBlockMax);
-    for (; blocks > 0; --blocks) {
-        const size_t size = source->next_block(block.data(), block.size());
-        all.append(reinterpret_cast<const char *>(block.data()), size);
-    }
+    const size_t size = source.next_block(block.data(), block.size());
+    to->append(reinterpret_cast<const char *>(block.data()), size);
+}
+
+// Blocks of the simulated module.
+inline std::string synthetic(const char *profile, uint32_t processes, uint32_t block_size, int blocks,
+                             uint64_t seed = 5) {
+    std::string error, all;
+    const auto source = make_source(source_options(profile, processes, block_size, seed), &error);
+    for (; blocks > 0; --blocks) append_block(*source, &all);
     return all;
 }
 

@@ -1,21 +1,14 @@
-// The frame writer against the documents' own bytes, and recorded dumps: found again what was recorded, whatever is
-// damaged.
-
-#include <gtest/gtest.h>
+// The documents' own bytes, as the frame writer writes them and as the readers read them.
 
 #include <fstream>
 #include <sstream>
 
-#include "set/trace/dump_file.h"
-#include "set/trace/stream_stats.h"
-#include "set/trace/synthetic_source.h"
-#include "trace/frame_writer.h"
+#include "dump_support.h"
 #include "trace_reader.h"
 
-namespace vestra_set {
 namespace {
 
-using vestra_test::read_block;
+using namespace trace;
 using Bytes = std::vector<uint8_t>;
 
 // The labelled bytes of a document's fenced block of that kind.
@@ -32,7 +25,7 @@ Bytes bytes_of_document(const std::string &name, const std::string &kind) {
     return bytes;
 }
 
-TEST(TraceDocument, ExamplesAreWhatIsWrittenAndRead) {
+TEST(TraceDocument, WriterWritesTheExample) {
     SwitchMessage tuner;
     tuner.time_ns = 601'500'000'000;
     tuner.element1 = 1;
@@ -47,67 +40,47 @@ TEST(TraceDocument, ExamplesAreWhatIsWrittenAndRead) {
     tuner.element11 = 2;
     tuner.cores = {
         {{30000, 9000, 110000, 47, 200}, {30010, 9005, 109985, 48, 200}, {0, 0, 0, 49, 0}, {127, 128, 16384, 50, 1}}};
-    const Bytes trace = bytes_of_document("trace-format.md", "trace");
+    MeminfoMessage memory;
+    memory.time_ns = tuner.time_ns;
+    memory.element1 = 24;
+    memory.element2 = 2;
+    memory.name = "meminfo";
+    memory.decimal = {{{52, 5}, {0, 7}, {1, 123}}};
+    memory.element10 = 1572864;
+    memory.element11 = 524288;
+    memory.element12 = 96;
+    memory.figure13 = 204800;
+    memory.element14 = 20000;
+    memory.element15 = 60000;
+    memory.figure16 = 300000;
+    memory.figure17 = 747110;
     Bytes written;
     FrameWriter writer(&written);
-    ASSERT_TRUE(writer.begin_frame(kSwitchFrame, 1) && writer.add(tuner));
-    ASSERT_LT(written.size(), trace.size());
-    EXPECT_EQ(Bytes(trace.begin(), trace.begin() + static_cast<long>(written.size())), written);
-    const auto block = read_block(trace);
-    ASSERT_EQ(block.messages.size(), 2U);
-    EXPECT_EQ(block.end, 127U) << "the mark is left over";
-    EXPECT_EQ(block.messages[0].core_figure(3, 2), 16384U);
-    const std::vector<uint64_t> info = {1,   601'500'000'000, 24,     2,  52,     5,     0,     7,      1,
-                                        123, 1572864,         524288, 96, 204800, 20000, 60000, 300000, 747110};
-    EXPECT_EQ(block.messages[1].numbers, info);
-    const Bytes dump = bytes_of_document("dump-format.md", "dump");
-    const auto trailer = find_trailer({reinterpret_cast<const char *>(dump.data()), dump.size()});
-    ASSERT_TRUE(trailer);
-    EXPECT_EQ(trailer->build + " " + trailer->model, "T-RX-1107.2/eu 24_TVX");
-    EXPECT_EQ(trailer->lite_mode, 1);
-    EXPECT_EQ(trailer->size, dump.size() - kEmptyRecord);
+    EXPECT_TRUE(writer.begin_frame(kSwitchFrame, 1) && writer.add(tuner) && writer.begin_frame(kMeminfoFrame, 0) &&
+                writer.add(memory) && writer.begin_frame(kSwitchFrame, 0) && writer.end_block());
+    EXPECT_EQ(written, bytes_of_document("trace-format.md", "trace"));
 }
 
-// What inspect_dump says of damage is compared with the dump tool's own reader in dump_reader_test.cpp.
-TEST(Replay, HandsOutWhatWasRecorded) {
-    const std::string path = testing::TempDir() + "dump";
-    SourceOptions options;
-    options.processes = 50;
-    options.block_size = 20000;
-    std::string error;
-    const auto recorder = SyntheticSource::make(options, &error);
-    std::ofstream file(path, std::ios::binary);
-    std::vector<Bytes> blocks;
-    size_t messages = 0;
-    for (int i = 0; i < 60; ++i) {  // more than the reader holds at a time
-        Bytes block(kBlockMax);
-        block.resize(recorder->next_block(block.data(), block.size()));
-        file.write(reinterpret_cast<const char *>(block.data()), static_cast<std::streamsize>(block.size()));
-        messages += read_block(block).messages.size();
-        blocks.push_back(block);
-    }
-    file << "T-RX-1107.2/24_TVX\n\x13" << std::flush;
-    DumpReport report;
-    ASSERT_TRUE(inspect_dump(path, &report, &error)) << error;
-    EXPECT_EQ(report.messages, messages);
-    EXPECT_EQ(report.first_ns, 600'000'000'000);
-    EXPECT_GT(report.last_ns, 658'000'000'000);
-    for (const uint32_t block_size : {0U, 2000U}) {
-        options.kind = "replay";
-        options.file = path;
-        options.block_size = block_size;
-        const auto source = make_source(options, &error);
-        std::vector<Bytes> again;
-        size_t messages_again = 0;
-        Bytes block(kBlockMax);
-        for (size_t size; (size = source->next_block(block.data(), kBlockMax)) > 0;) {
-            again.emplace_back(block.begin(), block.begin() + static_cast<long>(size));
-            messages_again += read_block(again.back()).messages.size();
-        }
-        EXPECT_EQ(messages_again, messages);
-        EXPECT_EQ(again == blocks, block_size == 0) << "the same blocks";
-    }
+TEST(TraceDocument, ReaderReadsTheExample) {
+    const Bytes bytes = bytes_of_document("trace-format.md", "trace");
+    const auto messages = vestra_test::read_block(bytes);
+    ASSERT_EQ(messages.size(), 2U);
+    EXPECT_EQ(messages[0].pid, 312U);
+    EXPECT_EQ(messages[0].name, "tuner");
+    EXPECT_EQ(messages[0].element(kSwitchElement5), 64U);
+    EXPECT_EQ(messages[0].walk.core(3, kCoreIdle), 16384U);
+    EXPECT_EQ(messages[1].name, "meminfo");
+    EXPECT_EQ(decimal_figure(messages[1].walk.values(kMeminfoDecimal2)), 1.123);
+    EXPECT_EQ(messages[1].element(kMeminfoPlain5), 747110U);
+}
+
+TEST(DumpDocument, TrailerOfTheExampleIsFound) {
+    const Bytes dump = bytes_of_document("dump-format.md", "dump");
+    const auto totals = dump_test::record({reinterpret_cast<const char *>(dump.data()), dump.size()}).totals;
+    ASSERT_TRUE(totals.trailer);
+    EXPECT_EQ(totals.trailer->build + " " + totals.trailer->model, "T-RX-1107.2/eu 24_TVX");
+    EXPECT_EQ(totals.trailer->lite_mode, 1);
+    EXPECT_EQ(totals.payload_bytes, kEmptyRecord);
 }
 
 }  // namespace
-}  // namespace vestra_set

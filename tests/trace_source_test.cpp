@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <map>
@@ -14,6 +15,7 @@
 
 #include "set/trace/host_source.h"
 #include "set/trace/synthetic_source.h"
+#include "support/files.h"
 #include "trace_reader.h"
 
 namespace vestra_set {
@@ -68,9 +70,7 @@ TEST(SyntheticSource, ReadersFindThePlanBeforeAndBehindEveryKindOfDamage) {
     const auto source = made("hostile", 11, 32768);
     for (int i = 0; i < 200; ++i) {
         std::vector<std::pair<uint64_t, uint64_t>> read, planned;  // time and process
-        for (const ReadMessage &message : read_block(next(*source)).messages) {
-            read.emplace_back(message.time(), message.frame_type == 7 ? message.switch_element(2) : 0);
-        }
+        for (const ReadMessage &message : read_block(next(*source))) read.emplace_back(message.time, message.pid);
         for (const PlannedFrame &frame : source->plan().frames) {
             ++kinds[frame.damage];
             if (!frame.reached) continue;
@@ -96,17 +96,120 @@ TEST(SyntheticSource, FiltersDiskSelectionAndTemperatureTakeEffect) {
     control.temperature = 80;
     source->apply(control);
     uint64_t disk_read = 0;
-    for (const ReadMessage &message : read_block(next(*source)).messages) {
-        if (message.frame_type != 7) continue;
-        EXPECT_TRUE(message.name == "browser" || message.switch_element(2) == 301) << message.name;
-        EXPECT_GE(message.core_figure(0, 3), 80U);
-        EXPECT_EQ(message.switch_element(5), 0U);
-        disk_read += message.switch_element(4);
+    for (const ReadMessage &message : read_block(next(*source))) {
+        if (message.frame_type != kSwitchFrame) continue;
+        EXPECT_TRUE(message.name == "browser" || message.pid == 301) << message.name;
+        EXPECT_GE(message.walk.core(0, kCoreTemperature), 80U);
+        EXPECT_EQ(message.element(kSwitchElement5), 0U) << "written";
+        disk_read += message.element(kSwitchElement4);
     }
     EXPECT_GT(disk_read, 0U);
     control.tracing = false;
     source->apply(control);
     EXPECT_TRUE(next(*source).empty());
+}
+
+// Replays a dump, with one read after another until there is nothing left.
+std::vector<Bytes> replay(const std::string &dump, uint32_t block_size = 0) {
+    vestra_test::write_file("/tmp/dump", dump);
+    SourceOptions options;
+    options.kind = "replay";
+    options.file = "/tmp/dump";
+    options.block_size = block_size;
+    std::string error;
+    const auto source = make_source(options, &error);
+    if (source == nullptr) return {};
+    std::vector<Bytes> blocks;
+    for (Bytes block = next(*source); !block.empty(); block = next(*source)) blocks.push_back(block);
+    return blocks;
+}
+
+std::vector<std::pair<uint64_t, uint64_t>> samples_in(const std::vector<Bytes> &blocks) {
+    std::vector<std::pair<uint64_t, uint64_t>> samples;  // time and process
+    for (const Bytes &block : blocks) {
+        for (const ReadMessage &message : read_block(block)) samples.emplace_back(message.time, message.pid);
+    }
+    return samples;
+}
+
+struct Recording {
+    std::vector<Bytes> blocks;
+    std::string payload;
+};
+
+Recording recorded(const char *profile, int blocks) {
+    const auto source = made(profile, 11, 20000);
+    Recording recording;
+    for (; blocks > 0; --blocks) {
+        recording.blocks.push_back(next(*source));
+        recording.payload.append(recording.blocks.back().begin(), recording.blocks.back().end());
+    }
+    return recording;
+}
+
+const std::string kTrailer = vestra_test::kTrailer;
+
+TEST(Replay, HandsOutTheBlocksThatWereRecorded) {
+    const Recording recording = recorded("steady", 60);
+    EXPECT_EQ(replay(recording.payload + kTrailer), recording.blocks);
+}
+
+TEST(Replay, HandsOutTheSameSamplesInBlocksOfAnotherSize) {
+    const Recording recording = recorded("steady", 60);
+    const auto blocks = replay(recording.payload + kTrailer, 2000);
+    EXPECT_GT(blocks.size(), 9 * recording.blocks.size());
+    EXPECT_EQ(samples_in(blocks), samples_in(recording.blocks));
+}
+
+TEST(Replay, HandsOutEverySampleThatTheDaemonTookFromADamagedStream) {
+    const Recording recording = recorded("hostile", 60);
+    auto taken = samples_in(recording.blocks), again = samples_in(replay(recording.payload + kTrailer));
+    std::sort(taken.begin(), taken.end());
+    std::sort(again.begin(), again.end());
+    EXPECT_TRUE(std::includes(again.begin(), again.end(), taken.begin(), taken.end()));
+}
+
+TEST(Replay, LosesNothingBehindABlockThatEndsInsideAFrame) {
+    const Recording recording = recorded("steady", 20);
+    std::string cut;
+    std::vector<std::pair<uint64_t, uint64_t>> whole;
+    for (size_t i = 0; i < recording.blocks.size(); ++i) {
+        const Bytes &block = recording.blocks[i];
+        const size_t size = block.size() - kEmptyRecord - 40 * i;
+        cut.append(block.begin(), block.begin() + static_cast<long>(size));
+        const auto samples = samples_in({Bytes(block.begin(), block.begin() + static_cast<long>(size))});
+        whole.insert(whole.end(), samples.begin(), samples.end());
+    }
+    auto again = samples_in(replay(cut + kTrailer));
+    for (auto *samples : {&whole, &again}) std::sort(samples->begin(), samples->end());
+    EXPECT_TRUE(std::includes(again.begin(), again.end(), whole.begin(), whole.end()));
+}
+
+TEST(Replay, HandsOutEveryByteOfAnyPayloadOnce) {
+    const std::string block = recorded("steady", 1).payload;
+    const std::pair<const char *, std::string> kRows[] = {
+        {"Truncated", block.substr(0, block.size() - 300)},
+        {"LengthsOfZero", block + std::string(100'000, '\0') + block},
+        {"NoLengthAtAll", block + std::string(100'000, '\xff') + block},
+        {"LongestLength", std::string("\x00\x00\x02\x00", 4) + std::string(131072, '\x07') + block},
+        {"LengthBeyondTheEnd", block + std::string("\x00\x00\x02\x00", 4) + std::string(500, 'x')},
+    };
+    for (const auto &[name, payload] : kRows) {
+        for (const uint32_t block_size : {0U, 64U, 5000U}) {
+            SCOPED_TRACE(std::string(name) + " " + std::to_string(block_size));
+            std::string all;
+            for (const Bytes &part : replay(payload, block_size)) all.append(part.begin(), part.end());
+            // Empty records were added. The payload is there when they are left out.
+            size_t at = 0;
+            for (const char byte : all) at += at < payload.size() && byte == payload[at] ? 1 : 0;
+            EXPECT_EQ(at, payload.size());
+        }
+    }
+}
+
+TEST(Replay, RefusesAFileWithoutRecords) {
+    EXPECT_TRUE(replay("").empty());
+    EXPECT_TRUE(replay(kTrailer).empty());
 }
 
 // What it says of a process's CPU time and memory is compared with the kernel's in e2e/client_set_test.cpp.
@@ -132,17 +235,18 @@ TEST(HostSource, SamplesTheProcessesAskedForWhenTheyAreDue) {
     control.tracing = true;
     control.names = {"vestra-child"};
     source->apply(control);
-    const auto messages = read_block(next(*source)).messages;
+    const auto messages = read_block(next(*source));
     EXPECT_TRUE(next(*source).empty()) << "the next sample is not there before it is due";
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     for (const int end : named) close(end);
     ASSERT_EQ(messages.size(), 2U);
     EXPECT_EQ(messages[0].name, "vestra-child");
-    EXPECT_EQ(messages[0].switch_element(1), static_cast<uint64_t>(getpid()));
-    EXPECT_EQ(messages[0].switch_element(2), static_cast<uint64_t>(child));
-    EXPECT_EQ(messages[1].frame_type, 8);
-    EXPECT_TRUE(messages[1].numbers[10] > messages[1].numbers[17] && messages[1].numbers[17] > 0);
+    EXPECT_EQ(messages[0].element(kSwitchElement1), static_cast<uint64_t>(getpid()));
+    EXPECT_EQ(messages[0].pid, static_cast<uint64_t>(child));
+    EXPECT_EQ(messages[1].frame_type, kMeminfoFrame);
+    const uint64_t total = messages[1].element(10), available = messages[1].element(kMeminfoPlain5);
+    EXPECT_TRUE(total > available && available > 0) << total << " " << available;
     const uint64_t expected[] = {3000, 1000, 1000, 3000};  // ticks; three CPUs on four cores
     const auto cores = fold_cores({{1200, 0, 1200, 0}, {0, 0, 0, 0}, {1200, 0, 1200, 0}}, 100);
     for (size_t core = 0; core < kCoreCount; ++core) EXPECT_EQ(cores[core].user + cores[core].idle, 2 * expected[core]);

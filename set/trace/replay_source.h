@@ -1,6 +1,6 @@
-// Hands out a recorded dump again: the payload's bytes as they are, without the trailer, cut into blocks where one
-// frame record ends and the next begins. A reader loses what stands behind damage in a block, so a block ends where a
-// damaged stretch does.
+// Hands out a recorded dump again: the payload's bytes as they are, without the trailer, in blocks that end where a
+// record ends. The daemon drops what follows damage in a block, so a block ends after damage. Damage at the payload's
+// end is handed out together with the trailer, unless both are so short that they look like a trailer.
 #pragma once
 
 #include <memory>

@@ -161,21 +161,21 @@ TEST_F(Recorder, HistoryNeedsADatabaseThatCanBeWritten) {
 
 // The history that a reader of the recorded bytes expects: the newest samples, as many as the list's limit allows.
 json newest_samples(const std::string &recorded) {
-    const ReadBlock read = read_block({recorded.begin(), recorded.end()});
+    const std::vector<uint8_t> bytes(recorded.begin(), recorded.end());
+    const auto messages = read_block(bytes);
     json rows = json::array();
     size_t charged = 0;
-    for (auto message = read.messages.rbegin(); message != read.messages.rend(); ++message) {
-        const uint64_t pid = message->frame_type == 7 ? message->switch_element(2) : 0;
-        const uint64_t rss = message->frame_type == 7 ? message->switch_element(8) : 0;
-        if (pid == 0 || rss == 0 || message->switch_element(9) == 0) continue;
+    for (auto message = messages.rbegin(); message != messages.rend(); ++message) {
+        const uint64_t rss = message->element(trace::kSwitchRss), swap = message->element(trace::kSwitchSwap);
+        if (message->pid == 0 || rss == 0 || swap == 0) continue;
         const std::string name = message->name.substr(0, 14);
-        charged += 20 + std::to_string(message->time()).size() + name.size();
+        charged += 20 + std::to_string(message->time).size() + name.size();
         if (charged > 204800) break;
-        rows.push_back({{"time_ns", message->time()},
-                        {"pid", pid},
+        rows.push_back({{"time_ns", message->time},
+                        {"pid", message->pid},
                         {"name", name},
                         {"rss_kib", rss},
-                        {"swap_kib", message->switch_element(9)}});
+                        {"swap_kib", swap}});
     }
     return rows;
 }
