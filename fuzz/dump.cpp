@@ -132,7 +132,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // One pass over the file, and up to three over its end for the trailer. In each pass, at most the file's size, the
     // free allowance and one record are read again.
     constexpr uint64_t kPasses = 4;
-    const uint64_t most_of_a_pass = 2 * bytes.size() + Rework::kFree + trace::kRecordMax;
+    const uint64_t most_of_a_pass = 2 * bytes.size() + RereadBudget::kFree + trace::kRecordMax;
     FUZZ_RULE(looks <= kPasses * bytes.size(), "no offset is checked more than once a pass");
     FUZZ_RULE(bytes_read <= kPasses * most_of_a_pass, "reading again is bounded by the file's size");
     const uint64_t trailer = totals.trailer ? totals.trailer->bytes.size() : 0;

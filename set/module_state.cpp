@@ -10,7 +10,7 @@ namespace vestra_set {
 namespace {
 
 constexpr size_t kRecentLimit = 256;
-constexpr size_t kFilterNames = 5;    // the daemon sends no more at a time
+constexpr size_t kFilterNames = 5;    // the daemon sends at most 5 at a time
 constexpr size_t kRefusedShown = 64;  // bytes of a refused text that are kept
 
 double now() {
@@ -50,7 +50,7 @@ int ModuleState::write(std::string_view text) {
     }
     if (text.back() == '\n') text.remove_suffix(1);
     if (!recent_.empty() && recent_.back().text == text) {
-        // A temperature comes every second; the others would not be seen among them.
+        // A temperature comes every second and would push all other commands out.
         recent_.back() = {now(), std::string(text), recent_.back().count + 1};
     } else {
         recent_.push_back({now(), std::string(text), 1});
@@ -90,8 +90,8 @@ void ModuleState::apply(const NodeCommand &command) {
             control_.pids = command.pids;
             break;
         default: {
-            // One command carries one name and none says where a list begins: the newest five different names are the
-            // list.
+            // A command has one name and does not say whether it begins a list. So the list is the newest five different
+            // names.
             auto &names = control_.names;
             names.erase(std::remove(names.begin(), names.end(), command.name), names.end());
             names.push_back(command.name);

@@ -1,4 +1,4 @@
-// State of the simulated kernel module: what it was told, and what it has handed out.
+// State of the simulated kernel module: the commands it received and the blocks it handed out.
 #pragma once
 
 #include <array>
@@ -15,31 +15,31 @@
 
 namespace vestra_set {
 
-// Every operation may be called from any thread; each takes the state's own lock.
+// Any thread may call any operation; each takes the state's lock.
 class ModuleState {
   public:
-    // The module was loaded anew: it is as it was at first, with tracing off and no filter. Counts stay.
+    // The module was loaded again: tracing is off and there is no filter. Counts stay.
     void reset();
 
-    // One write into the node. 0, or EINVAL for what is no command; either is counted.
+    // Handles a write to the node. Returns 0, or EINVAL for an unknown command, and counts either.
     int write(std::string_view text);
 
-    // One read that was answered with `size` bytes of `block`, 0 included.
+    // Counts a read that was answered with `size` bytes of `block`, which may be 0.
     void count_read(const uint8_t *block, size_t size);
 
-    // One read that was answered with an error.
+    // Counts a read that was answered with an error.
     void count_failed_read();
 
     ModuleControl control() const;
 
-    // Grows with every change that control() shows.
+    // Grows with every change of control().
     uint64_t control_version() const;
 
     // Everything, for people and tests:
     //   loads, tracing, disk_read, disk_write, temperature (null before the first), filter {names, pids},
     //   reads {total, empty, failed}, blocks, bytes, frames {TYPE: count}, damaged_blocks,
-    //   writes, refused, last_refused, commands {NUMBER: {count, payload}}, recent [{time, command, count}], newest
-    //   last; a command that repeats the one before it is counted there, with its own time
+    //   writes, refused, last_refused, commands {NUMBER: {count, payload}},
+    //   recent [{time, command, count}]: newest last; a repeated command is counted and gets the new time
     nlohmann::json status() const;
 
   private:

@@ -8,18 +8,18 @@
 
 using namespace decoder_test;
 using trace::SwitchMessage;
-using vestra_dump::Second;
+using vestra_dump::SecondVitals;
 using vestra_dump::SwitchSample;
 using vestra_dump::Usage;
 
 namespace {
 
 struct Derived : vestra_dump::Analysis {
-    std::map<int64_t, Second> seconds;
+    std::map<int64_t, SecondVitals> seconds;
     std::vector<ListEntry> list;  // of the processes that the daemon keeps, oldest first
     size_t samples = 0;
 
-    void on_second(const Second &second) override { EXPECT_TRUE(seconds.emplace(second.second, second).second); }
+    void on_second(const SecondVitals &second) override { EXPECT_TRUE(seconds.emplace(second.second, second).second); }
     void on_process(const SwitchSample &sample, const Usage &usage) override {
         ++samples;
         if (!sample.accounted) return;
@@ -47,7 +47,7 @@ void expect_ring_equals(const Derived &derived, int64_t from, int64_t to) {
             EXPECT_EQ(slot.flags, 0U);
             continue;
         }
-        const Second &second = found->second;
+        const SecondVitals &second = found->second;
         EXPECT_EQ(second.time_ns, slot.timestamp);
         EXPECT_EQ(second.has_switch, (slot.flags & kFlagSwitch) != 0);
         EXPECT_EQ(second.has_memory, (slot.flags & kFlagMeminfo) != 0);
@@ -111,10 +111,10 @@ Bytes steady(std::initializer_list<int64_t> seconds) {
 }
 
 // The seconds, negative where they begin a run.
-std::vector<int64_t> seconds_of(const Bytes &bytes, uint64_t astray) {
+std::vector<int64_t> seconds_of(const Bytes &bytes, uint64_t strays) {
     Derived derived;
     derive(bytes, &derived);
-    EXPECT_EQ(derived.astray(), astray);
+    EXPECT_EQ(derived.strays(), strays);
     std::vector<int64_t> seconds;
     for (const auto &[at, second] : derived.seconds) seconds.push_back(second.has_percent ? at : -at);
     return seconds;

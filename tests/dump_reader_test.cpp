@@ -171,19 +171,19 @@ std::string nested_beginnings(size_t size) {
 
 TEST(DumpReader, BytesAreReadAgainAtMostOnceHoweverTheyAreLaidOut) {
     const std::string bytes = nested_beginnings(3'000'000);
-    vestra_dump::Rework rework;
+    vestra_dump::RereadBudget budget;
     vestra_dump::FrameMessages messages;
     bool searching = false;
     for (size_t at = 0; at < bytes.size();) {
         const vestra_dump::View view{reinterpret_cast<const uint8_t *>(bytes.data()) + at, bytes.size() - at, true};
-        const vestra_dump::Record record = judge_record(view, searching, &messages, &rework);
-        searching = record.kind == vestra_dump::Record::kDamaged && record.open;
-        rework.passed(record.size);
-        at += record.size;
+        const vestra_dump::Stretch stretch = read_stretch(view, searching, &messages, &budget);
+        searching = stretch.kind == vestra_dump::Stretch::kDamaged && stretch.open;
+        budget.pass(stretch.size);
+        at += stretch.size;
     }
-    EXPECT_EQ(rework.bytes_passed(), bytes.size());
-    EXPECT_GT(rework.bytes_again(), vestra_dump::Rework::kFree) << "the limit is what ends it";
-    EXPECT_LE(rework.bytes_again(), bytes.size() + vestra_dump::Rework::kFree + trace::kRecordMax);
+    EXPECT_EQ(budget.bytes_passed(), bytes.size());
+    EXPECT_GT(budget.bytes_reread(), vestra_dump::RereadBudget::kFree) << "the limit is what ends it";
+    EXPECT_LE(budget.bytes_reread(), bytes.size() + vestra_dump::RereadBudget::kFree + trace::kRecordMax);
 }
 
 TEST(DumpReader, HostileStreamIsReadAsItsSourcePlannedIt) {

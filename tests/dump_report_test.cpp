@@ -11,7 +11,6 @@
 #include "tools/dump/report_html.h"
 #include "tools/dump/report_series.h"
 #include "tools/dump/text.h"
-#include "tools/dump/vital_labels.h"
 #include "tools/dump/vitals.h"
 
 using namespace dump_test;
@@ -81,12 +80,12 @@ TEST_F(DumpReport, TraceHoldsEveryFigureOnItsTrack) {
     size_t figures = 0;
     for (const json &row : rows("vitals")) {
         for (size_t type = 0; type < kVitalCount; ++type) {
-            if (!row.contains(kVitalNames[type])) continue;
+            if (!row.contains(kVitalNames[type].column)) continue;
             ++figures;
-            const auto &counter = counters[vitals + kVitalLabels[type].name];
+            const auto &counter = counters[vitals + kVitalNames[type].label];
             const auto found = counter.find(row["time_ns"].get<double>() / 1000);
-            ASSERT_TRUE(found != counter.end()) << row << kVitalNames[type];
-            EXPECT_EQ(found->second, row[kVitalNames[type]]);
+            ASSERT_TRUE(found != counter.end()) << row << kVitalNames[type].column;
+            EXPECT_EQ(found->second, row[kVitalNames[type].column]);
         }
     }
     EXPECT_GT(figures, 50U * 12);
@@ -120,9 +119,9 @@ TEST_F(DumpReport, PageHoldsNamesAsTextAndTheVitalsAsTheyAre) {
     for (const json &row : rows("vitals")) {
         for (size_t type = 0; type < kVitalCount; ++type) {
             const json figure = drawn[row["second"]].at(type + 1);
-            ASSERT_EQ(figure.is_null(), !row.contains(kVitalNames[type])) << row;
+            ASSERT_EQ(figure.is_null(), !row.contains(kVitalNames[type].column)) << row;
             if (figure.is_null()) continue;
-            EXPECT_NEAR(figure, row[kVitalNames[type]], 1e-5 * (1 + figure.get<double>()));
+            EXPECT_NEAR(figure, row[kVitalNames[type].column], 1e-5 * (1 + figure.get<double>()));
         }
     }
 }
@@ -132,15 +131,15 @@ TEST(VitalSeries, KeepsExtremesAndGapsOfAnyLength) {
     const int64_t seconds = 100'000;
     for (int64_t at = 0; at < seconds; ++at) {
         if (at >= 40'000 && at < 50'000) continue;
-        Second second = {at, at, true, false, false, {}};
+        SecondVitals second = {at, at, true, false, false, {}};
         second.vital[0] = at == 77'777 ? 9000 : at == 12'345 ? -5 : static_cast<double>(at % 100);
         series.add(second);
     }
-    Second leap = {INT64_MAX / 2'000'000'000, 0, true, false, false, {}};
+    SecondVitals leap = {INT64_MAX / 2'000'000'000, 0, true, false, false, {}};
     series.add(leap);
     const json rows = series.rows();
-    EXPECT_LE(rows.size(), 2 * VitalSeries::kBucketsMost + 2);
-    EXPECT_GE(rows.size(), VitalSeries::kBucketsMost);
+    EXPECT_LE(rows.size(), 2 * VitalSeries::kBucketsMax + 2);
+    EXPECT_GE(rows.size(), VitalSeries::kBucketsMax);
     double least = 0, greatest = 0, before = -1;
     size_t empty = 0;
     for (const json &row : rows) {

@@ -123,8 +123,7 @@ uint8_t *FrameWriter::take_in_frame(size_t count) {
 }
 
 void FrameWriter::store_length(uint32_t length) {
-    uint8_t *field = frame_start();
-    for (size_t i = 0; i < kLengthField; ++i) field[i] = static_cast<uint8_t>(length >> (8 * i));
+    put_frame_len(length, frame_start());
 }
 
 bool FrameWriter::begin_frame(int type, int core) {

@@ -14,6 +14,10 @@ constexpr int64_t kNsPerSecond = 1000000000;
 constexpr double kTicksPerSecond = 250;  // of each core
 constexpr double kIowaitGlitch = 80.0;   // percent: a figure of this or more is not used
 
+inline double to_seconds(int64_t ns) {
+    return static_cast<double>(ns) / kNsPerSecond;
+}
+
 inline int64_t wrapping_sum(int64_t a, int64_t b) {
     return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
 }

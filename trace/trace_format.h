@@ -92,6 +92,10 @@ inline uint32_t get_frame_len(const unsigned char *p) {
     return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
 }
 
+inline void put_frame_len(uint32_t size, unsigned char *p) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(size >> (8 * i));
+}
+
 // `next` points past the varint, or is null if the varint is truncated or longer than ten bytes. Bits beyond 64 are
 // lost.
 struct Varint {

@@ -1,4 +1,4 @@
-// When a source that hands out so many blocks a second has the next one due.
+// Tells a source with a given rate when its next block is due.
 #pragma once
 
 #include <chrono>
@@ -8,10 +8,10 @@ namespace vestra_set {
 
 class Pace {
   public:
-    // `rate` blocks a second; 0: one is due whenever it is asked for.
+    // `rate` blocks per second; 0: one is always due.
     explicit Pace(double rate) : rate_(rate) {}
 
-    // How many have come due since it was last asked; the first is due at once. One thread.
+    // Number of blocks that became due since the last call; the first is due at once. One thread.
     uint64_t take() {
         if (rate_ <= 0) return 1;
         const auto now = std::chrono::steady_clock::now();

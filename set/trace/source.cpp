@@ -23,19 +23,19 @@ TraceSource::~TraceSource() = default;
 std::unique_ptr<TraceSource> make_source(const SourceOptions &options, std::string *error) {
     const bool host = options.kind == "host";
     if (options.block_size != 0 && (options.block_size < kLeastBlock || options.block_size > kBlockMax)) {
-        *error = "block size " + std::to_string(options.block_size) + ": wanted 64 to 131072 bytes";
+        *error = "block size " + std::to_string(options.block_size) + ": must be 64 to 131072 bytes";
         return nullptr;
     }
-    // A rate that is no number fails here as well.
+    // NaN fails here, too.
     if (options.rate != 0 && !within(options.rate, kSlowestSampling, host ? kFastestSampling : kFastestBlocks)) {
-        *error = "rate " + std::to_string(options.rate) + ": wanted 0.01 to " +
+        *error = "rate " + std::to_string(options.rate) + ": must be 0.01 to " +
                  (host ? "100 samples" : "10000 blocks") + " a second";
         return nullptr;
     }
     if (host) return make_host_source(options, error);
     if (options.kind == "synthetic") return make_synthetic_source(options, error);
     if (options.kind == "replay") return make_replay_source(options, error);
-    *error = "source \"" + options.kind + "\": wanted host, synthetic or replay";
+    *error = "source \"" + options.kind + "\": must be host, synthetic or replay";
     return nullptr;
 }
 

@@ -1,5 +1,5 @@
-// Where the simulated kernel module gets its trace blocks from. A block is what one read of the control node returns:
-// frame records back to back, as docs/trace-format.md describes.
+// Where the simulated kernel module gets its trace blocks from. One read of the control node returns one block, in the
+// format of docs/trace-format.md.
 #pragma once
 
 #include <cstddef>
@@ -12,15 +12,15 @@
 
 namespace vestra_set {
 
-using namespace trace;  // sources are about nothing else
+using namespace trace;  // sources use little else
 
-// What the module has been told through its control node.
+// What the module was told through its control node.
 struct ModuleControl {
     bool tracing = false;
     bool disk_read = false;          // report what processes read from storage
-    bool disk_write = false;         // and what they write to it
-    int temperature = 0;             // of the SoC, degrees Celsius, as last sent; 0 before the first
-    std::vector<std::string> names;  // process filter: with names or pids in it, no other process is reported
+    bool disk_write = false;         // report what they write to it
+    int temperature = 0;             // of the SoC, degrees Celsius, as sent last; 0: not yet
+    std::vector<std::string> names;  // process filter: if names or pids are given, only those processes are reported
     std::vector<int> pids;
 };
 
@@ -29,14 +29,13 @@ class TraceSource {
   public:
     virtual ~TraceSource();
 
-    // Writes the next block into `out` and returns its size, 0..capacity. 0 when nothing is due yet, when the source
-    // has come to its end, or while it has been told not to trace. Never throws, and never waits until something is
-    // due. A block ends with an empty frame record, unless it ends with damage. Frames that do not fit into an empty
-    // block are left out (host, synthetic) or handed out in pieces (replay); kBlockMax is enough for all that can fit
-    // into any.
+    // Writes the next block into `out` and returns its size, 0 to `capacity`. 0 if no block is due yet, at the end of the
+    // source, or while tracing is off. Never throws and never waits. A block ends with an empty record, unless it ends
+    // with damage. A frame that does not fit into a block is left out (host, synthetic) or handed out in pieces
+    // (replay); kBlockMax is enough for every frame that fits into any block.
     virtual size_t next_block(uint8_t *out, size_t capacity) = 0;
 
-    // Takes effect with the next block. A source that was never told anything traces every process. Never throws.
+    // Takes effect with the next block. Without a call, a source traces every process. Never throws.
     virtual void apply(const ModuleControl &control) = 0;
 };
 
@@ -44,33 +43,33 @@ struct SourceOptions {
     std::string kind = "synthetic";  // "host", "synthetic" or "replay"
     std::string file;                // replay: the recorded dump
 
-    // How fast, in wall-clock time.
-    //   host       full samples a second, 0.01 to 100; 0: 2
-    //   synthetic  blocks a second, 0.01 to 10000; 0: every read gets a block that covers step_ns, and wall-clock time
-    //              is not looked at. A reader that comes late gets one block that covers the time gone by: with 1000
-    //              the stream follows the wall clock, however often it is read
-    //   replay     blocks a second, 0.01 to 10000; 0: every read gets a block
+    // Rate, in wall-clock time.
+    //   host       full samples per second, 0.01 to 100; 0: 2
+    //   synthetic  blocks per second, 0.01 to 10000. A late reader gets one block for all the time since the last one, so
+    //              with 1000 the stream follows the wall clock, however often it is read. 0: every read gets a block
+    //              that covers step_ns of the stream, whatever the wall clock says
+    //   replay     blocks per second, 0.01 to 10000; 0: every read gets a block
     double rate = 0;
 
     // Bytes of a block, 64 to kBlockMax.
-    //   host       at most so many; 0: kBlockMax
-    //   synthetic  every block is filled up to here; 0: every process once
-    //   replay     as many whole frame records as fit; 0: what the recording marks as one block
+    //   host       maximum; 0: kBlockMax
+    //   synthetic  every block is filled up to this size; 0: every process once
+    //   replay     as many records as fit; 0: the blocks of the recording
     uint32_t block_size = 0;
 
-    bool every_process = false;  // host: each process in each sample, also one that did not run since the last
+    bool every_process = false;  // host: report processes that did not run since the last sample, too
 
     std::string profile = "steady";    // synthetic: "steady", "burst", "stall" or "hostile"
-    uint32_t processes = 0;            // synthetic: how many, up to 32000; 0: 24
+    uint32_t processes = 0;            // synthetic: number, up to 32000; 0: 24
     uint64_t seed = 0;                 // synthetic: equal options and capacities give equal bytes, on every machine
     uint64_t step_ns = 1'000'000'000;  // synthetic: stream time that a block covers, 100 us to 1 h
 
-    bool loop = false;  // replay: begin again at the end, instead of empty reads
+    bool loop = false;  // replay: start again at the end
 };
 
-// A source of that kind, or null with the reason in *error (never null itself): an unknown kind or profile, a figure
-// out of its range, a file that cannot be read. Starts no thread and no process; the host source starts its sampling
-// thread with the first block, so the caller may still fork.
+// A source of that kind. Null, with the reason in *error, for an unknown kind or profile, a number out of range, or a file
+// that cannot be read. Starts no thread and no process, so the caller may still fork; the host source starts its
+// sampling thread with the first block.
 std::unique_ptr<TraceSource> make_source(const SourceOptions &options, std::string *error);
 
 }  // namespace vestra_set

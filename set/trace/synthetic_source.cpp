@@ -13,14 +13,14 @@ constexpr uint64_t kSecond = 1'000'000'000;  // ns
 constexpr uint64_t kShortestStep = 100'000;  // ns; figures are kept in microseconds
 constexpr uint64_t kStart = 600 * kSecond;   // the set has been up for ten minutes
 constexpr uint64_t kWhole = 1'000'000;       // millionths
-constexpr uint64_t kCoreLoad = 850'000;      // millionths of a core that its processes share at 100 % of the work
+constexpr uint64_t kCoreLoad = 850'000;      // millionths of a core that its processes use at full load
 constexpr uint64_t kIoWait = 20'000;         // millionths of a core, always
-constexpr uint64_t kTick = 4000;             // us: 250 a second
+constexpr uint64_t kTick = 4000;             // us: 250 per second
 constexpr uint32_t kDefaultProcesses = 24;
 constexpr uint32_t kMaxProcesses = 32000;
-constexpr size_t kFrameMessages = 8;      // of a switch frame at most
-constexpr size_t kInfoEvery = 64;         // switch frames
-constexpr size_t kMessageGuess = 128;     // bytes of a switch message, about; spreads time stamps over a full block
+constexpr size_t kFrameMessages = 8;      // most messages of a switch frame
+constexpr size_t kInfoEvery = 64;         // switch frames between two CPU and memory frames
+constexpr size_t kMessageGuess = 128;     // about the bytes of a switch message; spreads time stamps over a full block
 constexpr size_t kDamageRoom = 1024;      // bytes that the longest damaged frame needs
 constexpr uint64_t kMemory = 1'572'864;   // KiB
 constexpr uint64_t kSwapTotal = 524'288;  // KiB
@@ -45,14 +45,14 @@ uint64_t ticks(uint64_t us, uint64_t ppm) {
 
 bool reports(const ModuleControl &control, int64_t pid, std::string_view name) {
     if (control.names.empty() && control.pids.empty()) return true;
-    const auto named = [&](const std::string &wanted) {
-        return std::string_view(wanted).substr(0, kCommLimit) == name.substr(0, kCommLimit);
+    const auto named = [&](const std::string &listed) {
+        return std::string_view(listed).substr(0, kCommLimit) == name.substr(0, kCommLimit);
     };
     return std::find(control.pids.begin(), control.pids.end(), pid) != control.pids.end() ||
            std::any_of(control.names.begin(), control.names.end(), named);
 }
 
-/* ------------------------------ Making one ------------------------------ */
+/* ------------------------------ Set-up ------------------------------ */
 
 std::unique_ptr<SyntheticSource> SyntheticSource::make(const SourceOptions &options, std::string *error) {
     static constexpr std::pair<const char *, Profile> kProfiles[] = {{"steady", Profile::kSteady},
@@ -62,11 +62,11 @@ std::unique_ptr<SyntheticSource> SyntheticSource::make(const SourceOptions &opti
     const auto *const found = std::find_if(std::begin(kProfiles), std::end(kProfiles),
                                            [&](const auto &entry) { return options.profile == entry.first; });
     if (found == std::end(kProfiles)) {
-        *error = "profile \"" + options.profile + "\": wanted steady, burst, stall or hostile";
+        *error = "profile \"" + options.profile + "\": must be steady, burst, stall or hostile";
     } else if (options.processes > kMaxProcesses) {
-        *error = std::to_string(options.processes) + " processes: wanted at most " + std::to_string(kMaxProcesses);
+        *error = std::to_string(options.processes) + " processes: must be at most " + std::to_string(kMaxProcesses);
     } else if (options.step_ns < kShortestStep || options.step_ns > 3600 * kSecond) {
-        *error = "step of " + std::to_string(options.step_ns) + " ns: wanted 100 us to 1 h";
+        *error = "step of " + std::to_string(options.step_ns) + " ns: must be 100 us to 1 h";
     } else {
         return std::unique_ptr<SyntheticSource>(new SyntheticSource(options, found->second));
     }
@@ -135,7 +135,7 @@ void SyntheticSource::apply(const ModuleControl &control) try {
     }
     next_process_ = 0;
 } catch (const std::exception &) {
-    reported_.clear();  // nothing but the idle process then
+    reported_.clear();  // then only the idle process is reported
 }
 
 /* ------------------------------ The figures ------------------------------ */
@@ -157,7 +157,7 @@ CoreTimes SyntheticSource::core_times(size_t core, const Clock &now) const {
     return times;
 }
 
-// The process in place `index` of those that are reported; the idle process where there is none.
+// The reported process with this index; the idle process if none is reported.
 SwitchMessage SyntheticSource::switch_message(size_t index, const Clock &now) const {
     const uint64_t seconds = now.ns / kSecond;
     SwitchMessage message;
@@ -253,22 +253,22 @@ PlannedFrame *SyntheticSource::plan_frame(const FrameWriter &writer, uint8_t typ
     return &plan_.frames.back();
 }
 
-// Every process once, or as many messages as the limit holds.
+// Writes every process once or, with `fill`, as many messages as fit.
 size_t SyntheticSource::write_block(uint8_t *out, size_t limit, bool fill) {
     if (limit < kEmptyRecord) return 0;
     FrameWriter writer(out, limit - kEmptyRecord);
     const Clock begin = clock_;
     const uint64_t span = plan_.end_ns - plan_.begin_ns;
     const size_t once = std::max<size_t>(reported_.size(), 1);
-    const size_t wanted = fill ? limit / kMessageGuess + 1 : once;
-    const uint64_t gap = span / wanted;
+    const size_t target = fill ? limit / kMessageGuess + 1 : once;
+    const uint64_t gap = span / target;
     given_up_ = false;
     bool room = write_info(&writer, begin);
     size_t written = 0;
-    for (size_t frames = 1; room && (fill || written < wanted); ++frames) {
+    for (size_t frames = 1; room && (fill || written < target); ++frames) {
         const uint64_t now = begin.ns + std::min<uint64_t>(written * gap, span - 1);
         if (profile_ == Profile::kHostile && random(3) == 0) write_damage(&writer, at(begin, now));
-        const size_t count = std::min(kFrameMessages, fill ? kFrameMessages : wanted - written);
+        const size_t count = std::min(kFrameMessages, fill ? kFrameMessages : target - written);
         const size_t added = write_switches(&writer, at(begin, now), gap, count);
         written += added;
         room = added > 0;
@@ -294,7 +294,7 @@ bool SyntheticSource::write_info(FrameWriter *writer, const Clock &now) {
     return true;
 }
 
-// One frame of up to `count` messages of processes of one core, `gap_ns` apart. Returns how many fitted.
+// Writes one frame of up to `count` messages of processes of one core, `gap_ns` apart. Returns the number that fit.
 size_t SyntheticSource::write_switches(FrameWriter *writer, const Clock &begin, uint64_t gap_ns, size_t count) {
     size_t added = 0;
     uint8_t core = 0;
@@ -317,10 +317,10 @@ size_t SyntheticSource::write_switches(FrameWriter *writer, const Clock &begin, 
     return added;
 }
 
-// One damaged frame. False when there is too little room for one.
+// Writes one damaged frame. False if there is too little room.
 bool SyntheticSource::write_damage(FrameWriter *writer, const Clock &now) {
     if (writer->room() < kDamageRoom) return false;
-    // Those that make a reader give up the block are rare, or little would be left of the stream.
+    // Damage that makes a reader drop the rest of the block is rare, or little of the stream would be left.
     const bool ending = random(16) == 0;
     const auto first = static_cast<uint64_t>(ending ? Damage::kOverlongLength : Damage::kCore);
     const auto last = static_cast<uint64_t>(ending ? Damage::kBeyondBlock : Damage::kExtremes);
@@ -332,7 +332,7 @@ bool SyntheticSource::write_damage(FrameWriter *writer, const Clock &now) {
                          : damage == Damage::kNoise && random(2) == 0 ? kMeminfoFrame
                                                                       : kSwitchFrame;
     PlannedFrame *planned = plan_frame(*writer, type, core, damage);
-    // The frame up to its fault.
+    // Writes the frame up to its fault.
     const auto begin = [&] {
         writer->begin_frame(type, core);
         writer->add(good);
@@ -399,21 +399,21 @@ bool SyntheticSource::write_damage(FrameWriter *writer, const Clock &now) {
             break;
         case Damage::kNoise:
             writer->begin_frame(type, core);
-            writer->add_varint(100);  // no message type, whatever follows
+            writer->add_varint(100);  // not a message type
             noise(random(100));
             break;
         case Damage::kExtremes: {
-            constexpr uint64_t kMost = std::numeric_limits<uint64_t>::max();
-            SwitchMessage most;
-            most.time_ns = now.ns;
+            constexpr uint64_t kGreatest = std::numeric_limits<uint64_t>::max();
+            SwitchMessage extreme;
+            extreme.time_ns = now.ns;
             const std::string long_name(300, 'n');
-            most.name = long_name;
-            most.element1 = most.element4 = most.element5 = most.cpu_a = most.cpu_b = kMost;
-            most.pid = most.rss = most.swap = most.element10 = most.element11 = kMost;
-            for (CoreTimes &times : most.cores) times = {kMost, kMost, kMost, kMost, kMost};
+            extreme.name = long_name;
+            extreme.element1 = extreme.element4 = extreme.element5 = extreme.cpu_a = extreme.cpu_b = kGreatest;
+            extreme.pid = extreme.rss = extreme.swap = extreme.element10 = extreme.element11 = kGreatest;
+            for (CoreTimes &times : extreme.cores) times = {kGreatest, kGreatest, kGreatest, kGreatest, kGreatest};
             writer->begin_frame(type, core);
-            writer->add(most);
-            if (planned != nullptr) planned->switches.push_back(most);
+            writer->add(extreme);
+            if (planned != nullptr) planned->switches.push_back(extreme);
             break;
         }
         case Damage::kOverlongLength:

@@ -1,5 +1,5 @@
-// A made-up set: seeded, and deterministic down to the byte. All figures are integers that follow from the seed and the
-// stream time, so 32-bit and 64-bit machines agree, and a test can ask what was put in.
+// A made-up set. The seed determines every byte: all figures are integers that follow from the seed and the stream time,
+// so 32-bit and 64-bit machines agree. Tests can ask for the plan of a block.
 #pragma once
 
 #include <array>
@@ -16,10 +16,10 @@
 
 namespace vestra_set {
 
-// What is wrong with a frame, on purpose. In the message faults a good message stands in front of the fault.
+// What is wrong with a frame, on purpose. A message fault follows a good message.
 enum class Damage : uint8_t {
     kNone,
-    kCore,            // a core that is none
+    kCore,            // invalid core id
     kMessageType,     // neither 1 nor 2
     kLongVarint,      // eleven bytes
     kCutVarint,       // the frame ends in it
@@ -28,11 +28,11 @@ enum class Damage : uint8_t {
     kCutMessage,      // the frame ends in it
     kShortFrame,      // one byte
     kUnknownType,     // of frame
-    kNoise,           // random bytes behind the header
-    kExtremes,        // well-formed, with all figures but the time stamp at their greatest, and a name of 300 bytes
-    kOverlongLength,  // above kFrameMax: a reader gives up the block
-    kBeyondBlock,     // a length that leads out of the block: the same
-    kCutLength,       // the block ends with one to three bytes instead of the mark
+    kNoise,           // random bytes after type and core
+    kExtremes,        // well-formed: the greatest figures, except the time stamp, and a name of 300 bytes
+    kOverlongLength,  // above kFrameMax: a reader drops the rest of the block
+    kBeyondBlock,     // a length beyond the end of the block: the same
+    kCutLength,       // the block ends with one to three bytes instead of an empty record
 };
 
 struct PlannedFrame {
@@ -40,15 +40,15 @@ struct PlannedFrame {
     uint8_t type = 0;
     uint8_t core = 0;
     Damage damage = Damage::kNone;
-    bool reached = true;                  // false behind a length that makes a reader give up the block
-    std::vector<SwitchMessage> switches;  // those that a reader takes, if it gets there
+    bool reached = true;                  // false after a length that makes a reader drop the rest of the block
+    std::vector<SwitchMessage> switches;  // those that a reader accepts if it gets here
     std::vector<MeminfoMessage> infos;
 };
 
-// What one block was made of. Names in it are views of the source's own.
+// What one block was made from. Names are views of the source's.
 struct BlockPlan {
     uint64_t begin_ns = 0;             // stream time; no message of the block is older
-    uint64_t end_ns = 0;               // or as new
+    uint64_t end_ns = 0;               // or this new
     std::vector<PlannedFrame> frames;  // empty for a stalled read
 };
 
@@ -57,20 +57,20 @@ struct SyntheticProcess {
     uint32_t parent = 0;
     std::string name;       // at most 15 bytes
     uint8_t core = 0;       // it never moves
-    uint64_t user_ppm = 0;  // of its core's time while the set does all its work, millionths
+    uint64_t user_ppm = 0;  // millionths of its core's time at full load
     uint64_t system_ppm = 0;
-    uint64_t rss = 0;        // KiB, what it never falls below
+    uint64_t rss = 0;        // KiB, the minimum
     uint64_t swap = 0;       // KiB, constant, at least 1
-    uint64_t disk_rate = 0;  // KiB a second of work; written: half as much
+    uint64_t disk_rate = 0;  // KiB per second of full load; half as much is written
 };
 
 class SyntheticSource : public TraceSource {
   public:
     enum class Profile {
-        kSteady,   // 70 to 100 % of the work
-        kBurst,    // 10 %, and every now and then blocks of the greatest size at 100 %
-        kStall,    // steady, with runs of empty reads while time goes on
-        kHostile,  // steady, and about every third frame is damaged
+        kSteady,   // 70 to 100 % load
+        kBurst,    // 10 %, and sometimes blocks of the greatest size at 100 %
+        kStall,    // steady, with runs of empty reads during which time passes
+        kHostile,  // steady, with about every third frame damaged
     };
 
     static std::unique_ptr<SyntheticSource> make(const SourceOptions &options, std::string *error);
@@ -78,7 +78,7 @@ class SyntheticSource : public TraceSource {
     size_t next_block(uint8_t *out, size_t capacity) override;
     void apply(const ModuleControl &control) override;
 
-    // For tests: keep the plan of the newest block. Costs allocations.
+    // For tests: keeps the plan of the newest block, which allocates memory.
     void keep_plan(bool keep) { keep_plan_ = keep; }
     const BlockPlan &plan() const { return plan_; }
     const std::vector<SyntheticProcess> &processes() const { return processes_; }
@@ -86,7 +86,7 @@ class SyntheticSource : public TraceSource {
   private:
     struct Clock {
         uint64_t ns = 0;       // stream time
-        uint64_t work_us = 0;  // time that the set would have been busy for, had it worked at 100 %
+        uint64_t work_us = 0;  // time at full load that gives the same amount of work
     };
 
     SyntheticSource(const SourceOptions &options, Profile profile);
@@ -114,15 +114,15 @@ class SyntheticSource : public TraceSource {
     std::array<uint64_t, kCoreCount> user_ppm_{};  // sums over the processes of a core
     std::array<uint64_t, kCoreCount> system_ppm_{};
     ModuleControl control_;
-    std::vector<uint32_t> reported_;  // indices of the processes that the filter lets through
+    std::vector<uint32_t> reported_;  // indices of the processes that pass the filter
     Clock clock_;
-    uint64_t load_ = 0;        // thousandths of the work that are done in the current block
+    uint64_t load_ = 0;        // thousandths of full load in the current block
     size_t next_process_ = 0;  // index into reported_
     uint64_t messages_ = 0;
     uint64_t blocks_ = 0;
-    uint64_t stall_left_ = 0;  // empty reads still to come; then reads up to the next stall
+    uint64_t stall_left_ = 0;  // empty reads left; then reads before the next stall
     uint64_t stall_next_ = 3;
-    bool given_up_ = false;  // a reader has stopped in the current block
+    bool given_up_ = false;  // a reader drops the rest of the current block
     bool keep_plan_ = false;
     BlockPlan plan_;
 };
@@ -130,7 +130,7 @@ class SyntheticSource : public TraceSource {
 // Null with the reason in *error.
 std::unique_ptr<TraceSource> make_synthetic_source(const SourceOptions &options, std::string *error);
 
-// Whether the filter lets a process through. A name counts up to 15 bytes: the kernel keeps no more.
+// Whether a process passes the filter. Only the first 15 bytes of names count, because the kernel keeps no more.
 bool reports(const ModuleControl &control, int64_t pid, std::string_view name);
 
 }  // namespace vestra_set

@@ -105,12 +105,12 @@ TEST_F(VestraStat, WatchGoesOnOverARestart) {
     const auto said = [](const char *what) { return count(read_file("/tmp/watch.err"), what); };
     EXPECT_TRUE(comes_true([&] { return lines() >= 2; }));
     daemon_.reset();
-    EXPECT_TRUE(comes_true([&] { return said("no daemon is running; asking on\n") == 1; }));
+    EXPECT_TRUE(comes_true([&] { return said("no daemon is running; still asking\n") == 1; }));
     const size_t before = lines();
     start();
     EXPECT_TRUE(comes_true([&] { return lines() >= before + 2; }));
     EXPECT_EQ(read_file("/tmp/watch.err"),
-              "vestra-stat: no daemon is running; asking on\nvestra-stat: the daemon answers again\n");
+              "vestra-stat: no daemon is running; still asking\nvestra-stat: the daemon answers again\n");
     kill(watching.pid(), SIGINT);
     EXPECT_EQ(watching.wait(), 0);
     const Ran twice = run_stat("--watch cpu --count 2");

@@ -7,7 +7,7 @@
 namespace vestra_dump {
 namespace {
 
-constexpr int64_t kNear = Vitals::kLateMost * trace::kNsPerSecond;
+constexpr int64_t kNear = Vitals::kLateMax * trace::kNsPerSecond;
 
 bool near(int64_t a, int64_t b) {
     return trace::distance(a, b) <= static_cast<uint64_t>(kNear);
@@ -20,20 +20,20 @@ int64_t whole_second(int64_t time_ns) {
 }  // namespace
 
 Analysis::Analysis(const TimeRange &range)
-    : range_(range), vitals_([this](const Second &second) {
+    : range_(range), vitals_([this](const SecondVitals &second) {
           const int64_t begin = second.second * trace::kNsPerSecond;
           const bool from = range_.from <= 0 || begin >= whole_second(range_.from);
           if (from && begin <= range_.to) on_second(second);
       }) {}
 
 template <class Sample>
-void Analysis::judge(const Sample &sample) {
+void Analysis::take_unless_stray(const Sample &sample) {
     if (sample.time_ns < 0) {
-        ++astray_;
+        ++strays_;
         return;
     }
     if (last_ns_ >= 0 && !near(sample.time_ns, last_ns_)) {
-        // The one that is held was no accident, or time is leaping.
+        // The held sample was no stray: time has jumped.
         const bool was_held = !std::holds_alternative<std::monostate>(held_);
         take_held();
         if (!was_held || !near(sample.time_ns, last_ns_)) {
@@ -46,7 +46,7 @@ void Analysis::judge(const Sample &sample) {
         }
     } else if (!std::holds_alternative<std::monostate>(held_)) {
         held_ = std::monostate();
-        ++astray_;
+        ++strays_;
     }
     take(sample);
 }
@@ -61,7 +61,7 @@ void Analysis::take_held() {
     held_ = std::monostate();
 }
 
-// What is believed moves the clock, and a clock that went back begins anew.
+// Moves the clock. One that has gone back starts over.
 void Analysis::pass_time(int64_t time_ns) {
     if (head_ns_ >= 0 && time_ns < head_ns_ - kNear) {
         vitals_.restart();
@@ -90,11 +90,11 @@ void Analysis::take(const MemorySample &sample) {
 }
 
 void Analysis::on_switch(const SwitchSample &sample) {
-    judge(sample);
+    take_unless_stray(sample);
 }
 
 void Analysis::on_memory(const MemorySample &sample) {
-    judge(sample);
+    take_unless_stray(sample);
 }
 
 void Analysis::on_end(const DumpTotals & /*totals*/) {

@@ -7,23 +7,23 @@
 namespace vestra_dump {
 namespace {
 
-int cut(const FileToFile &typed) {
-    return with_files(typed, [&typed](FileSource &file, const DumpTime &time, Output &out) {
+int cut(const FileOptions &options) {
+    return with_files(options, [&options](FileSource &file, const DumpTime &time, Output &out) {
         Cutter cutter(time.range, out);
         const DumpTotals totals = read_dump(file, cutter);
-        if (cutter.frames() == 0) complain(printable(typed.path) + ": no frame lies in that stretch of time");
-        return judge(typed.path, totals, true);
+        if (cutter.frames() == 0) complain(printable(options.path) + ": no frame is in that time range");
+        return report_result(options.path, totals, true);
     });
 }
 
 }  // namespace
 
 Action setup_cut(cli::Command app) {
-    auto typed = std::make_shared<FileToFile>();
-    app.add("file", typed->path, "The dump; - is standard input").required().type("FILE");
-    app.add("output", typed->output, "The smaller one; - is standard output").required().type("OUT");
-    add_time_options(app, typed->time);
-    return [typed] { return cut(*typed); };
+    auto options = std::make_shared<FileOptions>();
+    app.add("file", options->path, "The dump; - is standard input").required().type("FILE");
+    app.add("output", options->output, "The smaller dump; - is standard output").required().type("OUT");
+    add_time_options(app, options->time);
+    return [options] { return cut(*options); };
 }
 
 }  // namespace vestra_dump

@@ -10,27 +10,27 @@
 namespace vestra_dump {
 namespace {
 
-struct Typed {
+struct Options {
     std::vector<std::string> paths;
     TimeOptions time;
     unsigned top = 10;
     bool json = false;
 };
 
-int info(const Typed &typed) {
+int info(const Options &options) {
     int code = kExitClean;
     bool first = true;
-    for (const std::string &path : typed.paths) {
+    for (const std::string &path : options.paths) {
         DumpTime time;
         int unopened = 0;
-        const auto file = open_dump(path, typed.time, &time, &unopened);
+        const auto file = open_dump(path, options.time, &time, &unopened);
         if (file == nullptr) {
             code = std::max(code, unopened);
             continue;
         }
-        Summariser summariser(path, time, typed.top);
+        Summariser summariser(path, time, options.top);
         const DumpTotals totals = read_dump(*file, summariser);
-        if (typed.json) {
+        if (options.json) {
             std::cout << to_json(summariser.summary()).dump() << '\n';
         } else {
             if (!first) std::cout << '\n';
@@ -38,7 +38,7 @@ int info(const Typed &typed) {
         }
         first = false;
         std::cout.flush();
-        code = std::max(code, judge(path, totals, false));
+        code = std::max(code, report_result(path, totals, false));
     }
     if (!std::cout) {
         complain("standard output cannot be written");
@@ -50,12 +50,12 @@ int info(const Typed &typed) {
 }  // namespace
 
 Action setup_info(cli::Command app) {
-    auto typed = std::make_shared<Typed>();
-    app.add("file", typed->paths, "The dumps; - is standard input").required().type("FILE");
-    add_time_options(app, typed->time);
-    app.add("--top", typed->top, "So many processes in each list").show_default().range(0, 10000);
-    app.add_flag("--json", typed->json, "One JSON object a dump");
-    return [typed] { return info(*typed); };
+    auto options = std::make_shared<Options>();
+    app.add("file", options->paths, "The dumps; - is standard input").required().type("FILE");
+    add_time_options(app, options->time);
+    add_top_option(app, options->top, 0, 10000);
+    app.add_flag("--json", options->json, "One JSON object for each dump");
+    return [options] { return info(*options); };
 }
 
 }  // namespace vestra_dump

@@ -8,19 +8,19 @@ namespace {
 
 constexpr size_t kTop = 10;  // processes in each list of the summary
 
-int perfetto(const FileToFile &typed) {
-    return with_files(typed, [&typed](FileSource &file, const DumpTime &time, Output &out) {
-        TraceEvents events(typed.path, time, kTop, out);
-        return judge(typed.path, read_dump(file, events), true);
+int perfetto(const FileOptions &options) {
+    return with_files(options, [&options](FileSource &file, const DumpTime &time, Output &out) {
+        TraceEvents events(options.path, time, kTop, out);
+        return report_result(options.path, read_dump(file, events), true);
     });
 }
 
 }  // namespace
 
 Action setup_perfetto(cli::Command app) {
-    auto typed = std::make_shared<FileToFile>();
-    add_file_options(app, typed.get());
-    return [typed] { return perfetto(*typed); };
+    auto options = std::make_shared<FileOptions>();
+    add_file_options(app, options.get());
+    return [options] { return perfetto(*options); };
 }
 
 }  // namespace vestra_dump

@@ -1,4 +1,4 @@
-// report: a dump as a page for people.
+// report: a dump as an HTML page.
 
 #include "tools/dump/commands.h"
 #include "tools/dump/report.h"
@@ -6,14 +6,14 @@
 namespace vestra_dump {
 namespace {
 
-struct Typed : FileToFile {
+struct Options : FileOptions {
     unsigned top = 10;
 };
 
-int report(const Typed &typed) {
-    return with_files(typed, [&typed](FileSource &file, const DumpTime &time, Output &out) {
-        Report report(typed.path, time, typed.top);
-        const int code = judge(typed.path, read_dump(file, report), true);
+int report(const Options &options) {
+    return with_files(options, [&options](FileSource &file, const DumpTime &time, Output &out) {
+        Report report(options.path, time, options.top);
+        const int code = report_result(options.path, read_dump(file, report), true);
         if (code != kExitUnreadable) write_report(report, out);
         return code;
     });
@@ -22,10 +22,10 @@ int report(const Typed &typed) {
 }  // namespace
 
 Action setup_report(cli::Command app) {
-    auto typed = std::make_shared<Typed>();
-    add_file_options(app, typed.get());
-    app.add("--top", typed->top, "So many processes in each list").show_default().range(1, 1000);
-    return [typed] { return report(*typed); };
+    auto options = std::make_shared<Options>();
+    add_file_options(app, options.get());
+    add_top_option(app, options->top, 1, 1000);
+    return [options] { return report(*options); };
 }
 
 }  // namespace vestra_dump

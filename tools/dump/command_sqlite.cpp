@@ -10,30 +10,30 @@
 namespace vestra_dump {
 namespace {
 
-struct Typed {
+struct Options {
     std::string database;
     std::vector<std::string> paths;
     TimeOptions time;
 };
 
-constexpr Wanted kAllTables = {true, true, true, true};
+constexpr TableSelection kAllTables = {true, true, true, true};
 
-// The name that a file is known by, from wherever it is loaded.
+// A name for a file that does not depend on the working directory.
 std::string full_name(const std::string &path) {
     std::error_code failed;
     const auto full = std::filesystem::canonical(path, failed);
     return failed ? path : full.string();
 }
 
-int load(Database *database, const std::string &path, const TimeOptions &options) {
+int load(Database *database, const std::string &path, const TimeOptions &time_options) {
     DumpTime time;
     int code = kExitClean;
-    const auto file = open_dump(path, options, &time, &code);
+    const auto file = open_dump(path, time_options, &time, &code);
     if (file == nullptr) return code;
     database->begin_dump(path == "-" ? std::string() : full_name(path));
     RowMaker maker(path, time, 1, kAllTables, *database);
     const DumpTotals totals = read_dump(*file, maker);
-    code = judge(path, totals, true);
+    code = report_result(path, totals, true);
     if (code == kExitUnreadable) {
         database->drop_dump();
     } else {
@@ -42,14 +42,14 @@ int load(Database *database, const std::string &path, const TimeOptions &options
     return code;
 }
 
-int sqlite(const Typed &typed) {
+int sqlite(const Options &options) {
     int code = kExitClean;
     try {
-        Database database(typed.database);
-        for (const std::string &path : typed.paths) code = std::max(code, load(&database, path, typed.time));
+        Database database(options.database);
+        for (const std::string &path : options.paths) code = std::max(code, load(&database, path, options.time));
         database.finish();
     } catch (const DatabaseError &problem) {
-        complain(printable(typed.database) + ": " + problem.what());
+        complain(printable(options.database) + ": " + problem.what());
         return kExitUnreadable;
     }
     return code;
@@ -58,11 +58,11 @@ int sqlite(const Typed &typed) {
 }  // namespace
 
 Action setup_sqlite(cli::Command app) {
-    auto typed = std::make_shared<Typed>();
-    app.add("database", typed->database, "The SQLite file, made where there is none").required().type("OUT.db");
-    app.add("file", typed->paths, "The dumps; - is standard input").required().type("FILE");
-    add_time_options(app, typed->time);
-    return [typed] { return sqlite(*typed); };
+    auto options = std::make_shared<Options>();
+    app.add("database", options->database, "The SQLite file, created if it does not exist").required().type("OUT.db");
+    app.add("file", options->paths, "The dumps; - is standard input").required().type("FILE");
+    add_time_options(app, options->time);
+    return [options] { return sqlite(*options); };
 }
 
 }  // namespace vestra_dump

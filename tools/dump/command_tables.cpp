@@ -8,69 +8,69 @@
 namespace vestra_dump {
 namespace {
 
-struct Typed : FileToFile {
-    Wanted wanted;
+struct Options : FileOptions {
+    TableSelection tables;
 };
 
-// Rows are written while the dump is read.
-void warn_of_unknown_epoch(const Typed &typed, const DumpTime &time) {
-    if (time.written && !time.epoch_ns && !typed.time.epoch.empty()) {
-        complain("--epoch is of no use here: the newest sample is not known in advance, so rows are without wall_time");
+// Rows are written before the newest sample of a pipe is known.
+void warn_of_unknown_epoch(const Options &options, const DumpTime &time) {
+    if (time.written && !time.epoch_ns && !options.time.epoch.empty()) {
+        complain("--epoch has no effect on a pipe: rows are written without wall_time");
     }
 }
 
-const Table &wanted_table(const Wanted &wanted) {
-    if (wanted.processes) return kProcessesTable;
-    if (wanted.frames) return kFramesTable;
-    return wanted.damage ? kDamageTable : kVitalsTable;
+const Table &selected_table(const TableSelection &tables) {
+    if (tables.processes) return kProcessesTable;
+    if (tables.frames) return kFramesTable;
+    return tables.damage ? kDamageTable : kVitalsTable;
 }
 
-int csv(Typed typed) {
-    if (!typed.wanted.any()) typed.wanted.vitals = true;
-    return with_files(typed, [&](FileSource &file, const DumpTime &time, Output &out) {
-        warn_of_unknown_epoch(typed, time);
-        CsvWriter writer(wanted_table(typed.wanted), time, out);
-        RowMaker maker(typed.path, time, 0, typed.wanted, writer);
-        return judge(typed.path, read_dump(file, maker), true);
+int csv(Options options) {
+    if (!options.tables.any()) options.tables.vitals = true;
+    return with_files(options, [&](FileSource &file, const DumpTime &time, Output &out) {
+        warn_of_unknown_epoch(options, time);
+        CsvWriter writer(selected_table(options.tables), time, out);
+        RowMaker maker(options.path, time, 0, options.tables, writer);
+        return report_result(options.path, read_dump(file, maker), true);
     });
 }
 
-int json(Typed typed) {
-    if (!typed.wanted.any()) typed.wanted.vitals = typed.wanted.damage = true;
-    return with_files(typed, [&](FileSource &file, const DumpTime &time, Output &out) {
-        warn_of_unknown_epoch(typed, time);
+int json(Options options) {
+    if (!options.tables.any()) options.tables.vitals = options.tables.damage = true;
+    return with_files(options, [&](FileSource &file, const DumpTime &time, Output &out) {
+        warn_of_unknown_epoch(options, time);
         JsonWriter writer(time, out);
-        RowMaker maker(typed.path, time, 10, typed.wanted, writer);
+        RowMaker maker(options.path, time, 10, options.tables, writer);
         const DumpTotals totals = read_dump(file, maker);
         nlohmann::ordered_json last = {{"table", "dump"}};
         last.update(to_json(maker.summary()));
         out.write(last.dump() + "\n");
-        return judge(typed.path, totals, true);
+        return report_result(options.path, totals, true);
     });
 }
 
-void add_tables(cli::Command app, Wanted *wanted, bool one) {
+void add_tables(cli::Command app, TableSelection *selection, bool one) {
     cli::Command tables = app.add_group("tables", one ? 1 : 0);
-    tables.add_flag("--vitals", wanted->vitals, "The seventeen vitals of each second");
-    tables.add_flag("--processes", wanted->processes, "Every sample of a process, with its CPU percentages");
-    tables.add_flag("--frames", wanted->frames, "Every frame");
-    tables.add_flag("--damage", wanted->damage, "Every damaged span");
+    tables.add_flag("--vitals", selection->vitals, "The seventeen vitals of each second");
+    tables.add_flag("--processes", selection->processes, "Every sample of a process, with its CPU percentages");
+    tables.add_flag("--frames", selection->frames, "Every frame");
+    tables.add_flag("--damage", selection->damage, "Every damaged span");
 }
 
 }  // namespace
 
 Action setup_csv(cli::Command app) {
-    auto typed = std::make_shared<Typed>();
-    add_file_options(app, typed.get());
-    add_tables(app, &typed->wanted, true);
-    return [typed] { return csv(*typed); };
+    auto options = std::make_shared<Options>();
+    add_file_options(app, options.get());
+    add_tables(app, &options->tables, true);
+    return [options] { return csv(*options); };
 }
 
 Action setup_json(cli::Command app) {
-    auto typed = std::make_shared<Typed>();
-    add_file_options(app, typed.get());
-    add_tables(app, &typed->wanted, false);
-    return [typed] { return json(*typed); };
+    auto options = std::make_shared<Options>();
+    add_file_options(app, options.get());
+    add_tables(app, &options->tables, false);
+    return [options] { return json(*options); };
 }
 
 }  // namespace vestra_dump

@@ -1,4 +1,4 @@
-// commands.h -- the subcommands of vestra-dump: one function each, and the table of them.
+// commands.h -- the subcommands of vestra-dump: one function each, and a table of them.
 #pragma once
 
 #include <functional>
@@ -16,11 +16,11 @@ namespace vestra_dump {
 enum ExitCode : int {
     kExitClean = 0,
     kExitDamaged = 1,     // read, but with damaged spans or without a trailer
-    kExitUnreadable = 2,  // not to be opened or read, or nothing of a dump in it; or the output cannot be written
+    kExitUnreadable = 2,  // the file cannot be read or is not a dump, or the output cannot be written
     kExitUsage = 64
 };
 
-// Carries the command out, once the options have been parsed; returns an exit code.
+// Runs the command after the options were parsed. Returns an exit code.
 using Action = std::function<int()>;
 
 struct Command {
@@ -44,28 +44,28 @@ Action setup_cut(cli::Command app);
 // Adds --from, --to and --epoch.
 void add_time_options(cli::Command app, TimeOptions &options);
 
-// What was typed for a command that makes one file of one dump.
-struct FileToFile {
+// Adds --top.
+void add_top_option(cli::Command app, unsigned &top, unsigned least, unsigned greatest);
+
+// Options of a command that makes one file from one dump.
+struct FileOptions {
     std::string path, output = "-";
     TimeOptions time;
 };
 
-// Adds the dump, the options of time, and --output.
-void add_file_options(cli::Command app, FileToFile *typed);
+// Adds the dump, the time options, and --output.
+void add_file_options(cli::Command app, FileOptions *options);
 
-// "vestra-dump: TEXT" on standard error.
+// Prints "vestra-dump: TEXT" on standard error.
 void complain(const std::string &text);
 
-// A dump to be read, with its times resolved. Null with a complaint and the exit code in *code.
+// Opens a dump and resolves its times. Null, with a complaint and the exit code in *code, if that fails.
 std::unique_ptr<FileSource> open_dump(const std::string &path, const TimeOptions &options, DumpTime *time, int *code);
 
-// Opens what is read and what is written, lets `work` do it, and closes. The exit code; `work` returns its own.
-int with_files(const FileToFile &typed, const std::function<int(FileSource &, const DumpTime &, Output &)> &work);
+// Opens input and output, calls `work`, which returns an exit code, and closes them. Returns the exit code.
+int with_files(const FileOptions &options, const std::function<int(FileSource &, const DumpTime &, Output &)> &work);
 
-// The exit code of what was read; with `notes`, a line on standard error for all that is not clean.
-int judge(const std::string &path, const DumpTotals &totals, bool notes);
-
-// Closes the output. The greater of the code and what came of it, with a complaint.
-int close_output(Output *out, const std::string &path, int code);
+// Complains if the dump could not be read; with `notes`, also about damage and a missing trailer. Returns the exit code.
+int report_result(const std::string &path, const DumpTotals &totals, bool notes);
 
 }  // namespace vestra_dump

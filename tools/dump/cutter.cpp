@@ -28,9 +28,9 @@ void Cutter::end_block() {
 }
 
 void Cutter::write_length(size_t length) {
-    const char bytes[] = {static_cast<char>(length), static_cast<char>(length >> 8), static_cast<char>(length >> 16),
-                          static_cast<char>(length >> 24)};
-    out_.write({bytes, sizeof(bytes)});
+    uint8_t bytes[trace::kLengthField];
+    trace::put_frame_len(static_cast<uint32_t>(length), bytes);
+    out_.write({reinterpret_cast<const char *>(bytes), sizeof(bytes)});
 }
 
 }  // namespace vestra_dump

@@ -1,4 +1,4 @@
-// cutter.h -- writes frames out again, as a dump.
+// cutter.h -- writes a part of a dump as a smaller dump.
 #pragma once
 
 #include <cstddef>
@@ -8,9 +8,9 @@
 
 namespace vestra_dump {
 
-// Writes the frames that have a message in the range, and the trailer. Frames without messages go with the frame before
-// them. The whole messages of a damaged frame become a frame; nothing else that is damaged is written. Blocks end with
-// an empty record where they did, and before they would be longer than one read of the control node.
+// Writes the trailer and the frames that have a message in the range. A frame without messages goes with the frame
+// before it. The complete messages of a damaged frame become a frame; all other damaged data is left out. A block ends
+// where it did in the dump, and before it would be longer than one read of the control node.
 class Cutter : public DumpVisitor {
   public:
     Cutter(const TimeRange &range, Output &out) : range_(range), out_(out) {}

@@ -5,7 +5,7 @@
 namespace vestra_dump {
 namespace {
 
-// In the file's header: what it is, and which version of the tables below.
+// In the header of the SQLite file: that it is ours, and the version of the tables below.
 constexpr int64_t kApplication = 0x56534444;  // "VSDD"
 constexpr int64_t kVersion = 1;
 
@@ -16,10 +16,10 @@ CREATE TABLE IF NOT EXISTS dumps(
   dump_id INTEGER PRIMARY KEY,
   file TEXT NOT NULL,
   bytes INTEGER, payload_bytes INTEGER,
-  trailer INTEGER,           -- 1: there is one; then
+  trailer INTEGER,           -- 1: there is one, which has
   build TEXT, model TEXT, lite_mode INTEGER,
   first_ns INTEGER, last_ns INTEGER,
-  epoch_ns INTEGER,          -- unix time of stream time 0, ns
+  epoch_ns INTEGER,          -- Unix time of stream time 0, ns
   frames INTEGER, messages INTEGER, empty_records INTEGER,
   damaged_spans INTEGER, damaged_bytes INTEGER, samples_astray INTEGER
 ))";
@@ -47,7 +47,7 @@ CREATE INDEX IF NOT EXISTS frames_by_offset ON frames(dump_id, "offset");
 CREATE INDEX IF NOT EXISTS damage_by_offset ON damage(dump_id, "offset");
 )";
 
-// A column's name as SQL takes it, whatever its words mean there.
+// A column may be named like a word of SQL.
 std::string quoted(const char *name) {
     return std::string("\"") + name + '"';
 }
@@ -75,7 +75,7 @@ void Database::check(int result) {
     if (result != SQLITE_OK) fail();
 }
 
-void Database::execute(const std::string &sql) {
+void Database::run_sql(const std::string &sql) {
     check(sqlite3_exec(db_.get(), sql.c_str(), nullptr, nullptr, nullptr));
 }
 
@@ -104,27 +104,27 @@ Database::Database(const std::string &path) {
     if (db == nullptr) throw DatabaseError("no memory");
     check(result);
     sqlite3_busy_timeout(db, 10000);       // ms, for another load into the same file
-    execute("PRAGMA cache_size = -8192");  // KiB
-    execute("BEGIN IMMEDIATE");
+    run_sql("PRAGMA cache_size = -8192");  // KiB
+    run_sql("BEGIN IMMEDIATE");
     if (query("SELECT count(*) FROM sqlite_schema") == 0) {
-        execute("PRAGMA application_id = " + std::to_string(kApplication));
-        execute("PRAGMA user_version = " + std::to_string(kVersion));
+        run_sql("PRAGMA application_id = " + std::to_string(kApplication));
+        run_sql("PRAGMA user_version = " + std::to_string(kVersion));
     } else if (query("PRAGMA application_id") != kApplication || query("PRAGMA user_version") != kVersion) {
-        throw DatabaseError("a database of something else, or of another version of this program");
+        throw DatabaseError("a database of another program, or of another version of this one");
     }
-    execute(kDumpsTable);
-    for (const Table *table : kTables) execute(create_table(*table));
-    execute(kViews);
-    execute("COMMIT");
+    run_sql(kDumpsTable);
+    for (const Table *table : kTables) run_sql(create_table(*table));
+    run_sql(kViews);
+    run_sql("COMMIT");
     for (const Table *table : kTables) inserts_[table] = prepare(insert_into(*table));
 }
 
 Database::~Database() {
-    inserts_.clear();  // in front of the connection they belong to
+    inserts_.clear();  // before the connection that they belong to
 }
 
 void Database::begin_dump(const std::string &name) {
-    execute("BEGIN IMMEDIATE");
+    run_sql("BEGIN IMMEDIATE");
     const auto with_text = [this](const std::string &sql, const std::string &text) {
         const Statement statement = prepare(sql);
         check(sqlite3_bind_text(statement.get(), 1, text.data(), static_cast<int>(text.size()), SQLITE_STATIC));
@@ -178,8 +178,6 @@ void Database::end_dump(const Summary &summary) {
         return totals.trailer ? Value::of(std::string_view(value)) : Value{};
     };
     const auto time = [](const std::optional<int64_t> &ns) { return ns ? Value::of(*ns) : Value{}; };
-    uint64_t frames = 0;
-    for (const auto &[type, count] : totals.frames) frames += count;
     const std::pair<const char *, Value> figures[] = {
         {"bytes", Value::of_unsigned(totals.bytes)},
         {"payload_bytes", Value::of_unsigned(totals.payload_bytes)},
@@ -190,19 +188,19 @@ void Database::end_dump(const Summary &summary) {
         {"first_ns", time(summary.first_ns)},
         {"last_ns", time(summary.last_ns)},
         {"epoch_ns", time(summary.time.epoch_ns)},
-        {"frames", Value::of_unsigned(frames)},
+        {"frames", Value::of_unsigned(totals.all_frames())},
         {"messages", Value::of_unsigned(totals.messages)},
         {"empty_records", Value::of_unsigned(totals.empty_records)},
         {"damaged_spans", Value::of_unsigned(totals.damaged_spans)},
         {"damaged_bytes", Value::of_unsigned(totals.damaged_bytes)},
-        {"samples_astray", Value::of_unsigned(summary.astray)}};
+        {"samples_astray", Value::of_unsigned(summary.strays)}};
     std::string sql = "UPDATE dumps SET ";
     for (const auto &[name, value] : figures) sql.append(quoted(name)).append(" = ?, ");
     const Statement update = prepare(sql + "dump_id = dump_id WHERE dump_id = " + std::to_string(dump_));
     int place = 0;
     for (const auto &[name, value] : figures) bind(update.get(), ++place, value);
     step(update.get());
-    execute("COMMIT");
+    run_sql("COMMIT");
 }
 
 void Database::drop_dump() {
@@ -210,9 +208,9 @@ void Database::drop_dump() {
 }
 
 void Database::finish() {
-    execute("BEGIN IMMEDIATE");
-    execute(kIndices);
-    execute("COMMIT");
+    run_sql("BEGIN IMMEDIATE");
+    run_sql(kIndices);
+    run_sql("COMMIT");
 }
 
 }  // namespace vestra_dump

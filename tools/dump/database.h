@@ -1,4 +1,4 @@
-// database.h -- dumps in a SQLite file: the tables of tables.h with the number of their dump, and the table of dumps.
+// database.h -- dumps in a SQLite file: the tables of tables.h, with the number of their dump, and a table of dumps.
 #pragma once
 
 #include <sqlite3.h>
@@ -18,24 +18,24 @@ struct DatabaseError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Every operation throws DatabaseError when SQLite refuses it; the transaction is then rolled back by the destructor.
+// Every operation throws DatabaseError when SQLite refuses it; the destructor then rolls back the transaction.
 class Database : public RowSink {
   public:
-    // Makes the file and the tables where there are none. Refuses a database of something else.
+    // Creates the file and the tables if they do not exist. Refuses another program's database.
     explicit Database(const std::string &path);
 
     ~Database() override;
     Database(const Database &) = delete;
     Database &operator=(const Database &) = delete;
 
-    // Begins a dump, in a transaction. One that was loaded under the same name before is taken out; an empty name is
-    // no name. What is added goes to it until it is ended with all that is known about it, or dropped.
+    // Begins a transaction for one dump. An earlier dump of the same name is deleted, unless the name is empty. Rows
+    // belong to this dump until end_dump, which adds the summary and commits, or drop_dump, which rolls back.
     void begin_dump(const std::string &name);
     void add(const Table &table, const Row &row) override;
     void end_dump(const Summary &summary);
     void drop_dump();
 
-    // Makes the indices, where there are none yet: faster when the rows are there.
+    // Creates the indices that do not exist yet. Faster after the rows are in.
     void finish();
 
   private:
@@ -47,7 +47,7 @@ class Database : public RowSink {
     };
     using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
 
-    void execute(const std::string &sql);
+    void run_sql(const std::string &sql);
     int64_t query(const std::string &sql);
     Statement prepare(const std::string &sql);
     void bind(sqlite3_stmt *statement, int place, const Value &value);

@@ -8,13 +8,13 @@
 namespace vestra_dump {
 namespace {
 
-// The last bytes of what was read are held back, because they may be the trailer.
-constexpr size_t kLookahead = kRecordLookahead + trace::kTrailerMax;
+// The last bytes that were read are held back, because they may be the trailer.
+constexpr size_t kHeldMin = kLookahead + trace::kTrailerMax;
 
-// A stretch of the file that moves forward.
+// A view of the file that moves forward.
 class Window {
   public:
-    explicit Window(ByteSource &source) : source_(source), buffer_(kFirst) {}
+    explicit Window(ByteSource &source) : source_(source), buffer_(kSizeFirst) {}
 
     const uint8_t *data() const { return buffer_.data() + begin_; }
     size_t size() const { return end_ - begin_; }
@@ -23,14 +23,14 @@ class Window {
     const std::string &error() const { return error_; }
     void advance(size_t count) { begin_ += count; }
 
-    // Sees to it that kLookahead bytes are in view, or the file's end.
+    // Brings kHeldMin bytes into view, or the file's end.
     void fill() {
-        if (ended_ || size() >= kLookahead) return;
+        if (ended_ || size() >= kHeldMin) return;
         std::memmove(buffer_.data(), data(), size());
         end_ = size();
         begin_ = 0;
-        while (!ended_ && end_ < kMost) {
-            if (end_ == buffer_.size()) buffer_.resize(std::min(4 * end_, kMost));
+        while (!ended_ && end_ < kSizeMax) {
+            if (end_ == buffer_.size()) buffer_.resize(std::min(4 * end_, kSizeMax));
             const int64_t got = source_.read(buffer_.data() + end_, buffer_.size() - end_);
             if (got < 0) error_ = std::strerror(errno);
             if (got <= 0) {
@@ -43,9 +43,9 @@ class Window {
     }
 
   private:
-    // Bytes. Small dumps need little; with the most, what is moved is little beside what is read.
-    static constexpr size_t kFirst = size_t{1} << 14, kMost = size_t{1} << 20;
-    static_assert(kMost >= 2 * kLookahead, "room to read on while the lookahead is in view");
+    // Bytes. Small dumps need little. At the largest size, few bytes are moved for each that is read.
+    static constexpr size_t kSizeFirst = size_t{1} << 14, kSizeMax = size_t{1} << 20;
+    static_assert(kSizeMax >= 2 * kHeldMin, "room to read on while the held bytes are in view");
 
     ByteSource &source_;
     std::vector<uint8_t> buffer_;
@@ -66,7 +66,7 @@ class Reader {
             if (window_.ended() && !trailer_known_) find_trailer();
             const size_t left = window_.size() - (window_.ended() ? trailer_size() : trace::kTrailerMax);
             if (left == 0) break;
-            take(judge_record({window_.data(), left, window_.ended()}, searching_, &messages_, &rework_));
+            take(read_stretch({window_.data(), left, window_.ended()}, searching_, &messages_, &budget_));
         }
         end_span();
         totals_.bytes = window_.bytes_read();
@@ -79,39 +79,39 @@ class Reader {
   private:
     size_t trailer_size() const { return totals_.trailer ? totals_.trailer->bytes.size() : 0; }
 
-    void take(const Record &record) {
-        const bool goes_on = record.kind == Record::kDamaged && searching_ && record.reason == Reason::kNone;
-        if (!goes_on) end_span();
-        switch (record.kind) {
-            case Record::kEmpty:
+    void take(const Stretch &stretch) {
+        const bool continues_span = stretch.kind == Stretch::kDamaged && searching_ && stretch.reason == Reason::kNone;
+        if (!continues_span) end_span();
+        switch (stretch.kind) {
+            case Stretch::kEmpty:
                 ++totals_.empty_records;
                 visitor_.on_empty_record(offset_);
                 break;
-            case Record::kFrame:
+            case Stretch::kFrame:
                 ++totals_.frames[window_.data()[trace::kLengthField]];
-                totals_.frame_bytes += record.size;
-                hand_on_messages(record);
+                totals_.frame_bytes += stretch.size;
+                hand_on_messages(stretch);
                 break;
             default:
-                if (messages_.count() > 0) hand_on_messages(record);
-                if (span_.bytes == 0) span_ = {offset_, 0, record.reason, messages_.count()};
-                span_.bytes += record.size;
+                if (messages_.count() > 0) hand_on_messages(stretch);
+                if (span_.bytes == 0) span_ = {offset_, 0, stretch.reason, messages_.count()};
+                span_.bytes += stretch.size;
         }
-        searching_ = record.kind == Record::kDamaged && record.open;
-        last_empty_ = record.kind == Record::kEmpty;
-        offset_ += record.size;
-        window_.advance(record.size);
-        rework_.passed(record.size);
+        searching_ = stretch.kind == Stretch::kDamaged && stretch.open;
+        last_empty_ = stretch.kind == Stretch::kEmpty;
+        offset_ += stretch.size;
+        window_.advance(stretch.size);
+        budget_.pass(stretch.size);
     }
 
-    void hand_on_messages(const Record &record) {
+    void hand_on_messages(const Stretch &stretch) {
         const uint8_t *frame_bytes = window_.data() + trace::kLengthField;
         Frame frame = {};
         frame.offset = offset_;
-        frame.bytes = record.size;
+        frame.bytes = stretch.size;
         frame.type = frame_bytes[0];
         frame.core = frame_bytes[1];
-        frame.whole = record.kind == Record::kFrame;
+        frame.whole = stretch.kind == Stretch::kFrame;
         frame.messages = messages_.count();
         const auto set_times = [&frame](const auto &samples) {
             if (samples.empty()) return;
@@ -121,7 +121,7 @@ class Reader {
         set_times(messages_.switches);
         set_times(messages_.memories);
         frame.raw = frame_bytes;
-        frame.raw_size = trace::is_known_type(frame_bytes[0]) ? messages_.end() : record.size - trace::kLengthField;
+        frame.raw_size = trace::is_known_type(frame_bytes[0]) ? messages_.end() : stretch.size - trace::kLengthField;
         visitor_.on_frame(frame);
         for (const SwitchSample &sample : messages_.switches) visitor_.on_switch(sample);
         for (const MemorySample &sample : messages_.memories) visitor_.on_memory(sample);
@@ -136,30 +136,30 @@ class Reader {
         span_ = {};
     }
 
-    // How the payload ends when it is what is in view, less `trailer` bytes. Judges all of it anew, but only once a
-    // file.
+    // How the payload would end if the last `trailer` bytes in view were the trailer. Reads all of the view again, up to
+    // three times a file.
     enum class Ending { kInDamage, kWithFrame, kWithEmptyRecord };
     Ending ending_without(size_t trailer) {
         size_t left = window_.size() - trailer;
         const uint8_t *at = window_.data();
         bool searching = searching_;
-        Rework rework;
+        RereadBudget budget;
         Ending ending = last_empty_ || offset_ == 0 ? Ending::kWithEmptyRecord : Ending::kWithFrame;
         if (searching) ending = Ending::kInDamage;
         while (left > 0) {
-            const Record record = judge_record({at, left, true}, searching, &messages_, &rework);
-            ending = record.kind == Record::kDamaged ? Ending::kInDamage
-                     : record.kind == Record::kEmpty ? Ending::kWithEmptyRecord
-                                                     : Ending::kWithFrame;
-            searching = record.kind == Record::kDamaged && record.open;
-            rework.passed(record.size);
-            at += record.size;
-            left -= record.size;
+            const Stretch stretch = read_stretch({at, left, true}, searching, &messages_, &budget);
+            ending = stretch.kind == Stretch::kDamaged ? Ending::kInDamage
+                     : stretch.kind == Stretch::kEmpty ? Ending::kWithEmptyRecord
+                                                       : Ending::kWithFrame;
+            searching = stretch.kind == Stretch::kDamaged && stretch.open;
+            budget.pass(stretch.size);
+            at += stretch.size;
+            left -= stretch.size;
         }
         return ending;
     }
 
-    // The file's end is in view: decides what of it is trailer.
+    // The file's end is in view: decides whether it is a trailer.
     void find_trailer() {
         trailer_known_ = true;
         if (window_.size() == 0 || !window_.error().empty()) return;
@@ -168,8 +168,8 @@ class Reader {
         if (readings.empty() || ending_without(0) != Ending::kInDamage) return;
         for (TrailerReading &reading : readings) {
             const Ending ending = ending_without(reading.trailer.bytes.size());
-            // A version file without build and model leaves a single zero. So does a block's end that is cut short;
-            // but that follows a frame, and this an end.
+            // A version file without build and model gives a trailer of a single zero byte. After a frame it is rather
+            // the first byte of an empty record that was cut.
             const bool zero = reading.trailer.bytes.size() == 1;
             if (ending == Ending::kWithEmptyRecord || (ending == Ending::kWithFrame && !zero) ||
                 (ending == Ending::kInDamage && reading.sure && !in_text(reading.trailer.bytes.size()))) {
@@ -179,8 +179,8 @@ class Reader {
         }
     }
 
-    // Whether what could be a trailer of that size begins in the middle of a text: the real one is cut short then, and
-    // its last byte is no length.
+    // Whether a trailer of that size would begin in the middle of a text. Then the real one is truncated, and its last
+    // byte is not a length.
     bool in_text(size_t trailer) const {
         const size_t before = std::min<size_t>(window_.size() - trailer, 4);
         const uint8_t *begin = window_.data() + window_.size() - trailer - before;
@@ -194,12 +194,18 @@ class Reader {
     bool trailer_known_ = false;
     uint64_t offset_ = 0;  // in the file, of what is in view
     FrameMessages messages_;
-    Rework rework_;
-    DamagedSpan span_ = {};  // the damage that the record before was part of; no bytes: it was none
+    RereadBudget budget_;
+    DamagedSpan span_ = {};  // the damage before this place; no bytes: there is none
     DumpTotals totals_;
 };
 
 }  // namespace
+
+uint64_t DumpTotals::all_frames() const {
+    uint64_t all = 0;
+    for (const auto &[type, count] : frames) all += count;
+    return all;
+}
 
 DumpTotals read_dump(ByteSource &source, DumpVisitor &visitor, bool searching) {
     return Reader(source, visitor, searching).run();

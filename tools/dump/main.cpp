@@ -1,9 +1,7 @@
-// vestra-dump: reads what the flight recorder wrote.
+// vestra-dump: reads the dumps of the flight recorder.
 
 #include <iostream>
 #include <optional>
-#include <utility>
-#include <vector>
 
 #include "tools/dump/commands.h"
 
@@ -14,8 +12,8 @@ constexpr const char *kOverview =
     "exit codes:\n"
     "  0   read, and clean\n"
     "  1   read, but parts are damaged or the trailer is missing\n"
-    "  2   cannot be read, or nothing of a dump is in it; or the output cannot be written\n"
-    "  64  wrong options or arguments\n\n"
+    "  2   cannot be read or is not a dump, or the output cannot be written\n"
+    "  64  invalid options or arguments\n\n"
     "examples:\n"
     "  vestra-dump info DUMP\n"
     "  vestra-dump csv DUMP > vitals.csv\n"
@@ -23,21 +21,18 @@ constexpr const char *kOverview =
     "  vestra-dump COMMAND --help";
 
 int run(int argc, char **argv) {
-    cli::Program program("Reads the dumps of the flight recorder: any size, damaged ones too.", "vestra-dump",
+    cli::Program program("Reads the dumps of the flight recorder, including damaged ones.", "vestra-dump",
                          VESTRA_VERSION);
     program.require_command();
     program.footer(kOverview);
-    std::vector<std::pair<cli::Command, Action>> actions;
+    Action chosen;
     for (const Command &command : commands()) {
         cli::Command sub = program.add_command(command.name, command.summary);
         sub.footer(command.footer);
-        actions.emplace_back(sub, command.setup(sub));
+        sub.on_chosen([&chosen, action = command.setup(sub)] { chosen = action; });
     }
     if (const std::optional<int> code = program.parse(argc, argv)) return *code == 0 ? kExitClean : kExitUsage;
-    for (const auto &[command, action] : actions) {
-        if (command.chosen()) return action();
-    }
-    return kExitUsage;
+    return chosen();
 }
 
 }  // namespace

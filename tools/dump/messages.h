@@ -1,4 +1,4 @@
-// messages.h -- the messages of one frame, as figures. The layout is in trace/trace_format.h.
+// messages.h -- the messages of one frame, as figures.
 #pragma once
 
 #include <array>
@@ -16,23 +16,24 @@ struct CoreFigures {
     int64_t user, system, idle, temperature, iowait;
 };
 
-// A message of a switch frame: one process, and all cores at that moment. What the fields mean beyond what the daemon
-// makes of them is the simulated module's way (docs/trace-format.md).
+constexpr size_t kNameShown = 64;  // bytes of a process name
+
+// A message of a switch frame: one process, and all cores at that moment. The daemon leaves some meanings open; the
+// names here are those of the simulated module (docs/trace-format.md).
 struct SwitchSample {
     int64_t time_ns;
     int32_t parent;
     int32_t pid;
-    std::string_view name;           // up to its first zero byte, at most kNameShown bytes of the frame's own
+    std::string_view name;           // up to its first zero byte, at most kNameShown bytes; a view of the frame
     uint64_t read_kib, written_kib;  // since the process's last sample
     int64_t cpu_user, cpu_system;    // ticks of the process, in all
     uint64_t rss, swap;              // KiB
     double context_switches, running;
     std::array<CoreFigures, trace::kCoreCount> cores;
-    uint8_t core;    // the frame's
-    bool accounted;  // the daemon takes it into its process list: process id and both memory figures are there
+    uint8_t core;    // of the frame
+    bool accounted;  // the daemon puts it into its memory list: process id and both memory figures are not 0
     uint32_t end;    // of the message: offset in the frame
 };
-constexpr size_t kNameShown = 64;
 
 // A message of a CPU and memory frame.
 struct MemorySample {
@@ -52,7 +53,7 @@ class FrameMessages {
 
     size_t count() const { return switches.size() + memories.size(); }
 
-    // Leaves only the messages that end at or before that offset in the frame.
+    // Keeps only the messages that end at or before that offset in the frame.
     void keep_up_to(size_t offset);
 
     // Offset in the frame past the last message, or past type and core if there is none.

@@ -1,4 +1,4 @@
-// output.h -- bytes to a file or to standard output, in large pieces; the first failure is kept.
+// output.h -- writes to a file or to standard output in large pieces and keeps the first failure.
 #pragma once
 
 #include <cstddef>
@@ -8,10 +8,10 @@
 
 namespace vestra_dump {
 
-// One thread. What is written after a failure goes nowhere.
+// One thread. What is written after a failure is dropped.
 class Output {
   public:
-    // Of standard output under the name "-", else of a file, which is made or emptied. Null with the reason in *error.
+    // Opens standard output for "-", else creates or empties a file. Null with the reason in *error.
     static std::unique_ptr<Output> open(const std::string &path, std::string *error);
     ~Output();
     Output(const Output &) = delete;
@@ -22,10 +22,10 @@ class Output {
         if (buffer_.size() >= kFull) flush();
     }
 
-    // Writes what is left and closes. False with the reason in *error when not everything was written.
+    // Writes the rest and closes. False with the reason in *error if not everything was written.
     bool close(std::string *error);
 
-    // The buffer itself, for writers that append piece by piece; call done() when a piece is whole.
+    // The buffer itself, for writers that append in small parts; they call done() after each complete piece.
     std::string &buffer() { return buffer_; }
     void done() {
         if (buffer_.size() >= kFull) flush();

@@ -15,10 +15,10 @@ Usage ProcessUsage::take(const SwitchSample &sample) {
     const auto [place, is_new] = processes_.try_emplace(sample.pid, fresh);
     Process &known = place->second;
     if (is_new) {
-        if (processes_.size() > kProcessesKept) make_room();
+        if (processes_.size() > kProcessesMax) make_room();
         return {};
     }
-    // The daemon takes the time 0 for a record that was never used.
+    // The daemon takes a record with time 0 for one that was never used.
     if (known.time_ns == 0 || (sample.accounted && !known.named)) {
         known = fresh;
         return {};
@@ -47,7 +47,7 @@ void ProcessUsage::make_room() {
     const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
     std::nth_element(times.begin(), middle, times.end());
     const int64_t limit = *middle;
-    size_t surplus = processes_.size() / 2;  // of equal times not all may go, nor may all stay
+    size_t surplus = processes_.size() / 2;  // exactly half, even if all times are equal
     for (auto at = processes_.begin(); at != processes_.end() && surplus > 0;) {
         if (at->second.time_ns <= limit) {
             at = processes_.erase(at);
@@ -77,13 +77,13 @@ std::vector<ProcessTotal> copies(const std::vector<const ProcessTotal *> &totals
 }  // namespace
 
 void ProcessTotals::take(const SwitchSample &sample, const Usage &usage) {
-    if (sample.pid == 0) return;  // the cores' counters alone
+    if (sample.pid == 0) return;  // only the cores' counters
     const int64_t counters = trace::wrapping_sum(sample.cpu_user, sample.cpu_system);
     const auto found = current_.find(sample.pid);
     ProcessTotal *total = found == current_.end() ? nullptr : &found->second;
     if (total == nullptr || total->name != sample.name) {
         if (total != nullptr) past_.push_back(std::move(*total));
-        if (current_.size() + past_.size() >= kProcessesKept) make_room();
+        if (current_.size() + past_.size() >= kProcessesMax) make_room();
         ++seen_;
         total = &(current_[sample.pid] = {sample.pid, sample.parent, std::string(sample.name), sample.time_ns,
                                           sample.time_ns, 0, 0, 0, 0, 0, counters});
@@ -91,7 +91,7 @@ void ProcessTotals::take(const SwitchSample &sample, const Usage &usage) {
     total->parent = sample.parent;
     ++total->samples;
     if (sample.time_ns >= total->last_ns) {
-        // A counter that went back belongs to another process of the same name.
+        // A counter that went back belongs to another process with the same name.
         const uint64_t used = static_cast<uint64_t>(counters) - static_cast<uint64_t>(total->counters);
         if (counters > total->counters) total->cpu_ticks += static_cast<double>(used);
         total->counters = counters;
@@ -123,11 +123,11 @@ std::vector<ProcessTotal> ProcessTotals::top_by_memory(size_t count) const {
     return copies(top(count, more_memory));
 }
 
-// Keeps a quarter that used the CPUs most and a quarter that had most memory.
+// Keeps the quarter that used most CPU time and the quarter that had most memory.
 void ProcessTotals::make_room() {
     std::unordered_set<const ProcessTotal *> kept;
     for (const Before before : {more_cpu, more_memory}) {
-        for (const ProcessTotal *total : top(kProcessesKept / 4, before)) kept.insert(total);
+        for (const ProcessTotal *total : top(kProcessesMax / 4, before)) kept.insert(total);
     }
     for (auto at = current_.begin(); at != current_.end();) {
         at = kept.count(&at->second) > 0 ? std::next(at) : current_.erase(at);

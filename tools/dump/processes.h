@@ -1,4 +1,4 @@
-// processes.h -- what processes use of the CPUs, and which use the most.
+// processes.h -- CPU usage of processes, and the processes that use most.
 #pragma once
 
 #include <cstddef>
@@ -18,13 +18,13 @@ struct Usage {
     double total, user, system;
 };
 
-// The percentages of processes, by the rule of the daemon's history: an interval begins with a sample that was used,
-// and ends with the first one more than a second later whose counters differ. The daemon keeps a history only of
-// processes with memory of their own; here those without (kernel threads) have one too, and it begins anew when such a
-// process becomes one that the daemon keeps.
+// Percentages of processes by the rule of the daemon's history: an interval begins with a sample, and ends with the
+// first one more than a second later whose counters differ. The daemon keeps a history only of processes with memory of
+// their own. Here processes without it (kernel threads) have a history, too; it restarts when such a process becomes one
+// that the daemon keeps.
 class ProcessUsage {
   public:
-    // Takes a sample and returns the usage as it stands with it.
+    // Takes a sample and returns the usage of its process after it.
     Usage take(const SwitchSample &sample);
 
     void clear() { processes_.clear(); }
@@ -40,10 +40,10 @@ class ProcessUsage {
     std::unordered_map<int32_t, Process> processes_;
 };
 
-// Both keep at most so many processes. The daemon's table ends there, too.
-constexpr size_t kProcessesKept = 32768;
+// Limit of both classes, and of the daemon's table.
+constexpr size_t kProcessesMax = 32768;
 
-// What one process did in a dump. A process id that comes with another name is another process.
+// One process over a dump. A process id with another name is another process.
 struct ProcessTotal {
     int32_t pid, parent;
     std::string name;
@@ -56,7 +56,7 @@ struct ProcessTotal {
     int64_t counters;  // ticks, at the last sample
 };
 
-// Totals over a dump. When there are more processes than are kept, the least are forgotten.
+// Totals over a dump. If there are more than kProcessesMax processes, those with the smallest figures are forgotten.
 class ProcessTotals {
   public:
     void take(const SwitchSample &sample, const Usage &usage);
@@ -73,7 +73,7 @@ class ProcessTotals {
     void make_room();
 
     std::unordered_map<int32_t, ProcessTotal> current_;  // by process id
-    std::vector<ProcessTotal> past_;                     // whose id came with another name since
+    std::vector<ProcessTotal> past_;                     // whose id has got another name since
     size_t seen_ = 0;
 };
 

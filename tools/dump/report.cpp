@@ -1,13 +1,11 @@
 #include "tools/dump/report.h"
 
-#include <array>
-#include <cstdio>
+#include <cctype>
 #include <nlohmann/json.hpp>
 
 #include "tools/dump/report_html.h"
 #include "tools/dump/report_page.h"
 #include "tools/dump/text.h"
-#include "tools/dump/vital_labels.h"
 #include "trace/percentages.h"
 
 namespace vestra_dump {
@@ -15,17 +13,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr size_t kSpansListed = 100;
-
-double to_seconds(int64_t ns) {
-    return static_cast<double>(ns) / trace::kNsPerSecond;
-}
-
-std::string fixed(double value, int decimals) {
-    std::array<char, 352> text{};  // of the greatest double
-    const int size = std::snprintf(text.data(), text.size(), "%.*f", decimals, value);
-    return {text.data(), static_cast<size_t>(size)};
-}
+constexpr size_t kSpansShown = 100;
 
 std::string file_name(const Summary &summary) {
     const std::string &path = summary.path;
@@ -35,20 +23,11 @@ std::string file_name(const Summary &summary) {
 std::string verdict(const DumpTotals &totals) {
     if (totals.is_clean()) return "Clean: every byte was read.";
     std::string text;
-    if (totals.damaged_spans > 0) {
-        text = std::to_string(totals.damaged_bytes) + " bytes are damaged, in " + std::to_string(totals.damaged_spans) +
-               (totals.damaged_spans == 1 ? " place." : " places.");
-    }
-    if (!totals.trailer) {
-        text += text.empty() ? "" : " ";
-        text += "No trailer: the dump was cut short, or never written to its end.";
+    for (std::string finding : findings(totals)) {
+        finding[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(finding[0])));
+        text.append(text.empty() ? "" : " ").append(finding).append(".");
     }
     return text;
-}
-
-uint64_t frames_of(const DumpTotals &totals, int type) {
-    const auto found = totals.frames.find(type);
-    return found == totals.frames.end() ? 0 : found->second;
 }
 
 std::string summary_list(const Summary &summary) {
@@ -70,13 +49,12 @@ std::string summary_list(const Summary &summary) {
             add("From", from);
             add("To", to);
         }
-        add("Time of the stream",
-            fixed(to_seconds(*summary.first_ns), 3) + " to " + fixed(to_seconds(*summary.last_ns), 3) + " s");
+        add("Stream time", fixed(trace::to_seconds(*summary.first_ns), 3) + " to " +
+                               fixed(trace::to_seconds(*summary.last_ns), 3) + " s");
         add("Length", fixed(summary.seconds(), 1) + " s");
     }
-    const uint64_t switches = frames_of(totals, trace::kSwitchFrame), memory = frames_of(totals, trace::kMeminfoFrame);
-    uint64_t all = 0;
-    for (const auto &[type, count] : totals.frames) all += count;
+    const uint64_t all = totals.all_frames();
+    const uint64_t switches = totals.frames_of(trace::kSwitchFrame), memory = totals.frames_of(trace::kMeminfoFrame);
     add("Bytes", std::to_string(totals.bytes));
     add("Payload bytes", std::to_string(totals.payload_bytes));
     add("Switch frames", std::to_string(switches));
@@ -84,14 +62,14 @@ std::string summary_list(const Summary &summary) {
     if (all > switches + memory) add("Frames of other types", std::to_string(all - switches - memory));
     add("Messages", std::to_string(totals.messages));
     add("Ends of blocks", std::to_string(totals.empty_records));
-    if (summary.astray > 0) add("Samples left out for their time stamps", std::to_string(summary.astray));
+    if (summary.strays > 0) add("Samples ignored for their time stamps", std::to_string(summary.strays));
     add("Damaged spans", std::to_string(totals.damaged_spans));
     add("Damaged bytes", std::to_string(totals.damaged_bytes));
     add("Processes", std::to_string(summary.processes));
     return list + "</dl>\n";
 }
 
-// The columns of info, in its order and with its decimals.
+// The same columns as in info, with the same decimals.
 void append_processes(const char *id, const char *caption, const Summary &summary,
                       const std::vector<ProcessTotal> &processes, std::string *out) {
     std::vector<std::vector<std::string>> rows;
@@ -118,15 +96,15 @@ void append_vitals(const VitalSeries &series, std::string *out) {
         const auto figure = [&all](double value) { return all.seconds > 0 ? fixed(value, 1) : std::string("-"); };
         rows.push_back({figure(all.least), figure(all.sum / static_cast<double>(all.seconds)), figure(all.greatest),
                         std::to_string(all.seconds),
-                        std::string(kVitalLabels[type].name) + ", " + kVitalLabels[type].unit});
+                        std::string(kVitalNames[type].label) + ", " + kVitalNames[type].unit});
     }
-    append_table("vitals", "The vitals over all seconds in which they are known",
-                 {{"Least", true}, {"Average", true}, {"Greatest", true}, {"Seconds known", true}, {"Vital", false}},
+    append_table("vitals", "Each vital over all seconds in which it is known",
+                 {{"Minimum", true}, {"Average", true}, {"Maximum", true}, {"Seconds known", true}, {"Vital", false}},
                  rows, out);
 }
 
 std::string moment(const std::optional<int64_t> &time_ns, const char *otherwise) {
-    return time_ns ? fixed(to_seconds(*time_ns), 3) : otherwise;
+    return time_ns ? fixed(trace::to_seconds(*time_ns), 3) : otherwise;
 }
 
 void append_damage(const Report &report, std::string *out) {
@@ -136,13 +114,13 @@ void append_damage(const Report &report, std::string *out) {
         return;
     }
     std::vector<std::vector<std::string>> rows;
-    for (size_t i = 0; i < summary.spans.size() && i < kSpansListed; ++i) {
+    for (size_t i = 0; i < summary.spans.size() && i < kSpansShown; ++i) {
         const DamagedSpan &span = summary.spans[i];
         const DamageMark &mark = report.marks()[i];
         rows.push_back({std::to_string(span.offset), std::to_string(span.bytes), std::to_string(span.messages),
                         moment(mark.before_ns, "begin"), moment(mark.after_ns, "end"), describe(span.reason)});
     }
-    append_table("damage", "Damaged spans: where in the file, and the samples of the stream around them",
+    append_table("damage", "Damaged spans: the place in the file, and the times of the samples around it",
                  {{"Offset", true},
                   {"Bytes", true},
                   {"Messages read", true},
@@ -159,12 +137,12 @@ void append_damage(const Report &report, std::string *out) {
 std::string plot_data(const Report &report) {
     const Summary &summary = report.summary();
     json data = {{"width", report.series().width()}, {"rows", report.series().rows()}, {"epoch_ms", nullptr}};
-    const bool on_the_wall = summary.first_ns && !summary.time.wall_time(*summary.first_ns).empty();
-    if (on_the_wall) data["epoch_ms"] = static_cast<double>(*summary.time.epoch_ns) / 1e6;
-    for (const VitalLabel &label : kVitalLabels) data["names"].push_back(label.name);
+    const bool wall_clock = summary.first_ns && !summary.time.wall_time(*summary.first_ns).empty();
+    if (wall_clock) data["epoch_ms"] = static_cast<double>(*summary.time.epoch_ns) / 1e6;
+    for (const VitalName &name : kVitalNames) data["names"].push_back(name.label);
     data["damage"] = json::array();
     const auto second = [](const std::optional<int64_t> &time_ns) {
-        return time_ns ? json(to_seconds(*time_ns)) : json(nullptr);
+        return time_ns ? json(trace::to_seconds(*time_ns)) : json(nullptr);
     };
     for (const DamageMark &mark : report.marks()) {
         data["damage"].push_back({second(mark.before_ns), second(mark.after_ns)});
@@ -189,8 +167,8 @@ void write_report(const Report &report, Output &out) {
     const Summary &summary = report.summary();
     const DumpTotals &totals = summary.totals;
     std::string processes, vitals, damage;
-    append_processes("top-cpu", "Processes that used most CPU time", summary, summary.by_cpu, &processes);
-    append_processes("top-memory", "Processes that had most memory", summary, summary.by_memory, &processes);
+    append_processes("top-cpu", "Processes with most CPU time", summary, summary.by_cpu, &processes);
+    append_processes("top-memory", "Processes with most memory", summary, summary.by_memory, &processes);
     append_vitals(report.series(), &vitals);
     append_damage(report, &damage);
     const std::pair<std::string_view, std::string> kParts[] = {
@@ -203,7 +181,7 @@ void write_report(const Report &report, Output &out) {
         {"damage", damage},
         {"data", plot_data(report)},
     };
-    // The page between @{ and }@ names the parts; what is put in is not looked at again.
+    // @{NAME}@ in the page is replaced by a part. Names in the parts themselves are not replaced.
     std::string_view page(reinterpret_cast<const char *>(kReportPage), kReportPageSize);
     for (;;) {
         const size_t begin = page.find("@{"), end = page.find("}@", begin);

@@ -1,4 +1,4 @@
-// report.h -- a dump as one HTML page that needs nothing beside it.
+// report.h -- a dump as one self-contained HTML page.
 #pragma once
 
 #include <optional>
@@ -10,33 +10,33 @@
 
 namespace vestra_dump {
 
-// Where on the time axis damage lies: between the samples around it.
+// Place of a damaged span on the time axis: between the samples around it.
 struct DamageMark {
     std::optional<int64_t> before_ns, after_ns;  // nothing: the dump begins or ends there
 };
 
-// Collects what the page shows; memory is bounded whatever the dump's length.
+// Collects what the page shows. Memory is bounded, whatever the dump's length.
 class Report : public Summariser {
   public:
     Report(std::string path, const DumpTime &time, size_t top) : Summariser(std::move(path), time, top) {}
 
-    void on_second(const Second &second) override { series_.add(second); }
+    void on_second(const SecondVitals &second) override { series_.add(second); }
     void on_time(int64_t time_ns) override;
     void on_damage(const DamagedSpan &span) override;
 
     const VitalSeries &series() const { return series_; }
 
-    // One for each of the summary's spans.
+    // One for each span of the summary.
     const std::vector<DamageMark> &marks() const { return marks_; }
 
   private:
     VitalSeries series_;
     std::vector<DamageMark> marks_;
-    size_t open_ = 0;  // marks from here on wait for the sample behind them
+    size_t open_ = 0;  // marks from here on wait for the next sample
     std::optional<int64_t> last_ns_;
 };
 
-// Writes the page. All texts of the dump are escaped in it.
+// Writes the page. All texts from the dump are escaped.
 void write_report(const Report &report, Output &out);
 
 }  // namespace vestra_dump

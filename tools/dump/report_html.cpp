@@ -28,7 +28,7 @@ std::string html(std::string_view text) {
     return escaped;
 }
 
-// In JSON these stand in strings only, where \u says the same. U+2028 and U+2029 end a line for older scripts.
+// In JSON these characters are only in strings, where \u means the same. U+2028 and U+2029 end a line in older browsers.
 std::string script_json(std::string_view document) {
     constexpr std::string_view kLines = "\xe2\x80";
     std::string safe;

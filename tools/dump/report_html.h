@@ -1,4 +1,4 @@
-// report_html.h -- pieces of HTML and of scripts in it, with texts that can do no harm there.
+// report_html.h -- pieces of HTML, and of scripts in HTML, with texts made harmless.
 #pragma once
 
 #include <string>
@@ -7,10 +7,10 @@
 
 namespace vestra_dump {
 
-// Text for an element or an attribute in quotes: & < > " ' are escaped.
+// Escapes & < > " ' for an element or a quoted attribute.
 std::string html(std::string_view text);
 
-// A JSON document for a script element: nothing in it ends the element, opens a comment or a line.
+// Makes a JSON document safe in a script element: nothing in it ends the element, opens a comment or ends a line.
 std::string script_json(std::string_view document);
 
 struct HtmlColumn {
@@ -18,8 +18,8 @@ struct HtmlColumn {
     bool number;
 };
 
-// A table with a caption, its cells escaped. A text in the last column is isolated, so that writing from right to left
-// in it does not move what stands beside it.
+// A table with a caption; cells are escaped. A text in the last column is isolated, so that right-to-left writing in it
+// does not move its neighbours.
 void append_table(const char *id, std::string_view caption, const std::vector<HtmlColumn> &columns,
                   const std::vector<std::vector<std::string>> &rows, std::string *out);
 

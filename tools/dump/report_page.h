@@ -1,4 +1,4 @@
-// report_page.h -- the page that a report is written on; made from report/ when the program is built.
+// report_page.h -- the template of reports, generated from report/ by the build.
 #pragma once
 
 #include <cstddef>

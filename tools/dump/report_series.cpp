@@ -9,7 +9,7 @@ namespace {
 
 using nlohmann::json;
 
-// Six digits are more than a plot shows, and a third of what a double has.
+// Rounds to six digits: more than a plot shows, and a third of a double's text.
 double short_figure(double value) {
     if (value == 0) return value;
     const double scale = std::pow(10, 5 - std::floor(std::log10(std::fabs(value))));
@@ -35,7 +35,7 @@ void VitalSeries::merge(Extremes *into, const Extremes &from) {
     }
 }
 
-void VitalSeries::add(const Second &second) {
+void VitalSeries::add(const SecondVitals &second) {
     constexpr Extremes kUnknown = {0, 0, -1, -1};
     const auto place = buckets_.try_emplace(second.second >> shift_);
     Bucket &bucket = place.first->second;
@@ -50,7 +50,7 @@ void VitalSeries::add(const Second &second) {
         all.greatest = std::max(all.greatest, figure);
         all.sum += figure;
     }
-    while (buckets_.size() > kBucketsMost) widen();
+    while (buckets_.size() > kBucketsMax) widen();
 }
 
 void VitalSeries::widen() {

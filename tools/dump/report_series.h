@@ -11,17 +11,17 @@
 
 namespace vestra_dump {
 
-// Seconds side by side are kept as one bucket with the least and the greatest figure of every vital, so that no peak is
-// lost. Buckets begin with one second and become twice as long whenever there are too many.
+// Neighbouring seconds share a bucket, which keeps the minimum and maximum of every vital, so that no peak is lost.
+// Buckets begin with one second and double in length whenever there are too many.
 class VitalSeries {
   public:
-    void add(const Second &second);
+    void add(const SecondVitals &second);
 
     // Seconds in one bucket.
     int64_t width() const { return int64_t{1} << shift_; }
 
-    // Rows [second, vital 0, ... vital 16], null where not known. Buckets of more than a second are two rows, the least
-    // and the greatest figure in the order in which they came. A row without figures stands where seconds are missing.
+    // Rows [second, vital 0, ... vital 16], with null for unknown figures. A bucket of more than a second gives two
+    // rows: minimum and maximum, in the order in which they occurred. A row without figures marks missing seconds.
     nlohmann::json rows() const;
 
     // Over all seconds in which a vital is known.
@@ -33,7 +33,7 @@ class VitalSeries {
     };
     const std::array<Figures, kVitalCount> &figures() const { return figures_; }
 
-    static constexpr size_t kBucketsMost = 1200;
+    static constexpr size_t kBucketsMax = 1200;
 
   private:
     struct Extremes {

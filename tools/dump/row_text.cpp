@@ -1,22 +1,14 @@
 #include "tools/dump/row_text.h"
 
-#include <array>
-#include <charconv>
 #include <cstring>
 
+#include "tools/dump/text.h"
 #include "trace/percentages.h"
 
 namespace vestra_dump {
 namespace {
 
 constexpr const char *kWallColumn = "wall_time";
-
-template <class Number>
-void append_number(Number number, std::string *out) {
-    std::array<char, 32> digits;
-    const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), number);
-    out->append(digits.data(), result.ptr);
-}
 
 void append_csv(const Value &value, std::string *out) {
     switch (value.kind) {
@@ -30,7 +22,7 @@ void append_csv(const Value &value, std::string *out) {
             return;
     }
     const std::string_view text = value.text;
-    const bool blanks = !text.empty() && (text.front() == ' ' || text.back() == ' ');  // some readers drop them
+    const bool blanks = !text.empty() && (text.front() == ' ' || text.back() == ' ');  // some readers strip them
     if (!blanks && text.find_first_of(",\"\r\n") == std::string_view::npos) {
         out->append(text);
         return;
@@ -40,7 +32,7 @@ void append_csv(const Value &value, std::string *out) {
     out->append(1, '"');
 }
 
-// The texts of rows hold no control characters and are UTF-8; see Value.
+// Texts of rows are UTF-8 without control characters; see Value.
 void append_json(std::string_view text, std::string *out) {
     out->append(1, '"');
     for (const char c : text) {
@@ -63,7 +55,7 @@ void append_json(const Value &value, std::string *out) {
     }
 }
 
-// Index of the column that tells when; past the last where there is none.
+// Index of the column with the time; past the last if there is none.
 size_t time_column(const Table &table) {
     size_t column = 0;
     while (column < table.columns.size() && std::strcmp(table.columns[column].name, "time_ns") != 0 &&
@@ -83,7 +75,7 @@ bool WallText::append(const Row &row, size_t column, std::string *out) {
     if (second != second_) {
         second_ = second;
         text_ = format_time(second * trace::kNsPerSecond);
-        text_.resize(text_.find('.') + 1);  // nothing left of none
+        text_.resize(text_.find('.') + 1);  // an empty text stays empty
     }
     if (text_.empty()) return false;
     const auto ms = static_cast<int>(*unix_ns % trace::kNsPerSecond / 1000000);

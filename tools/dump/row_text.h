@@ -7,12 +7,12 @@
 
 namespace vestra_dump {
 
-// Times on the wall; the text of a second is made once for all rows in it.
+// Wall-clock times as text. The text of a second is made once for all rows in it.
 class WallText {
   public:
     explicit WallText(const DumpTime &time) : time_(time) {}
 
-    // Appends the time in a row's column, if there is one and the epoch is known. Returns whether it did.
+    // Appends the time in a row's column. False if the row has no time or the epoch is not known.
     bool append(const Row &row, size_t column, std::string *out);
 
   private:
@@ -21,8 +21,8 @@ class WallText {
     std::string text_;     // of the second, up to its point
 };
 
-// One table with a line of names. Where the epoch is known, rows with a time end with the time on the wall; the column
-// is there in any case.
+// One table, with a header line. A table with times ends with a column for the wall-clock time, which is empty if the
+// epoch is not known.
 class CsvWriter : public RowSink {
   public:
     CsvWriter(const Table &table, const DumpTime &time, Output &out);
@@ -34,7 +34,7 @@ class CsvWriter : public RowSink {
     size_t time_column_;
 };
 
-// Objects with the table's name under "table". Values that are not known are left out.
+// Objects with the table's name under "table". Unknown values are left out.
 class JsonWriter : public RowSink {
   public:
     JsonWriter(const DumpTime &time, Output &out) : wall_(time), out_(out) {}

@@ -13,7 +13,7 @@
 
 namespace vestra_dump {
 
-constexpr uint64_t kLongFile = uint64_t{16} << 20;  // bytes: shorter ones are read in no time
+constexpr uint64_t kLongFile = uint64_t{16} << 20;  // bytes; a shorter one is read at once
 
 int64_t MemorySource::read(uint8_t *out, size_t count) {
     count = std::min(count, left_.size());
@@ -40,7 +40,7 @@ FileSource::FileSource(int fd, std::string path, std::optional<uint64_t> size)
     : fd_(fd), path_(std::move(path)), size_(size) {}
 
 FileSource::~FileSource() {
-    end_progress();
+    clear_progress();
     ::close(fd_);
 }
 
@@ -50,7 +50,7 @@ int64_t FileSource::read(uint8_t *out, size_t count) {
         if (got < 0 && errno == EINTR) continue;
         if (got > 0) done_ += static_cast<uint64_t>(got);
         if (progress_ && got > 0) report_progress();
-        if (got <= 0) end_progress();
+        if (got <= 0) clear_progress();
         return got;
     }
 }
@@ -67,7 +67,7 @@ bool FileSource::is_same_file(const std::string &path) const {
            mine.st_dev == other.st_dev && mine.st_ino == other.st_ino;
 }
 
-void FileSource::end_progress() {
+void FileSource::clear_progress() {
     if (shown_percent_ >= 0) std::fprintf(stderr, "\r\033[K");
     shown_percent_ = -1;
 }

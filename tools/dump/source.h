@@ -14,12 +14,11 @@ class ByteSource {
   public:
     virtual ~ByteSource() = default;
 
-    // Puts up to `count` (above 0) of the next bytes into `out`. How many there were, 0 at the end, -1 with errno set
-    // when they cannot be read.
+    // Reads up to `count` (above 0) of the next bytes into `out`. Returns their number, 0 at the end, or -1 with errno.
     virtual int64_t read(uint8_t *out, size_t count) = 0;
 };
 
-// Of a string that lives as long as the source; for tests and benchmarks.
+// Reads a string, which must outlive the source. For tests and benchmarks.
 class MemorySource : public ByteSource {
   public:
     explicit MemorySource(std::string_view bytes) : left_(bytes) {}
@@ -29,8 +28,8 @@ class MemorySource : public ByteSource {
     std::string_view left_;
 };
 
-// A file, a pipe, or, under the name "-", standard input. Progress is shown on standard error while a long file is
-// read, if that is a terminal.
+// Reads a file or a pipe; "-" is standard input. Shows progress on standard error while a long file is read, if that is
+// a terminal.
 class FileSource : public ByteSource {
   public:
     // Null with the reason in *error.
@@ -44,21 +43,21 @@ class FileSource : public ByteSource {
     // Bytes of a regular file; nothing for what can be read only once.
     std::optional<uint64_t> size() const { return size_; }
 
-    // Goes to an offset of a regular file. False with errno set.
+    // Goes to an offset of a regular file. False with errno.
     bool seek(uint64_t offset);
 
     void show_progress(bool show) { progress_ = show; }
 
-    // Whether that is the file at `path`, under whatever name.
+    // Whether this is the file at `path`, under whatever name.
     bool is_same_file(const std::string &path) const;
 
   private:
     FileSource(int fd, std::string path, std::optional<uint64_t> size);
     void report_progress();
-    void end_progress();  // nothing of it is left to see
+    void clear_progress();
 
     int fd_;
-    std::string path_;  // for people
+    std::string path_;  // printable
     std::optional<uint64_t> size_;
     uint64_t done_ = 0;
     bool progress_ = false;

@@ -16,29 +16,8 @@ using nlohmann::ordered_json;
 
 constexpr size_t kSpansPrinted = 16;
 
-double to_seconds(int64_t ns) {
-    return static_cast<double>(ns) / trace::kNsPerSecond;
-}
-
 double cpu_seconds(const ProcessTotal &process) {
     return process.cpu_ticks / trace::kTicksPerSecond;
-}
-
-uint64_t frames_of(const DumpTotals &totals, int type) {
-    const auto found = totals.frames.find(type);
-    return found == totals.frames.end() ? 0 : found->second;
-}
-
-uint64_t other_frames(const DumpTotals &totals) {
-    uint64_t others = 0;
-    for (const auto &[type, count] : totals.frames) others += trace::is_known_type(type) ? 0 : count;
-    return others;
-}
-
-std::string fixed(double value, int decimals) {
-    std::ostringstream out;
-    out << std::fixed << std::setprecision(decimals) << value;
-    return out.str();
 }
 
 // "1 span", "2 spans".
@@ -70,12 +49,13 @@ ordered_json trailer_json(const Trailer &trailer) {
 
 void print_trailer(const DumpTotals &totals, std::ostream &out) {
     if (!totals.trailer) {
-        out << "trailer:    none: the dump was cut short, or never written to its end\n";
+        out << "trailer:    none: the dump is truncated or was never completed\n";
         return;
     }
     const Trailer &trailer = *totals.trailer;
     out << "build:      " << printable(trailer.build)
-        << (trailer.build_cut ? "   (its last character is lost: lines of the version file end in LF alone)" : "")
+        << (trailer.build_cut ? "   (its last character is lost, because lines of the version file end in LF alone)"
+                              : "")
         << "\nmodel:      " << printable(trailer.model) << (trailer.model_cut ? "   (cut at 32 bytes)" : "") << '\n';
     if (trailer.lite_mode) out << "lite mode:  " << *trailer.lite_mode << '\n';
 }
@@ -85,8 +65,9 @@ void print_time(const Summary &summary, std::ostream &out) {
         out << "time:       no samples\n";
         return;
     }
-    out << "time:       " << fixed(to_seconds(*summary.first_ns), 3) << " to " << fixed(to_seconds(*summary.last_ns), 3)
-        << " s of the stream, " << fixed(summary.seconds(), 1) << " s\n";
+    out << "time:       " << fixed(trace::to_seconds(*summary.first_ns), 3) << " to "
+        << fixed(trace::to_seconds(*summary.last_ns), 3) << " s of the stream, " << fixed(summary.seconds(), 1)
+        << " s\n";
     const std::string from = summary.time.wall_time(*summary.first_ns), to = summary.time.wall_time(*summary.last_ns);
     if (!from.empty() && !to.empty()) out << "            " << from << " to " << to << '\n';
 }
@@ -105,8 +86,18 @@ void print_processes(const char *title, const Summary &summary, const std::vecto
 
 }  // namespace
 
+std::vector<std::string> findings(const DumpTotals &totals) {
+    std::vector<std::string> texts;
+    if (totals.damaged_spans > 0) {
+        texts.push_back(std::to_string(totals.damaged_bytes) + " bytes are damaged, in " +
+                        counted(totals.damaged_spans, "place"));
+    }
+    if (!totals.trailer) texts.emplace_back("no trailer: the dump is truncated or was never completed");
+    return texts;
+}
+
 double Summary::seconds() const {
-    return first_ns ? to_seconds(static_cast<int64_t>(trace::distance(*last_ns, *first_ns))) : 0;
+    return first_ns ? trace::to_seconds(static_cast<int64_t>(trace::distance(*last_ns, *first_ns))) : 0;
 }
 
 double Summary::average_percent(const ProcessTotal &process) const {
@@ -140,7 +131,7 @@ void Summariser::on_end(const DumpTotals &totals) {
     summary_.by_cpu = processes_.top_by_cpu(top_);
     summary_.by_memory = processes_.top_by_memory(top_);
     summary_.processes = processes_.seen();
-    summary_.astray = astray();
+    summary_.strays = strays();
 }
 
 ordered_json to_json(const Summary &summary) {
@@ -160,7 +151,7 @@ ordered_json to_json(const Summary &summary) {
     json["frame_bytes"] = totals.frame_bytes;
     json["messages"] = totals.messages;
     json["empty_records"] = totals.empty_records;
-    json["samples_astray"] = summary.astray;
+    json["samples_astray"] = summary.strays;
     json["damaged_spans"] = totals.damaged_spans;
     json["damaged_bytes"] = totals.damaged_bytes;
     ordered_json spans = ordered_json::array();
@@ -187,12 +178,13 @@ void print(const Summary &summary, std::ostream &out) {
         << " of them payload\n";
     print_trailer(totals, out);
     print_time(summary, out);
-    out << "frames:     " << frames_of(totals, trace::kSwitchFrame) << " switch, "
-        << frames_of(totals, trace::kMeminfoFrame) << " CPU and memory, " << other_frames(totals) << " of other types; "
-        << counted(totals.messages, "message") << "\nblocks:     " << counted(totals.empty_records, "end")
-        << " marked\n";
-    if (summary.astray > 0) {
-        out << "astray:     " << counted(summary.astray, "sample") << " left out, whose time stamps cannot be\n";
+    const uint64_t known = totals.frames_of(trace::kSwitchFrame) + totals.frames_of(trace::kMeminfoFrame);
+    out << "frames:     " << totals.frames_of(trace::kSwitchFrame) << " switch, "
+        << totals.frames_of(trace::kMeminfoFrame) << " CPU and memory, " << totals.all_frames() - known
+        << " of other types; " << counted(totals.messages, "message")
+        << "\nblocks:     " << counted(totals.empty_records, "end") << " marked\n";
+    if (summary.strays > 0) {
+        out << "stray:      " << counted(summary.strays, "sample") << " ignored because of impossible time stamps\n";
     }
     out << "damaged:    " << counted(totals.damaged_spans, "span") << ", " << counted(totals.damaged_bytes, "byte")
         << '\n';

@@ -1,4 +1,4 @@
-// summary.h -- a dump at a glance: what the trailer says, how much of it is whole, which processes stand out.
+// summary.h -- a dump at a glance: trailer, damage, and the processes that use most.
 #pragma once
 
 #include <iosfwd>
@@ -16,22 +16,22 @@ struct Summary {
     DumpTotals totals;
     DumpTime time;                             // with the epoch, once it is known
     std::optional<int64_t> first_ns, last_ns;  // of the samples in the range
-    std::vector<DamagedSpan> spans;            // the first of them
+    std::vector<DamagedSpan> spans;            // the first kSpansKept of them
     std::vector<ProcessTotal> by_cpu, by_memory;
     size_t processes = 0;  // seen in the range
-    uint64_t astray = 0;   // samples left out because of their time stamps
+    uint64_t strays = 0;   // samples ignored because of their time stamps
 
     static constexpr size_t kSpansKept = 1000;
 
     double seconds() const;  // between the first and the last sample
-    // Percent of all cores that a process used on average.
+    // Average percent of all cores that a process used.
     double average_percent(const ProcessTotal &process) const;
 };
 
 // Reads a dump for its summary.
 class Summariser : public Analysis {
   public:
-    // `top`: how many processes stand in each list. With 0 they are not counted either.
+    // `top`: number of processes in each list. With 0 they are not counted either.
     Summariser(std::string path, const DumpTime &time, size_t top);
 
     void on_process(const SwitchSample &sample, const Usage &usage) override;
@@ -46,6 +46,9 @@ class Summariser : public Analysis {
     size_t top_;
     ProcessTotals processes_;
 };
+
+// For people: "5 bytes are damaged, in 1 place", "no trailer: ...". Empty for a clean dump.
+std::vector<std::string> findings(const DumpTotals &totals);
 
 nlohmann::ordered_json to_json(const Summary &summary);
 void print(const Summary &summary, std::ostream &out);

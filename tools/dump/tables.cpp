@@ -9,7 +9,7 @@ namespace vestra_dump {
 
 const Table kVitalsTable = [] {
     Table table{"vitals", {{"second", "INTEGER"}, {"time_ns", "INTEGER"}}};
-    for (const char *name : kVitalNames) table.columns.push_back({name, "REAL"});
+    for (const VitalName &name : kVitalNames) table.columns.push_back({name.column, "REAL"});
     return table;
 }();
 
@@ -53,7 +53,7 @@ Value Value::of(double value) {
     return {kReal, 0, value, {}};
 }
 
-void fill_row(const Second &second, Row *row) {
+void fill_row(const SecondVitals &second, Row *row) {
     *row = {Value::of(second.second), Value::of(second.time_ns)};
     for (size_t type = 0; type < second.vital.size(); ++type) {
         row->push_back(second.knows(type) ? Value::of(second.vital[type]) : Value{});
@@ -98,32 +98,32 @@ void fill_row(const DamagedSpan &span, Row *row) {
             Value::of(std::string_view(describe(span.reason))), Value::of_unsigned(span.messages)};
 }
 
-RowMaker::RowMaker(std::string path, const DumpTime &time, size_t top, const Wanted &wanted, RowSink &sink)
-    : Summariser(std::move(path), time, top), range_(time.range), wanted_(wanted), sink_(sink) {}
+RowMaker::RowMaker(std::string path, const DumpTime &time, size_t top, const TableSelection &tables, RowSink &sink)
+    : Summariser(std::move(path), time, top), range_(time.range), tables_(tables), sink_(sink) {}
 
-void RowMaker::on_second(const Second &second) {
-    if (!wanted_.vitals) return;
+void RowMaker::on_second(const SecondVitals &second) {
+    if (!tables_.vitals) return;
     fill_row(second, &row_);
     sink_.add(kVitalsTable, row_);
 }
 
 void RowMaker::on_process(const SwitchSample &sample, const Usage &usage) {
     Summariser::on_process(sample, usage);
-    if (!wanted_.processes) return;
+    if (!tables_.processes) return;
     fill_row(sample, usage, &name_, &row_);
     sink_.add(kProcessesTable, row_);
 }
 
 void RowMaker::on_frame(const Frame &frame) {
     const bool outside = frame.messages > 0 && (frame.last_ns < range_.from || frame.first_ns > range_.to);
-    if (!wanted_.frames || outside) return;
+    if (!tables_.frames || outside) return;
     fill_row(frame, &row_);
     sink_.add(kFramesTable, row_);
 }
 
 void RowMaker::on_damage(const DamagedSpan &span) {
     Summariser::on_damage(span);
-    if (!wanted_.damage) return;
+    if (!tables_.damage) return;
     fill_row(span, &row_);
     sink_.add(kDamageTable, row_);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 namespace vestra_dump {
 namespace {
@@ -11,7 +12,7 @@ bool is_plain(char c) {
     return c >= ' ' && c <= '~' && c != '\\';
 }
 
-// Bytes of the well-formed UTF-8 character at the beginning, which is none of ASCII's and no control character; else 0.
+// Bytes of the well-formed UTF-8 character at the beginning, if it is neither ASCII nor a control character; else 0.
 size_t character(std::string_view bytes) {
     const auto byte = [bytes](size_t i) { return static_cast<uint8_t>(bytes[i]); };
     const uint8_t first = byte(0);
@@ -51,6 +52,12 @@ void append_printable(std::string_view bytes, std::string *out) {
         }
         bytes.remove_prefix(taken);
     }
+}
+
+std::string fixed(double value, int decimals) {
+    std::array<char, 352> text{};  // the greatest double has 309 digits before the point
+    const int size = std::snprintf(text.data(), text.size(), "%.*f", decimals, value);
+    return {text.data(), static_cast<size_t>(size)};
 }
 
 std::string printable(std::string_view bytes) {

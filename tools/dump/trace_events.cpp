@@ -1,26 +1,17 @@
 #include "tools/dump/trace_events.h"
 
 #include <array>
-#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "tools/dump/tables.h"
 #include "tools/dump/text.h"
-#include "tools/dump/vital_labels.h"
 
 namespace vestra_dump {
 namespace {
 
-constexpr int64_t kBeyondIds = 1 << 22;  // no kernel gives a process this id
-
-template <class Number>
-void append_number(Number number, std::string *out) {
-    std::array<char, 32> digits;
-    const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), number);
-    out->append(digits.data(), result.ptr);
-}
+constexpr int64_t kBeyondIds = 1 << 22;  // greater than any process id
 
 }  // namespace
 
@@ -46,7 +37,7 @@ void TraceEvents::begin_event(const char *phase, std::string_view name, int64_t 
     append_number(track, &text);
 }
 
-// Microseconds, to the nanosecond.
+// Microseconds with three decimals.
 void TraceEvents::add_time(int64_t time_ns) {
     std::array<char, 40> text;
     const int size = std::snprintf(text.data(), text.size(), ",\"ts\":%lld.%03d",
@@ -76,20 +67,20 @@ void TraceEvents::count(int64_t track, int64_t time_ns, std::string_view name, s
     end_event();
 }
 
-void TraceEvents::on_second(const Second &second) {
+void TraceEvents::on_second(const SecondVitals &second) {
     for (size_t type = 0; type < kVitalCount; ++type) {
         const double figure = second.vital[type];
         if (!second.knows(type) || !std::isfinite(figure)) continue;
-        count(vitals_, second.time_ns, kVitalLabels[type].name, kVitalLabels[type].unit, figure);
+        count(vitals_, second.time_ns, kVitalNames[type].label, kVitalNames[type].unit, figure);
     }
 }
 
-// A process id that comes with another name is another process, and must not rename the track of the one before.
+// A process id with another name is another process, and must not rename the track of the earlier one.
 TraceEvents::Track &TraceEvents::track_of(const SwitchSample &sample) {
     const auto found = tracks_.find(sample.pid);
     const bool known = found != tracks_.end();
     if (known && found->second.name == sample.name) return found->second;
-    if (!known && tracks_.size() >= kProcessesKept) {
+    if (!known && tracks_.size() >= kProcessesMax) {
         tracks_.clear();
         numbers_only_ = true;
     }
@@ -102,7 +93,7 @@ TraceEvents::Track &TraceEvents::track_of(const SwitchSample &sample) {
     return track;
 }
 
-// A figure that is as it was needs no event: most of a long dump's would be such.
+// Only changes are written: most samples of a long dump repeat the figures before.
 void TraceEvents::on_process(const SwitchSample &sample, const Usage &usage) {
     Summariser::on_process(sample, usage);
     Track &track = track_of(sample);
@@ -116,7 +107,7 @@ void TraceEvents::on_process(const SwitchSample &sample, const Usage &usage) {
     write(&track.swap, Value::of_unsigned(sample.swap).integer, "Swapped out", "KiB");
 }
 
-// Damage has no time of its own: it stands behind the sample before it, or with the first one.
+// Damage has no time: it is marked at the last sample before it, or at the first sample of the dump.
 void TraceEvents::on_time(int64_t time_ns) {
     Summariser::on_time(time_ns);
     if (last_ns_ < 0) {

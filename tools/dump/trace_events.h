@@ -1,8 +1,8 @@
 // trace_events.h -- a dump as trace events in JSON, the format that trace viewers import.
 //
-// Every vital is a counter of a track of its own, every process a track with counters for CPU and memory, every damaged
-// span an instant. Times are the stream's, in microseconds. A counter holds its figure until the next one in the
-// viewer: the format cannot show gaps.
+// Every vital is a counter on one track, every process has a track with counters for CPU and memory, every damaged span
+// is an instant event. Times are stream time in microseconds. A viewer keeps a counter's figure until the next one: the
+// format has no gaps.
 #pragma once
 
 #include <string_view>
@@ -13,13 +13,13 @@
 
 namespace vestra_dump {
 
-// Writes while the dump is read, and the end of the document at its end. Memory is bounded: a process that was
-// forgotten among too many gets another track when it comes again.
+// Writes while the dump is read, and the end of the document at its end. Memory is bounded: if there are too many
+// processes they are forgotten, and get new tracks when they appear again.
 class TraceEvents : public Summariser {
   public:
     TraceEvents(std::string path, const DumpTime &time, size_t top, Output &out);
 
-    void on_second(const Second &second) override;
+    void on_second(const SecondVitals &second) override;
     void on_process(const SwitchSample &sample, const Usage &usage) override;
     void on_time(int64_t time_ns) override;
     void on_damage(const DamagedSpan &span) override;
@@ -27,10 +27,10 @@ class TraceEvents : public Summariser {
 
   private:
     struct Track {
-        int64_t number;  // what the viewer knows it by; a process's id where it can be
+        int64_t number;  // the viewer's key; the process's id if possible
         std::string name;
-        double percent;     // what was written last; below 0: nothing yet
-        int64_t rss, swap;  // KiB; 0 is not written to begin with: kernel threads would all have empty tracks
+        double percent;     // written last; below 0: nothing yet
+        int64_t rss, swap;  // KiB; begins with 0, which is not written, or kernel threads would all have empty tracks
     };
 
     Track &track_of(const SwitchSample &sample);
@@ -47,7 +47,7 @@ class TraceEvents : public Summariser {
     std::unordered_map<int32_t, Track> tracks_;  // by process id
     int64_t vitals_;                             // track of the vitals
     int64_t next_number_;                        // for tracks that cannot have the process's id
-    bool numbers_only_ = false;                  // processes were forgotten: an id may be taken
+    bool numbers_only_ = false;                  // processes were forgotten: an id may be in use already
     int64_t last_ns_ = -1;                       // time of the sample before; -1: none yet
 };
 

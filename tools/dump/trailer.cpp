@@ -9,9 +9,9 @@ namespace {
 
 constexpr std::string_view kLiteKey = "QXLiteMode=";
 constexpr size_t kBuildMax = 121, kModelMax = 32;  // bytes
-constexpr size_t kSureText = 6;                    // bytes: frames hardly ever hold so many printable ones in a row
+constexpr size_t kSureText = 6;                    // bytes; frames hardly ever contain as many printable ones in a row
 
-// Takes a text and the byte with its length off the end. Nothing when the length leads out of what is there.
+// Takes a text and its length byte off the end. Nothing if the length is greater than what is there.
 std::optional<std::string_view> take_text(std::string_view *end) {
     if (end->empty()) return std::nullopt;
     const size_t length = static_cast<uint8_t>(end->back());
@@ -30,7 +30,7 @@ std::optional<int> lite_mode(std::string_view text) {
     return value;
 }
 
-// Whether the text can have come out of a file of lines: the model's line end is the only one.
+// Whether the text can come from a file of lines: only the model has a line end.
 bool is_of_lines(std::string_view text) {
     const size_t line_end = text.find('\n');
     return text.find('\0') == std::string_view::npos &&
@@ -42,10 +42,10 @@ bool is_printable(std::string_view text) {
                        [](char c) { return (c >= ' ' && c <= '~') || c == '\t' || c == '\r' || c == '\n'; });
 }
 
-// Build and model text into *trailer. False when no version file can have led to it.
+// Splits the text into build and model. False if no version file can produce it.
 bool divide(std::string_view text, Trailer *trailer) {
     if (!is_of_lines(text)) return false;
-    // A build text ends in a '/' and may hold others; a model text has none. Without a build text there is none at all.
+    // A build text ends in a '/' and may contain others; a model text contains none.
     const size_t slash = text.rfind('/');
     const size_t build = slash == std::string_view::npos ? 0 : slash;
     std::string_view model = slash == std::string_view::npos ? text : text.substr(slash + 1);

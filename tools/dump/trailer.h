@@ -1,4 +1,4 @@
-// trailer.h -- what stands behind a dump's payload: the image's version, and lite mode.
+// trailer.h -- the trailer after a dump's payload: the image's version, and lite mode.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@ namespace vestra_dump {
 
 struct Trailer {
     std::string bytes;  // all of it, as it is in the file
-    std::string build;  // without the '/' that ends it; empty where the version file has none
+    std::string build;  // without the '/' after it; empty if the version file has none
     std::string model;  // without its line end
     std::optional<int> lite_mode;
 
@@ -19,12 +19,14 @@ struct Trailer {
     bool model_cut = false;  // 32 bytes and no line end: there may have been more
 };
 
-// What the end of a file can be read as, the likeliest first. `sure`: so much text that it is no accident; the others
-// count only where the payload in front of them ends with a whole record.
+// A possible reading of a file's end. `sure`: so much text that it cannot be an accident. Any other reading counts only if
+// the payload before it ends with a complete record.
 struct TrailerReading {
     Trailer trailer;
     bool sure;
 };
+
+// The readings of `end_of_file` (up to trace::kTrailerMax bytes), the likeliest first.
 std::vector<TrailerReading> read_trailer(std::string_view end_of_file);
 
 }  // namespace vestra_dump

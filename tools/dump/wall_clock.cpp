@@ -14,7 +14,7 @@ namespace {
 
 constexpr int64_t kYear2000 = 946684800;          // seconds since 1970
 constexpr int64_t kYear2255 = 8993808000;         // what 64 bits of nanoseconds hold, nearly
-constexpr uint64_t kStretch = uint64_t{1} << 20;  // bytes: more than seven blocks of the greatest size
+constexpr uint64_t kPartMax = uint64_t{1} << 20;  // bytes: seven blocks of the greatest size
 constexpr int64_t kNs = trace::kNsPerSecond;
 
 std::optional<int64_t> whole_number(std::string_view text) {
@@ -24,7 +24,7 @@ std::optional<int64_t> whole_number(std::string_view text) {
     return value;
 }
 
-// Takes the part behind the last underscore off.
+// Cuts the last underscore and the part after it off, and returns that part.
 std::string_view take_last(std::string_view *name) {
     const size_t line = name->rfind('_');
     if (line == std::string_view::npos) return {};
@@ -33,20 +33,18 @@ std::string_view take_last(std::string_view *name) {
     return part;
 }
 
-// The first or last stretch of a dump; whatever its own range is, times are those that are believed.
-class Times : public Analysis {};
-
-bool read_stretch(const std::string &path, bool last, Times *times) {
+// Reads the first or last part of a dump.
+bool read_part(const std::string &path, bool last, Analysis *times) {
     std::string error;
     const auto file = FileSource::open(path, &error);
     if (file == nullptr || !file->size()) return false;
-    const uint64_t begin = last && *file->size() > kStretch ? *file->size() - kStretch : 0;
+    const uint64_t begin = last && *file->size() > kPartMax ? *file->size() - kPartMax : 0;
     if (!file->seek(begin)) return false;
     if (last) {
         read_dump(*file, *times, begin > 0);
         return true;
     }
-    std::vector<uint8_t> bytes(kStretch);
+    std::vector<uint8_t> bytes(kPartMax);
     size_t size = 0;
     for (int64_t got = 1; got > 0 && size < bytes.size(); size += static_cast<size_t>(got)) {
         got = file->read(bytes.data() + size, bytes.size() - size);
@@ -57,12 +55,12 @@ bool read_stretch(const std::string &path, bool last, Times *times) {
     return true;
 }
 
-// "601.5", "+10" behind the oldest sample, "-30" before the newest, or a time of day on the wall.
-std::optional<int64_t> parse_moment(const std::string &text, const std::optional<Span> &span,
+// "601.5", "+10" after the oldest sample, "-30" before the newest, or a date and time.
+std::optional<int64_t> parse_moment(const std::string &text, const std::optional<TimeSpan> &span,
                                     const std::optional<int64_t> &epoch_ns, std::string *error) {
     if (const auto unix_ns = parse_time(text)) {
         if (!epoch_ns) {
-            *error = "'" + text + "' needs to know when the dump was written: give --epoch";
+            *error = "'" + text + "': the time of the dump is not known; give --epoch";
             return std::nullopt;
         }
         int64_t moment = 0;
@@ -74,14 +72,14 @@ std::optional<int64_t> parse_moment(const std::string &text, const std::optional
     const char *begin = text.data() + (!text.empty() && text[0] == '+' ? 1 : 0);
     const auto parsed = std::from_chars(begin, text.data() + text.size(), seconds, std::chars_format::fixed);
     if (parsed.ec != std::errc() || parsed.ptr != text.data() + text.size() || !(std::fabs(seconds) < 4e9)) {
-        *error = "'" + text + "' is no time: seconds of the stream (601.5), +seconds behind the oldest sample, " +
+        *error = "'" + text + "' is not a time: seconds of the stream (601.5), +seconds after the oldest sample, " +
                  "-seconds before the newest, or a date and time (2026-11-24T22:40:58Z)";
         return std::nullopt;
     }
     const auto ns = static_cast<int64_t>(std::llround(seconds * static_cast<double>(kNs)));
     if (!relative) return ns;
     if (!span) {
-        *error = "'" + text + "' needs a file with samples that can be read twice: no pipe";
+        *error = "'" + text + "' needs a file with samples, not a pipe";
         return std::nullopt;
     }
     int64_t moment = 0;
@@ -122,7 +120,7 @@ std::string format_time(int64_t unix_ns) {
 }
 
 std::optional<int64_t> parse_time(std::string_view text) {
-    // A day, then as much of the time of day as there is.
+    // A day, then as much of the time of day as is given.
     tm parts = {};
     const std::string copy(text);
     const char *left = nullptr;
@@ -148,19 +146,19 @@ std::optional<int64_t> parse_time(std::string_view text) {
     return seconds * kNs + fraction;
 }
 
-std::optional<Span> find_span(const std::string &path) {
-    Times begin, end;
-    if (!read_stretch(path, true, &end)) return std::nullopt;
+std::optional<TimeSpan> find_span(const std::string &path) {
+    Analysis begin, end;
+    if (!read_part(path, true, &end)) return std::nullopt;
     if (!end.newest_ns()) {
-        // Nothing but damage there; then all of it has to be looked at.
+        // Only damage there: reads the whole dump.
         std::string error;
         const auto file = FileSource::open(path, &error);
         if (file == nullptr) return std::nullopt;
         read_dump(*file, end);
     }
     if (!end.newest_ns()) return std::nullopt;
-    read_stretch(path, false, &begin);
-    return Span{begin.first_ns().value_or(*end.first_ns()), *end.newest_ns()};
+    read_part(path, false, &begin);
+    return TimeSpan{begin.first_ns().value_or(*end.first_ns()), *end.newest_ns()};
 }
 
 std::optional<int64_t> DumpTime::unix_ns(int64_t time_ns) const {
@@ -191,7 +189,8 @@ bool resolve(const TimeOptions &options, const std::string &path, DumpTime *time
                 written = whole_number(options.epoch);
             }
             if (!written || *written < 0 || *written >= kYear2255) {
-                *error = "--epoch '" + options.epoch + "': seconds since 1970, a date and time, name, or none";
+                *error =
+                    "--epoch '" + options.epoch + "' is not a time: seconds since 1970, a date and time, name, or none";
                 return false;
             }
         }
@@ -199,7 +198,7 @@ bool resolve(const TimeOptions &options, const std::string &path, DumpTime *time
     const auto is_relative = [](const std::string &text) {
         return !text.empty() && (text[0] == '+' || text[0] == '-');
     };
-    std::optional<Span> span;
+    std::optional<TimeSpan> span;
     if (written || is_relative(options.from) || is_relative(options.to)) span = find_span(path);
     if (span) time->set_newest(span->newest_ns);
     for (const auto &[text, moment] : {std::pair{&options.from, &time->range.from}, {&options.to, &time->range.to}}) {

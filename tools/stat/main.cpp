@@ -1,4 +1,4 @@
-// vestra-stat: asks the running daemon for its vitals.
+// vestra-stat: queries vitals from the running daemon.
 
 #include <algorithm>
 #include <charconv>
@@ -21,15 +21,15 @@ constexpr double kShortestInterval = 0.1, kLongestInterval = 86400;
 constexpr double kLongestTimeout = 3600;
 
 constexpr const char *kFooter =
-    "A VITAL is a number, a name, or the beginning of names (\"cpu\" is three); --list shows them. Without any: all.\n"
-    "Average and variance are over the seconds in which the vital was above 0. \"-\" is no figure: no such second.\n\n"
+    "A VITAL is a number, a name, or the beginning of names (\"cpu\" selects three); see --list. The default is all.\n"
+    "Average and variance cover the seconds in which the vital was above 0. \"-\" means that there are none.\n\n"
     "exit codes:\n"
-    "  0   answered; or an endless --watch was interrupted\n"
+    "  0   answered, or --watch was interrupted\n"
     "  1   the answer could not be written\n"
-    "  4   no daemon is running, or its shared memory is not open to you\n"
+    "  4   no daemon is running, or you may not open its shared memory\n"
     "  5   the daemon did not answer in time\n"
     "  6   the daemon left a vital unanswered\n"
-    "  64  wrong options or arguments\n\n"
+    "  64  invalid options or arguments\n\n"
     "examples:\n"
     "  vestra-stat                          all vitals over the last minute\n"
     "  vestra-stat --window 0 cpu-total     the current value of one\n"
@@ -37,7 +37,7 @@ constexpr const char *kFooter =
     "  vestra-stat --json cpu | jq '.vitals[\"cpu-total\"].average'\n"
     "  vestra-set exec --name demo -- vestra-stat --watch     the daemon of a simulated set";
 
-struct Typed {
+struct Options {
     std::vector<std::string> words;
     int window = 60;
     std::string watch;
@@ -60,16 +60,16 @@ std::optional<double> number(const std::string &text) {
     return error == std::errc() && stop == end ? std::optional(value) : std::nullopt;
 }
 
-// All that the words stand for, in their order, each once; all vitals without words. False, with a message, for a word
-// that is none.
+// The vitals that the words select, in that order, each once; without words all. False, with a message, for an unknown
+// word.
 bool choose(const std::vector<std::string> &words, std::vector<int> *types) {
     for (const std::string &word : words) {
-        const std::vector<int> called = vitals_called(word);
-        if (called.empty()) {
-            complain("there is no vital \"" + word + "\"; --list shows all");
+        const std::vector<int> selected = vitals_selected(word);
+        if (selected.empty()) {
+            complain("unknown vital \"" + word + "\"; see --list");
             return false;
         }
-        for (const int type : called) {
+        for (const int type : selected) {
             if (std::find(types->begin(), types->end(), type) == types->end()) types->push_back(type);
         }
     }
@@ -78,50 +78,50 @@ bool choose(const std::vector<std::string> &words, std::vector<int> *types) {
 }
 
 int run(int argc, char **argv) {
-    Typed typed;
+    Options options;
     cli::Program program(
-        "Asks the running flight recorder for its vitals: maximum, minimum, average and variance of the last\n"
+        "Queries the running flight recorder for vitals: maximum, minimum, average and variance of the last\n"
         "seconds, or the current values.",
         "vestra-stat", VESTRA_VERSION);
     program.footer(kFooter);
-    program.add("VITAL", typed.words, "Which vitals, in which order").type("");
-    program.add("-w,--window", typed.window, "Seconds to look back, up to 180; 0: the current values")
+    program.add("VITAL", options.words, "The vitals to show, in this order").type("");
+    program.add("-w,--window", options.window, "Seconds to look back, up to 180; 0: the current values")
         .range(0, kVestraWindowMax)
         .show_default()
         .type("SECONDS");
     const cli::Option watching =
-        program.add("-W,--watch", typed.watch, "Ask again every so many seconds (1), until interrupted")
+        program.add("-W,--watch", options.watch, "Ask again every SECONDS (default: 1) until interrupted")
             .values(0, 1)
             .type("[SECONDS]");
-    program.add("-n,--count", typed.count, "End --watch after so many questions")
+    program.add("-n,--count", options.count, "End --watch after N questions")
         .range(1, 1000000000)
         .needs(watching)
         .type("N");
-    program.add_flag("-j,--json", typed.json, "One line of JSON for each answer");
-    program.add("-t,--timeout", typed.timeout, "Seconds to wait for an answer")
+    program.add_flag("-j,--json", options.json, "One line of JSON for each answer");
+    program.add("-t,--timeout", options.timeout, "Seconds to wait for an answer")
         .range(0.0, kLongestTimeout)
         .show_default()
         .type("SECONDS");
-    program.add_flag("-l,--list", typed.list, "Show what the vitals are, and ask nothing");
+    program.add_flag("-l,--list", options.list, "List the vitals without asking the daemon");
     if (const std::optional<int> code = program.parse(argc, argv)) return *code == 0 ? kExitOk : kExitUsage;
-    if (typed.list) return print(list_of_vitals()) ? kExitOk : kExitFailed;
+    if (options.list) return print(list_of_vitals()) ? kExitOk : kExitFailed;
 
     Watch how;
-    how.count = typed.count;
-    if (!typed.watch.empty()) {
-        const std::optional<double> seconds = number(typed.watch);
-        // "--watch cpu": the word is a vital's already.
-        if (!seconds) typed.words.insert(typed.words.begin(), typed.watch);
+    how.count = options.count;
+    if (!options.watch.empty()) {
+        const std::optional<double> seconds = number(options.watch);
+        // "--watch cpu": the word is a vital.
+        if (!seconds) options.words.insert(options.words.begin(), options.watch);
         how.seconds = seconds.value_or(how.seconds);
         if (!(how.seconds >= kShortestInterval && how.seconds <= kLongestInterval)) {
-            return complain("--watch " + typed.watch + ": wanted 0.1 to 86400 seconds");
+            return complain("--watch " + options.watch + ": must be 0.1 to 86400 seconds");
         }
     }
     Question question;
-    question.window = typed.window;
-    question.timeout_ms = static_cast<int>(std::lround(typed.timeout * 1000));
-    question.json = typed.json;
-    if (!choose(typed.words, &question.types)) return kExitUsage;
+    question.window = options.window;
+    question.timeout_ms = static_cast<int>(std::lround(options.timeout * 1000));
+    question.json = options.json;
+    if (!choose(options.words, &question.types)) return kExitUsage;
 
     const std::unique_ptr<vestra_api_client, void (*)(vestra_api_h)> client(vestra_api_open(), vestra_api_close);
     if (client == nullptr) {

@@ -17,7 +17,7 @@ const Vital &vital_of(const vestra_api_data &answer) {
     return kVitals[static_cast<size_t>(answer.packet_type)];
 }
 
-// The daemon says -1 and -1, without an average, where the window holds no second.
+// For a window without data the daemon answers -1, -1 and no average.
 vestra_api_data without_markers(vestra_api_data answer) {
     if (answer.maximum == -1 && answer.minimum == -1 && std::isnan(answer.average)) {
         answer.maximum = answer.minimum = std::numeric_limits<double>::quiet_NaN();
@@ -25,10 +25,10 @@ vestra_api_data without_markers(vestra_api_data answer) {
     return answer;
 }
 
-// With an exponent where it would not fit.
+// With an exponent if it would not fit.
 std::string figure(double value, int decimals) {
     if (std::isnan(value)) return "-";
-    char text[512];  // the greatest has 309 digits before the point
+    char text[512];  // the greatest double has 309 digits before the point
     if (std::snprintf(text, sizeof text, "%.*f", decimals, value) > kColumn) {
         std::snprintf(text, sizeof text, "%.3e", value);
     }
@@ -59,7 +59,7 @@ std::string as_table(const Answer &answer) {
         for (const double value : {shown.maximum, shown.minimum, shown.average, shown.variance}) {
             std::snprintf(line, sizeof line, " %*s", kColumn, figure(value, vital.decimals).c_str());
             text += line;
-            if (answer.window == 0) break;  // all the same, and no variance
+            if (answer.window == 0) break;  // the others are the same
         }
         text += '\n';
     }
@@ -70,7 +70,7 @@ std::string as_json(const Answer &answer) {
     nlohmann::ordered_json vitals;
     for (const vestra_api_data &entry : answer.vitals) {
         const vestra_api_data shown = without_markers(entry);
-        // What is no number becomes null when it is written.
+        // NaN is written as null.
         vitals[vital_of(entry).name] = {{"type", entry.packet_type}, {"unit", vital_of(entry).unit},
                                         {"maximum", shown.maximum},  {"minimum", shown.minimum},
                                         {"average", shown.average},  {"variance", shown.variance}};
@@ -84,13 +84,13 @@ std::string list_of_vitals() {
     std::string text;
     for (size_t type = 0; type < kVitals.size(); ++type) {
         const Vital &vital = kVitals[type];
-        std::snprintf(line, sizeof line, "%2zu%c %-20s %-4s %s\n", type, vital.module_says ? '*' : ' ', vital.name,
+        std::snprintf(line, sizeof line, "%2zu%c %-20s %-4s %s\n", type, vital.from_module ? '*' : ' ', vital.name,
                       vital.unit, vital.meaning);
         text += line;
     }
     return text +
-           "\n* as the kernel module sends it; these are the names of what the simulated set's module sends.\n"
-           "  The other figures are the daemon's own, from the cores' counters.\n";
+           "\n* sent by the kernel module; names and units are those of the simulated set's module.\n"
+           "  The daemon computes the other figures from the cores' counters.\n";
 }
 
 bool print(const std::string &text) {

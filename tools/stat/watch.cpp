@@ -19,7 +19,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Asks; the answer, or in *problem what to tell the user. A VESTRA_API_ result.
+// Asks the daemon. Sets *answer, or *problem to a text for the user. Returns a VESTRA_API_ result.
 int ask(vestra_api_h client, const Question &question, Answer *answer, std::string *problem) {
     answer->window = question.window;
     answer->vitals.clear();
@@ -69,8 +69,8 @@ std::string as_text(const Question &question, const Answer &answer) {
     return question.json ? as_json(answer) : as_table(answer);
 }
 
-// The text over what the terminal showed before, without a flicker.
-std::string over_the_old(const std::string &text) {
+// Overwrites what the terminal showed before, without flicker.
+std::string overwriting(const std::string &text) {
     std::string screen = "\x1b[H";
     for (const char byte : text) screen += byte == '\n' ? std::string("\x1b[K\n") : std::string(1, byte);
     return screen + "\x1b[J";
@@ -79,7 +79,7 @@ std::string over_the_old(const std::string &text) {
 volatile sig_atomic_t on_terminal;
 
 extern "C" void leave(int) {
-    // Only what a signal handler may do. Behind the terminal's own "^C".
+    // After the terminal's own "^C". Only calls that a signal handler may make.
     if (on_terminal != 0 && write(STDOUT_FILENO, "\n", 1) < 0) _exit(kExitFailed);
     _exit(kExitOk);
 }
@@ -113,22 +113,22 @@ int watch(vestra_api_h client, const Question &question, const Watch &how) {
         Answer answer;
         std::string problem;
         const int result = ask(client, question, &answer, &problem);
-        const bool news = result != before;
+        const bool changed = result != before;
         before = result;
         if (result == VESTRA_API_OK) {
-            if (news && !redraw) say("the daemon answers again");
+            if (changed && !redraw) say("the daemon answers again");
             const std::string text = as_text(question, answer);
             const std::string gap = asked > 1 && !question.json ? "\n" : "";
-            if (!print(redraw ? over_the_old(text) : gap + text)) return print_failed();
+            if (!print(redraw ? overwriting(text) : gap + text)) return print_failed();
         } else if (redraw) {
-            if (!print(over_the_old("vestra-stat: " + problem + "; asking on\n"))) return print_failed();
-        } else if (news) {
-            say(problem + "; asking on");
+            if (!print(overwriting("vestra-stat: " + problem + "; still asking\n"))) return print_failed();
+        } else if (changed) {
+            say(problem + "; still asking");
         }
-        // The library's own reason stands in the log by now, and need not with every question.
+        // The library has logged the reason by now and need not repeat it with every question.
         if (result != VESTRA_API_OK) dlog_set_threshold(DLOG_ERROR);
         if (asked == how.count) return exit_code(result);
-        // A question that took long does not make the next ones come early.
+        // After a question that took long, the next ones are not asked early.
         next = std::max(next + interval, Clock::now());
         std::this_thread::sleep_until(next);
     }

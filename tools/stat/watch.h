@@ -1,4 +1,4 @@
-// watch.h -- asking once, and again and again.
+// watch.h -- asks the daemon once, or again and again.
 #pragma once
 
 #include <vector>
@@ -7,7 +7,7 @@
 
 namespace vestra_stat {
 
-// Distinct also from those of "vestra-set exec", which passes them on: 2 and 3 tell about the set.
+// 2 and 3 are left to "vestra-set exec", which passes exit codes on and has those two itself.
 enum ExitCode {
     kExitOk = 0,
     kExitFailed = 1,  // no memory, or the answer could not be written
@@ -18,23 +18,23 @@ enum ExitCode {
 };
 
 struct Question {
-    std::vector<int> types;  // packet types, in the order in which they are shown; 1 to 17
+    std::vector<int> types;  // 1 to 17 packet types, in the order in which they are shown
     int window = 0;          // seconds
     int timeout_ms = 0;
     bool json = false;
 };
 
 struct Watch {
-    double seconds = 1;  // from one question to the next
-    long count = 0;      // questions; 0: without end
+    double seconds = 1;  // between questions
+    long count = 0;      // of questions; 0: no limit
 };
 
 // Asks once and prints the answer, or a message on standard error. Returns an exit code.
 int ask_once(vestra_api_h client, const Question &question);
 
-// Asks on and on, and says once when no answer comes and once when one comes again. On a terminal the table stays where
-// it is. An interrupt or SIGTERM ends the program with exit code 0 at any moment: a client that goes in its turn holds
-// nobody up. Returns the exit code of the last question.
+// Asks again and again, and reports once when answers stop and once when they come back. On a terminal a new table
+// overwrites the old one. An interrupt or SIGTERM ends the program at any time, with exit code 0; other clients do not
+// have to wait for a client that ends during its turn. Returns the exit code of the last question.
 int watch(vestra_api_h client, const Question &question, const Watch &how);
 
 }  // namespace vestra_stat

@@ -1,14 +1,14 @@
-# Makes report_page.cpp: the page with its styles and scripts in place, as an array of bytes.
+# Makes report_page.cpp: the page with its styles and scripts, as an array of bytes.
 #   cmake -DHERE=tools/dump/report -DDYGRAPHS=/usr/share/javascript/dygraphs -DOUT=report_page.cpp -P embed.cmake
 function(place name file)
   file(READ "${file}" text)
-  # Their source maps are not there: a browser's developer tools would look for them.
+  # The source maps are missing, and developer tools would look for them.
   string(REGEX REPLACE "//# sourceMappingURL=[^\n]*" "" text "${text}")
   string(REGEX REPLACE "/\\*# sourceMappingURL=[^\n]*\\*/" "" text "${text}")
   foreach(end "</script" "</style" "<!--" "@{")
     string(FIND "${text}" "${end}" found)
     if(NOT found EQUAL -1)
-      message(FATAL_ERROR "${file} holds ${end}, which would end it too early in the page")
+      message(FATAL_ERROR "${file} contains ${end}, which would end it too early in the page")
     endif()
   endforeach()
   string(REPLACE "@[${name}]@" "${text}" page "${page}")

@@ -1,4 +1,4 @@
-// The plots: one row of points for all of them, one cursor, one stretch of time.
+// The plots. All of them share the points, the cursor and the time range.
 'use strict';
 (() => {
   const data = JSON.parse(document.getElementById('data').textContent);
@@ -25,7 +25,7 @@
   const colour = (name) => getComputedStyle(root).getPropertyValue(name).trim();
   const figure = (y) => Math.abs(y) >= 1000 ? Math.round(y).toLocaleString('en') : String(+y.toFixed(Math.abs(y) < 10 ? 2 : 1));
   const touch = matchMedia('(pointer: coarse)').matches;
-  // A swipe over a plot scrolls the page; the strip below the first plot is for zooming.
+  // A swipe over a plot scrolls the page; on touch screens only the strip below the first plot zooms.
   const model = Object.assign({}, Dygraph.defaultInteractionModel);
   for (const name of ['touchstart', 'touchmove', 'touchend', 'touchcancel']) delete model[name];
   const graphs = [], lines = [];
@@ -67,7 +67,7 @@
     rangeSelectorForegroundStrokeColor: colour('--ink'),
   });
 
-  let busy = false;  // what is done to the other plots does not come back
+  let busy = false;  // changes to the other plots must not come back
   function forOthers(graph, action) {
     if (busy) return;
     busy = true;
@@ -100,7 +100,7 @@
     at.className = place === 0 ? 'plot first' : 'plot';
     at.tabIndex = 0;
     at.setAttribute('role', 'img');
-    at.setAttribute('aria-label', group.title + ' over time. The table "Vitals in figures" holds the extremes. ' +
+    at.setAttribute('aria-label', group.title + ' over time. The table "Vitals in figures" has the extremes. ' +
         'The arrow keys move the cursor.');
     const scale = group.scale || 1;
     const graph = new Dygraph(at, data.rows.map((row) => [
@@ -164,15 +164,15 @@
   });
   hint.textContent = (touch ? 'Tap a plot for its figures; the strip below the first plot zooms all of them. '
       : 'Point at a plot for its figures; drag across it, or the strip below the first, to zoom all of them. ') +
-      (data.width > 1 ? 'The dump is long: of every ' + data.width + ' seconds the least and the greatest figure are drawn. ' : '') +
+      (data.width > 1 ? 'The dump is long: the plots show minimum and maximum of every ' + data.width + ' seconds. ' : '') +
       (data.damage.length > 0 ? 'Red: damaged.' : '');
 
   function repaint() {
     graphs.forEach((graph, i) => graph.updateOptions(look(groups[i].types.length)));
   }
   matchMedia('(prefers-color-scheme: dark)').addEventListener('change', repaint);
-  // On paper colours are the light ones; dygraphs itself makes the plots as wide as the page. Nothing else is to be done here:
-  // a plot that is resized while it is being printed stays empty.
+  // Printing uses the light colours; dygraphs fits the plots to the page. Do not resize them here: a plot that is resized
+  // while it is being printed stays empty.
   const onPaper = (paper) => {
     root.classList.toggle('print', paper);
     repaint();
