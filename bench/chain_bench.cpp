@@ -60,7 +60,8 @@ class Node {
 // An empty chain with a budget of `mib` MiB, and a stream of blocks of `block_size` bytes.
 class Chain {
   public:
-    Chain(size_t block_size, int64_t mib) : stream_(1500, Life::steady, trace::kBlockMax / block_size, block_size) {
+    Chain(size_t block_size, int64_t mib)
+        : stream_(1500, Processes::steady, trace::kBlockMax / block_size, block_size) {
         dlog_set_threshold(DLOG_ERROR + 1);
         free_bufs(&ghead_s);
         init_collected_data();

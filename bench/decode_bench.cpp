@@ -41,16 +41,16 @@ void empty_decoder() {
 
 // Calls `work` on each block of the stream and reports the cost per message and the throughput.
 template <class Work>
-void run(benchmark::State &state, Life life, Work work) {
+void run(benchmark::State &state, Processes kind, Work work) {
     empty_decoder();
-    Stream stream(static_cast<int>(state.range(0)), life, life == Life::short_ ? 24 : 10);
+    Stream stream(static_cast<int>(state.range(0)), kind, kind == Processes::short_lived ? 24 : 10);
     for (const Block &block : stream.next()) work(block);  // now every process is known
     int64_t messages = 0, bytes = 0;
     Meter meter;
     for (auto unused : state) {
         (void)unused;
         const auto &blocks = stream.next();
-        if (life == Life::short_) vesrta_hash_init_hist();  // forget the short-lived ones again
+        if (kind == Processes::short_lived) vesrta_hash_init_hist();  // forget the short-lived ones again
         meter.time(state, [&] {
             for (const Block &block : blocks) work(block);
         });
@@ -77,21 +77,21 @@ void walk(const Block &block) {
 }
 
 void Copy(benchmark::State &state) {
-    run(state, Life::steady, copy);
+    run(state, Processes::steady, copy);
 }
 void BareVarintWalk(benchmark::State &state) {
-    run(state, Life::steady, walk);
+    run(state, Processes::steady, walk);
 }
 void DecodeAndStoreAll(benchmark::State &state) {
-    run(state, Life::steady, decode);
+    run(state, Processes::steady, decode);
 }
 // Without swap nothing is accounted to a process, and the ring's writer gets processes without a name.
 void DecodeWithoutSwap(benchmark::State &state) {
-    run(state, Life::swapless, decode);
+    run(state, Processes::swapless, decode);
 }
 // Each process misses the history once.
 void DecodeShortLived(benchmark::State &state) {
-    run(state, Life::short_, decode);
+    run(state, Processes::short_lived, decode);
 }
 
 #ifdef VESTRA_BENCH_PROTOBUF

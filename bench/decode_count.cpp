@@ -20,6 +20,6 @@ extern "C" [[gnu::noinline]] void decode_counted(const std::vector<Block> &block
 int main() {
     dlog_set_threshold(DLOG_ERROR);
     init_collected_data();
-    Stream steady(1500), short_lived(10000, Life::short_), swapless(1500, Life::swapless);
+    Stream steady(1500), short_lived(10000, Processes::short_lived), swapless(1500, Processes::swapless);
     for (Stream *stream : {&steady, &short_lived, &swapless}) decode_counted(stream->next());
 }

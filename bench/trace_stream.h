@@ -19,25 +19,26 @@ constexpr uint64_t kMessageInterval = 1'000'000'000 / 1500;
 constexpr size_t kMessagesPerTick = 1500 / 250;  // the cores' counters advance once a tick
 
 // How processes come and go.
-enum class Life {
-    steady,    // each is sampled again and again
-    swapless,  // the same without swap, so nothing is accounted to a process
-    short_     // each is sampled three times, 4/3 s apart, then replaced by one with the next process id
+enum class Processes {
+    steady,      // each is sampled again and again
+    swapless,    // the same without swap, so nothing is accounted to a process
+    short_lived  // each is sampled three times, 4/3 s apart, then replaced by one with the next process id
 };
 
 // Deterministic: equal parameters give equal streams.
 class Stream {
   public:
     // next() returns `blocks` blocks. 24 of them hold three samples of each of 10,000 short-lived processes.
-    explicit Stream(int processes, Life life = Life::steady, size_t blocks = 10, size_t block_size = trace::kBlockMax)
-        : life_(life), block_size_(block_size), blocks_(blocks) {
+    explicit Stream(int processes, Processes kind = Processes::steady, size_t blocks = 10,
+                    size_t block_size = trace::kBlockMax)
+        : kind_(kind), block_size_(block_size), blocks_(blocks) {
         for (int i = 0; i < processes; ++i) {
             Process process;
-            process.pid = static_cast<uint64_t>(i) * (life == Life::short_ ? 1 : 3) + 101;
+            process.pid = static_cast<uint64_t>(i) * (kind == Processes::short_lived ? 1 : 3) + 101;
             process.cpu_a = random_() % 50000;
             process.cpu_b = random_() % 20000;
             process.rss = 500 + random_() % 200000;
-            process.swap = life == Life::swapless ? 0 : 1 + random_() % 5000;
+            process.swap = kind == Processes::swapless ? 0 : 1 + random_() % 5000;
             process.name = "process-" + std::to_string(i);
             processes_.push_back(process);
         }
@@ -85,7 +86,7 @@ class Stream {
     Process &next_process() {
         static constexpr size_t kAlive = 2000, kSamples = 3;
         const size_t turn = turn_++;
-        if (life_ != Life::short_) return processes_[turn % processes_.size()];
+        if (kind_ != Processes::short_lived) return processes_[turn % processes_.size()];
         const size_t generation = turn / (kAlive * kSamples);
         return processes_[(generation * kAlive + turn % kAlive) % processes_.size()];
     }
@@ -116,7 +117,7 @@ class Stream {
         return message;
     }
 
-    Life life_;
+    Processes kind_;
     size_t block_size_;
     std::mt19937 random_{1};
     std::vector<Process> processes_;

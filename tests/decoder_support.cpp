@@ -36,11 +36,12 @@ void DecoderTest::reset_decoder() {
 
 Bytes block(const std::vector<Bytes> &frames) {
     Bytes block;
+    trace::FrameWriter writer(&block);
     for (const Bytes &frame : frames) {
-        for (size_t i = 0; i < 4; ++i) block.push_back(static_cast<uint8_t>(frame.size() >> (8 * i)));
-        block.insert(block.end(), frame.begin(), frame.end());
+        writer.begin_record(0);
+        writer.add_bytes(frame.data(), frame.size());
     }
-    block.insert(block.end(), 4, 0);
+    writer.end_block();
     return block;
 }
 

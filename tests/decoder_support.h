@@ -1,4 +1,4 @@
-// What the tests of the decoder share beside support/daemon_env.h: its log lines with their functions, and frames.
+// Shared by the decoder's tests: its log lines with their functions, frames, and the memory list.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,7 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr int64_t kSecond = 1'000'000'000;
 
-// The log lines since the last call as a text, each "PRIORITY FUNCTION TEXT"; '$' stands for a line end that is the
-// daemon's own.
+// The log lines since the last call, each "PRIORITY FUNCTION TEXT". '$' stands for a line end in the text.
 std::string log_text(std::string_view kinds = "3456");
 
 // printf into a string.
@@ -32,7 +31,7 @@ class DecoderTest : public DaemonTest {
     static void reset_decoder();
 };
 
-// A frame with its messages, without the length in front.
+// A frame with its messages, without the length before it.
 template <class... Messages>
 Bytes frame(uint8_t type, const Messages &...messages) {
     Bytes bytes;
@@ -43,18 +42,18 @@ Bytes frame(uint8_t type, const Messages &...messages) {
     return bytes;
 }
 
-// A block of frames, ended as the module ends it.
+// A block of frames, with the empty record at its end.
 Bytes block(const std::vector<Bytes> &frames);
 // decode_file on a block.
 int decode_block(const Bytes &block);
 int decode(const std::vector<Bytes> &frames);
 void decode(const trace::SwitchMessage &message);
 
-// A process's sample that is accounted, at `seconds`.
+// A sample at `seconds` of a process that is accounted for.
 trace::SwitchMessage sample(double seconds, uint64_t pid, std::string_view name);
 
-// The list's samples, newest first, once its links and its size are found right: time, process, its name and memory
-// figures as a text; the CPU percentage apart.
+// Checks the links and the size of the memory list, and returns its samples, newest first: time, process, name and memory
+// figures as a text, and the CPU percentage.
 struct ListEntry {
     std::string text;
     double cpu;

@@ -1,9 +1,9 @@
-// What the dump tool derives, against the daemon's decoder fed with the same bytes: equal to the last bit.
+// The dump tool derives the same figures from the same bytes as the daemon's decoder, to the last bit.
 
 #include <algorithm>
 #include <map>
 
-#include "made_up_life.h"
+#include "made_up_set.h"
 #include "tools/dump/analysis.h"
 
 using namespace decoder_test;
@@ -16,7 +16,7 @@ namespace {
 
 struct Derived : vestra_dump::Analysis {
     std::map<int64_t, SecondVitals> seconds;
-    std::vector<ListEntry> list;  // of the processes that the daemon keeps, oldest first
+    std::vector<ListEntry> list;  // of the processes that the daemon accounts for, oldest first
     size_t samples = 0;
 
     void on_second(const SecondVitals &second) override { EXPECT_TRUE(seconds.emplace(second.second, second).second); }
@@ -51,12 +51,12 @@ void expect_ring_equals(const Derived &derived, int64_t from, int64_t to) {
         EXPECT_EQ(second.time_ns, slot.timestamp);
         EXPECT_EQ(second.has_switch, (slot.flags & kFlagSwitch) != 0);
         EXPECT_EQ(second.has_memory, (slot.flags & kFlagMeminfo) != 0);
-        // In front of a gap the ring's percentages and temperatures stay those of a second that had just begun.
+        // Before a gap the ring keeps percentages and temperatures of a second that had just begun.
         const auto next = derived.seconds.find(at + 1);
         const bool settled = next != derived.seconds.end() && next->second.has_switch;
         for (unsigned type = 0; type < kVitalCount; ++type) {
-            const bool worked_out = type >= 2 && type <= 10;
-            if (!second.knows(type) || (worked_out && !settled)) continue;
+            const bool derived_figure = type >= 2 && type <= 10;
+            if (!second.knows(type) || (derived_figure && !settled)) continue;
             EXPECT_EQ(second.vital[type], vital(slot, type)) << "vital " << type;
             percentages += type == 2 ? 1 : 0;
         }
@@ -73,28 +73,28 @@ void expect_list_equals(const Derived &derived) {
         EXPECT_EQ(entry.text, kept[i].text) << i;
         EXPECT_EQ(entry.cpu, kept[i].cpu) << i;
     }
-    EXPECT_GT(derived.samples, derived.list.size());  // those without memory of their own besides
+    EXPECT_GT(derived.samples, derived.list.size());  // it has those without memory, too
 }
 
-TEST_F(DumpAnalysis, VitalsAreTheRingsAndPercentagesTheLists) {
+TEST_F(DumpAnalysis, FiguresEqualTheDaemonsRingAndList) {
     for (const unsigned seed : {1U, 2U, 3U, 4U, 5U}) {
         SCOPED_TRACE(seed);
         reset_decoder();
-        // Late samples and gaps apart: the ring never works out again what came late in front of a gap. And gaps only
-        // in its first lap. Of a later one its two oldest seconds count as the beginning of a run, which an I/O wait
-        // that is not believed carries a little further.
+        // Not late samples and gaps together: the ring never computes again what came late before a gap. And no gaps after
+        // the first lap: later its two oldest seconds count as the beginning of a run, and an I/O wait that is ignored
+        // carries that a little further.
         const bool gaps = seed % 2 == 0, laps = seed == 5;
         const int64_t end = laps ? 1300 : 760;
-        Life life(seed, !gaps);
+        MadeUpSet made_up(seed, !gaps);
         Bytes bytes;
         for (int64_t second = 600; second <= end; ++second) {
             if (gaps && second % 11 == seed && second < end) continue;
-            const Bytes block = life.live(second, [](const auto &) {});
+            const Bytes block = made_up.decode_second(second, [](const auto &) {});
             bytes.insert(bytes.end(), block.begin(), block.end());
         }
         Derived derived;
         derive(bytes, &derived);
-        expect_ring_equals(derived, laps ? end - 170 : 600, end - 4);  // what came late is worked out later
+        expect_ring_equals(derived, laps ? end - 170 : 600, end - 4);  // what came late is computed later
         expect_list_equals(derived);
     }
 }
@@ -110,7 +110,7 @@ Bytes steady(std::initializer_list<int64_t> seconds) {
     return block(frames);
 }
 
-// The seconds, negative where they begin a run.
+// The seconds, negative if they begin a run.
 std::vector<int64_t> seconds_of(const Bytes &bytes, uint64_t strays) {
     Derived derived;
     derive(bytes, &derived);
@@ -120,7 +120,7 @@ std::vector<int64_t> seconds_of(const Bytes &bytes, uint64_t strays) {
     return seconds;
 }
 
-TEST_F(DumpAnalysis, ImpossibleTimeStampsAreLeftOutAndLeapsBeginANewRun) {
+TEST_F(DumpAnalysis, StrayTimeStampsAreIgnoredAndJumpsBeginANewRun) {
     for (const int64_t wrong : {int64_t{1}, int64_t{5000}, int64_t{-5}, INT64_MAX / kSecond}) {
         EXPECT_THAT(seconds_of(steady({600, 601, wrong, 602, 603}), 1), testing::ElementsAre(-600, 601, 602, 603));
     }
@@ -128,7 +128,7 @@ TEST_F(DumpAnalysis, ImpossibleTimeStampsAreLeftOutAndLeapsBeginANewRun) {
                 testing::ElementsAre(-20, 21, -600, 601, -900, -5000, 5001));
 }
 
-TEST_F(DumpAnalysis, TopListsOutlastAFloodOfProcesses) {
+TEST_F(DumpAnalysis, TopProcessesSurviveAFloodOfOthers) {
     vestra_dump::ProcessTotals totals;
     SwitchSample busy = {}, other = {};
     busy.pid = 3;

@@ -1,4 +1,4 @@
-// What the dump tool writes: tables in CSV, JSON and SQLite, smaller dumps, times on the wall, exit codes.
+// Output of the dump tool: tables in CSV, JSON and SQLite, smaller dumps, wall-clock times, exit codes.
 
 #include <sqlite3.h>
 
@@ -19,7 +19,7 @@ vestra_test::Ran run_dump(const std::string &arguments) {
     return vestra_test::run(VESTRA_DUMP_PROGRAM " " + arguments);
 }
 
-// Rows of RFC 4180; names never hold a line end here.
+// Rows of RFC 4180; no name here contains a line end.
 using Rows = std::vector<std::vector<std::string>>;
 Rows csv(const std::string &arguments) {
     std::istringstream lines(run_dump("csv " + arguments).out);
@@ -41,7 +41,7 @@ Rows csv(const std::string &arguments) {
     return rows;
 }
 
-// All rows of a query, a text for each.
+// The rows of a query, each as a text.
 std::vector<std::string> query(const std::string &database, const std::string &sql) {
     std::vector<std::string> rows;
     sqlite3 *db = nullptr;
@@ -57,7 +57,7 @@ std::vector<std::string> query(const std::string &database, const std::string &s
     return rows;
 }
 
-TEST(DumpOutput, AnyNameComesOutOfEveryTableAndDoesNoHarm) {
+TEST(DumpOutput, EveryTableHasHostileNamesInAHarmlessForm) {
     const std::pair<std::string, std::string> kNames[] = {
         {"a,b", "a,b"},
         {"say \"hi\"", "say \"hi\""},
@@ -88,7 +88,7 @@ TEST(DumpOutput, AnyNameComesOutOfEveryTableAndDoesNoHarm) {
     EXPECT_EQ(from_csv, expected);
     std::istringstream lines(run_dump("json --processes " + dump).out);
     for (std::string line; std::getline(lines, line);) {
-        const json object = json::parse(line);  // throws for what is not UTF-8
+        const json object = json::parse(line);  // throws unless it is UTF-8
         if (object["table"] == "processes") from_json.push_back(object["name"]);
     }
     EXPECT_EQ(from_json, expected);
@@ -103,7 +103,7 @@ TEST(DumpOutput, DatabaseHoldsTheSameRowsOfManyDumps) {
     const std::string one = put("/tmp/0000000000_7_one_1795560058", synthetic("hostile", 30, 9000, 40, 1) + kTrailer);
     const std::string two = put("/tmp/two", synthetic("steady", 30, 9000, 40, 2));
     EXPECT_EQ(run_dump("sqlite /tmp/db " + two + " " + one).code, 1);
-    EXPECT_EQ(run_dump("sqlite /tmp/db " + one).code, 1);  // again: in place of the first
+    EXPECT_EQ(run_dump("sqlite /tmp/db " + one).code, 1);  // again: replaces the first
     EXPECT_THAT(query("/tmp/db", "SELECT file, build, trailer FROM dumps ORDER BY dump_id"),
                 ElementsAre("/tmp/two|-|0", one + "|T-RX-1107.2/eu|1"));
     for (const std::string table : {"vitals", "processes", "frames", "damage"}) {
@@ -119,15 +119,15 @@ TEST(DumpOutput, DatabaseHoldsTheSameRowsOfManyDumps) {
     }
     EXPECT_EQ(query("/tmp/db", "SELECT max(wall_time) FROM seconds WHERE dump_id = 2")[0], "2026-11-24T22:40:57Z");
     query("/tmp/other", "CREATE TABLE dumps(x)");
-    EXPECT_EQ(run_dump("sqlite /tmp/other " + one).code, 2) << "a database of something else";
+    EXPECT_EQ(run_dump("sqlite /tmp/other " + one).code, 2) << "another program's database";
 }
 
-TEST(DumpOutput, CutIsAWholeDumpOfItsStretch) {
+TEST(DumpOutput, CutIsAWholeDumpOfItsRange) {
     std::string whole = synthetic("hostile", 40, 30000, 60, 4), unmarked;
     const std::string dump = put("/tmp/whole", whole + kLiteTrailer);
     const auto rows = [](const std::string &file) {
         Rows all = csv("--processes --from 610.5 --to 640 " + file);
-        for (auto &row : all) row[5] = row[6] = row[7] = "";  // percentages begin anew
+        for (auto &row : all) row[5] = row[6] = row[7] = "";  // percentages start again
         return all;
     };
     EXPECT_EQ(run_dump("cut --from 610.5 --to 640 " + dump + " /tmp/cut").code, 1);
@@ -138,7 +138,7 @@ TEST(DumpOutput, CutIsAWholeDumpOfItsStretch) {
     EXPECT_TRUE(seen.totals.is_clean());
     EXPECT_EQ(std::ifstream("/tmp/cut").seekg(0, std::ios::end).tellg(), static_cast<std::streamoff>(cut.size()));
     EXPECT_LT(cut.size(), whole.size() * 6 / 10);
-    // Where blocks are not marked, they end before they are longer than one read of the node.
+    // Without marks, blocks end before they are longer than one read of the node.
     for (const Place &frame : record(whole).frames) unmarked += whole.substr(size_t(frame.first), size_t(frame.second));
     put("/tmp/unmarked", unmarked + kTrailer);
     uint64_t block = 0, longest = 0;
@@ -152,7 +152,7 @@ TEST(DumpOutput, CutIsAWholeDumpOfItsStretch) {
     EXPECT_EQ(run_dump("cut " + dump + " " + dump).code, 64);
 }
 
-TEST(DumpOutput, TimesOnTheWallComeFromTheNewestSample) {
+TEST(DumpOutput, WallClockTimesComeFromTheNewestSample) {
     const std::pair<const char *, int64_t> kNamesOfDumps[] = {
         {"/media/STICK/0000000000_312_a_b_1795560058-tl", 1795560058},
         {"/tmp/temp-vestra-user_1795560058_123456", 1795560058},
@@ -163,7 +163,7 @@ TEST(DumpOutput, TimesOnTheWallComeFromTheNewestSample) {
         {"", 0},
     };
     for (const auto &[name, time] : kNamesOfDumps) EXPECT_EQ(vestra_dump::seconds_in_name(name).value_or(0), time);
-    // More than is looked at for the newest sample.
+    // More than is read for the newest sample.
     const std::string path = put("/tmp/0000000000_1_x_1795560058", synthetic("steady", 20, 0, 2000) + kTrailer);
     const std::pair<const char *, const char *> kRanges[] = {
         {"", "600 to 2599, 2026-11-24T22:40:58.000Z"},

@@ -1,5 +1,5 @@
-// The dump reader: what is whole is read, what is not is told, whatever the bytes; and every trailer that the daemon
-// can write is found.
+// The dump reader: it reads everything that is well-formed, reports the rest, and finds every trailer that the daemon can
+// write.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -34,11 +34,11 @@ const struct TrailerRow {
     {"ModelCut", "Model=" + std::string(50, 'm') + "\r\nBuild=b\r\n", "b", std::string(32, 'm'), false, true},
     {"Model32WithLineEnd", "Model=" + std::string(30, 'm') + "\r\nBuild=b\r\n", "b", std::string(30, 'm')},
     {"BuildCut", "Model=x\r\nBuild=" + std::string(300, 'b') + "\r\n", std::string(120, 'b'), "x"},
-    {"LastLineStandsIn", "Model=24_TVX", "24_T", "24_TVX"},
-    {"OtherLineStandsIn", "Region=eu\r\n", "=eu", ""},
+    {"LastLineIsTaken", "Model=24_TVX", "24_T", "24_TVX"},
+    {"OtherLineIsTaken", "Region=eu\r\n", "=eu", ""},
     {"NotAscii", "Model=\xc3\xbc\xff\r\nBuild=\x01\r\n", "\x01", "\xc3\xbc\xff"},
     {"NothingAtAll", "", "", ""},
-    {"KeysStandAtTheLineStart", "MODEL=A\n Build=2\r\nBuild=1\r\n", "1", ""},
+    {"KeysAreAtTheLineStart", "MODEL=A\n Build=2\r\nBuild=1\r\n", "1", ""},
     {"BuildOnLine19", std::string(18, '\n') + "Build=1\r\n", "1", ""},
     {"NoBuildIn20LinesTakesThe20th", std::string(19, '\n') + "Twentieth\r\nBuild=1\r\n", "eth", ""},
     {"LongLineIsReadIn128s", "Model=M\r\n" + std::string(128, 'x') + "Build=1\r\n", "1", "M"},
@@ -58,7 +58,7 @@ std::string written_trailer(const std::string &ini, int lite_mode) {
 TEST(DumpReader, EveryTrailerOfTheDaemonIsFound) {
     for (const TrailerRow &row : kTrailers) {
         for (const int lite : {0, 1, INT32_MIN}) {
-            for (const int blocks : {0, 1, 60}) {  // an empty chain; less and more than the reader has in view
+            for (const int blocks : {0, 1, 60}) {  // an empty chain; less, and more, than the reader has in view
                 SCOPED_TRACE(row.name + std::to_string(lite) + " " + std::to_string(blocks));
                 const std::string trailer = written_trailer(row.ini, lite);
                 const auto totals = record(synthetic("steady", 9, 15000, blocks) + trailer, 100000).totals;
@@ -75,7 +75,7 @@ TEST(DumpReader, EveryTrailerOfTheDaemonIsFound) {
     }
 }
 
-TEST(DumpReader, TrailerIsFoundBehindDamage) {
+TEST(DumpReader, TrailerIsFoundAfterDamage) {
     const std::string blocks = synthetic("steady", 9, 2000, 3);
     for (const std::string &payload :
          {blocks.substr(0, blocks.size() - 40), blocks + std::string(5000, '\0'), std::string(300000, '\xee')}) {
@@ -85,7 +85,7 @@ TEST(DumpReader, TrailerIsFoundBehindDamage) {
     }
 }
 
-TEST(DumpReader, EveryTruncationKeepsTheFramesInFrontOfIt) {
+TEST(DumpReader, EveryTruncationKeepsTheFramesBeforeIt) {
     const std::string payload = synthetic("steady", 4, 600, 6), whole = payload + kLiteTrailer;
     const auto all = record(whole).frames;
     for (size_t size = 0; size <= whole.size(); ++size) {
@@ -129,10 +129,10 @@ std::string frame() {
 
 TEST(DumpReader, DamageIsOneSpanWithItsReason) {
     const struct {
-        std::string between;  // two whole blocks
+        std::string between;  // of two whole blocks
         Reason reason;
-        size_t messages = 0;  // read in it all the same
-        size_t early = 0;     // bytes of the block in front that look the same
+        size_t messages = 0;  // read from it anyway
+        size_t early = 0;     // bytes of the block before it that look the same
     } kDamages[] = {
         {std::string("\x01\x00\x02\x00", 4) + std::string(500, 'x'), Reason::kLength},
         {std::string(3'000'000, '\xff'), Reason::kLength},
@@ -156,8 +156,8 @@ TEST(DumpReader, DamageIsOneSpanWithItsReason) {
     }
 }
 
-// A period whose bytes are messages from each of its three names on, and each name is the beginning of a long frame. A
-// fault now and then damages every one of them.
+// Repeats a period that is valid messages from each of its three names on, and each name is the beginning of a long frame.
+// A fault now and then damages every one of them.
 std::string nested_beginnings(size_t size) {
     const std::string head("\x7f\x7f\x01\x00\x07\x00", 6);  // a length of 98175, a switch frame
     const std::string part = "\x01\x01\x01\x01\x06" + head, period = part + part + part + "\x01\x01\x01\x01\x06\x01";
@@ -169,7 +169,7 @@ std::string nested_beginnings(size_t size) {
     return bytes;
 }
 
-TEST(DumpReader, BytesAreReadAgainAtMostOnceHoweverTheyAreLaidOut) {
+TEST(DumpReader, HostileLayoutIsReadAgainAtMostOnce) {
     const std::string bytes = nested_beginnings(3'000'000);
     vestra_dump::RereadBudget budget;
     vestra_dump::FrameMessages messages;
@@ -182,7 +182,7 @@ TEST(DumpReader, BytesAreReadAgainAtMostOnceHoweverTheyAreLaidOut) {
         at += stretch.size;
     }
     EXPECT_EQ(budget.bytes_passed(), bytes.size());
-    EXPECT_GT(budget.bytes_reread(), vestra_dump::RereadBudget::kFree) << "the limit is what ends it";
+    EXPECT_GT(budget.bytes_reread(), vestra_dump::RereadBudget::kFree) << "the budget ends it";
     EXPECT_LE(budget.bytes_reread(), bytes.size() + vestra_dump::RereadBudget::kFree + trace::kRecordMax);
 }
 

@@ -1,4 +1,4 @@
-// Small dumps, and what read_dump says about them.
+// Makes small dumps and records what read_dump finds in them.
 #pragma once
 
 #include <algorithm>
@@ -15,7 +15,7 @@ namespace dump_test {
 using Place = std::pair<uint64_t, uint64_t>;  // offset in the file, bytes
 
 struct Recorder : vestra_dump::DumpVisitor {
-    std::vector<Place> frames, stretches;  // whole frames; all that the payload consists of
+    std::vector<Place> frames, stretches;  // whole frames; everything that the payload consists of
     std::vector<vestra_dump::DamagedSpan> damage;
     vestra_dump::DumpTotals totals;
 
@@ -32,7 +32,7 @@ struct Recorder : vestra_dump::DumpVisitor {
     void on_end(const vestra_dump::DumpTotals &all) override { totals = all; }
 };
 
-// Reads the bytes, `piece` at a time. The stretches must follow each other and cover the payload.
+// Reads the bytes, `piece` at a time, and checks that the stretches follow each other and cover the payload.
 inline Recorder record(std::string_view bytes, size_t piece = SIZE_MAX) {
     struct Trickle : vestra_dump::MemorySource {
         size_t piece;
@@ -83,7 +83,7 @@ inline std::string put(const std::string &path, const std::string &bytes) {
     return path;
 }
 
-const std::string kTrailer = "T-RX-1107.2/eu/24_TVX\r\n\x17";
-const std::string kLiteTrailer = kTrailer + "QXLiteMode=1\x0c";
+// Of a version file with CR LF at its line ends: no truncation of it looks like another trailer.
+const std::string kTrailer = "T-RX-1107.2/eu/24_TVX\r\n\x17", kLiteTrailer = kTrailer + "QXLiteMode=1\x0c";
 
 }  // namespace dump_test

@@ -1,4 +1,4 @@
-// A dump of a set whose processes bear the worst names, with damage, a gap, and an id that was given twice.
+// A dump with hostile process names, damage, a gap, and a process id that was used twice.
 #pragma once
 
 #include <string>
@@ -27,7 +27,7 @@ inline std::string hostile_dump() {
         for (size_t i = 0; i < kHostileNames.size(); ++i) {
             trace::SwitchMessage message;
             message.time_ns = time_ns;
-            message.pid = i == 5 ? 100 : 100 + i;  // the last is another one of the first's id
+            message.pid = i == 5 ? 100 : 100 + i;  // the last has the first one's id
             if (i == 5 && second < 650) continue;
             if (i == 0 && second >= 650) continue;
             message.name = kHostileNames[i];

@@ -1,5 +1,5 @@
-// The sources of trace blocks: the made-up set, of which what is read must be what its plan says, and this machine, as
-// far as a test can know it.
+// The sources of trace blocks: the synthetic source against its plan, replays against their recordings, and the host source
+// as far as a test can know this machine.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -43,7 +43,17 @@ Bytes next(TraceSource &source) {
     return block;
 }
 
-// Dumps and tests elsewhere name a seed instead of carrying bytes; a change here invalidates them.
+using Samples = std::vector<std::pair<uint64_t, uint64_t>>;  // time and process
+
+Samples samples_in(const std::vector<Bytes> &blocks) {
+    Samples samples;
+    for (const Bytes &block : blocks) {
+        for (const ReadMessage &message : read_block(block)) samples.emplace_back(message.time, message.pid);
+    }
+    return samples;
+}
+
+// Tests elsewhere refer to a seed instead of bytes; a change here invalidates them.
 TEST(SyntheticSource, FirstTenBlocksOfASeedAreTheSameOnEveryMachine) {
     const struct {
         const char *profile;
@@ -65,12 +75,12 @@ TEST(SyntheticSource, FirstTenBlocksOfASeedAreTheSameOnEveryMachine) {
     }
 }
 
-TEST(SyntheticSource, ReadersFindThePlanBeforeAndBehindEveryKindOfDamage) {
+TEST(SyntheticSource, ReadersFindThePlanBeforeAndAfterEveryKindOfDamage) {
     std::map<Damage, int> kinds;
     const auto source = made("hostile", 11, 32768);
     for (int i = 0; i < 200; ++i) {
-        std::vector<std::pair<uint64_t, uint64_t>> read, planned;  // time and process
-        for (const ReadMessage &message : read_block(next(*source))) read.emplace_back(message.time, message.pid);
+        const Samples read = samples_in({next(*source)});
+        Samples planned;
         for (const PlannedFrame &frame : source->plan().frames) {
             ++kinds[frame.damage];
             if (!frame.reached) continue;
@@ -79,7 +89,11 @@ TEST(SyntheticSource, ReadersFindThePlanBeforeAndBehindEveryKindOfDamage) {
         }
         EXPECT_EQ(read, planned);
     }
-    EXPECT_EQ(kinds.size(), static_cast<size_t>(Damage::kCutLength) + 1) << "a kind of damage never came up";
+    EXPECT_EQ(kinds.size(), static_cast<size_t>(Damage::kCutLength) + 1) << "a kind of damage did not occur";
+}
+
+TEST(SyntheticSource, WritesNothingBeyondTheCapacity) {
+    const auto source = made("hostile", 11, 32768);
     for (size_t capacity = 0; capacity < 400; ++capacity) {
         Bytes block(capacity + 1, 0xee);
         ASSERT_LE(source->next_block(block.data(), capacity), capacity);
@@ -109,8 +123,27 @@ TEST(SyntheticSource, FiltersDiskSelectionAndTemperatureTakeEffect) {
     EXPECT_TRUE(next(*source).empty());
 }
 
-// Replays a dump, with one read after another until there is nothing left.
-std::vector<Bytes> replay(const std::string &dump, uint32_t block_size = 0) {
+bool all_are_in(Samples samples, Samples others) {
+    std::sort(samples.begin(), samples.end());
+    std::sort(others.begin(), others.end());
+    return std::includes(others.begin(), others.end(), samples.begin(), samples.end());
+}
+
+std::vector<Bytes> recorded(const char *profile, int blocks) {
+    const auto source = made(profile, 11, 20000);
+    std::vector<Bytes> recording;
+    for (; blocks > 0; --blocks) recording.push_back(next(*source));
+    return recording;
+}
+
+std::string joined(const std::vector<Bytes> &blocks) {
+    std::string all;
+    for (const Bytes &block : blocks) all.append(block.begin(), block.end());
+    return all;
+}
+
+// All blocks that the replay of a dump hands out; none if it is refused.
+std::vector<Bytes> replayed(const std::string &dump, uint32_t block_size = 0) {
     vestra_test::write_file("/tmp/dump", dump);
     SourceOptions options;
     options.kind = "replay";
@@ -118,101 +151,61 @@ std::vector<Bytes> replay(const std::string &dump, uint32_t block_size = 0) {
     options.block_size = block_size;
     std::string error;
     const auto source = make_source(options, &error);
-    if (source == nullptr) return {};
     std::vector<Bytes> blocks;
-    for (Bytes block = next(*source); !block.empty(); block = next(*source)) blocks.push_back(block);
+    while (source != nullptr && (blocks.empty() || !blocks.back().empty())) blocks.push_back(next(*source));
+    if (!blocks.empty()) blocks.pop_back();
     return blocks;
 }
 
-std::vector<std::pair<uint64_t, uint64_t>> samples_in(const std::vector<Bytes> &blocks) {
-    std::vector<std::pair<uint64_t, uint64_t>> samples;  // time and process
-    for (const Bytes &block : blocks) {
-        for (const ReadMessage &message : read_block(block)) samples.emplace_back(message.time, message.pid);
-    }
-    return samples;
-}
-
-struct Recording {
-    std::vector<Bytes> blocks;
-    std::string payload;
-};
-
-Recording recorded(const char *profile, int blocks) {
-    const auto source = made(profile, 11, 20000);
-    Recording recording;
-    for (; blocks > 0; --blocks) {
-        recording.blocks.push_back(next(*source));
-        recording.payload.append(recording.blocks.back().begin(), recording.blocks.back().end());
-    }
-    return recording;
-}
-
-const std::string kTrailer = vestra_test::kTrailer;
-
 TEST(Replay, HandsOutTheBlocksThatWereRecorded) {
-    const Recording recording = recorded("steady", 60);
-    EXPECT_EQ(replay(recording.payload + kTrailer), recording.blocks);
+    const auto blocks = recorded("steady", 60);
+    EXPECT_EQ(replayed(joined(blocks) + vestra_test::kTrailer), blocks);
 }
 
-TEST(Replay, HandsOutTheSameSamplesInBlocksOfAnotherSize) {
-    const Recording recording = recorded("steady", 60);
-    const auto blocks = replay(recording.payload + kTrailer, 2000);
-    EXPECT_GT(blocks.size(), 9 * recording.blocks.size());
-    EXPECT_EQ(samples_in(blocks), samples_in(recording.blocks));
+TEST(Replay, HandsOutTheSameSamplesInSmallerBlocks) {
+    const auto blocks = recorded("steady", 60), smaller = replayed(joined(blocks) + vestra_test::kTrailer, 2000);
+    EXPECT_GT(smaller.size(), 9 * blocks.size());
+    EXPECT_EQ(samples_in(smaller), samples_in(blocks));
 }
 
-TEST(Replay, HandsOutEverySampleThatTheDaemonTookFromADamagedStream) {
-    const Recording recording = recorded("hostile", 60);
-    auto taken = samples_in(recording.blocks), again = samples_in(replay(recording.payload + kTrailer));
-    std::sort(taken.begin(), taken.end());
-    std::sort(again.begin(), again.end());
-    EXPECT_TRUE(std::includes(again.begin(), again.end(), taken.begin(), taken.end()));
+TEST(Replay, HandsOutEverySampleThatAReaderTakesFromADamagedStream) {
+    const auto blocks = recorded("hostile", 60);
+    EXPECT_TRUE(all_are_in(samples_in(blocks), samples_in(replayed(joined(blocks) + vestra_test::kTrailer))));
 }
 
-TEST(Replay, LosesNothingBehindABlockThatEndsInsideAFrame) {
-    const Recording recording = recorded("steady", 20);
-    std::string cut;
-    std::vector<std::pair<uint64_t, uint64_t>> whole;
-    for (size_t i = 0; i < recording.blocks.size(); ++i) {
-        const Bytes &block = recording.blocks[i];
-        const size_t size = block.size() - kEmptyRecord - 40 * i;
-        cut.append(block.begin(), block.begin() + static_cast<long>(size));
-        const auto samples = samples_in({Bytes(block.begin(), block.begin() + static_cast<long>(size))});
-        whole.insert(whole.end(), samples.begin(), samples.end());
-    }
-    auto again = samples_in(replay(cut + kTrailer));
-    for (auto *samples : {&whole, &again}) std::sort(samples->begin(), samples->end());
-    EXPECT_TRUE(std::includes(again.begin(), again.end(), whole.begin(), whole.end()));
+TEST(Replay, LosesNothingAfterBlocksThatEndInsideAFrame) {
+    auto blocks = recorded("steady", 20);
+    for (size_t i = 0; i < blocks.size(); ++i) blocks[i].resize(blocks[i].size() - kEmptyRecord - 40 * i);
+    EXPECT_TRUE(all_are_in(samples_in(blocks), samples_in(replayed(joined(blocks) + vestra_test::kTrailer))));
 }
 
-TEST(Replay, HandsOutEveryByteOfAnyPayloadOnce) {
-    const std::string block = recorded("steady", 1).payload;
+TEST(Replay, HandsOutEveryByteOfADamagedPayload) {
+    const std::string block = joined(recorded("steady", 1));
     const std::pair<const char *, std::string> kRows[] = {
         {"Truncated", block.substr(0, block.size() - 300)},
         {"LengthsOfZero", block + std::string(100'000, '\0') + block},
-        {"NoLengthAtAll", block + std::string(100'000, '\xff') + block},
+        {"ImpossibleLengths", block + std::string(100'000, '\xff') + block},
         {"LongestLength", std::string("\x00\x00\x02\x00", 4) + std::string(131072, '\x07') + block},
         {"LengthBeyondTheEnd", block + std::string("\x00\x00\x02\x00", 4) + std::string(500, 'x')},
     };
     for (const auto &[name, payload] : kRows) {
         for (const uint32_t block_size : {0U, 64U, 5000U}) {
             SCOPED_TRACE(std::string(name) + " " + std::to_string(block_size));
-            std::string all;
-            for (const Bytes &part : replay(payload, block_size)) all.append(part.begin(), part.end());
-            // Empty records were added. The payload is there when they are left out.
-            size_t at = 0;
-            for (const char byte : all) at += at < payload.size() && byte == payload[at] ? 1 : 0;
-            EXPECT_EQ(at, payload.size());
+            size_t found = 0;  // empty records are added between the bytes of the payload
+            for (const char byte : joined(replayed(payload, block_size))) {
+                found += found < payload.size() && byte == payload[found] ? 1 : 0;
+            }
+            EXPECT_EQ(found, payload.size());
         }
     }
 }
 
 TEST(Replay, RefusesAFileWithoutRecords) {
-    EXPECT_TRUE(replay("").empty());
-    EXPECT_TRUE(replay(kTrailer).empty());
+    EXPECT_TRUE(replayed("").empty());
+    EXPECT_TRUE(replayed(vestra_test::kTrailer).empty());
 }
 
-// What it says of a process's CPU time and memory is compared with the kernel's in e2e/client_set_test.cpp.
+// e2e/client_set_test.cpp compares CPU time and memory of a process with the kernel's figures.
 TEST(HostSource, SamplesTheProcessesAskedForWhenTheyAreDue) {
     SourceOptions options;
     options.kind = "host";
@@ -222,7 +215,7 @@ TEST(HostSource, SamplesTheProcessesAskedForWhenTheyAreDue) {
     ASSERT_NE(source, nullptr) << error;
     int named[2];
     ASSERT_EQ(pipe2(named, O_CLOEXEC), 0);
-    const pid_t child = fork();  // of another process, since an emulated one is not told its own figures
+    const pid_t child = fork();  // another process, because an emulated one does not see its own figures
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         prctl(PR_SET_NAME, "vestra-child");

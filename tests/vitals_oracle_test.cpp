@@ -8,7 +8,7 @@
 #include <deque>
 #include <map>
 
-#include "made_up_life.h"
+#include "made_up_set.h"
 
 using namespace decoder_test;
 using trace::CoreTimes;
@@ -222,12 +222,12 @@ void compare_statistics(Model *model, int window) {
 // A steady start, a gap, two laps of the ring, a long gap, and on.
 TEST_F(DecoderTest, MinutesOfLifeAreKeptAsTheyWere) {
     for (const unsigned seed : {1U, 2U}) {
-        Life life(seed);
+        MadeUpSet made_up(seed);
         Model model;
         for (int64_t second = 20; second < 950; ++second) {
             if ((second >= 120 && second < 123) || (second >= 500 && second < 900)) continue;
             begin_transcript();
-            life.live(second, [&](const auto &message) { model.add(message); });
+            made_up.decode_second(second, [&](const auto &message) { model.add(message); });
             if (second % 45 != 0 && second != 949) continue;
             SCOPED_TRACE(text("seed %u, second %d", seed, static_cast<int>(second)));
             compare_processes(model);

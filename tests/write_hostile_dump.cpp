@@ -1,4 +1,4 @@
-// Writes the hostile dump to standard output, for tests that are scripts.
+// Writes the hostile dump to standard output, for test scripts.
 
 #include <iostream>
 

@@ -171,11 +171,8 @@ json newest_samples(const std::string &recorded) {
         const std::string name = message->name.substr(0, 14);
         charged += 20 + std::to_string(message->time).size() + name.size();
         if (charged > 204800) break;
-        rows.push_back({{"time_ns", message->time},
-                        {"pid", message->pid},
-                        {"name", name},
-                        {"rss_kib", rss},
-                        {"swap_kib", swap}});
+        rows.push_back(
+            {{"time_ns", message->time}, {"pid", message->pid}, {"name", name}, {"rss_kib", rss}, {"swap_kib", swap}});
     }
     return rows;
 }

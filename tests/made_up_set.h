@@ -1,4 +1,4 @@
-// A set's life, second by second, for the tests that compare what is derived of it.
+// A made-up set, second by second, for the tests that compare what is derived from its messages.
 #pragma once
 
 #include <array>
@@ -11,11 +11,11 @@
 namespace decoder_test {
 
 // Processes that come, run and rest, some with process ids that share a place in the history; cores that work; seconds
-// with one sample only; messages that come once more or, when `late`, up to four seconds late; memory figures also
+// with a single sample; messages that are repeated or, with `late`, up to four seconds late; memory figures that are
 // early.
-class Life {
+class MadeUpSet {
   public:
-    explicit Life(unsigned seed, bool late = true) : random_(seed), late_(late) {
+    explicit MadeUpSet(unsigned seed, bool late = true) : random_(seed), late_(late) {
         for (size_t i = 0; i < kProcesses; ++i) {
             names_[i] = "proc-" + std::to_string(i) + "-of-many";
             processes_[i] = sample(0, 300 + i / 2 * 7 + i % 2 * 32768, names_[i]);
@@ -24,11 +24,11 @@ class Life {
         }
     }
 
-    // Has the daemon decode one second's messages, in a block of several frames, which it gives. `seen` is called with
-    // each message.
+    // Makes a block with the messages of one second in several frames, has the daemon decode it and returns it. `seen` is
+    // called with each message.
     template <class Seen>
-    Bytes live(int64_t second, const Seen &seen) {
-        const bool glitch = random_() % 9 == 0;  // 80 percent, exactly so between two seconds of one sample
+    Bytes decode_second(int64_t second, const Seen &seen) {
+        const bool glitch = random_() % 9 == 0;  // 80 percent, exactly if both seconds have one sample
         for (trace::CoreTimes &core : cores_) {
             core.user += random_() % 120;
             core.system += random_() % 60;
@@ -44,7 +44,7 @@ class Life {
             trace::SwitchMessage message = processes_[chosen];
             message.time_ns = static_cast<uint64_t>(second * kSecond) + i * (kSecond / messages);
             if (late_ && i > 0 && random_() % 40 == 0 && second > 20) message.time_ns -= (1 + random_() % 4) * kSecond;
-            if (i > 0 && random_() % 40 == 0) message = last_;  // once more
+            if (i > 0 && random_() % 40 == 0) message = last_;  // repeated
             message.cores = cores_;
             message.element1 = random_();
             message.element10 = random_() % 3000;
