@@ -27,11 +27,6 @@ Option Option::show_default() {
     return *this;
 }
 
-Option Option::group(const std::string &title) {
-    option_->group(title);
-    return *this;
-}
-
 Option Option::values(int least, int most) {
     option_->expected(least, most);
     return *this;
@@ -42,13 +37,23 @@ Option Option::needs(const Option &other) {
     return *this;
 }
 
+Option Option::excludes(const Option &other) {
+    option_->excludes(other.option_);
+    return *this;
+}
+
 Option Option::range(int least, int most) {
     option_->check(CLI::Range(least, most));
     return *this;
 }
 
 Option Option::range(double least, double most) {
-    option_->check(CLI::Range(least, most));
+    const auto fault = [=](std::string &text) {  // CLI::Range would take a NaN
+        double value = 0;
+        const bool good = CLI::detail::lexical_cast(text, value) && value >= least && value <= most;
+        return good ? "" : "expected " + CLI::detail::to_string(least) + " to " + CLI::detail::to_string(most);
+    };
+    option_->check(CLI::Validator(fault, "NUMBER"));
     return *this;
 }
 
@@ -103,6 +108,14 @@ Option Command::add(const std::string &names, double &target, const std::string 
     return added(app_, names, target, help);
 }
 
+Option Command::add(const std::string &names, std::optional<double> &target, const std::string &help) {
+    return added(app_, names, target, help);
+}
+
+Option Command::add(const std::string &names, Take take, const std::string &help) {
+    return Option(app_->add_option_function<std::vector<std::string>>(names, take, help));
+}
+
 Option Command::add_flag(const std::string &names, bool &target, const std::string &help) {
     return Option(app_->add_flag(names, target, help));
 }
@@ -129,8 +142,16 @@ Command Command::add_group(const std::string &name, int most) {
     return Command(group);
 }
 
-bool Command::chosen() const {
-    return app_->parsed();
+void Command::on_chosen(const std::function<void()> &act) {
+    app_->callback(act);
+}
+
+void Command::section(const std::string &title) {
+    app_->option_defaults()->group(title);
+}
+
+bool Command::is_program() const {
+    return app_->get_parent() == nullptr;
 }
 
 Program::Program(const std::string &description, const std::string &name, const std::string &version)

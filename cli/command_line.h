@@ -34,13 +34,13 @@ class Option {
     Option required();
     Option type(const std::string &name);  // what help shows for the value, such as "FILE"
     Option show_default();                 // help shows the target's value as it is at this call
-    Option group(const std::string &title);
-    Option values(int least, int most);  // how many words the option takes
-    Option needs(const Option &other);   // an error without that one
+    Option values(int least, int most);    // how many words the option takes
+    Option needs(const Option &other);     // an error without that one
+    Option excludes(const Option &other);  // an error with that one
 
     // An error unless the value ...
-    Option range(int least, int most);  // is a number in this range, the ends included
-    Option range(double least, double most);
+    Option range(int least, int most);        // is a number in this range, the ends included
+    Option range(double least, double most);  // the same; not a NaN
     Option one_of(const std::vector<std::string> &words);
     Option existing_file();
     Option check(const std::function<std::string(const std::string &)> &fault);  // has no fault: an empty text
@@ -65,17 +65,22 @@ class Command {
     Option add(const std::string &names, unsigned long &target, const std::string &help);
     Option add(const std::string &names, unsigned long long &target, const std::string &help);
     Option add(const std::string &names, double &target, const std::string &help);
+    Option add(const std::string &names, std::optional<double> &target, const std::string &help);
+    // The same with a function that parse gives the words to, if there are any. What it throws, parse throws.
+    using Take = void (*)(const std::vector<std::string> &words);
+    Option add(const std::string &names, Take take, const std::string &help);
     Option add_flag(const std::string &names, bool &target, const std::string &help);
 
     Command add_command(const std::string &name, const std::string &summary);
     void require_command();  // exactly one, else an error
     void footer(const std::string &text);
-    void pass_unknown_up();  // options that this command does not have are the command's above it
+    void pass_unknown_up();  // an option unknown to a command that is added from here on is one of this command
+    void on_chosen(const std::function<void()> &act);  // called by parse if the command is on the command line
+    void section(const std::string &title);            // of help: options that are added from here on are under it
+    bool is_program() const;                           // not a command of another one
 
     // Options of which at most `most` may be given; 0: any number.
     Command add_group(const std::string &name, int most);
-
-    bool chosen() const;  // after parsing: is it the command on the command line?
 
   private:
     CLI::App *app_;

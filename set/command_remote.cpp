@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -74,7 +75,9 @@ int set_key() {
         result = vconf_set_str(key, g_vconf.value.c_str());
     } else {
         int number = 0;
-        if (!CLI::detail::lexical_cast(g_vconf.value, number)) {
+        const char *end = g_vconf.value.data() + g_vconf.value.size();
+        const auto [stop, error] = std::from_chars(g_vconf.value.data(), end, number);
+        if (error != std::errc() || stop != end) {
             fail("\"" + g_vconf.value + "\" is not an integer; a text needs --type string", kExitUsage);
         }
         result = vconf_set_int(key, number);
@@ -216,54 +219,52 @@ int show_log() {
 
 }  // namespace
 
-void add_remote_commands(CLI::App &app) {
+void add_remote_commands(cli::Command app) {
     constexpr Where kInside = Where::kInside;
-    CLI::App *command = add_command(app, kInside, "key", "Press a key combination on the remote control", press_key,
-                                    "Combination 87 makes the daemon write a dump.");
-    command->add_option("number", g_key.number, "Number of the combination")->required()->check(CLI::Range(0, INT_MAX));
+    cli::Command command = add_command(app, kInside, "key", "Press a key combination on the remote control", press_key,
+                                       "Combination 87 makes the daemon write a dump.");
+    command.add("number", g_key.number, "Number of the combination").required().range(0, INT_MAX);
 
     command = add_command(app, kInside, "temperature", "Set the temperature of the set's processor", set_temperature,
                           "Above 125 the daemon raises its alarm.");
-    command->add_option("degrees", g_temperature.degrees, "Degrees Celsius")->required();
+    command.add("degrees", g_temperature.degrees, "Degrees Celsius").required();
 
-    CLI::App *vconf =
+    cli::Command vconf =
         add_command(app, kInside, "vconf", "Read or set a key of the platform's configuration service", nullptr,
                     "examples:\n"
                     "  vestra-set vconf set system/DOD/test_monitor 1\n"
                     "  vestra-set vconf set system/vestra/robust --type string 'some text'\n"
                     "  vestra-set vconf get memory/SHM/trigger_db_write");
-    command = add_command(*vconf, kInside, "get", "Show a key's value", get_key);
-    command->add_option("key", g_vconf.key, "Name of the key")->required();
-    command = add_command(*vconf, kInside, "set",
+    command = add_command(vconf, kInside, "get", "Show a key's value", get_key);
+    command.add("key", g_vconf.key, "Name of the key").required();
+    command = add_command(vconf, kInside, "set",
                           "Set a key; its listeners are called even when the value stays the same", set_key);
-    command->add_option("key", g_vconf.key, "Name of the key")->required();
-    command->add_option("value", g_vconf.value, "Its new value")->required();
-    command->add_option("--type", g_vconf.type, "int or string")
-        ->check(CLI::IsMember({"int", "string"}))
-        ->capture_default_str();
+    command.add("key", g_vconf.key, "Name of the key").required();
+    command.add("value", g_vconf.value, "Its new value").required();
+    command.add("--type", g_vconf.type, "int or string").one_of({"int", "string"}).show_default();
 
-    CLI::App *module =
+    cli::Command module =
         add_command(app, kInside, "module", "Look at the kernel module, load and unload it, make it misbehave", nullptr,
                     "examples:\n"
                     "  vestra-set module inject 'error 3' 'size 4096'\n"
                     "  vestra-set module inject        (behave again)");
-    command = add_command(*module, kInside, "status", "What it received and what it handed out", show_status);
-    command->add_flag("--json", g_module.json, "As JSON");
-    add_command(*module, kInside, "load", "Load it: the control node appears", [] { return load_or_unload(true); });
-    add_command(*module, kInside, "unload", "Unload it: the control node goes", [] { return load_or_unload(false); });
-    command = add_command(*module, kInside, "stall", "Make reads of the control node wait", set_stall);
-    command->add_option("state", g_module.state, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
-    command = add_command(*module, kInside, "inject",
+    command = add_command(module, kInside, "status", "What it received and what it handed out", show_status);
+    command.add_flag("--json", g_module.json, "As JSON");
+    add_command(module, kInside, "load", "Load it: the control node appears", [] { return load_or_unload(true); });
+    add_command(module, kInside, "unload", "Unload it: the control node goes", [] { return load_or_unload(false); });
+    command = add_command(module, kInside, "stall", "Make reads of the control node wait", set_stall);
+    command.add("state", g_module.state, "on or off").required().one_of({"on", "off"});
+    command = add_command(module, kInside, "inject",
                           "Faults to commit, instead of those so far: 'empty N', 'error N [ERRNO]', 'stall', 'size N'; "
                           "none: behave",
                           inject);
-    command->add_option("fault", g_module.faults, "One fault each");
+    command.add("fault", g_module.faults, "One fault each");
 
     add_command(app, kInside, "notices", "Show the notices that were put on the set's screen", show_notices);
 
     command = add_command(app, kInside, "log", "Show the daemon's log", show_log);
-    command->add_flag("-f,--follow", g_log.follow, "Continue with what is logged from now on");
-    command->add_option("-n,--lines", g_log.lines, "Only the last ones")->check(CLI::NonNegativeNumber);
+    command.add_flag("-f,--follow", g_log.follow, "Continue with what is logged from now on");
+    command.add("-n,--lines", g_log.lines, "Only the last ones").range(0, INT_MAX);
 }
 
 }  // namespace vestra_set

@@ -27,7 +27,8 @@ constexpr double kDaemonReads = 2;  // a second
 struct {
     LaunchPlan plan;
     std::optional<double> rate;
-    std::string daemon;  // path of vestrad
+    std::optional<double> step;  // s
+    std::string daemon;          // path of vestrad
     std::vector<std::string> config;
     std::string config_file;
     std::string module;
@@ -89,58 +90,52 @@ void take_binds(const std::vector<std::string> &paths) {
     }
 }
 
-void add_set_options(CLI::App &app, const std::string &rate_note) {
+void add_set_options(cli::Command app, const std::string &rate_note) {
     SetOptions &options = g_given.plan.options;
     SourceOptions &source = options.source;
-    using Texts = std::vector<std::string>;
-    app.option_defaults()->group("Trace source");
-    app.add_option_function<Texts>("--source", take_source,
-                                   "host (this machine's processes), synthetic, or replay FILE (a dump)")
-        ->expected(1, 2)
-        ->type_name("KIND [FILE]");
-    app.add_option("--rate", g_given.rate,
-                   "Blocks a second (host: samples a second); 0: a block with every read (host: 2). " + rate_note);
+    app.section("Trace source");
+    app.add("--source", take_source, "host (this machine's processes), synthetic, or replay FILE (a dump)")
+        .values(1, 2)
+        .type("KIND [FILE]");
+    app.add("--rate", g_given.rate,
+            "Blocks a second (host: samples a second); 0: a block with every read (host: 2). " + rate_note);
     app.add_flag("--every-process", source.every_process,
                  "host: each process in each sample, not only those that ran since the last");
-    app.add_option("--block-size", source.block_size, "Bytes of a block, 64 to 131072; 0: as it comes");
-    app.add_option("--profile", source.profile, "synthetic: steady, burst, stall or hostile (damaged frames)")
-        ->capture_default_str();
-    app.add_option("--processes", source.processes, "synthetic: number of processes, up to 32000; 0: 24");
-    app.add_option_function<double>(
-           "--step", [&source](const double &seconds) { source.step_ns = static_cast<uint64_t>(seconds * 1e9); },
-           "synthetic, with a rate of 0: seconds of the stream in a block, 0.0001 to 3600 (default 1)")
-        ->check(between(0.0001, 3600));
-    app.add_option("--seed", source.seed, "synthetic: equal seeds give equal blocks");
+    app.add("--block-size", source.block_size, "Bytes of a block, 64 to 131072; 0: as it comes");
+    app.add("--profile", source.profile, "synthetic: steady, burst, stall or hostile (damaged frames)").show_default();
+    app.add("--processes", source.processes, "synthetic: number of processes, up to 32000; 0: 24");
+    app.add("--step", g_given.step,
+            "synthetic, with a rate of 0: seconds of the stream in a block, 0.0001 to 3600 (default 1)")
+        .range(0.0001, 3600.0);
+    app.add("--seed", source.seed, "synthetic: equal seeds give equal blocks");
     app.add_flag("--loop", source.loop, "replay: begin again at the end");
 
-    app.option_defaults()->group("What the set has");
-    app.add_option("--image", options.image, "Kind of system image")
-        ->check(CLI::IsMember({"debug", "release", "perf", "none"}))
-        ->capture_default_str();
-    app.add_option("--config", g_given.config, "Override an element of the daemon's configuration")
-        ->type_name("NAME=VALUE");
-    app.add_option("--config-file", g_given.config_file, "The daemon's configuration, as a whole")
-        ->check(CLI::ExistingFile)
-        ->excludes("--config");
-    app.add_option("--chip", options.chip, "Chipset name")->capture_default_str();
-    app.add_option("--module", g_given.module, "Kernel module at the start: loaded or unloaded")
-        ->check(CLI::IsMember({"loaded", "unloaded"}));
-    app.add_option("--temperature", options.temperature, "Degrees Celsius")->capture_default_str();
+    app.section("What the set has");
+    app.add("--image", options.image, "Kind of system image")
+        .one_of({"debug", "release", "perf", "none"})
+        .show_default();
+    const cli::Option element =
+        app.add("--config", g_given.config, "Override an element of the daemon's configuration").type("NAME=VALUE");
+    app.add("--config-file", g_given.config_file, "The daemon's configuration, as a whole")
+        .existing_file()
+        .excludes(element);
+    app.add("--chip", options.chip, "Chipset name").show_default();
+    app.add("--module", g_given.module, "Kernel module at the start: loaded or unloaded")
+        .one_of({"loaded", "unloaded"});
+    app.add("--temperature", options.temperature, "Degrees Celsius").show_default();
     // In this order they are plugged.
-    app.add_option_function<Texts>("--usb-dir", take_stick_directories,
-                                   "A USB stick that is a directory of this machine; plugged before --usb")
-        ->type_name("LABEL=DIR");
-    app.add_option_function<Texts>("--usb", take_sticks, "A USB stick from the start, empty, at /media/LABEL")
-        ->type_name("LABEL[:SIZE]");
-    app.add_option_function<Texts>("--bind", take_binds,
-                                   "More of this machine's directories, at their own paths, writable")
-        ->type_name("PATH");
+    app.add("--usb-dir", take_stick_directories,
+            "A USB stick that is a directory of this machine; plugged before --usb")
+        .type("LABEL=DIR");
+    app.add("--usb", take_sticks, "A USB stick from the start, empty, at /media/LABEL").type("LABEL[:SIZE]");
+    app.add("--bind", take_binds, "More of this machine's directories, at their own paths, writable").type("PATH");
 }
 
 // What both commands finish in the same way.
 void complete_options(double default_rate, bool module_loaded) {
     SetOptions &options = g_given.plan.options;
     options.source.rate = g_given.rate.value_or(default_rate);
+    if (g_given.step) options.source.step_ns = static_cast<uint64_t>(*g_given.step * 1e9);
     if (g_given.config_file.empty()) {
         std::string error;
         options.config = make_config(g_given.config, &error);
@@ -230,38 +225,37 @@ int start_sandbox() {
 
 }  // namespace
 
-void add_run_commands(CLI::App &app) {
-    CLI::App *run = add_command(app, Where::kProgram, "run",
-                                "Start a set and the daemon in it; stays until the daemon has ended", start_run,
-                                "The words after \"--\" go to the daemon: [max_file_size_MiB [file_interval_s]].\n"
-                                "Ctrl-C stops the daemon in order, a second one at once.\n\n"
-                                "examples:\n"
-                                "  vestra-set run --source host --usb-dir STICK=./stick --log-level debug\n"
-                                "  vestra-set run --name small --config max_file_size=1 --usb A:8M -- 1 4");
-    add_name_option(*run, g_given.run_name, "The set's name; sets with different names run side by side");
-    run->add_option("--vestrad", g_given.daemon, "The daemon; by default the one beside this program")
-        ->type_name("PATH");
-    run->add_option("--log", g_given.log,
-                    "The daemon's log, a file of this machine, or - for standard error; without it\n"
-                    "\"vestra-set log\" shows it while the set runs")
-        ->type_name("FILE");
-    run->add_option("--log-level", g_given.plan.options.log_level, "debug, info, warning or error")
-        ->check(CLI::IsMember({"debug", "info", "warning", "error", "3", "4", "5", "6"}));
-    add_seconds_option(*run, "--grace", g_given.plan.grace, "Seconds that the daemon has to end after Ctrl-C");
-    run->add_flag("-q,--quiet", g_given.plan.quiet, "Do not report how the set comes up and ends");
-    add_set_options(*run, "Default: 2");
+void add_run_commands(cli::Command app) {
+    cli::Command run = add_command(app, Where::kProgram, "run",
+                                   "Start a set and the daemon in it; stays until the daemon has ended", start_run,
+                                   "The words after \"--\" go to the daemon: [max_file_size_MiB [file_interval_s]].\n"
+                                   "Ctrl-C stops the daemon in order, a second one at once.\n\n"
+                                   "examples:\n"
+                                   "  vestra-set run --source host --usb-dir STICK=./stick --log-level debug\n"
+                                   "  vestra-set run --name small --config max_file_size=1 --usb A:8M -- 1 4");
+    add_name_option(run, g_given.run_name, "The set's name; sets with different names run side by side");
+    run.add("--vestrad", g_given.daemon, "The daemon; by default the one beside this program").type("PATH");
+    run.add("--log", g_given.log,
+            "The daemon's log, a file of this machine, or - for standard error; without it\n"
+            "\"vestra-set log\" shows it while the set runs")
+        .type("FILE");
+    run.add("--log-level", g_given.plan.options.log_level, "debug, info, warning or error")
+        .one_of({"debug", "info", "warning", "error", "3", "4", "5", "6"});
+    add_seconds_option(run, "--grace", g_given.plan.grace, "Seconds that the daemon has to end after Ctrl-C");
+    run.add_flag("-q,--quiet", g_given.plan.quiet, "Do not report how the set comes up and ends");
+    add_set_options(run, "Default: 2");
 
-    CLI::App *sandbox =
+    cli::Command sandbox =
         add_command(app, Where::kProgram, "sandbox", "Run a program, such as a test, in its own set without the daemon",
                     start_sandbox,
                     "The program's exit code, or the signal that ends it, is passed on.\n"
                     "VESTRA_SET_INSIDE=1 is in its environment.\n\n"
                     "example:\n"
                     "  vestra-set sandbox --node --seed 7 -- ./build/tests/reader_test --gtest_list_tests");
-    add_name_option(*sandbox, g_given.sandbox_name,
+    add_name_option(sandbox, g_given.sandbox_name,
                     "A name lets \"vestra-set exec\" and the like reach it; auto: nobody can");
-    sandbox->add_flag("--node", g_given.plan.options.node, "Serve the trace control node as well");
-    add_set_options(*sandbox, "Default: 0");
+    sandbox.add_flag("--node", g_given.plan.options.node, "Serve the trace control node as well");
+    add_set_options(sandbox, "Default: 0");
 }
 
 }  // namespace vestra_set

@@ -88,27 +88,27 @@ int list_sets() {
 
 }  // namespace
 
-void add_set_commands(CLI::App &app) {
-    CLI::App *command =
+void add_set_commands(cli::Command app) {
+    cli::Command command =
         add_command(app, Where::kProgram, "exec", "Run a program inside a running set", execute,
                     "The program's exit code is passed on; 128 + the number of a signal that ended it.\n\n"
                     "example:\n  vestra-set exec --name demo -- ls -l /media/STICK");
-    add_name_option(*command);
+    add_name_option(command);
 
     command = add_command(app, Where::kOutside, "wait", "Wait until a set is up", wait_for_set);
-    add_name_option(*command);
-    add_seconds_option(*command, "--timeout", g_wait.timeout, "Seconds to wait");
+    add_name_option(command);
+    add_seconds_option(command, "--timeout", g_wait.timeout, "Seconds to wait");
 
     command =
         add_command(app, Where::kOutside, "stop", "Stop the daemon in order, and end its set", stop_set,
                     "The daemon gets SIGRTMIN+6 and ends its main loop and its reader, client and user-data\n"
                     "threads. It then waits for its process-list thread, which never ends. So it is ended by force\n"
                     "once the other threads have ended, or when the time of grace is over.");
-    add_name_option(*command);
-    add_seconds_option(*command, "--grace", g_stop.grace, "Seconds for the daemon's threads to end");
+    add_name_option(command);
+    add_seconds_option(command, "--grace", g_stop.grace, "Seconds for the daemon's threads to end");
 
     command = add_command(app, Where::kOutside, "list", "List the sets that are running", list_sets);
-    command->add_flag("--json", g_list.json, "As JSON");
+    command.add_flag("--json", g_list.json, "As JSON");
 }
 
 }  // namespace vestra_set

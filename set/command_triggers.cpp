@@ -217,37 +217,33 @@ int drop_list() {
 
 }  // namespace
 
-void add_trigger_commands(CLI::App &app) {
-    CLI::App *command = add_command(
+void add_trigger_commands(cli::Command app) {
+    cli::Command command = add_command(
         app, Where::kInside, "robust", "Report a failed process: the daemon writes a dump for it at once", request_dump,
         "The dump is DIRECTORY/0000000000_PID_PROCESS_SECONDS, and a copy of it is on the stick.");
-    command->add_option("directory", g_robust.directory, "Directory inside the set that the dump goes to")->required();
-    command->add_option("process", g_robust.process, "Name of the process that failed")->required();
-    command->add_option("pid", g_robust.pid, "Its process id")->required()->check(CLI::Range(0, INT_MAX));
+    command.add("directory", g_robust.directory, "Directory inside the set that the dump goes to").required();
+    command.add("process", g_robust.process, "Name of the process that failed").required();
+    command.add("pid", g_robust.pid, "Its process id").required().range(0, INT_MAX);
 
     command =
         add_command(app, Where::kInside, "dod", "Switch DOD mode: continuous dumps, in a folder of the stick", set_dod,
                     "The dumps go to /media/LABEL/issue_report_agent_DOD/Vestra. They need a daemon that was\n"
                     "started with two arguments.");
-    command->add_option("state", g_dod.state, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
+    command.add("state", g_dod.state, "on or off").required().one_of({"on", "off"});
 
     command = add_command(app, Where::kInside, "history",
                           "Make the daemon write the process history into its database, and show the newest rows",
                           show_history, "Exit code 1 when the daemon did not write it.");
-    command->add_option("--rows", g_history.rows, "How many to show")
-        ->check(CLI::Range(1, INT_MAX))
-        ->capture_default_str();
-    command->add_flag("--json", g_history.as_json, "As JSON");
-    add_seconds_option(*command, "--timeout", g_history.timeout, "Seconds to wait");
+    command.add("--rows", g_history.rows, "How many to show").range(1, INT_MAX).show_default();
+    command.add_flag("--json", g_history.as_json, "As JSON");
+    add_seconds_option(command, "--timeout", g_history.timeout, "Seconds to wait");
 
     command = add_command(app, Where::kInside, "filter", "Drop a list of process names: the module reports no others",
                           drop_list,
                           "Waits until the daemon has taken the list. The module keeps the five newest names, from\n"
                           "whatever lists, until it is loaded again; it compares 15 characters.");
-    command->add_option("name", g_filter.names, "Process names; the daemon sends the first five")
-        ->required()
-        ->type_name("NAME");
-    add_seconds_option(*command, "--timeout", g_filter.timeout, "Seconds to wait");
+    command.add("name", g_filter.names, "Process names; the daemon sends the first five").required().type("NAME");
+    add_seconds_option(command, "--timeout", g_filter.timeout, "Seconds to wait");
 }
 
 }  // namespace vestra_set

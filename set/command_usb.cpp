@@ -104,18 +104,17 @@ int list_sticks() {
 
 }  // namespace
 
-void add_usb_commands(CLI::App &app) {
-    CLI::App *usb = add_command(app, Where::kInside, "usb", "Plug and unplug USB sticks");
-    CLI::App *command = add_command(*usb, Where::kInside, "plug", "Plug a stick; it is at /media/LABEL then", plug);
-    command->add_option("label", g_usb.label, "Label")->required();
-    command->add_option("--size", g_usb.size, "Size of a new stick")->capture_default_str();
-    command->add_option("--dir", g_usb.directory, "A directory that the set sees, used as a stick");
-    command->add_flag("--no-mount", g_usb.no_mount, "A stick that could not be mounted");
-    command =
-        add_command(*usb, Where::kInside, "unplug", "Unplug a stick; its content stays for the next plug", unplug);
-    command->add_option("label", g_usb.label, "Label")->required();
-    command->add_flag("--yank", g_usb.yank, "Pull it out: the mount goes at once, with what was on it");
-    add_command(*usb, Where::kInside, "list", "List the sticks, in their order", list_sticks);
+void add_usb_commands(cli::Command app) {
+    cli::Command usb = add_command(app, Where::kInside, "usb", "Plug and unplug USB sticks");
+    cli::Command command = add_command(usb, Where::kInside, "plug", "Plug a stick; it is at /media/LABEL then", plug);
+    command.add("label", g_usb.label, "Label").required();
+    command.add("--size", g_usb.size, "Size of a new stick").show_default();
+    command.add("--dir", g_usb.directory, "A directory that the set sees, used as a stick");
+    command.add_flag("--no-mount", g_usb.no_mount, "A stick that could not be mounted");
+    command = add_command(usb, Where::kInside, "unplug", "Unplug a stick; its content stays for the next plug", unplug);
+    command.add("label", g_usb.label, "Label").required();
+    command.add_flag("--yank", g_usb.yank, "Pull it out: the mount goes at once, with what was on it");
+    add_command(usb, Where::kInside, "list", "List the sticks, in their order", list_sticks);
 }
 
 }  // namespace vestra_set

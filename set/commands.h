@@ -2,9 +2,10 @@
 // it out; a source file's add_..._commands connects them.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
+
+#include "cli/command_line.h"
 
 namespace vestra_set {
 
@@ -25,22 +26,19 @@ extern std::vector<std::string> g_program;  // the words after "--"
 
 // Adds a command to `parent`, the program or another command, and returns it for its options. One that only holds
 // others has no `run`. Commands that are carried out inside get --name.
-CLI::App *add_command(CLI::App &parent, Where where, const std::string &name, const std::string &summary,
-                      int (*run)() = nullptr, const std::string &footer = "");
+cli::Command add_command(cli::Command parent, Where where, const std::string &name, const std::string &summary,
+                         int (*run)() = nullptr, const std::string &footer = "");
 
 // Adds --name; `name` holds the default.
-void add_name_option(CLI::App &app, std::string &name = g_name, const std::string &text = "The set's name");
+void add_name_option(cli::Command app, std::string &name = g_name, const std::string &text = "The set's name");
 
 // Adds an option for a number of seconds, from 0 to a million.
-void add_seconds_option(CLI::App &app, const std::string &option, double &seconds, const std::string &text);
+void add_seconds_option(cli::Command app, const std::string &option, double &seconds, const std::string &text);
 
-// A validator for numbers from `low` to `high`.
-CLI::Validator between(double low, double high);
-
-void add_run_commands(CLI::App &app);      // run, sandbox
-void add_remote_commands(CLI::App &app);   // key, temperature, vconf, module, notices, log
-void add_usb_commands(CLI::App &app);      // usb
-void add_trigger_commands(CLI::App &app);  // robust, dod, history, filter
-void add_set_commands(CLI::App &app);      // exec, wait, stop, list
+void add_run_commands(cli::Command app);      // run, sandbox
+void add_remote_commands(cli::Command app);   // key, temperature, vconf, module, notices, log
+void add_usb_commands(cli::Command app);      // usb
+void add_trigger_commands(cli::Command app);  // robust, dod, history, filter
+void add_set_commands(cli::Command app);      // exec, wait, stop, list
 
 }  // namespace vestra_set

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 
 #include "set/commands.h"
 #include "set/complain.h"
@@ -59,21 +60,20 @@ int run(const std::vector<std::string> &arguments) {
     if (dashes != arguments.end()) g_program.assign(dashes + 1, arguments.end());
     if (!words.empty() && words[0].rfind("inner-", 0) == 0) return run_inner(words);
 
-    CLI::App app(
+    cli::Program program(
         "A simulated TV set for the flight recorder: runs the daemon at its real paths in its own namespace, with a\n"
         "kernel module, key presses, USB sticks and settings to play with.",
-        "vestra-set");
-    app.require_subcommand(1)->fallthrough();
-    app.footer(kOverview);
+        "vestra-set", VESTRA_VERSION);
+    program.require_command();
+    program.pass_unknown_up();
+    program.footer(kOverview);
     // In the order in which help shows them.
-    for (auto *add : {add_run_commands, add_remote_commands, add_usb_commands, add_trigger_commands, add_set_commands,
-        add(app);
-    }
-    try {
-        app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? kExitOk : kExitUsage;
-    }
+    add_run_commands(program);
+    add_remote_commands(program);
+    add_usb_commands(program);
+    add_trigger_commands(program);
+    add_set_commands(program);
+    if (const std::optional<int> code = program.parse(words)) return *code == 0 ? kExitOk : kExitUsage;
     if (!g_program.empty() && g_command.where != Where::kProgram) fail("nothing is expected after \"--\"", kExitUsage);
     if (g_command.where != Where::kInside || std::getenv("VESTRA_SET_INSIDE") != nullptr) return g_command.run();
 

@@ -69,7 +69,7 @@ void add_time_options(cli::Command app, TimeOptions &options) {
         .type("TIME");
 }
 
-void add_top_option(cli::Command app, unsigned &top, unsigned least, unsigned greatest) {
+void add_top_option(cli::Command app, unsigned &top, int least, int greatest) {
     app.add("--top", top, "Number of processes in each list").show_default().range(least, greatest);
 }
 

@@ -45,7 +45,7 @@ Action setup_cut(cli::Command app);
 void add_time_options(cli::Command app, TimeOptions &options);
 
 // Adds --top.
-void add_top_option(cli::Command app, unsigned &top, unsigned least, unsigned greatest);
+void add_top_option(cli::Command app, unsigned &top, int least, int greatest);
 
 // Options of a command that makes one file from one dump.
 struct FileOptions {
