@@ -1,7 +1,7 @@
 // exec, wait, stop and list: commands about sets as a whole, from outside.
 
 #include <chrono>
-#include <cstdio>
+#include <iomanip>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -81,7 +81,8 @@ int list_sets() {
     }
     if (sets.empty()) std::cout << "no set is running" << std::endl;
     for (const RunningSet &set : sets) {
-        std::printf("%-20s launcher %-8d %s\n", set.name.c_str(), set.launcher, set.program.c_str());
+        std::cout << std::left << std::setw(20) << set.name << " launcher " << std::setw(8) << set.launcher << " "
+                  << set.program << "\n";
     }
     return kExitOk;
 }

@@ -114,20 +114,22 @@ class Follower {
     Follower(const Follower &) = delete;
     Follower &operator=(const Follower &) = delete;
 
-    // Returns the program's wait status, or 0 where it was ended by force. A set that is interrupted before it is up is
-    // one whose program has ended by that signal.
+    // Returns the program's wait status; 0 for a daemon that was stopped, by force too or before it could handle the
+    // signal.
     int follow() {
         while (!ended_) {
             pollfd waits[] = {{link_, POLLIN, 0}, {signals_, POLLIN, 0}};
-            poll(waits, 2, stop_ != nullptr ? static_cast<int>(kStopLook.count()) : -1);
-            signalfd_siginfo info;
-            while (read(signals_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) take(info);
+            // Signals that come before the set is up wait until then.
+            poll(waits, up_ ? 2 : 1, stop_ != nullptr ? static_cast<int>(kStopLook.count()) : -1);
             if (waits[0].revents != 0) take_report();
+            signalfd_siginfo info;
+            while (up_ && read(signals_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) take(info);
             if (stop_ != nullptr) stop_->look();
         }
         const bool by_force =
             plan_.directory != nullptr && access((plan_.directory->path() + kForcedMark).c_str(), F_OK) == 0;
-        return by_force ? 0 : status_;
+        const bool too_early = plan_.options.daemon && WIFSIGNALED(status_) && WTERMSIG(status_) == set_.stop_signal;
+        return by_force || too_early ? 0 : status_;
     }
 
   private:
@@ -138,10 +140,7 @@ class Follower {
     // The program gets the signal, except that the daemon is stopped in order, and by force at the second.
     void take(const signalfd_siginfo &info) {
         const int number = static_cast<int>(info.ssi_signo);
-        if (!up_) {
-            status_ = number;
-            kill(bwrap_, SIGKILL);  // which ends the first process; then the link closes
-        } else if (!plan_.options.daemon) {
+        if (!plan_.options.daemon) {
             // From the terminal it has it already.
             if (info.ssi_code != SI_KERNEL) signal_process(program_, number);
         } else if (stop_ != nullptr) {
@@ -154,8 +153,6 @@ class Follower {
     void take_report() {
         Report report{};
         if (recv(link_, &report, sizeof report, 0) != static_cast<ssize_t>(sizeof report)) {
-            ended_ = status_ != 0;
-            if (ended_) return;
             if (up_) fail("the set was killed");
             fail(geteuid() == 0 ? kNoNamespaceForRoot : kNoNamespace, kExitNoSet);
         }

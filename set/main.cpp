@@ -88,7 +88,9 @@ int run(const std::vector<std::string> &arguments) {
 int main(int argc, char **argv) {
     vestra_set::open_standard_streams();
     try {
-        return vestra_set::run({argv + std::min(argc, 1), argv + argc});
+        const int code = vestra_set::run({argv + std::min(argc, 1), argv + argc});
+        if (!std::cout.flush()) vestra_set::fail_errno("standard output");
+        return code;
     } catch (const vestra_set::Failure &failure) {
         vestra_set::say(failure.what());
         return failure.code;
