@@ -118,7 +118,9 @@ std::string process_path(const UniqueFd &process) {
     return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(process.get());
 }
 
-ClaimedDirectory::ClaimedDirectory(const std::string &name) : path_(set_directory(name)) {
+// It delegates, so that the destructor runs, and removes what is there, if it throws.
+ClaimedDirectory::ClaimedDirectory(const std::string &name) : ClaimedDirectory() {
+    path_ = set_directory(name);
     const std::string lock_path = path_ + kLockSuffix;
     struct stat mine {};
     struct stat found {};
@@ -129,6 +131,7 @@ ClaimedDirectory::ClaimedDirectory(const std::string &name) : path_(set_director
         if (!lock_.valid() && errno != ENOENT) fail_errno(lock_path);
         struct flock lock = whole_file();
         if (lock_.valid() && fcntl(lock_.get(), F_OFD_SETLK, &lock) != 0) {
+            lock_.reset();
             fail("a set \"" + name + "\" is running already (process " +
                  std::to_string(find_set(name).value_or(RunningSet()).launcher) +
                  "); end it with \"vestra-set stop --name " + name + "\", or give this one another --name");
@@ -150,6 +153,7 @@ bool ClaimedDirectory::announce(const RunningSet &set) {
 }
 
 ClaimedDirectory::~ClaimedDirectory() {
+    if (!lock_.valid()) return;
     std::error_code ignored;
     fs::remove_all(path_, ignored);
     fs::remove(path_ + kLockSuffix, ignored);

@@ -69,7 +69,9 @@ class ClaimedDirectory {
     bool announce(const RunningSet &set);
 
   private:
-    const std::string path_;
+    ClaimedDirectory() = default;
+
+    std::string path_;
     UniqueFd lock_;
 };
 
