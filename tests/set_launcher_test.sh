@@ -91,7 +91,7 @@ check "process ids have their links long before they are used" ok "$(sandbox -- 
     done
     echo ok')"
 sandbox --usb-dir bad=/missing -- true 2>/dev/null; check "a missing stick directory is a usage error" 64 $?
-has "a wrong rate is reported" "wanted 0.01 to 100 samples" "$(sandbox --node --source host --rate 1000 -- true 2>&1)"
+has "a wrong rate is reported" "must be 0.01 to 100 samples" "$(sandbox --node --source host --rate 1000 -- true 2>&1)"
 has "a misspelt configuration element shows the known ones" "max_file_size (10)" "$(sandbox --config max_file_siz=1 -- true 2>&1)"
 has "sets do not nest" "do not nest" "$(sandbox --bind "$(dirname "$set_program")" -- "$set_program" sandbox -- true 2>&1)"
 mkdir "$work/bin" && printf '#!/bin/sh\necho "no namespaces for you" >&2; exit 1\n' > "$work/bin/bwrap" && chmod +x "$work/bin/bwrap"
