@@ -9,7 +9,7 @@
 //   if (const std::optional<int> code = program.parse(words)) return *code == 0 ? 0 : 64;
 //
 // Every target must live as long as the program. Errors in the use of these operations, such as an option that is added
-// twice, throw std::logic_error. One thread.
+// twice, throw std::runtime_error. One thread.
 #pragma once
 
 #include <cstdint>
@@ -97,7 +97,7 @@ class Program : public Command {
     // Parses the words after the program's name and sets the targets. An exit code when the program ends here: 0 after
     // help or version, not 0 after an error, which is printed.
     std::optional<int> parse(const std::vector<std::string> &words);
-    std::optional<int> parse(int argc, char **argv) { return parse({argv + 1, argv + argc}); }
+    std::optional<int> parse(int argc, char **argv) { return parse({argv + (argc > 0 ? 1 : 0), argv + argc}); }
 
   private:
     explicit Program(std::unique_ptr<CLI::App> app);
