@@ -25,7 +25,7 @@ struct SwitchSample {
     int32_t parent;
     int32_t pid;
     std::string_view name;           // up to its first zero byte, at most kNameShown bytes; a view of the frame
-    uint64_t read_kib, written_kib;  // since the process's last sample
+    uint64_t read_kib, written_kib;  // since the process was started; 0 where the module does not trace it
     int64_t cpu_user, cpu_system;    // ticks of the process, in all
     uint64_t rss, swap;              // KiB
     double context_switches, running;
