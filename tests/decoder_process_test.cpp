@@ -73,12 +73,14 @@ TEST_F(DecoderTest, HistoryIsSearchedFarEnoughAfterMemcpyAndMemset) {
     void *table = gProcCpuUsageHist, *second = &gProcCpuUsageHist[6], *far = &gProcCpuUsageHist[900];
     __VestraProcCPUUsageHist__ record = {kSecond, 5, -1, 1, 2, 0, 0, 0, "name"};
     for (; record.pid < 3 * 32768; record.pid = record.pid + 32768) vestra_vital_update_cpuusage_hist(&record);
+    gProcCpuUsageHist[500] = {kSecond, 99, -1, 1, 2, 0, 0, 0, "name"};
     std::vector<char> saved(sizeof(gProcCpuUsageHist));
     memcpy(saved.data(), table, saved.size());
     vesrta_hash_init_hist();
     EXPECT_EQ(vesrta_checkhash_hist(65541), -1);
     memcpy(table, saved.data(), saved.size());
     EXPECT_EQ(vesrta_checkhash_hist(65541), 7);
+    EXPECT_EQ(vesrta_checkhash_hist(99), 500) << "which others had put far from its home";
     memset(second, 0xff, kNumbers);
     EXPECT_EQ(vesrta_checkhash_hist(32773), -1);
     EXPECT_EQ(vesrta_checkhash_hist(65541), 7) << "after a record that is unused now";

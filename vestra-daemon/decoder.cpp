@@ -169,17 +169,23 @@ static int next_index(int index) {
     return (index + 1) & (kHistRecords - 1);
 }
 
-// Makes `farthest` cover what others have put into the table.
+// Makes `farthest` cover what others have put into a record.
+static void measure_record(int index) {
+    const int pid = gProcCpuUsageHist[index].pid;
+    if (pid != -1) farthest = std::max(farthest, (index - home_index(pid)) & (kHistRecords - 1));
+}
+
 [[gnu::cold]] static void measure_table() {
     HistoryPid::any_changed = false;
-    for (int i = 0; i < kHistRecords; ++i) {
-        const int pid = gProcCpuUsageHist[i].pid;
-        if (pid != -1) farthest = std::max(farthest, (i - home_index(pid)) & (kHistRecords - 1));
-    }
+    for (int i = 0; i < kHistRecords; ++i) measure_record(i);
 }
 
 int vesrta_hash_init_hist() {
-    for (int i = 0; i < kHistRecords; ++i) gProcCpuUsageHist[i] = {0, -1, -1, 0, 0, 0, 0, 0, std::string()};
+    for (int i = 0; i < kHistRecords; ++i) {
+        // Processes that others have put here may come back, if they saved the table.
+        if (!gProcCpuUsageHist[i].name.empty()) measure_record(i);
+        gProcCpuUsageHist[i] = {0, -1, -1, 0, 0, 0, 0, 0, std::string()};
+    }
     HistoryPid::any_changed = false;
     return 0;
 }
