@@ -18,9 +18,10 @@
 // message is read as a whole (8) before anything is stored: CPU history (3), memory list (4), then the ring (5).
 //
 // Threads: the reader thread runs 1 to 5 and 7 to 9; the client thread runs 6 and, from there, find_valid_index (5);
-// the main thread runs 10 and 11. Without memory the reader thread also runs set_shm_default_vconf (10). The client
-// thread reads the ring without a lock and checks each index that it takes from it. Lock order: `lock` (vestrad.cpp),
-// then shm_lock. Counters come from outside: their sums, differences and products wrap.
+// the main thread runs 10 and 11, and init_collected_data (5) before the others start. Without memory the reader thread
+// also runs set_shm_default_vconf (10). Functions without state (slot_of, vital, ToString) run on any thread. The
+// client thread reads the ring without a lock and checks each index that it takes from it. Lock order: `lock`
+// (vestrad.cpp), then shm_lock. Counters come from outside: their sums, differences and products wrap.
 
 #include "vestra-daemon/decoder.h"
 

@@ -145,7 +145,7 @@ int32_t fault_handling_flag;  // a fault is being handled: nothing sets it, the 
 int32_t dod_mode_flag;        // last value of the DOD key: the main loop writes it, the reader thread polls it
 
 // The capture chain. The reader thread writes all four while it holds the lock. The last two are read without it, and
-// the main loop clears the flag after a key dump.
+// the main loop clears the flag after a key dump. A dump's first log line reads the first two without it, too.
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;  // guards ghead_s, its links and gtotal_bytes
 circ_buf_s *ghead_s;                               // oldest block; null when the chain is empty
 uint32_t gtotal_bytes;                             // bytes, sum of size over the chain
@@ -724,7 +724,8 @@ int read_data(circ_buf_s **head, int fd, unsigned int *total) {
     node->next = nullptr;
 
     const int type = decode_file(node->data, size);
-    // Lite mode keeps a block only if its last frame is a switch (7) or a CPU and memory (8) frame, or if it has none.
+    // Lite mode drops a block whose last frame has a type above 0 that is neither switch (7) nor CPU and memory (8).
+    // Kept as it stands: the type is signed, so a block stays for 0, for 128 and above, and without any frame (-1).
     if (g_vestra_config.vestra_litemode_on != 0 && type > 0 && type != 7 && type != 8) {
         vestra_free_node(&node);
         return 0;
@@ -1169,7 +1170,8 @@ static int32_t write_if_due(int32_t curtime, int32_t prevtime, uint32_t min_req_
     if (get_usb_path(path, kPathSize, 0) != 0) return prevtime;
     _vestra_write_reason reason = WRITE_REASON_CONTINUOUS;
     if (dod) reason = continuous ? WRITE_REASON_CONTINUOUS_DOD : WRITE_REASON_DOD;
-    // 0 without a dump, because a little data is still missing, counts as a dump: the next try is one interval later.
+    // Kept as it stands: 0 without a dump, because a little data is still missing, counts as a dump. The next try is one
+    // interval later.
     if (write_data(&ghead_s, path, process_name, getpid(), reason) < 0) {
         LOGE("ERROR: trf write_data failed (%d:%m)", errno);
         return prevtime;
@@ -1180,7 +1182,7 @@ static int32_t write_if_due(int32_t curtime, int32_t prevtime, uint32_t min_req_
 // Rounds of read, pause and, when due, dump, until exit_flag or a failed read. False when a read failed.
 static bool read_rounds(int fd) {
     LOGS_AS("thread_read_func");
-    // Wraps for a budget below 256 KiB: then no dump is ever due.
+    // Kept as it stands: wraps for a budget below 256 KiB. Then no dump is ever due.
     const uint32_t min_req_data = max_file_size - kAttemptMargin;
     int32_t curtime = 0, prevtime = 0;
     while (!exit_flag) {
@@ -1273,7 +1275,7 @@ void dod_vconf_notify_cb(keynode_t *key, void * /*user_data*/) {
         dod_mode_flag = value;
         char usb[kPathSize] = {};
         if (value == 1 && get_usb_path(usb, kPathSize, 0) == 0) {
-            // Kept as it stands: the first lookup of a stick leaves `usb` empty, so the folder is one of the root.
+            // Kept as it stands: the first lookup of a stick leaves `usb` empty, so the folder is made in "/".
             char folder[kPathSize];
             snprintf(folder, sizeof(folder), "%s/%s/", usb, kDodFolder);
             if (check_path(folder, kPathSize, 0) != 0) {
@@ -1648,7 +1650,8 @@ static bool next_line(FILE *file, int *left, char *line, size_t size) {
     return true;
 }
 
-// Reads the names into the configuration record. The count is the number of lines, though only six are stored.
+// Reads the names into the configuration record. Kept as it stands: the count is the number of lines, though only six
+// are stored.
 static void load_names(FILE *file) {
     LOGS_AS("updateFilterProcessNames");
     char line[kLongPath];
@@ -1664,7 +1667,7 @@ static void load_names(FILE *file) {
         LOGI("g_vestra_config.vestra_proc_filter_pname[%d] = %s", static_cast<int>(lines), line);
         ++lines;
     }
-    // An empty list changes nothing: the names of the previous list are sent again.
+    // Kept as it stands: an empty list changes nothing, so the names of the previous list are sent again.
     if (lines > 0) g_vestra_config.vestra_proc_filter_enable_num = static_cast<int32_t>(lines);
 }
 
@@ -1778,6 +1781,7 @@ void updateFilterProcessNames(const char *name) {
         return;
     }
     char command[sizeof(ShellWord) + 64];
+    // Kept as it stands: the doubled slash is harmless, and the log shows the command with it.
     snprintf(command, sizeof(command), "/bin/rm -rf %s/%s", kListDir, ShellWord(name).text);
     runShell(command);
     LOGE("File name recieved [%s], it should be [processes.txt], removing file [%s]", name, command);
