@@ -65,12 +65,12 @@ class Database : public DecoderTest {
         db = nullptr;
     }
     // Fills the table as the trigger does and expects this many rows in it and this value of the key afterwards.
-    static void fill(int rows, int key_behind) {
+    static void fill(int rows, int key_after) {
         EXPECT_EQ(vconf_set_int(kKey, 1), 0);
         EXPECT_EQ(Process_Info_fill(), 0);
         int key = -1;
         EXPECT_EQ(vconf_get_int(kKey, &key), 0);
-        EXPECT_EQ(key, key_behind);
+        EXPECT_EQ(key, key_after);
         EXPECT_TRUE(rows < 0 || query("SELECT COUNT(*) FROM PROCESS_INFO") == std::to_string(rows) + "\n") << rows;
     }
 };
@@ -87,7 +87,7 @@ TEST_F(Database, StartMakesTheTableAnewOrGoesOnWithoutOne) {
     fs::rename("/opt/usr/home/owner/away", kDirectory);
 }
 
-TEST_F(Database, RowsAreTheSamplesNewestFirstInBatchesOfAHundred) {
+TEST_F(Database, RowsAreTheSamplesNewestFirst) {
     add(-5, -3, "first", std::numeric_limits<int32_t>::min(), -1, -0.5);
     add(1'234'567'890'123'456'789, 32767, "it's;", 2147483647, 0, 99.9);
     add(7, 1, "", 1, 2, std::numeric_limits<double>::quiet_NaN());
@@ -99,25 +99,29 @@ TEST_F(Database, RowsAreTheSamplesNewestFirstInBatchesOfAHundred) {
               "9|3|huge|1|2|-9223372036854775808\n8|2|inf|1|2|9223372036854775807\n7|1||1|2|0\n"
               "1234567890123456789|32767|it's;|2147483647|0|99\n-5|-3|first|-2147483648|-1|0\n");
     expect_golden("database-fill", log_text());
-    const std::pair<int, const char *> batches[] = {
-        {0, "with 0\n"}, {100, "fully!\n"}, {101, "! *2\n"}, {250, "! *3\n"}};
-    for (const auto &[samples, statements] : batches) {
+}
+
+TEST_F(Database, EachStatementHasAHundredRows) {
+    for (const auto &[samples, statements] :
+         Table<int, const char *>{{0, "with 0\n"}, {100, "fully!\n"}, {101, "! *2\n"}}) {
         free_bufs_shm(&ghead_shm);
         add_many(samples);
         fill(samples, 0);
         EXPECT_THAT(log_text(), HasSubstr(statements)) << samples;
     }
-    EXPECT_EQ(query("SELECT COUNT(DISTINCT PROCESS_ID) FROM PROCESS_INFO"), "250\n");
+    EXPECT_EQ(query("SELECT COUNT(DISTINCT PROCESS_ID) FROM PROCESS_INFO"), "101\n");
 }
 
-TEST_F(Database, FailuresLeaveTheKeyAndAreNamed) {
+TEST_F(Database, FillThatFailsLeavesTheKey) {
     add(2, 20, "bad\"name", 5, 6, 7.5);
     add(3, 30, "good", -5, 6, 7.5);
     fill(0, 1);
     expect_golden("database-fill-of-a-bad-name", log_text());
     add_many(150);
     fill(100, 1);  // the batch before the failed one stays
-    free_bufs_shm(&ghead_shm);
+}
+
+TEST_F(Database, FullDiskIsNamedAndTheNextFillIsWhole) {
     add_many(2000);
     at_every_opening([](sqlite3 *handle, char **, const void *) {
         return sqlite3_exec(handle, "PRAGMA max_page_count=4", nullptr, nullptr, nullptr);
@@ -128,6 +132,10 @@ TEST_F(Database, FailuresLeaveTheKeyAndAreNamed) {
     EXPECT_THAT(log, HasSubstr("6 Process_Info_fill SQL error: database or disk is full Query = INSERT INTO"));
     EXPECT_THAT(log, EndsWith("\n6 Process_Info_fill Can't fill the table because there is no disk space left\n"));
     fill(2000, 0);
+}
+
+TEST_F(Database, FillWithoutATableFailsAndLeavesItOpen) {
+    add_many(1);
     query("DROP TABLE PROCESS_INFO");
     fill(-1, 1);
     EXPECT_THAT(log_text("6"), EndsWith("SQL error: no such table: PROCESS_INFO\n"));

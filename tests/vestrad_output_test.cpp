@@ -25,9 +25,6 @@ class VestradOutput : public DaemonTest {
 TEST_F(VestradOutput, PathIsWaitedFor) {
     const std::string missing = "6 CUPI [vestrad][check_path_int:LINE] path does not exist(path:/tmp/stick) *";
     char path[] = "/tmp/stick", file[] = "/tmp/file";
-    EXPECT_EQ(check_path(path, sizeof(path), 2), -1);
-    EXPECT_THAT(seen("3w"), ElementsAre("wait 1000000 *3", "3 [CUP:vestrad][retry count:4] failed to get path"));
-    begin_transcript();
     EXPECT_EQ(check_path(path, sizeof(path), -3), -1);
     EXPECT_THAT(seen(), ElementsAre(missing + "41", "3 [CUP:vestrad][retry count:42] failed to get path"));
     begin_transcript();
@@ -45,8 +42,7 @@ TEST_F(VestradOutput, StickIsUsedFromTheSecondLookup) {
     const std::string failed = "3 [GUPI][vestrad][get_usb_path_int:LINE] valid=";
     found(0, -1);
     EXPECT_THAT(seen("w"), ElementsAre("wait 1000000 *41"));
-    EXPECT_THAT(seen(), ElementsAre(failed + "0 failed to get USB path[] *41",
-                                    "6 [GUP] [vestrad][retry count:42] failed to get USB path []"));
+    EXPECT_EQ(seen().back(), "6 [GUP] [vestrad][retry count:42] failed to get USB path []");
     plug(kStick);
     EXPECT_EQ(found(0), "");
     EXPECT_EQ(found(0), kStick);

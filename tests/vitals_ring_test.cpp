@@ -60,7 +60,6 @@ TEST_F(Ring, WhatItCannotStoreIsRefused) {
     EXPECT_EQ(last_index, kMost / kSecond % 180);
 }
 
-// What it does to the figures: vitals_oracle_test.cpp.
 TEST_F(Ring, HighIoWaitIsNamedAsAGlitch) {
     put(10 * kSecond);
     put(11 * kSecond, 0, 800);
@@ -69,20 +68,28 @@ TEST_F(Ring, HighIoWaitIsNamedAsAGlitch) {
               "1.000000 11 10 $\n");
 }
 
-TEST_F(Ring, CountersMayWrapTimesCoincideAndThePassStop) {
-    put(178 * kSecond, kMost, kLeast);
-    put(179 * kSecond, kLeast, kMost);
-    EXPECT_DOUBLE_EQ(collectedData[179].cpu_user_percent, 0.1) << "one tick";
-    put(180 * kSecond, 5);
-    collectedData[0].switch_timestamp = collectedData[179].switch_timestamp;
-    for (int64_t &degrees : collectedData[0].temperature) degrees = kMost;
+TEST_F(Ring, CountersMayWrap) {
+    put(1 * kSecond, kMost, kLeast);
+    put(2 * kSecond, kLeast, kMost);
+    EXPECT_DOUBLE_EQ(collectedData[2].cpu_user_percent, 0.1) << "one tick";
+    for (int64_t &degrees : collectedData[2].temperature) degrees = kMost;
     calculateCPUAvgValues();
-    EXPECT_TRUE(std::isinf(collectedData[0].cpu_user_percent) && std::isnan(collectedData[0].cpu_system_percent));
-    EXPECT_EQ(collectedData[0].avg_temperature, -1) << "32 bits of each, whose sum wraps";
+    EXPECT_EQ(collectedData[2].avg_temperature, -1) << "32 bits of each; their sum wraps";
+}
+
+TEST_F(Ring, TimesMayCoincide) {
+    for (const int second : {1, 2, 3}) put(second * kSecond, second);
+    collectedData[3].switch_timestamp = collectedData[2].switch_timestamp;
+    calculateCPUAvgValues();
+    EXPECT_TRUE(std::isinf(collectedData[3].cpu_user_percent) && std::isnan(collectedData[3].cpu_system_percent));
+}
+
+TEST_F(Ring, PassEndsAtSlot179WhenTheDaemonStops) {
+    for (const int second : {178, 179, 180}) put(second * kSecond);
     const int samples = g_CPUValidSample;
     exit_flag = 1;
     calculateCPUAvgValues();
-    EXPECT_EQ(g_CPUValidSample, samples + 1) << "the daemon stops: slot 179 is the last";
+    EXPECT_EQ(g_CPUValidSample, samples + 1);
 }
 
 #ifdef __x86_64__
