@@ -26,8 +26,6 @@ mkdir -p "$root"/var/lib/dpkg/{info,updates}
 : >"$root/var/lib/dpkg/status"
 package --install "$deb"
 [ "$(state)" = "ii " ] || fail "installed, the state is '$(state)'"
-mapfile -t files < <(dpkg --root="$root" -L vestrad)
-for file in "${files[@]}"; do [ -e "$root$file" ] || fail "$file is not there"; done
 for file in bin/vestrad bin/vestra-set bin/vestra-stat bin/vestra-dump share/man/man8/vestrad.8 share/man/man1/vestra-set.1; do
     [ -e "$root/usr/$file" ] || [ -e "$root/usr/$file.gz" ] || fail "/usr/$file is not there"
 done
@@ -48,4 +46,4 @@ package --remove vestrad
 package --purge vestrad
 left=$(find "$root" -path "$root/var/lib/dpkg" -prune -o ! -type d -print)
 [ -z "$left" ] || fail "purged, these are left: $left"
-echo "ok: ${#files[@]} entries installed, upgraded, removed and purged"
+echo "ok: installed, upgraded, removed and purged"

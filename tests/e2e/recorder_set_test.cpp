@@ -1,6 +1,6 @@
-// The recorder's road from the module to dumps and history: key presses, requests of other programs, sticks that go and
-// databases that cannot be written, a module that is damaged or unloaded. A read takes a whole block (131072 bytes), so
-// that a chain of 1 MiB is full after some five seconds.
+// The recorder from the module to dumps and history: key presses, requests of other programs, sticks that are pulled
+// out, databases that cannot be written, a module that is unloaded. A read takes a whole block (131072 bytes), so a
+// chain of 1 MiB is full after some five seconds.
 //
 // By hand: vestra-set sandbox --node --block-size 131072 -- e2e_test --gtest_filter='Recorder.*'.
 
