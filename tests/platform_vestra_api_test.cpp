@@ -20,6 +20,7 @@ constexpr int kLong = 30000;  // ms
 
 struct Play {
     std::atomic<bool> quit{false};
+    std::atomic<int> taken{0};        // requests taken
     std::atomic<int> give_up{0};      // this many requests are given up
     std::atomic<int> unanswered{-1};  // packet type that is left out
 };
@@ -34,6 +35,7 @@ void serve(Play *play) {
         }
         __atomic_store_n(&shm->marker, 1, __ATOMIC_RELEASE);
         if (vestra_request_sem_lock_func("client_request_process", 6) < 0) continue;
+        ++play->taken;
         const bool give_up = play->give_up > 0;
         if (give_up) --play->give_up;
         for (vestra_api_data &entry : shm->request) {
@@ -134,6 +136,21 @@ TEST_F(VestraApi, RequestOutOfRangeIsRefused) {
         std::vector<vestra_api_data> requests(18, {row.type, row.window, 0, 0, 0, 0, 0, 0});
         EXPECT_EQ(vestra_api_ask(client_, requests.data(), row.count, kLong), row.result) << row.type;
     }
+}
+
+TEST_F(VestraApi, RequestOfADeadClientIsWithdrawnByTheNext) {
+    vestra_shm_record *shm = record();
+    shm->marker = 1;
+    const pid_t victim = fork();
+    if (victim == 0) _exit(ask(3, 33, kLong));
+    EXPECT_TRUE(
+        run_loop_until([&] { return __atomic_load_n(&shm->state, __ATOMIC_ACQUIRE) == VESTRA_REQUEST_POSTED; }));
+    kill(victim, SIGKILL);
+    waitpid(victim, nullptr, 0);
+    EXPECT_EQ(ask(8, 1, 50), VESTRA_API_TIMEOUT);
+    thread_ = std::thread(serve, &play_);
+    EXPECT_EQ(ask(8, 2, kLong), 8002);
+    EXPECT_EQ(play_.taken, 1) << "nobody waits for the others any more";
 }
 
 TEST_F(VestraApi, SegmentOfAnotherSizeIsRefused) {
