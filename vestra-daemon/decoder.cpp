@@ -159,8 +159,9 @@ void get_unpackedBytesWithLength(int frame_len, int offset, char *frame, int cou
 // The table; the last record is never used. Reader thread only.
 __VestraProcCPUUsageHist__ gProcCpuUsageHist[kHistRecords + 1];
 
-// The greatest distance of a process from its home index so far, in records. Never becomes smaller. Reader thread only.
-static int farthest;
+// For each home index, the greatest distance from it of one of its processes so far, in records. Never becomes smaller.
+// Reader thread only.
+static uint16_t farthest[kHistRecords];
 
 static int home_index(int pid) {
     return static_cast<int>(static_cast<uint32_t>(pid) & (kHistRecords - 1));
@@ -170,10 +171,17 @@ static int next_index(int index) {
     return (index + 1) & (kHistRecords - 1);
 }
 
+// Makes `farthest` cover a process in the record at `index`.
+static void note_distance(int pid, int index) {
+    const int home = home_index(pid);
+    const auto distance = static_cast<uint16_t>((index - home) & (kHistRecords - 1));
+    farthest[home] = std::max(farthest[home], distance);
+}
+
 // Makes `farthest` cover what others have put into a record.
 static void measure_record(int index) {
     const int pid = gProcCpuUsageHist[index].pid;
-    if (pid != -1) farthest = std::max(farthest, (index - home_index(pid)) & (kHistRecords - 1));
+    if (pid != -1) note_distance(pid, index);
 }
 
 [[gnu::cold]] static void measure_table() {
@@ -198,7 +206,7 @@ int vesrta_gethash_hist(int pid) {
         __VestraProcCPUUsageHist__ &record = gProcCpuUsageHist[index];
         if (record.pid != -1 && !record.name.empty()) continue;
         if (record.pid == -1) record.pid.place(pid);
-        farthest = std::max(farthest, probe);
+        note_distance(pid, index);
         return index;
     }
     return -1;
@@ -206,12 +214,13 @@ int vesrta_gethash_hist(int pid) {
 
 // The first record with `pid`, from its home index on; null when there is none or it has no name.
 static inline __VestraProcCPUUsageHist__ *search(int pid) {
-    int index = home_index(pid), probe = 0;
+    const int home = home_index(pid);
+    int index = home, probe = 0;
     do {
         __VestraProcCPUUsageHist__ &record = gProcCpuUsageHist[index];
         if (record.pid == pid) return record.name.empty() ? nullptr : &record;
         index = next_index(index);
-    } while (++probe <= farthest);
+    } while (++probe <= farthest[home]);
     return nullptr;
 }
 

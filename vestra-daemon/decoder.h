@@ -87,10 +87,10 @@ static_assert(sizeof(_VestraData_) == 4 * sizeof(double), "the layout is fixed")
 
 // A process id in a record of the CPU history: an int32_t that notes when one is made or changed.
 //
-// The history's functions remember the greatest distance of a process from its home index. A search ends there, not
-// after all 32,768 records. Whoever fills a record directly may put its process farther away, so after that the next
-// search that finds nothing measures the table and goes on. The distance never becomes smaller: a table that was copied
-// away and back is searched far enough, even if memcpy did it.
+// The history's functions remember, for each home index, the greatest distance of a process from it. A search ends
+// there, not after all 32,768 records. Whoever fills a record directly may put its process farther away, so after that
+// the next search that finds nothing measures the table and goes on. The distances never become smaller: a table that
+// was copied away and back is searched far enough, even if memcpy did it.
 class HistoryPid {
   public:
     HistoryPid(int32_t pid = 0) : pid_(pid) { any_changed = true; }
