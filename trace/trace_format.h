@@ -96,8 +96,7 @@ inline void put_frame_len(uint32_t size, unsigned char *p) {
     for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(size >> (8 * i));
 }
 
-// `next` points past the varint, or is null if the varint is truncated or longer than ten bytes. Bits beyond 64 are
-// lost.
+// `next` points past the varint, or is null if it is truncated or longer than ten bytes. Bits beyond 64 are lost.
 struct Varint {
     const unsigned char *next;
     uint64_t value;
