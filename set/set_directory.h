@@ -28,7 +28,29 @@ struct RunningSet {
     int stop_signal = 0;  // stops the program in order
     std::string program;
 };
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(RunningSet, name, launcher, process, start, stop_signal, program)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(RunningSet, name, launcher, process, start, stop_signal, program)
+
+// A set's directory, empty at first, held by one launcher and removed with this object.
+class ClaimedDirectory {
+  public:
+    // Removes what a killed set has left under this name. Throws Failure when the name is taken, or the directory
+    // cannot be made or is not safe to use.
+    explicit ClaimedDirectory(const std::string &name);
+    ~ClaimedDirectory();
+    ClaimedDirectory(const ClaimedDirectory &) = delete;
+    ClaimedDirectory &operator=(const ClaimedDirectory &) = delete;
+
+    const std::string &path() const { return path_; }
+
+    // Says what runs in the set. False with errno set on failure.
+    bool announce(const RunningSet &set);
+
+  private:
+    ClaimedDirectory() = default;
+
+    std::string path_;
+    UniqueFd lock_;
+};
 
 // The sets of this user that run now, by name; and the one of a name.
 std::vector<RunningSet> running_sets();
@@ -52,27 +74,5 @@ UniqueFd open_program(const RunningSet &set);
 
 // Path of such a directory, for this process and others of this user.
 std::string process_path(const UniqueFd &process);
-
-// A set's directory, empty at first, held by one launcher and removed with this object.
-class ClaimedDirectory {
-  public:
-    // Removes what a killed set has left under this name. Throws Failure when the name is taken, or the directory
-    // cannot be made or is not safe to use.
-    explicit ClaimedDirectory(const std::string &name);
-    ~ClaimedDirectory();
-    ClaimedDirectory(const ClaimedDirectory &) = delete;
-    ClaimedDirectory &operator=(const ClaimedDirectory &) = delete;
-
-    const std::string &path() const { return path_; }
-
-    // Says what runs in the set. False with errno set on failure.
-    bool announce(const RunningSet &set);
-
-  private:
-    ClaimedDirectory() = default;
-
-    std::string path_;
-    UniqueFd lock_;
-};
 
 }  // namespace vestra_set
