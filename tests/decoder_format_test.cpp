@@ -20,7 +20,7 @@ Bytes joined(Bytes bytes, const Bytes &more) {
     return bytes;
 }
 
-// Each reader's result as status, length and what was read, and its log, stand in data/logs/fields.log.
+// Each reader's result as status, length and what was read, and its log are in data/logs/fields.log.
 TEST_F(DecoderTest, FieldsAreReadOrReported) {
     std::string results;
     const auto number = [&](const char *name, Bytes bytes, int offset) {
@@ -68,7 +68,9 @@ TEST_F(DecoderTest, FieldsAreReadOrReported) {
     string("CountZeroIsSilent", "xyz", 0, 0);
     string("NegativeCountIsSilent", "xyz", 0, -2);
     expect_golden("fields", results);
+}
 
+TEST_F(DecoderTest, DecimalIsItsTwoIntegersWithAPointBetween) {
     const double decimals[][3] = {{36, 5, 36.5},   {36, 0, 36.0}, {1, 123, 1.123}, {2, 10, 2.1},
                                   {5, 999, 5.999}, {-4, 5, -3.5}, {7, -3, 7.0},    {0, 2147483647, 0.2147483647}};
     for (const auto &row : decimals) {
@@ -166,37 +168,33 @@ TEST_F(DecoderTest, CutMessageStoresNothingAndSaysWhereAtEveryLength) {
     EXPECT_EQ(maxTimeValue, -1);
 }
 
-TEST_F(DecoderTest, CoresAreReadAnewWhateverTheMessageBeforeSaid) {
-    const auto cores_of_slot = [] {
-        std::string figures;
-        for (int core = 0; core < 4; ++core) {
+TEST_F(DecoderTest, CoresAreReadAgainWhateverTheLastMessageSaid) {
+    trace::SwitchMessage message = sample(2, 77, "player");
+    const auto expect_cores = [&] {
+        for (size_t i = 0; i < 4; ++i) {
             const _SYSDATA_ &slot = collectedData[2];
-            for (const int64_t figure : {slot.utime[core], slot.stime[core], slot.idletime[core],
-                                         slot.temperature[core], slot.iowaittime[core]}) {
-                figures += std::to_string(figure) + " ";
-            }
+            const auto &[user, system, idle, temperature, iowait] = message.cores[i];
+            EXPECT_EQ(static_cast<uint64_t>(slot.utime[i]), user);
+            EXPECT_EQ(static_cast<uint64_t>(slot.stime[i]), system);
+            EXPECT_EQ(static_cast<uint64_t>(slot.idletime[i]), idle);
+            EXPECT_EQ(static_cast<uint64_t>(slot.temperature[i]), temperature);
+            EXPECT_EQ(static_cast<uint64_t>(slot.iowaittime[i]), iowait);
         }
-        return figures;
     };
     for (size_t changed = 0; changed < 20; ++changed) {
         for (const uint64_t figure : {8U, 300U, 300U}) {
-            trace::SwitchMessage message = sample(2, 77, "player");
-            std::string expected;
-            for (size_t i = 0; i < 20; ++i) {
-                trace::CoreTimes &core = message.cores[i / 5];
-                uint64_t *const figures[] = {&core.user, &core.system, &core.idle, &core.temperature, &core.iowait};
-                *figures[i % 5] = i == changed ? figure : 7;
-                expected += std::to_string(*figures[i % 5]) + " ";
-            }
+            message.cores.fill({7, 7, 7, 7, 7});
+            trace::CoreTimes &core = message.cores[changed / 5];
+            *std::array{&core.user, &core.system, &core.idle, &core.temperature, &core.iowait}[changed % 5] = figure;
             const Bytes whole = frame(trace::kSwitchFrame, message);
             decode({whole});
-            EXPECT_EQ(cores_of_slot(), expected);
+            expect_cores();
             decode({Bytes(whole.begin(), whole.end() - 1)});  // a block that is damaged at its end
-            EXPECT_EQ(cores_of_slot(), expected);
+            expect_cores();
             initiailizeRet(0, &iowaittimeIs);
             collectedData[2] = {};
             decode({whole, whole});
-            EXPECT_EQ(cores_of_slot(), expected);
+            expect_cores();
             EXPECT_EQ(iowaittimeIs.value, message.cores[3].iowait);
             EXPECT_EQ(iowaittimeIs.length, message.cores[3].iowait > 127 ? 2 : 1);
         }

@@ -125,9 +125,7 @@ TEST_F(VestradStartup, FailuresOnTheWayAreLoggedOnly) {
     EXPECT_EQ(g_vestra_config.live_data_collect, 0);
 }
 
-TEST_F(VestradStartup, WithoutItsNeedsItShutsDown) {
-    const char kNoThread[] = "6 ERROR: pthread_create failed (11:Resource temporarily unavailable)";
-    const char kNoKeys[] = "6 [Vestra] ERROR: KeyCombination_Initialize failed (";
+TEST_F(VestradStartup, ShutsDownWithoutAServiceOrAThread) {
     // What fails: a service for ever, or the thread of that number.
     std::string text;
     for (const auto &[name, fault, thread] :
@@ -143,9 +141,7 @@ TEST_F(VestradStartup, WithoutItsNeedsItShutsDown) {
         EXPECT_THAT(run(), EndsWith("\n[Vestra]  INFO: main loop exit\n"));
         EXPECT_EQ(g_loop, nullptr);
         EXPECT_THAT(drain_node(), EndsWith("0\n")) << "tracing is off";
-        text += "without " + std::string(name) + "\n" + seen_text("4c");
-        EXPECT_THAT(seen("6"), Contains(kNoThread).Times(thread > 0 ? 1 : 0));
-        EXPECT_THAT(seen("6"), Contains(StartsWith(kNoKeys)).Times(fault == FAULT_KEY_INITIALIZE ? 1 : 0));
+        text += "without " + std::string(name) + "\n" + seen_text("46c");
     }
     expect_golden("start-without-needs", text);
 }
@@ -165,7 +161,6 @@ TEST_F(VestradStartup, PriorityIsRaisedAsConfigured) {
     }
     prepare({"vestra_info_raise_priority=0"});
     EXPECT_THAT(run(), Not(HasSubstr("nice")));
-    EXPECT_THAT(seen("c"), Not(Contains("call nice 0")));
 }
 
 TEST_F(VestradStartup, StopBeforeTheLoopRunsIsNotLost) {

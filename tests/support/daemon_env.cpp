@@ -118,7 +118,8 @@ std::string printed_by(const std::function<void()> &body) {
 
 std::string seen_text(std::string_view kinds) {
     std::string text;
-    static const std::regex kVaries(R"( success \(.*|0x[0-9a-f]{6,}|(append_image_version failed) \(.*)");
+    static const std::regex kVaries(
+        R"( success \(.*|0x[0-9a-f]{6,}|((append_image_version|KeyCombination_Initialize) failed) \(.*)");
     for (const std::string &entry : seen(kinds)) text += std::regex_replace(entry, kVaries, "$1") + "\n";
     return text;
 }

@@ -69,12 +69,11 @@ struct World {
 World &world();
 
 // While it lives, no call of this thread's fails or counts.
-class OwnCalls {
-  public:
-    OwnCalls();
-    ~OwnCalls();
+struct OwnCalls {
+    static inline thread_local int depth;
+    OwnCalls() { ++depth; }
+    ~OwnCalls() { --depth; }
     OwnCalls(const OwnCalls &) = delete;
-    OwnCalls &operator=(const OwnCalls &) = delete;
 };
 
 // The transcript since it was begun: its entries whose first character is one of `kinds`, in order. Entries that follow

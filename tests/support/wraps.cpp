@@ -63,18 +63,9 @@ static int note(std::string_view head, std::string_view tail = {}) {
     return waits;
 }
 
-static thread_local int own_calls;  // depth
-
-OwnCalls::OwnCalls() {
-    ++own_calls;
-}
-OwnCalls::~OwnCalls() {
-    --own_calls;
-}
-
 // Counts down to the call that fails.
 static bool fails_now(Call call, int error) {
-    if (own_calls > 0) return false;
+    if (OwnCalls::depth > 0) return false;
     int &fails_in = world().fails_in[call];
     if (fails_in == 0 || --fails_in > 0) return false;
     fails_in = world().fails_on ? 1 : 0;
