@@ -85,8 +85,9 @@ pid_t start_bubblewrap(const LaunchPlan &plan, const std::string &program, Uniqu
             // bubblewrap asks for this too, but only once it runs: a launcher that is killed before would leave a set.
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             if (getppid() != launcher) _exit(kExitFailed);
-            // Ctrl-C reaches every process of the terminal; only the launcher and the set's program act on it.
-            for (const int number : {SIGINT, SIGQUIT, SIGHUP}) signal(number, SIG_IGN);
+            // Ctrl-C reaches every process of the terminal, and the end of timeout(1) all that it started; only the
+            // launcher and the set's program act on it.
+            for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP}) signal(number, SIG_IGN);
             for (const int fd : {options.get(), inner_link.get()}) fcntl(fd, F_SETFD, 0);
             set_environment_inside();
         },
