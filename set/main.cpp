@@ -89,7 +89,7 @@ int main(int argc, char **argv) {
     vestra_set::open_standard_streams();
     try {
         const int code = vestra_set::run({argv + std::min(argc, 1), argv + argc});
-        if (!std::cout.flush()) vestra_set::fail_errno("standard output");
+        if (!std::cout.flush()) vestra_set::fail("the output could not be written");
         return code;
     } catch (const vestra_set::Failure &failure) {
         vestra_set::say(failure.what());
