@@ -52,7 +52,8 @@ std::map<std::string, std::string> StopWatch::workers() const {
 
 bool StopWatch::look() {
     if (!open_program(set_).valid()) {
-        report_((forced_ ? "ended by force after " : "ended by itself after ") + seconds_since(start_));
+        if (!ended_) report_((forced_ ? "ended by force after " : "ended by itself after ") + seconds_since(start_));
+        ended_ = true;
         return false;
     }
     if (!forced_ && time_to_force()) force();

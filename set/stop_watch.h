@@ -39,6 +39,7 @@ class StopWatch {
     std::map<std::string, std::string> running_;
     const bool had_workers_;
     bool forced_ = false;
+    bool ended_ = false;  // reported
 };
 
 }  // namespace vestra_set
