@@ -66,7 +66,7 @@ TEST_F(VestraXml, ElementsAreReadInTheirOrderUpToTheFirstMissing) {
 }
 
 TEST_F(VestraXml, PathKeepsAtMostTheWholeField) {
-    for (const size_t length : {0, 255, 256, 300}) {
+    for (const size_t length : {size_t{0}, size_t{255}, size_t{256}, size_t{300}}) {
         SCOPED_TRACE(length);
         EXPECT_EQ(read(document(SIZE_MAX, false, std::string(length, 'p'))), 0);
         std::string expected(std::min<size_t>(length, 256), 'p');
