@@ -42,18 +42,17 @@ const uint8_t *FrameWalk::take_body(const uint8_t *at) {
 bool FrameWalk::next() {
     if (fault_ != FrameFault::kNone || at_ == end_) return false;
     const Varint type = take_varint(at_, end_);
-    const uint8_t *after = nullptr;
-    if (type.next == nullptr) {
-        fault_ = FrameFault::kElement;
-    } else if (!is_message_type(type.value)) {
+    if (type.next != nullptr && !is_message_type(type.value)) {
         fault_ = FrameFault::kMessageType;
-    } else if ((after = take_body(type.next)) == nullptr) {
-        fault_ = FrameFault::kElement;
-    } else {
-        message_type_ = type.value;
-        at_ = after;
+        return false;
     }
-    return after != nullptr;
+    const uint8_t *after = type.next != nullptr ? take_body(type.next) : nullptr;
+    if (after == nullptr) {
+        fault_ = FrameFault::kElement;
+        return false;
+    }
+    at_ = after;
+    return true;
 }
 
 bool begins_frame(const uint8_t *at, size_t size) {

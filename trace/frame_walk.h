@@ -50,8 +50,7 @@ class FrameWalk {
     // Reads the next message. False at the frame's end, and from the first fault on.
     bool next();
 
-    // The message that was read last.
-    uint64_t message_type() const { return message_type_; }
+    // The message that next() has just read.
     uint64_t value(int element) const { return values_[element]; }           // SwitchElement or MeminfoElement
     const uint64_t *values(int element) const { return values_ + element; }  // that element and those after it
     std::string_view name() const { return name_; }                          // a view of the frame
@@ -67,7 +66,6 @@ class FrameWalk {
     const uint8_t *at_;
     const uint8_t *end_;
     FrameFault fault_ = FrameFault::kNone;
-    uint64_t message_type_ = 0;
     uint64_t values_[std::max<int>(kSwitchElements, kMeminfoElements)] = {};
     uint64_t cores_[kCoreCount][kCoreElements] = {};
     std::string_view name_;

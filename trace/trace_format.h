@@ -9,6 +9,8 @@
 // The module answers one read of its control node with one block. A reader does not decode a record that ends exactly
 // at the block's last byte, so the module ends a block with an empty record.
 //
+// frame_walk.h reads messages, frame_writer.h writes them, percentages.h computes with their counters.
+//
 // No state, no log, nothing to link; any thread.
 #pragma once
 

@@ -46,9 +46,8 @@ const std::vector<Command> &commands() {
          "  vestra-dump report --from -60 --top 20 DUMP > last-minute.html",
          setup_report},
         {"cut", "Write a smaller dump with the frames of a time range",
-         "A frame is kept whole if any of its messages is in the range. Damaged data is left out, so without --from "
-         "and\n"
-         "--to the dump is repaired. The trailer is kept.\n\n"
+         "A frame is kept whole if any of its messages is in the range. Damaged data is left out, so\n"
+         "without --from and --to the dump is repaired. The trailer is kept.\n\n"
          "examples:\n"
          "  vestra-dump cut --from -60 DUMP last-minute\n"
          "  vestra-dump cut --from 2026-11-24T22:40:00 --to 2026-11-24T22:41:00 DUMP -",

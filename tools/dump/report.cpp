@@ -49,8 +49,8 @@ std::string summary_list(const Summary &summary) {
             add("From", from);
             add("To", to);
         }
-        add("Stream time", fixed(trace::to_seconds(*summary.first_ns), 3) + " to " +
-                               fixed(trace::to_seconds(*summary.last_ns), 3) + " s");
+        add("Time of the stream", fixed(trace::to_seconds(*summary.first_ns), 3) + " to " +
+                                      fixed(trace::to_seconds(*summary.last_ns), 3) + " s");
         add("Length", fixed(summary.seconds(), 1) + " s");
     }
     const uint64_t all = totals.all_frames();
