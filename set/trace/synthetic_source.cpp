@@ -241,12 +241,10 @@ bool SyntheticSource::stalled() {
     return true;
 }
 
-PlannedFrame *SyntheticSource::plan_frame(const FrameWriter &writer, uint8_t type, uint8_t core, Damage damage) {
+PlannedFrame *SyntheticSource::plan_frame(const FrameWriter &writer, Damage damage) {
     if (!keep_plan_) return nullptr;
     PlannedFrame frame;
     frame.offset = writer.size();
-    frame.type = type;
-    frame.core = core;
     frame.damage = damage;
     frame.reached = !given_up_;
     plan_.frames.push_back(std::move(frame));
@@ -276,7 +274,7 @@ size_t SyntheticSource::write_block(uint8_t *out, size_t limit, bool fill) {
     }
     FrameWriter mark(out + writer.size(), kEmptyRecord);
     if (profile_ == Profile::kHostile && random(6) == 0) {
-        plan_frame(writer, 0, 0, Damage::kCutLength);
+        plan_frame(writer, Damage::kCutLength);
         mark.put_bytes("\x07\x07\x07", 1 + static_cast<size_t>(random(3)));
     } else {
         mark.end_block();
@@ -287,7 +285,7 @@ size_t SyntheticSource::write_block(uint8_t *out, size_t limit, bool fill) {
 bool SyntheticSource::write_info(FrameWriter *writer, const Clock &now) {
     const MeminfoMessage message = info_message(now);
     if (writer->room() < kLengthField + kFrameHeader + message_size(message)) return false;
-    PlannedFrame *planned = plan_frame(*writer, kMeminfoFrame, 0, Damage::kNone);
+    PlannedFrame *planned = plan_frame(*writer, Damage::kNone);
     writer->begin_frame(kMeminfoFrame, 0);
     writer->add(message);
     if (planned != nullptr) planned->infos.push_back(message);
@@ -306,7 +304,7 @@ size_t SyntheticSource::write_switches(FrameWriter *writer, const Clock &begin, 
         if (added == 0) {
             if (writer->room() < kLengthField + kFrameHeader + message_size(message)) return 0;
             core = its_core;
-            planned = plan_frame(*writer, kSwitchFrame, core, Damage::kNone);
+            planned = plan_frame(*writer, Damage::kNone);
             writer->begin_frame(kSwitchFrame, core);
         }
         if (its_core != core || !writer->add(message)) break;
@@ -327,11 +325,11 @@ bool SyntheticSource::write_damage(FrameWriter *writer, const Clock &now) {
     const auto damage = static_cast<Damage>(first + random(last - first + 1));
     SwitchMessage good = switch_message(static_cast<size_t>(random(processes_.size())), now);
     const auto core =
-        static_cast<uint8_t>(damage == Damage::kCore ? kCoreCount + random(256 - kCoreCount) : random(kCoreCount));
-    const uint8_t type = damage == Damage::kUnknownType               ? static_cast<uint8_t>(9 + random(247))
-                         : damage == Damage::kNoise && random(2) == 0 ? kMeminfoFrame
-                                                                      : kSwitchFrame;
-    PlannedFrame *planned = plan_frame(*writer, type, core, damage);
+        static_cast<int>(damage == Damage::kCore ? kCoreCount + random(256 - kCoreCount) : random(kCoreCount));
+    const int type = damage == Damage::kUnknownType               ? 9 + static_cast<int>(random(247))
+                     : damage == Damage::kNoise && random(2) == 0 ? kMeminfoFrame
+                                                                  : kSwitchFrame;
+    PlannedFrame *planned = plan_frame(*writer, damage);
     // Writes the frame up to its fault.
     const auto begin = [&] {
         writer->begin_frame(type, core);
@@ -391,7 +389,7 @@ bool SyntheticSource::write_damage(FrameWriter *writer, const Clock &now) {
         }
         case Damage::kShortFrame:
             writer->begin_record(0);
-            writer->add_bytes(&kSwitchFrame, 1);
+            writer->add_bytes("\x07", 1);
             break;
         case Damage::kUnknownType:
             writer->begin_frame(type, core);

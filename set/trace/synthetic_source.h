@@ -37,8 +37,6 @@ enum class Damage : uint8_t {
 
 struct PlannedFrame {
     size_t offset = 0;  // of the length field in the block
-    uint8_t type = 0;
-    uint8_t core = 0;
     Damage damage = Damage::kNone;
     bool reached = true;                  // false after a length that makes a reader drop the rest of the block
     std::vector<SwitchMessage> switches;  // those that a reader accepts if it gets here
@@ -103,7 +101,7 @@ class SyntheticSource : public TraceSource {
     SwitchMessage switch_message(size_t index, const Clock &now) const;
     MeminfoMessage info_message(const Clock &now) const;
     CoreTimes core_times(size_t core, const Clock &now) const;
-    PlannedFrame *plan_frame(const FrameWriter &writer, uint8_t type, uint8_t core, Damage damage);
+    PlannedFrame *plan_frame(const FrameWriter &writer, Damage damage);
 
     const Profile profile_;
     const uint32_t block_size_;
