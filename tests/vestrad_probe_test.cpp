@@ -11,20 +11,20 @@ class VestradProbe : public DaemonTest {};
 
 TEST_F(VestradProbe, MarkersTellTheImage) {
     // Each marker, not release; the first readable one of debug, performance, release: result and flags.
-    using Image = std::vector<int>;
     const auto image = [] {
         m_image_type = {};
         const int update = m_UpdateImageType();
-        return Image{CheckIfDebugImage(), CheckIfPerfImage(), CheckIfReleaseImage(), CheckIfNotReleaseImage(), update,
-                     m_image_type.debug,  m_image_type.perf,  m_image_type.release};
+        return std::vector<int>{
+            CheckIfDebugImage(), CheckIfPerfImage(), CheckIfReleaseImage(), CheckIfNotReleaseImage(), update,
+            m_image_type.debug,  m_image_type.perf,  m_image_type.release};
     };
-    EXPECT_EQ(image(), (Image{0, 0, 0, 1, -1, 0, 0, 0}));
+    EXPECT_THAT(image(), ElementsAre(0, 0, 0, 1, -1, 0, 0, 0));
     write_file("/etc/release", "");
-    EXPECT_EQ(image(), (Image{0, 0, 1, 0, 0, 0, 0, 1}));
+    EXPECT_THAT(image(), ElementsAre(0, 0, 1, 0, 0, 0, 0, 1));
     write_file("/etc/perf", "");
-    EXPECT_EQ(image(), (Image{0, 1, 1, 0, 0, 0, 1, 0}));
+    EXPECT_THAT(image(), ElementsAre(0, 1, 1, 0, 0, 0, 1, 0));
     write_file("/etc/debug", "");
-    EXPECT_EQ(image(), (Image{1, 1, 1, 0, 0, 1, 0, 0}));
+    EXPECT_THAT(image(), ElementsAre(1, 1, 1, 0, 0, 1, 0, 0));
 }
 
 TEST_F(VestradProbe, NumberOfAFileIsClamped) {
@@ -64,29 +64,22 @@ TEST_F(VestradProbe, FirstLineIsReadAsAnInputStreamReadsIt) {
 }
 
 TEST_F(VestradProbe, TemperatureIsTheDigitsOfTheFirstLine) {
-    const std::string file = "/sys/devices//platform/soc/thermal//temperature";
     write_file("/tmp/uptime", "12345.67 890.12\n");
     if (mount("/tmp/uptime", "/proc/uptime", nullptr, MS_BIND, nullptr) != 0) GTEST_SKIP() << "may not mount";
-    for (const auto &[text, expected, log] : Table<std::string, int, Strings>{
-             {"-4.5\n5\n", 45, {}},
-             {"\n", 0, {}},
-             {"", -1, {"3 ERR: Failed to get temperature from " + file}},
-             {"125\n", 125, {}},
-             {"126\n",
-              126,
-              {"3 [vestra] : Temp msg {stemperature=126;du=12345}",
-               "3 ERR: Temperature exceeded 90. Current Temperature = 126. UpTime = 12345"}},
-             {std::string(254, '0') + "12345\n", 12, {}}}) {
+    for (const auto &[text, expected] : Table<std::string, int>{{"-4.5\n5\n", 45},
+                                                                {"\n", 0},
+                                                                {"", -1},
+                                                                {"125\n", 125},
+                                                                {"126\n", 126},
+                                                                {std::string(254, '0') + "12345\n", 12}}) {
         SCOPED_TRACE(text);
         write_file(kThermal + "/temperature", text);
         EXPECT_EQ(vestra_get_temperature_file_path(), 0);
-        EXPECT_EQ(seen().back(), "3 INFO:Temperature FileName = " + file);
-        begin_transcript();
         int temperature = 7;
         EXPECT_EQ(vestra_get_temperature(&temperature), expected < 0 ? -1 : 0);
         EXPECT_EQ(temperature, expected);
-        EXPECT_EQ(seen(), log);
     }
+    expect_golden("temperatures", seen_text());
     write_file("/tmp/uptime", "unknown\n");
     EXPECT_EQ(vestra_get_system_uptime(), 0U);
     umount("/proc/uptime");

@@ -68,14 +68,6 @@ struct World {
 };
 World &world();
 
-// While it lives, no call of this thread's fails or counts.
-struct OwnCalls {
-    static inline thread_local int depth;
-    OwnCalls() { ++depth; }
-    ~OwnCalls() { --depth; }
-    OwnCalls(const OwnCalls &) = delete;
-};
-
 // The transcript since it was begun: its entries whose first character is one of `kinds`, in order. Entries that follow
 // each other and are equal become one with their number behind it ("wait 10000 *400"). The kinds are
 //   "3 TEXT" to "6 TEXT"  log lines by priority, without prefix and line end; the line number in a text is "LINE"

@@ -52,6 +52,14 @@ void begin_transcript() {
     waits = 0;
 }
 
+// While it lives, no call of this thread's fails or counts.
+struct OwnCalls {
+    static inline thread_local int depth;
+    OwnCalls() { ++depth; }
+    ~OwnCalls() { --depth; }
+    OwnCalls(const OwnCalls &) = delete;
+};
+
 // Returns the number of waits so far.
 static int note(std::string_view head, std::string_view tail = {}) {
     const OwnCalls ours;
