@@ -10,6 +10,26 @@ using trace::SwitchMessage;
 
 namespace {
 
+// First of all: what has been found far from its home once is searched that far from then on.
+TEST_F(DecoderTest, HistoryIsSearchedFartherForEachWayToStoreARecord) {
+    using Record = __VestraProcCPUUsageHist__;
+    Record record = {kSecond, 5, -1, 1, 2, 0, 0, 0, "name"};
+    vestra_vital_update_cpuusage_hist(&record);
+    const std::function<void()> ways[] = {
+        [&] { vestra_vital_update_cpuusage_hist(&record); }, [&] { gProcCpuUsageHist[7] = record; },
+        [&] {
+            const Record other = {kSecond, int32_t{record.pid}, -1, 1, 2, 0, 0, 0, ""};
+            memcpy(static_cast<void *>(&gProcCpuUsageHist[8]), static_cast<const void *>(&other), sizeof(int64_t) * 2);
+            gProcCpuUsageHist[8].name = "name";
+        }};
+    for (int index = 6; index < 9; ++index) {
+        record.pid = record.pid + 32768;
+        EXPECT_EQ(vesrta_checkhash_hist(record.pid), -1);
+        ways[index - 6]();
+        EXPECT_EQ(vesrta_checkhash_hist(record.pid), index);
+    }
+}
+
 TEST_F(DecoderTest, HistoryPlacesProcessesOfOneHomeAfterEachOther) {
     const auto store = [](int pid, const char *name) {
         __VestraProcCPUUsageHist__ record = {kSecond, pid, -1, 1, 2, 0, 0, 0, name};
