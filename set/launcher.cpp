@@ -99,6 +99,8 @@ pid_t start_bubblewrap(const LaunchPlan &plan, const std::string &program, Uniqu
     fail(std::string("bwrap: ") + std::strerror(error), kExitNoSet);
 }
 
+constexpr auto kSameSignal = std::chrono::milliseconds(200);
+
 // Follows a set until it has ended.
 class Follower {
   public:
@@ -138,14 +140,15 @@ class Follower {
         if (plan_.options.daemon && !plan_.quiet) say(text);
     }
 
-    // The program gets the signal, except that the daemon is stopped in order, and by force at the second.
+    // The program gets the signal, except that the daemon is stopped in order, and by force at the second. One that
+    // comes right after the first is the same: timeout(1) sends it to this process and then to its group.
     void take(const signalfd_siginfo &info) {
         const int number = static_cast<int>(info.ssi_signo);
         if (!plan_.options.daemon) {
             // From the terminal it has it already.
             if (info.ssi_code != SI_KERNEL) signal_process(program_, number);
         } else if (stop_ != nullptr) {
-            stop_->force();
+            if (stop_->age() > kSameSignal) stop_->force();
         } else {
             stop_ = std::make_unique<StopWatch>(set_, plan_.grace, [this](const std::string &line) { tell(line); });
         }

@@ -62,6 +62,9 @@ bool StopWatch::look() {
 
 bool StopWatch::time_to_force() {
     const auto current = workers();
+    // A daemon that was just started may make them after it was told to stop.
+    running_.insert(current.begin(), current.end());
+    had_workers_ = had_workers_ || !current.empty();
     for (auto entry = running_.begin(); entry != running_.end();) {
         const bool runs = current.count(entry->first) != 0;
         if (!runs) report_("thread " + entry->second + " ended after " + seconds_since(start_));

@@ -26,6 +26,9 @@ class StopWatch {
     // Ends the program at once. The set's launcher then finds the mark that this was on purpose.
     void force();
 
+    // How long ago the program was told to stop.
+    std::chrono::steady_clock::duration age() const { return std::chrono::steady_clock::now() - start_; }
+
   private:
     std::map<std::string, std::string> workers() const;  // thread id -> name, of the threads that end
     bool time_to_force();
@@ -37,7 +40,7 @@ class StopWatch {
     const std::chrono::steady_clock::time_point start_;
     std::chrono::steady_clock::time_point workers_gone_{};
     std::map<std::string, std::string> running_;
-    const bool had_workers_;
+    bool had_workers_;
     bool forced_ = false;
     bool ended_ = false;  // reported
 };
