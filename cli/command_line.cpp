@@ -156,6 +156,10 @@ bool Command::is_program() const {
 
 Program::Program(const std::string &description, const std::string &name, const std::string &version)
     : Program(std::make_unique<CLI::App>(description, name)) {
+    // As programs complain about everything else.
+    owned_->failure_message([](const CLI::App *app, const CLI::Error &error) {
+        return app->get_name() + ": " + CLI::FailureMessage::simple(app, error);
+    });
     owned_->set_version_flag("--version", name + " " + version);
 }
 
