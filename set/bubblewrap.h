@@ -11,9 +11,9 @@ namespace vestra_set {
 // False for a directory that a set has itself, or sees anyway. `path` is absolute and without links.
 bool may_be_bound(const std::string &path);
 
-// bubblewrap's arguments (its own name first) up to the program that it is to run. `program` is where the set's program
-// lies on the host; its directory, the working directory and the tree this program was built in are bound at their own
-// paths.
+// bubblewrap's arguments (its own name first) up to the program that it runs. `program` is the path of the set's program
+// on the host. Its directory, the working directory, and the build and source tree of this program are bound at their
+// own paths.
 std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std::string &program);
 
 // Gives this process the environment that programs in a set have.

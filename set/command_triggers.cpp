@@ -40,7 +40,7 @@ constexpr const char *kListDirectory = "/tmp/vestra_processes";
 constexpr const char *kListFile = "/tmp/vestra_processes/processes.txt";
 constexpr size_t kFieldLimit = 255;  // characters that the daemon takes of a robustness request's path and name
 constexpr double kPatience = 10;     // seconds, where none are given
-constexpr Seconds kOffer{1};         // how long a list lies there before it is dropped anew
+constexpr Seconds kOffer{1};         // until a list that was not taken is dropped again
 
 // Looks every 20 ms until `condition` holds; false when it still does not after `patience`.
 bool comes_true(const std::function<bool()> &condition, Seconds patience) {
@@ -202,8 +202,7 @@ int drop_list() {
     if (!write_file(list.path, text)) fail_errno(list.path);
     int problem = 0;
     const auto taken = [&] {
-        // One that is still there was dropped before the daemon's watch was set up, or renamed into place: nobody will
-        // take it.
+        // A list that is still there came before the daemon watched, or was renamed into place: nobody will take it.
         unlink(kListFile);
         problem = link(list.path.c_str(), kListFile) == 0 ? 0 : errno;
         return problem == 0 && comes_true([] { return access(kListFile, F_OK) != 0; }, kOffer);

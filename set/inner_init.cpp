@@ -37,8 +37,7 @@ void report(Report::Kind kind, int number = 0, const std::string &text = "") {
     send(g_link.get(), &packet, sizeof packet, MSG_NOSIGNAL);
 }
 
-// The file system is mounted here, so that it is there before the set's program starts. Returns the server's process
-// id.
+// The file system is mounted here, so that it is there before the program starts. Returns the server's process id.
 pid_t start_node(const SourceOptions &source) {
     UniqueFd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
     if (!fuse.valid()) fail_errno("/dev/fuse");

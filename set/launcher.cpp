@@ -53,7 +53,7 @@ constexpr const char *kNoNamespace =
     "  sysctl -w user.max_user_namespaces=10000; on some hosts also kernel.unprivileged_userns_clone=1 or\n"
     "  kernel.apparmor_restrict_unprivileged_userns=0";
 
-// A descriptor for the signals that the launcher acts on, which it no longer dies of.
+// A descriptor for the signals that the launcher acts on; they no longer end it.
 UniqueFd take_signals() {
     sigset_t mask;
     sigemptyset(&mask);
@@ -117,8 +117,7 @@ class Follower {
     Follower(const Follower &) = delete;
     Follower &operator=(const Follower &) = delete;
 
-    // Returns the program's wait status; 0 for a daemon that was stopped, by force too or before it could handle the
-    // signal.
+    // Returns the program's wait status; 0 for a daemon that was stopped, even by force or too early to handle the signal.
     int follow() {
         while (!ended_) {
             pollfd waits[] = {{link_, POLLIN, 0}, {signals_, POLLIN, 0}};

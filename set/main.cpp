@@ -34,8 +34,7 @@ constexpr const char *kOverview =
     "  vestra-set key 87\n"
     "  vestra-set COMMAND --help";
 
-// If this program were started with one of them closed, it would get a descriptor of its own in its place and pass that
-// on.
+// If one of them is closed, the next file that is opened would take its place, and be passed on.
 void open_standard_streams() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         // The lowest that is free, which is this one; not close-on-exec, because programs that are run inherit it.

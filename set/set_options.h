@@ -1,5 +1,4 @@
-// What a simulated set is made of: filled from the command line outside, handed to the set's first process as one
-// message.
+// What a simulated set is made of. The command line fills it; the set's first process gets it as JSON.
 #pragma once
 
 #include <nlohmann/json.hpp>

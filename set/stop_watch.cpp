@@ -51,13 +51,14 @@ std::map<std::string, std::string> StopWatch::workers() const {
 }
 
 bool StopWatch::look() {
-    if (!open_program(set_).valid()) {
-        if (!ended_) report_((forced_ ? "ended by force after " : "ended by itself after ") + seconds_since(start_));
-        ended_ = true;
-        return false;
+    if (ended_) return false;
+    ended_ = !open_program(set_).valid();
+    if (ended_) {
+        report_((forced_ ? "ended by force after " : "ended by itself after ") + seconds_since(start_));
+    } else if (!forced_ && time_to_force()) {
+        force();
     }
-    if (!forced_ && time_to_force()) force();
-    return true;
+    return !ended_;
 }
 
 bool StopWatch::time_to_force() {

@@ -19,8 +19,7 @@ class StopWatch {
     // Sends the signal that stops the program. `report` gets one line for each thing that happens.
     StopWatch(const RunningSet &set, double grace_seconds, std::function<void(const std::string &)> report);
 
-    // Looks again: reports threads that have ended, and forces the end when it is time to. False once the program has
-    // ended.
+    // Reports threads that have ended, and forces the end when it is time to. False once the program has ended.
     bool look();
 
     // Ends the program at once. The set's launcher then finds the mark that this was on purpose.
@@ -42,7 +41,7 @@ class StopWatch {
     std::map<std::string, std::string> running_;
     bool had_workers_;
     bool forced_ = false;
-    bool ended_ = false;  // reported
+    bool ended_ = false;
 };
 
 }  // namespace vestra_set

@@ -21,8 +21,7 @@ std::optional<int> to_number(std::string_view text) {
     return value;
 }
 
-// Removes the text up to the next `separator`, and the separator, from `rest`. Returns nothing if there is no
-// separator.
+// Removes the text up to the next `separator`, and that, from `rest`; nothing if there is no separator.
 std::optional<std::string_view> take_field(std::string_view *rest, char separator) {
     const size_t end = rest->find(separator);
     if (end == std::string_view::npos) return std::nullopt;

@@ -10,8 +10,8 @@
 //   5       of the payload  five process ids, "%d|%d|%d|%d|%d"; 0 means none
 //   6       of the payload  one process name, without control characters
 //
-// The 4 is the size of an integer in the sender, not its number of digits. Numbers are decimal, without sign, blank or
-// leading zero.
+// The 4 is the size of an integer in the sender, not its number of digits. Numbers are decimal and have no sign, no
+// blank and no leading zero.
 #pragma once
 
 #include <optional>
