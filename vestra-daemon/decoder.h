@@ -94,7 +94,7 @@ static_assert(sizeof(_VestraData_) == 4 * sizeof(double), "the layout is fixed")
 class HistoryPid {
   public:
     HistoryPid(int32_t pid = 0) : pid_(pid) { any_changed = true; }
-    HistoryPid(const HistoryPid &) = default;
+    HistoryPid(const HistoryPid &other) : HistoryPid(other.pid_) {}
     HistoryPid &operator=(const HistoryPid &other) {
         any_changed = any_changed || pid_ != other.pid_;
         pid_ = other.pid_;
