@@ -65,7 +65,7 @@ pid_t start_program(const SetOptions &options, const std::vector<std::string> &p
         [&] {
             std::error_code ignored;
             const auto self = std::filesystem::read_symlink(kHostDir + std::string("/proc/self"), ignored);
-            report(Report::kStarts, std::atoi(self.c_str()));
+            report(Report::kStarts, static_cast<int>(std::strtol(self.c_str(), nullptr, 10)));
             // Ctrl-C is for the launcher, which then stops the daemon in order.
             if (options.daemon) setpgid(0, 0);
             if (!options.log.empty()) setenv("VESTRA_DLOG_FILE", options.log.c_str(), 1);
