@@ -27,7 +27,7 @@ inline std::string logged(const std::function<void()> &body) {
     body();
     dup2(saved, STDERR_FILENO);
     close(saved);
-    const std::string text = read_file("/proc/self/fd/" + std::to_string(file));
+    std::string text = read_file("/proc/self/fd/" + std::to_string(file));
     close(file);
     return text;
 }
