@@ -12,8 +12,8 @@ namespace vestra_set {
 bool may_be_bound(const std::string &path);
 
 // bubblewrap's arguments (its own name first) up to the program that it runs. `program` is the path of the set's program
-// on the host. Its directory, the working directory, and the build and source tree of this program are bound at their
-// own paths.
+// on the host. Bound at their own paths are its directory, the working directory, and the build and source tree of this
+// program.
 std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std::string &program);
 
 // Gives this process the environment that programs in a set have.

@@ -90,8 +90,8 @@ void ModuleState::apply(const NodeCommand &command) {
             control_.pids = command.pids;
             break;
         default: {
-            // A command has one name and does not say whether it begins a list. So the list is the newest five different
-            // names.
+            // A command has one name and does not say whether it begins a list.
+            // So the list is the newest five different names.
             auto &names = control_.names;
             names.erase(std::remove(names.begin(), names.end(), command.name), names.end());
             names.push_back(command.name);

@@ -11,8 +11,8 @@
 namespace decoder_test {
 
 // Processes that come, run and rest, some with process ids that share a place in the history; cores that work; seconds
-// with a single sample; messages that are repeated or, with `late`, up to four seconds late; memory figures that are
-// early.
+// with a single sample; messages that are repeated or, with `late`, up to four seconds late; memory figures
+// that are early.
 class MadeUpSet {
   public:
     explicit MadeUpSet(unsigned seed, bool late = true) : random_(seed), late_(late) {

@@ -42,7 +42,7 @@ class VestraIpc : public DaemonTest {
         record_->marker = 1;
         for (vestra_api_data &entry : record_->request) entry = {-1, 5, 1, 2, 3, 4, 99, 0};
     }
-    // Lets the service find requests: one for each true; it is stopped behind them.
+    // Lets the service find requests: one for each true; it is stopped after them.
     static void serve(std::vector<bool> requests = {true}) {
         exit_flag = 0;
         world().on_request = [requests, next = size_t{0}]() mutable {

@@ -83,7 +83,7 @@ TEST_F(VestradDump, EveryStepIsLogged) {
 }
 
 TEST_F(VestradDump, SlotsGoRoundAndOnlyTheNewestIsMarked) {
-    // Number of slots; what lies in the directory after each dump, behind "0000000000_42_proc_".
+    // Number of slots; what lies in the directory after each dump, without "0000000000_42_proc_".
     for (const auto &[slots, after] : Table<int, std::vector<Strings>>{
              {3, {{"1_l"}, {"1", "2_l"}, {"1", "2", "3_l"}, {"1_l", "2", "3"}, {"1", "2_l", "3"}}},
              {1, {{"1_l"}, {"1_l"}}},

@@ -34,7 +34,7 @@ TEST_F(VestradFilter, NamesAreSentOneByOne) {
         load(text);
         EXPECT_EQ(seen("n"), sent);
         EXPECT_EQ(g_vestra_config.vestra_proc_filter_enable_num, count);
-        EXPECT_EQ(g_vestra_config.vestra_proc_filter_pid_num, 0) << "nothing behind the slots is written";
+        EXPECT_EQ(g_vestra_config.vestra_proc_filter_pid_num, 0) << "nothing after the slots is written";
     }
 }
 

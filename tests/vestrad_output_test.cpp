@@ -58,7 +58,7 @@ TEST_F(VestradOutput, StickIsUsedFromTheSecondLookup) {
     EXPECT_THAT(seen("3"), ElementsAre("3 [CUP:vestrad][retry count:3] failed to get path",
                                        failed + "1 failed to get USB path[]", failed + "0 failed to get USB path[]"));
     plug("/tmp/other");
-    EXPECT_EQ(found(1), "") << "found anew: in the cache only";
+    EXPECT_EQ(found(1), "") << "found again: in the cache only";
     EXPECT_STREQ(g_prev_usb_path, "/tmp/other");
     write_file("/etc/release", "");
     EXPECT_EQ(found(0, -1), "");

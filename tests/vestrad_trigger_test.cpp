@@ -184,7 +184,7 @@ TEST_F(VestradTrigger, MemoryDropKillsWithoutAFaultAgent) {
                                                     {drop + "2", 0x100, none, false}}) {
         write_file(policy, "");
         call_with_key(key.c_str(), value, [](keynode_t *node, void *) {
-            const pid_t child = fork();  // the daemon's callback in a process of its own
+            const pid_t child = fork();  // the daemon's callback in its own process
             if (child == 0) {
                 __scenario_manager_tv_memory(node, nullptr);
                 _exit(3);

@@ -1170,8 +1170,8 @@ static int32_t write_if_due(int32_t curtime, int32_t prevtime, uint32_t min_req_
     if (get_usb_path(path, kPathSize, 0) != 0) return prevtime;
     _vestra_write_reason reason = WRITE_REASON_CONTINUOUS;
     if (dod) reason = continuous ? WRITE_REASON_CONTINUOUS_DOD : WRITE_REASON_DOD;
-    // Kept as it stands: 0 without a dump, because a little data is still missing, counts as a dump. The next try is one
-    // interval later.
+    // Kept as it stands: 0 without a dump, because a little data is still missing, counts as a dump.
+    // The next try is one interval later.
     if (write_data(&ghead_s, path, process_name, getpid(), reason) < 0) {
         LOGE("ERROR: trf write_data failed (%d:%m)", errno);
         return prevtime;
@@ -1650,8 +1650,8 @@ static bool next_line(FILE *file, int *left, char *line, size_t size) {
     return true;
 }
 
-// Reads the names into the configuration record. Kept as it stands: the count is the number of lines, though only six
-// are stored.
+// Reads the names into the configuration record.
+// Kept as it stands: the count is the number of lines, though only six are stored.
 static void load_names(FILE *file) {
     LOGS_AS("updateFilterProcessNames");
     char line[kLongPath];

@@ -57,7 +57,7 @@ struct World {
     std::function<void(int)> on_wait;  // waits return at once, but call this with their number in the transcript
     int64_t clock_us = 1'709'618'828'250'000;  // 5 March 2024, 06:07:08.25; the waits move it
     std::function<void()> on_write;            // before each write to a temporary file of the daemon's in /tmp
-    int fails_in[kCalls] = {};                 // a call of this kind fails: 1 the next, 2 the one behind it; 0 none
+    int fails_in[kCalls] = {};                 // a call of this kind fails: 1 the next, 2 the one after it; 0 none
     bool fails_on = false;                     // and every later one
     bool failed = false;                       // one has
     size_t write_most = SIZE_MAX;              // bytes that each such write takes, or one to the node
@@ -69,7 +69,7 @@ struct World {
 World &world();
 
 // The transcript since it was begun: its entries whose first character is one of `kinds`, in order. Entries that follow
-// each other and are equal become one with their number behind it ("wait 10000 *400"). The kinds are
+// each other and are equal become one with their number after it ("wait 10000 *400"). The kinds are
 //   "3 TEXT" to "6 TEXT"  log lines by priority, without prefix and line end; the line number in a text is "LINE"
 //   "wait MICROSECONDS"   "node COMMAND" (a write into a pipe in the node's place)   "sync" (of a temporary file)
 //   "call ..."            registrations, nice, naming and joining a thread

@@ -60,8 +60,8 @@ std::optional<double> number(const std::string &text) {
     return error == std::errc() && stop == end ? std::optional(value) : std::nullopt;
 }
 
-// The vitals that the words select, in that order, each once; without words all. False, with a message, for an unknown
-// word.
+// The vitals that the words select, in that order, each once; without words all. An unknown word gives false and a
+// message.
 bool choose(const std::vector<std::string> &words, std::vector<int> *types) {
     for (const std::string &word : words) {
         const std::vector<int> selected = vitals_selected(word);
