@@ -1,5 +1,5 @@
 // The client library's two sides without a whole daemon: what is refused, and whose segment it is. What happens to a
-// client when another client or the daemon dies is in e2e/client_set_test.cpp.
+// client when another client or the daemon dies is in e2e/clients_test.py.
 
 #include "platform/vestra_api.h"
 

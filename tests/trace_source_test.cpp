@@ -205,7 +205,7 @@ TEST(Replay, RefusesAFileWithoutRecords) {
     EXPECT_TRUE(replayed(vestra_test::kTrailer).empty());
 }
 
-// e2e/client_set_test.cpp compares CPU time and memory of a process with the kernel's figures.
+// e2e/clients_test.py compares CPU time and memory of a process with the kernel's figures.
 TEST(HostSource, SamplesTheProcessesAskedForWhenTheyAreDue) {
     SourceOptions options;
     options.kind = "host";

@@ -1,4 +1,4 @@
-// The client service on a segment whose contents nobody can trust. Real clients are in e2e/client_set_test.cpp.
+// The client service on a segment whose contents nobody can trust. Real clients are in e2e/clients_test.py.
 
 #include "vestra-daemon/vestra_ipc.h"
 

@@ -1,0 +1,111 @@
+#!/usr/bin/env python3
+"""vestra-stat as a user has it, with a daemon that has been given its last second."""
+import json
+import math
+import re
+import signal
+import struct
+import subprocess
+from pathlib import Path
+
+from set_env import (NO_DAEMON, OK, ROOT, STAT, TIMEOUT, UNANSWERED, USAGE, Segment, SetTest, main, run, text_of)
+
+FIGURES = ('maximum', 'minimum', 'average', 'variance')
+
+
+def stat(*arguments):
+    return run(STAT, *arguments)
+
+
+class VestraStat(SetTest):
+    def start_with_a_ring(self):
+        self.start()
+        self.fill_ring(4)
+
+    def test_shows_what_the_daemon_answers(self):
+        self.start_with_a_ring()
+        shown = stat('--json', '--window', 30).stdout
+        answers = {vital: figures for vital, _, *figures, answered, _ in
+                   struct.iter_unpack('<ii4dii', Segment.PATH.read_bytes()[Segment.REQUESTS:Segment.RECORD])}
+        table = [line.split() for line in stat('--window', 30).stdout.splitlines()]
+        self.assertEqual((shown.count('\n'), len(table), sorted(answers)), (1, 1 + 17, list(range(17))))
+        for name, vital in json.loads(shown)['vitals'].items():
+            line = table[1 + vital['type']]
+            self.assertEqual(line[:2], [str(vital['type']), name])
+            for figure, in_table, value in zip(FIGURES, line[-4:], answers[vital['type']]):
+                with self.subTest(name=name, figure=figure):
+                    if math.isnan(value):
+                        self.assertEqual((in_table, vital[figure]), ('-', None))
+                    else:
+                        self.assertEqual(vital[figure], value)
+                        self.assertAlmostEqual(float(in_table), value, delta=0.5 + 0.001 * abs(value))
+
+    def test_vitals_come_in_the_order_asked_each_once(self):
+        self.start_with_a_ring()
+        lines = [line.split() for line in stat('--window', 0, '16', 'cpu', 'cpu-user').stdout.splitlines()[1:]]
+        self.assertEqual([line[1] for line in lines], ['memory-available', 'cpu-total', 'cpu-system', 'cpu-user'])
+        self.assertEqual(len(lines[0]), 4, 'number, name, unit, one figure')
+
+    def test_tells_its_failures_apart(self):
+        gone = stat()
+        self.assertEqual((gone.returncode, gone.stdout), (NO_DAEMON, ''))
+        self.assertTrue(gone.stderr.startswith('vestra-stat: no daemon is running\n'))
+        for wrong in ('--window 181', '--window -1', '17', 'cpux', '--watch 0', '--count 3', '--frob'):
+            refused = stat(*wrong.split())
+            self.assertEqual(refused.returncode, USAGE, wrong)
+            self.assertTrue(refused.stderr, wrong)
+        self.start_with_a_ring()
+        self.pause()
+        slow = stat('--timeout', 0.2)
+        self.assertEqual(slow.returncode, TIMEOUT)
+        self.assertIn('did not answer in time, 200 ms', slow.stderr)
+
+    def test_vital_that_is_left_unanswered_is_told(self):
+        self.start_with_a_ring()
+        self.pause()
+        with subprocess.Popen([STAT, 'cpu-total'], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE) as asking:
+            self.becomes(Segment().posted)
+            Segment().write(Segment.REQUESTS, struct.pack('<i', 5))  # somebody makes another question of it
+            self.resume()
+            self.assertEqual(asking.wait(), UNANSWERED)
+            self.assertIn(b'left a vital unanswered', asking.stderr.read())
+
+    def test_watch_goes_on_over_a_restart(self):
+        self.start_with_a_ring()
+        out, err = Path('/tmp/watch.out'), Path('/tmp/watch.err')
+        lines = lambda: text_of(out).count('\n')
+        with open(out, 'wb') as stdout, open(err, 'wb') as stderr, \
+                subprocess.Popen([STAT, '--watch', '0.1', '--json', 'cpu'], stdout=stdout, stderr=stderr) as watching:
+            self.becomes(lambda: lines() >= 2)
+            self.end()
+            self.becomes(lambda: text_of(err) == 'vestra-stat: no daemon is running; still asking\n')
+            before = lines()
+            self.start()
+            self.becomes(lambda: lines() >= before + 2)
+            self.assertEqual(text_of(err), 'vestra-stat: no daemon is running; still asking\n'
+                                           'vestra-stat: the daemon answers again\n')
+            watching.send_signal(signal.SIGINT)
+            self.assertEqual(watching.wait(), OK)
+
+    def test_name_after_watch_is_no_number_of_seconds(self):
+        self.start_with_a_ring()
+        twice = stat('--watch', 'cpu', '--count', 2)
+        self.assertEqual((twice.returncode, twice.stdout.count('cpu-total')), (OK, 2))
+
+    def test_watch_on_a_terminal_stays_in_its_place(self):
+        self.start_with_a_ring()
+        shown = run('script', '-qec', f'{STAT} --watch 0.1 --count 3', '/dev/null', env={'TERM': 'xterm'}).stdout
+        self.assertEqual([shown.count(text) for text in ('\x1b[2J', '\x1b[H', 'memory-available')], [1, 3, 3])
+
+    def test_completion_knows_every_option_and_vital(self):
+        completed = lambda word: sorted(run(
+            'bash', '-c', f'source {ROOT}/packaging/completion/vestra-stat; COMP_WORDS=(vestra-stat {word}); COMP_CWORD=1; '
+            '_vestra_stat; echo ${COMPREPLY[@]}', env={'PATH': f'{STAT.parent}:/usr/bin:/bin'}).stdout.split())
+        self.assertEqual(completed('--'), sorted(re.findall(r'(?m)^  (?:-\w,)?(--\w+)', stat('--help').stdout)))
+        vitals = sorted(re.findall(r'(?m)^ *\d+\*? +(\S+)', stat('--list').stdout))
+        self.assertEqual((len(vitals), completed('""')), (17, vitals))
+        self.assertEqual(completed('cpu-t'), ['cpu-total'])
+
+
+if __name__ == '__main__':
+    main({'VestraStat': '--node --source synthetic'})
