@@ -1,129 +1,35 @@
-// Traces for a viewer, and reports.
+// Parts of reports and wall-clock times that need no whole dump. The rest of them is in dump_output_test.py.
 
 #include <algorithm>
-#include <map>
 #include <nlohmann/json.hpp>
-#include <set>
-#include <sstream>
 
-#include "dump_support.h"
-#include "gmock/gmock.h"
-#include "hostile_dump.h"
+#include "gtest/gtest.h"
 #include "tools/dump/report_html.h"
 #include "tools/dump/report_series.h"
-#include "tools/dump/text.h"
 #include "tools/dump/vitals.h"
+#include "tools/dump/wall_clock.h"
 
-using namespace dump_test;
 using namespace vestra_dump;
 using nlohmann::json;
 
 namespace {
 
-struct DumpReport : testing::Test {
-    // Runs a command on the dump, which is damaged.
-    std::string output(const std::string &command) const {
-        const vestra_test::Ran ran = vestra_test::run(VESTRA_DUMP_PROGRAM " " + command + " " + dump);
-        EXPECT_EQ(ran.code, 1) << command;
-        return ran.out;
-    }
-
-    // The rows of a table.
-    std::vector<json> rows(const std::string &table) const {
-        std::vector<json> found;
-        std::istringstream lines(output("json --vitals --processes"));
-        for (std::string line; std::getline(lines, line);) {
-            found.push_back(json::parse(line));
-            if (found.back()["table"] != table) found.pop_back();
-        }
-        return found;
-    }
-
-    const std::string dump = put("/tmp/0000000000_7_hostile_1795560058", hostile_dump());
-};
-
-struct DumpTrace : DumpReport {
-    DumpTrace() {
-        const json trace = json::parse(output("perfetto"));  // throws unless it is UTF-8
-        for (const json &event : trace["traceEvents"]) {
-            const auto track = event["pid"].get<int64_t>();
-            const std::string name = event["name"];
-            if (event["ph"] == "C") {
-                EXPECT_EQ(event["args"].size(), 1U);
-                counters[std::to_string(track) + " " + name][event["ts"]] = event["args"].front();
-                EXPECT_EQ(tracks.count(track), 1U) << "a figure on a track without a name";
-            } else if (event["ph"] == "i") {
-                damage.push_back(event);
-            } else if (name == "process_name") {
-                EXPECT_TRUE(tracks.emplace(track, event["args"]["name"]).second) << "a track is named twice: " << event;
-            }
-        }
-    }
-
-    std::map<int64_t, std::string> tracks;                     // names
-    std::map<std::string, std::map<double, double>> counters;  // "track name", by time
-    std::vector<json> damage;
-};
-
-TEST_F(DumpTrace, EachProcessHasATrackAndDamageIsMarked) {
-    std::set<std::string> expected = {"Vitals of the set"}, names;
-    for (const std::string &name : kHostileNames) {
-        expected.insert(printable(name) + (name == kHostileNames.back() ? " (process 100)" : ""));
-    }
-    for (const auto &[track, name] : tracks) names.insert(name);
-    EXPECT_EQ(names, expected);
-    ASSERT_EQ(damage.size(), 1U);
-    EXPECT_DOUBLE_EQ(damage[0]["ts"], 639e6 + 0.009);
-    EXPECT_EQ(damage[0]["args"]["bytes"], 99);
+TEST(WallClock, TimeInADumpsNameIsTheLastNumberIfItIsOne) {
+    const std::pair<const char *, int64_t> kNames[] = {
+        {"/media/STICK/0000000000_312_a_b_1795560058-tl", 1795560058},
+        {"/tmp/temp-vestra-user_1795560058_123456", 1795560058},
+        {"0000000000_312_vestrad_3_l", 0},
+        {"0000000000_312_vestrad_12", 0},
+        {"0000000000_312_vestrad_2026-11-24 22.40.58", 0},
+        {"0000000000_312_vestrad_99999999999999999999", 0},
+        {"", 0},
+    };
+    for (const auto &[name, time] : kNames) EXPECT_EQ(seconds_in_name(name).value_or(0), time);
 }
 
-TEST_F(DumpTrace, FiguresAreThoseOfTheTables) {
-    const auto vitals = std::find_if(tracks.begin(), tracks.end(),
-                                     [](const auto &track) { return track.second == "Vitals of the set"; });
-    ASSERT_NE(vitals, tracks.end());
-    size_t figures = 0;
-    for (const json &row : rows("vitals")) {
-        for (const VitalName &name : kVitalNames) {
-            if (!row.contains(name.column)) continue;
-            ++figures;
-            const auto &counter = counters[std::to_string(vitals->first) + " " + name.label];
-            const auto found = counter.find(row["time_ns"].get<double>() / 1000);
-            ASSERT_TRUE(found != counter.end()) << row << name.column;
-            EXPECT_EQ(found->second, row[name.column]);
-        }
-    }
-    EXPECT_GT(figures, 50U * 12);
-    std::map<int, json> last;
-    for (const json &row : rows("processes")) last[row["pid"]] = row;
-    for (int pid = 101; pid <= 104; ++pid) {
-        EXPECT_EQ(counters[std::to_string(pid) + " Resident memory"].rbegin()->second, last[pid]["rss_kib"]);
-        EXPECT_EQ(counters[std::to_string(pid) + " CPU"].rbegin()->second, last[pid]["cpu_total"]);
-    }
-}
-
-// report_browser_test.sh checks the names and the tables of a page.
-TEST_F(DumpReport, PageHasTextsEscapedAndThePointsOfTheVitals) {
-    const std::string page = output("report");
-    EXPECT_NE(page.find("&lt;i&gt;model"), std::string::npos);
-    EXPECT_EQ(page.find("<i>"), std::string::npos);
+TEST(ReportHtml, NoTextEndsTheScript) {
     EXPECT_EQ(script_json("</script><!--\xe2\x80\xa8\xe2\x80\xa9\xe2\x80\xaa&"),
               "\\u003c/script\\u003e\\u003c!--\\u2028\\u2029\xe2\x80\xaa\\u0026");
-    const std::string begin = "id=\"data\">";
-    const size_t at = page.find(begin) + begin.size();
-    const json data = json::parse(page.substr(at, page.find("</script>", at) - at));
-    EXPECT_EQ(data["damage"], json::parse("[[639.000000009, 640.0]]"));
-    std::map<int64_t, json> points;
-    for (const json &row : data["rows"]) points[row[0].get<int64_t>()] = row;
-    EXPECT_EQ(points.size(), 51U) << "50 seconds, and one for the gap";
-    EXPECT_TRUE(points[620][1].is_null()) << "the gap";
-    for (const json &row : rows("vitals")) {
-        for (size_t type = 0; type < kVitalCount; ++type) {
-            const json figure = points[row["second"]].at(type + 1);
-            ASSERT_EQ(figure.is_null(), !row.contains(kVitalNames[type].column)) << row;
-            if (figure.is_null()) continue;
-            EXPECT_NEAR(figure, row[kVitalNames[type].column], 1e-5 * (1 + figure.get<double>()));
-        }
-    }
 }
 
 TEST(VitalSeries, KeepsExtremesAndGapsOfAnyLength) {

@@ -7,7 +7,7 @@
 
 #include "gtest/gtest.h"
 #include "set/trace/synthetic_source.h"
-#include "support/shell.h"
+#include "support/files.h"
 #include "tools/dump/dump_reader.h"
 
 namespace dump_test {

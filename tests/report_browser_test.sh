@@ -1,5 +1,5 @@
 #!/bin/bash
-# Checks a report in a real browser: report_browser_test.sh PATH-OF-vestra-dump PATH-OF-write_hostile_dump. A script at the end of the
+# Checks a report in a real browser: report_browser_test.sh PATH-OF-vestra-dump PATH-OF-write_dump. A script at the end of the
 # page reports what the browser shows.
 set -eu
 
@@ -19,7 +19,7 @@ check() {
 }
 
 browser=$(command -v chromium) || { echo "no chromium: scripts/install-deps check installs it"; exit 1; }
-"$writer" > "$work/0000000000_7_hostile_1795560058"
+"$writer" hostile > "$work/0000000000_7_hostile_1795560058"
 cd "$work"
 "$dump_program" info --epoch name 0000000000_7_hostile_1795560058 > info || [ $? -eq 1 ]
 "$dump_program" report 0000000000_7_hostile_1795560058 -o report.html 2> /dev/null || [ $? -eq 1 ]
