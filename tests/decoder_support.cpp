@@ -24,11 +24,6 @@ std::string log_text(std::string_view kinds) {
     return all;
 }
 
-DecoderTest::~DecoderTest() {
-    EXPECT_EQ(pthread_mutex_trylock(&shm_lock), 0) << "the list is left locked";
-    pthread_mutex_unlock(&shm_lock);
-}
-
 void DecoderTest::reset_decoder() {
     start_afresh();
     world().log_functions = true;

@@ -25,7 +25,6 @@ std::string text(const char *format, ...) __attribute__((format(printf, 1, 2)));
 class DecoderTest : public DaemonTest {
   protected:
     DecoderTest() { reset_decoder(); }
-    ~DecoderTest() override;
 
     // Ring, history, list and log as at program start, debug lines on.
     static void reset_decoder();

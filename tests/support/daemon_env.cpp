@@ -1,5 +1,7 @@
 #include "support/daemon_env.h"
 
+#include <sys/wait.h>
+
 #include <regex>
 
 #include "platform/dlog.h"
@@ -53,6 +55,26 @@ void forget_start() {
 }
 
 static int node = -1;
+
+// What the libraries open once and keep.
+static void open_what_stays() {
+    get_shm();
+    call_with_key("first", 1, [](keynode_t *, void *) {});
+}
+
+DaemonTest::DaemonTest() {
+    start_afresh();
+    [[maybe_unused]] static const bool once = (open_what_stays(), start_afresh(), true);
+    descriptors_ = names_in("/proc/self/fd").size();
+}
+
+DaemonTest::~DaemonTest() {
+    EXPECT_TRUE(is_free(&lock));
+    EXPECT_TRUE(is_free(&shm_lock));
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    start_afresh();
+    EXPECT_EQ(names_in("/proc/self/fd").size(), descriptors_);
+}
 
 void DaemonTest::start_afresh() {
     world() = World{};
@@ -124,16 +146,10 @@ std::string seen_text(std::string_view kinds) {
     return text;
 }
 
-int next_descriptor() {
-    const int next = fcntl(0, F_DUPFD_CLOEXEC, 0);
-    close(next);
-    return next;
-}
-
-bool lock_is_free() {
-    const bool is_free = pthread_mutex_trylock(&lock) == 0;
-    if (is_free) pthread_mutex_unlock(&lock);
-    return is_free;
+bool is_free(pthread_mutex_t *mutex) {
+    const bool taken = pthread_mutex_trylock(mutex) == 0;
+    if (taken) pthread_mutex_unlock(mutex);
+    return taken;
 }
 
 void call_with_key(const char *key, std::variant<int, std::string> value, vconf_callback_fn callback) {

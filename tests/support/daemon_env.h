@@ -82,8 +82,8 @@ void begin_transcript();
 // test's in /tmp, a new transcript.
 class DaemonTest : public Test {
   protected:
-    DaemonTest() { start_afresh(); }
-    ~DaemonTest() override { start_afresh(); }
+    DaemonTest();
+    ~DaemonTest() override;  // whatever the test did: no lock is held, no descriptor and no child is left
 
     static void start_afresh();
 
@@ -94,6 +94,9 @@ class DaemonTest : public Test {
     static void make_debug_image();
     // A stick that has been found before.
     static void plug_known_stick();
+
+  private:
+    size_t descriptors_ = 0;
 };
 
 void forget_start();  // what a start-up has registered, and its loop
@@ -107,8 +110,7 @@ inline constexpr char kControlNode[] = "/proc/vesertra_info";
 
 std::string notices();  // the notice spool
 std::string printed_by(const std::function<void()> &body);
-int next_descriptor();  // that would be opened: the same before and after what leaks none
-bool lock_is_free();    // the chain's
+bool is_free(pthread_mutex_t *mutex);
 
 // Calls `callback` as the daemon's loop would, with the node of the key's change to `value`.
 void call_with_key(const char *key, std::variant<int, std::string> value, vconf_callback_fn callback);

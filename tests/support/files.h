@@ -45,4 +45,15 @@ inline Strings names_in(const fs::path &directory) {
     return names;
 }
 
+// All files below a directory that has only the tests', each a line "NAME: CONTENT".
+inline std::string files_in(const fs::path &directory) {
+    std::string text;
+    for (const std::string &name : names_in(directory)) {
+        const fs::path path = directory / name;
+        text += fs::is_directory(path) ? files_in(path)
+                                       : path.string() + ": " + ::testing::PrintToString(read_file(path)) + "\n";
+    }
+    return text;
+}
+
 }  // namespace vestra_test
