@@ -6,7 +6,6 @@
 #include <limits>
 
 #include "decoder_support.h"
-#include "golden.h"
 #include "platform/vconf.h"
 #include "vestra-daemon/vestrad.h"
 

@@ -3,7 +3,6 @@
 #include <cstdlib>
 
 #include "decoder_support.h"
-#include "golden.h"
 
 using namespace decoder_test;
 

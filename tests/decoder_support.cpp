@@ -1,22 +1,8 @@
 #include "decoder_support.h"
 
 #include <cmath>
-#include <cstdarg>
-#include <cstdio>
 
 namespace decoder_test {
-
-std::string text(const char *format, ...) {
-    char buffer[16384];
-    va_list arguments;
-    va_start(arguments, format);
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    vsnprintf(buffer, sizeof(buffer), format, arguments);
-#pragma GCC diagnostic pop
-    va_end(arguments);
-    return buffer;
-}
 
 std::string log_text(std::string_view kinds) {
     std::string all = seen_text(kinds);

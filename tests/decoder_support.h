@@ -19,9 +19,6 @@ constexpr int64_t kSecond = 1'000'000'000;
 // The log lines since the last call, each "PRIORITY FUNCTION TEXT". '$' stands for a line end in the text.
 std::string log_text(std::string_view kinds = "3456");
 
-// printf into a string.
-std::string text(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
 class DecoderTest : public DaemonTest {
   protected:
     DecoderTest() { reset_decoder(); }

@@ -1,9 +1,7 @@
 // Shared by the tests of the platform services: a state directory for each test, the log's text, a main loop.
 #pragma once
 
-#include <fcntl.h>
 #include <glib.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,14 +20,9 @@ using namespace ::testing;
 
 // What `body` writes to standard error, where the log goes.
 inline std::string logged(const std::function<void()> &body) {
-    const int saved = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3), file = memfd_create("log", MFD_CLOEXEC);
-    dup2(file, STDERR_FILENO);
+    internal::CaptureStderr();
     body();
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    std::string text = read_file("/proc/self/fd/" + std::to_string(file));
-    close(file);
-    return text;
+    return internal::GetCapturedStderr();
 }
 
 // A fresh state directory with the launcher's subdirectories.

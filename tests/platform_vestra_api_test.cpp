@@ -4,6 +4,7 @@
 #include "platform/vestra_api.h"
 
 #include <grp.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <atomic>

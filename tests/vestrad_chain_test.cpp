@@ -1,6 +1,5 @@
 // Capture chain and reader thread.
 
-#include "golden.h"
 #include "support/daemon_env.h"
 
 using namespace vestra_test;

@@ -2,7 +2,6 @@
 
 #include <sstream>
 
-#include "golden.h"
 #include "support/daemon_env.h"
 
 using namespace vestra_test;

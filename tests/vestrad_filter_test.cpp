@@ -1,6 +1,5 @@
 // Process filter list and the thread that watches for it.
 
-#include "golden.h"
 #include "support/daemon_env.h"
 
 using namespace vestra_test;

@@ -2,7 +2,6 @@
 
 #include <sys/wait.h>
 
-#include "golden.h"
 #include "support/daemon_env.h"
 
 using namespace vestra_test;

@@ -1,18 +1,12 @@
 // The ring of vitals and its window statistics at their edges: what minutes of a set's life do not bring. Those are in
 // vitals_oracle_test.cpp.
 
-#include <ucontext.h>
-
 #include <cmath>
 #include <cstring>
 #include <limits>
 #include <numeric>
-#ifdef __x86_64__
-#include <x86intrin.h>
-#endif
 
 #include "decoder_support.h"
-#include "golden.h"
 
 using namespace decoder_test;
 
@@ -92,30 +86,6 @@ TEST_F(Ring, PassEndsAtSlot179WhenTheDaemonStops) {
     calculateCPUAvgValues();
     EXPECT_EQ(g_CPUValidSample, samples + 1);
 }
-
-#ifdef __x86_64__
-constexpr int kTrapFlag = 0x100;
-
-// Runs after each instruction once the trap flag is set. As soon as the reader has set valid_index for the new head in
-// slot 21, writes what a client thread writes that still had the old head.
-void write_as_client(int /*signo*/, siginfo_t * /*info*/, void *context) {
-    if (last_index != 21 || valid_index != 22) return;
-    valid_index = 21;
-    static_cast<ucontext_t *>(context)->uc_mcontext.gregs[REG_EFL] &= ~kTrapFlag;
-}
-
-TEST_F(Ring, HeadGetsItsPercentagesWhenTheClientThreadMovesTheRun) {
-    for (int second = 1; second <= 200; ++second) put(second * kSecond);  // a full ring
-    struct sigaction action = {};
-    action.sa_sigaction = write_as_client;
-    action.sa_flags = SA_SIGINFO;
-    sigaction(SIGTRAP, &action, nullptr);
-    __writeeflags(__readeflags() | kTrapFlag);
-    put(201 * kSecond, 5);
-    EXPECT_EQ(valid_index, 21) << "the client's";
-    EXPECT_DOUBLE_EQ(collectedData[21].cpu_user_percent, 0.5);
-}
-#endif
 
 TEST_F(Ring, IsPrintedSlotBySlot) {
     double vitals[17];  // they are next to each other in a slot

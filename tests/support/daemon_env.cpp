@@ -141,9 +141,23 @@ std::string printed_by(const std::function<void()> &body) {
 std::string seen_text(std::string_view kinds) {
     std::string text;
     static const std::regex kVaries(
-        R"( success \(.*|0x[0-9a-f]{6,}|((append_image_version|KeyCombination_Initialize) failed) \(.*)");
+        R"(-(?=nan)| success \(.*|0x[0-9a-f]{6,}|((append_image_version|KeyCombination_Initialize) failed) \(.*)");
     for (const std::string &entry : seen(kinds)) text += std::regex_replace(entry, kVaries, "$1") + "\n";
     return text;
+}
+
+std::string formatted(const char *format, va_list arguments) {
+    char buffer[16384];
+    vsnprintf(buffer, sizeof(buffer), format, arguments);
+    return buffer;
+}
+
+std::string text(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    std::string result = formatted(format, arguments);
+    va_end(arguments);
+    return result;
 }
 
 bool is_free(pthread_mutex_t *mutex) {

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <climits>
 #include <csignal>
+#include <cstdarg>
 #include <cstring>
 #include <functional>
 #include <tuple>
@@ -74,9 +75,14 @@ World &world();
 //   "wait MICROSECONDS"   "node COMMAND" (a write into a pipe in the node's place)   "sync" (of a temporary file)
 //   "call ..."            registrations, nice, naming and joining a thread
 Strings seen(std::string_view kinds = "3456");
-// The same as a text, a line each, without what varies: pointers, error numbers that some call has left behind.
+// The same as a text, a line each, without what varies: pointers, the sign of a NaN, error numbers that some call has
+// left behind.
 std::string seen_text(std::string_view kinds = "3456");
 void begin_transcript();
+
+// printf into a string.
+std::string formatted(const char *format, va_list arguments) __attribute__((format(printf, 1, 0)));
+std::string text(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Every test of the daemon's core: globals as at program start, no marker file, no node, no stick, no key, nothing of a
 // test's in /tmp, a new transcript.

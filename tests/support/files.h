@@ -1,7 +1,9 @@
-// Files for tests: read, write and list them; the version file that a dump takes its trailer from; a USB stick.
+// Files for tests: read, write and list them; texts that are compared with a file; the version file that a dump takes its
+// trailer from; a USB stick.
 #pragma once
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -54,6 +56,13 @@ inline std::string files_in(const fs::path &directory) {
                                        : path.string() + ": " + ::testing::PrintToString(read_file(path)) + "\n";
     }
     return text;
+}
+
+// Long texts that must not change are in data/logs. With VESTRA_WRITE_LOGS in the environment the file is written instead.
+inline void expect_golden(const std::string &name, const std::string &text) {
+    const std::string path = VESTRA_TEST_LOGS "/" + name + ".log";
+    if (getenv("VESTRA_WRITE_LOGS") != nullptr) write_file(path, text);
+    EXPECT_EQ(text, read_file(path)) << path;
 }
 
 }  // namespace vestra_test

@@ -12,7 +12,6 @@
 #include <map>
 #include <mutex>
 #include <new>
-#include <set>
 
 #include "platform/dlog.h"
 #include "platform/notification.h"
@@ -39,9 +38,8 @@ Strings seen(std::string_view kinds) {
     for (const std::string &entry : transcript) {
         if (kinds.find(entry[0]) == std::string_view::npos) continue;
         times = entry == last ? times + 1 : 1;
-        if (times == 1) result.emplace_back();
-        result.back() = times == 1 ? entry : entry + " *" + std::to_string(times);
-        last = entry;
+        if (times > 1) result.back() = entry + " *" + std::to_string(times);
+        if (times == 1) result.push_back(last = entry);
     }
     return result;
 }
@@ -63,12 +61,9 @@ struct OwnCalls {
 // Returns the number of waits so far.
 static int note(std::string_view head, std::string_view tail = {}) {
     const OwnCalls ours;
-    std::string entry(head);
-    entry += tail;
     const std::lock_guard<std::mutex> guard(mutex);
-    waits += entry[0] == 'w' ? 1 : 0;
-    transcript.push_back(std::move(entry));
-    return waits;
+    transcript.emplace_back(head) += tail;
+    return waits += head[0] == 'w' ? 1 : 0;
 }
 
 // Counts down to the call that fails.
@@ -122,17 +117,10 @@ int __wrap___dlog_print(log_id_t id, int priority, const char *tag, const char *
     EXPECT_EQ(va_arg(arguments, const char *), function);
     EXPECT_EQ(":" + std::to_string(va_arg(arguments, int)) + "]", line);
     EXPECT_EQ(id, LOG_ID_MAIN);
-    static const std::set<std::string> kSources = {"vestrad.cpp", "decoder.cpp", "vestra_ipc.cpp", "vestra_xml.cpp"};
-    EXPECT_TRUE(kSources.count(file) > 0) << file;
-    if (file == "vestra_xml.cpp") {
-        EXPECT_THAT(function, AnyOf("GetVestraConfigInfo", "ToInt"));
-    }
-    char text[8192];
+    EXPECT_THAT(file, AnyOf("vestrad.cpp", "decoder.cpp", "vestra_ipc.cpp", "vestra_xml.cpp"));
+    EXPECT_TRUE(file != "vestra_xml.cpp" || function == "GetVestraConfigInfo" || function == "ToInt") << function;
     errno = error;
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    vsnprintf(text, sizeof(text), format + kPrefix, arguments);
-#pragma GCC diagnostic pop
+    const std::string text = formatted(format + kPrefix, arguments);
     va_end(arguments);
     std::string entry = std::to_string(priority) + " " + (world().log_functions ? function + " " : "") + text;
     const bool ended = entry.back() == '\n';
