@@ -1,5 +1,4 @@
-// The process history database: start-up, fill and what the trigger key says afterwards. Read back by a connection of
-// its own.
+// The process history database: start-up, fill and what the trigger key says afterwards. The sqlite3 program reads it.
 
 #include <sqlite3.h>
 
@@ -11,8 +10,6 @@
 
 using namespace decoder_test;
 
-namespace {
-
 constexpr char kDirectory[] = "/opt/usr/home/owner/share";
 constexpr char kFile[] = "/opt/usr/home/owner/share/tvhistory.db";
 constexpr char kKey[] = "memory/SHM/trigger_db_write";
@@ -20,34 +17,25 @@ constexpr char kInsert[] =
     "INSERT INTO PROCESS_INFO(TIMESTAMP,PROCESS_ID,RSS_USED,SWAP_USED,CPU_PERCENTAGE_USED) VALUES (1,2,3,4,5)";
 
 // The answer's rows, a line each, the values separated by '|'.
-std::string query(const std::string &statement) {
-    sqlite3 *handle = nullptr;
-    EXPECT_EQ(sqlite3_open_v2(kFile, &handle, SQLITE_OPEN_READWRITE, nullptr), 0);
-    std::string rows;
-    const auto add = [](void *out, int count, char **values, char **) {
-        auto *text = static_cast<std::string *>(out);
-        for (int i = 0; i < count; ++i) text->append(values[i]).append(i + 1 < count ? "|" : "\n");
-        return 0;
-    };
-    EXPECT_EQ(sqlite3_exec(handle, statement.c_str(), add, &rows, nullptr), 0) << sqlite3_errmsg(handle);
-    sqlite3_close(handle);
-    return rows;
+static std::string query(const std::string &statement) {
+    EXPECT_EQ(runShell(("sqlite3 " + std::string(kFile) + " \"" + statement + "\" > /tmp/answer").c_str()), 0);
+    return read_file("/tmp/answer");
 }
 
 // Appends a sample to the list as the decoder would.
-void add(int64_t time, int32_t pid, const std::string &name, int32_t rss, int32_t swap, double cpu) {
+static void add(int64_t time, int32_t pid, const std::string &name, int32_t rss, int32_t swap, double cpu) {
     process_mem record = {time, pid, name, rss, swap};
     circ_buf_shm *node = GetShmNode(&record, cpu);
     node->next = ghead_shm;
     if (ghead_shm != nullptr) ghead_shm->prev = node;
     ghead_shm = node;
 }
-void add_many(int count) {
+static void add_many(int count) {
     for (int i = 0; i < count; ++i) add(1000 + i, i, "process", 10, 20, 1);
 }
 
 // Has a database that is opened prepared so.
-void at_every_opening(int (*prepare)(sqlite3 *, char **, const void *)) {
+static void at_every_opening(int (*prepare)(sqlite3 *, char **, const void *)) {
     sqlite3_auto_extension(reinterpret_cast<void (*)()>(prepare));
 }
 
@@ -160,5 +148,3 @@ TEST_F(Database, HeadThatFellOffDuringTheDeleteIsNotTouched) {
     sqlite3_reset_auto_extension();
     EXPECT_EQ(query("SELECT PROCESS_NAME FROM PROCESS_INFO"), "newest\n");
 }
-
-}  // namespace

@@ -6,15 +6,13 @@
 
 using namespace decoder_test;
 
-namespace {
-
-char *chars(Bytes &bytes) {
+static char *chars(Bytes &bytes) {
     return reinterpret_cast<char *>(bytes.data());
 }
-int length(const Bytes &bytes) {
+static int length(const Bytes &bytes) {
     return static_cast<int>(bytes.size());
 }
-Bytes joined(Bytes bytes, const Bytes &more) {
+static Bytes joined(Bytes bytes, const Bytes &more) {
     bytes.insert(bytes.end(), more.begin(), more.end());
     return bytes;
 }
@@ -133,7 +131,7 @@ TEST_F(DecoderTest, MessagesBeforeADamagedOneKeepTheirEffect) {
 }
 
 // A frame with a message in which every field, the name's length and the name included, takes two bytes.
-Bytes even_message(uint8_t type, int fields) {
+static Bytes even_message(uint8_t type, int fields) {
     Bytes frame = {type, 0, 1};
     for (int field = 0; field < fields; ++field) {
         frame = joined(frame, field == 3 ? Bytes{0x82, 0x00} : field == 4 ? Bytes{'n', 'o'} : Bytes{0x87, 0x01});
@@ -199,5 +197,3 @@ TEST_F(DecoderTest, CoresAreReadAgainWhateverTheLastMessageSaid) {
         }
     }
 }
-
-}  // namespace

@@ -8,8 +8,6 @@
 using namespace decoder_test;
 using trace::SwitchMessage;
 
-namespace {
-
 // First of all: what has been found far from its home once is searched that far from then on.
 TEST_F(DecoderTest, HistoryIsSearchedFartherForEachWayToStoreARecord) {
     using Record = __VestraProcCPUUsageHist__;
@@ -174,5 +172,3 @@ TEST_F(DecoderTest, OldestOfTheListFallOffAboveTheLimitOnly) {
     decode(sample(9, 77, "player"));
     EXPECT_EQ(list().size(), 1U);
 }
-
-}  // namespace

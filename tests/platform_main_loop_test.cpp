@@ -8,10 +8,9 @@
 #include "platform/vconf.h"
 #include "platform_env.h"
 
-namespace vestra_test {
-namespace {
+using namespace vestra_test;
 
-std::string seen;  // by the callbacks and handlers, in order
+static std::string seen;  // by the callbacks and handlers, in order
 
 // Registrations stay until the process ends, so each test has its own keys.
 class MainLoop : public PlatformTest {
@@ -28,16 +27,16 @@ class MainLoop : public PlatformTest {
 /* ------------------------------ vconf ------------------------------ */
 
 // Key, type, number, text.
-void note(keynode_t *node, void *) {
+static void note(keynode_t *node, void *) {
     const char *text = vconf_keynode_get_str(node);
     seen += std::string(vconf_keynode_get_name(node)) + " " + std::to_string(vconf_keynode_get_type(node)) + " " +
             std::to_string(vconf_keynode_get_int(node)) + " " + (text == nullptr ? "(none)" : text) + ";";
 }
-void note_too(keynode_t *, void *) {
+static void note_too(keynode_t *, void *) {
     seen += "too;";
 }
 
-std::string get_str(const char *key) {
+static std::string get_str(const char *key) {
     const std::unique_ptr<char, decltype(&free)> text(vconf_get_str(key), free);
     return text == nullptr ? "(none)" : text.get();
 }
@@ -123,10 +122,10 @@ class Keys : public MainLoop {
     Keys() { EXPECT_NE(KeyCombination_Initialize(), 0); }
 };
 
-void press(_KeyComb combination, void *) {
+static void press(_KeyComb combination, void *) {
     seen += std::to_string(combination) + ";";
 }
-void press_too(_KeyComb, void *) {
+static void press_too(_KeyComb, void *) {
     seen += "too;";
 }
 
@@ -177,6 +176,3 @@ TEST_F(Keys, FileThatIsNoPressIsRemovedWithALine) {
     }
     EXPECT_EQ(seen, "");
 }
-
-}  // namespace
-}  // namespace vestra_test

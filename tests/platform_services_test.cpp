@@ -17,8 +17,7 @@
 #include "platform/vconf.h"
 #include "platform_env.h"
 
-namespace vestra_test {
-namespace {
+using namespace vestra_test;
 
 using nlohmann::json;
 
@@ -26,7 +25,7 @@ class Services : public PlatformTest {};
 
 /* ------------------------------ Log ------------------------------ */
 
-int print(const std::string &tag, const std::string &text) {
+static int print(const std::string &tag, const std::string &text) {
     return __dlog_print(LOG_ID_MAIN, DLOG_INFO, tag.c_str(), "%s", text.c_str());
 }
 
@@ -93,7 +92,7 @@ TEST_F(Services, EncodedNameIsAFileNameForAnyBytes) {
 /* ------------------------------ Services ------------------------------ */
 
 // Mount path of the first device of a class, found as the daemon finds it.
-std::string first_mount(int device_class = USB_DEVICE_CLASS_MASS_STORAGE) {
+static std::string first_mount(int device_class = USB_DEVICE_CLASS_MASS_STORAGE) {
     usb_device_list_h list = nullptr;
     if (usb_device_init() != 0 || usb_device_get_device_list(device_class, &list) != 0) return "(no list)";
     usb_device_h device = nullptr;
@@ -107,7 +106,7 @@ std::string first_mount(int device_class = USB_DEVICE_CLASS_MASS_STORAGE) {
     return usb_device_fini() == 0 ? mount : "(no end)";
 }
 
-std::string custom_string(const char *key) {
+static std::string custom_string(const char *key) {
     char *value = nullptr;
     if (system_info_get_custom_string(key, &value) != 0) return value == nullptr ? "(none)" : "(touched)";
     const std::unique_ptr<char, decltype(&free)> text(value, free);
@@ -224,6 +223,3 @@ TEST_F(Services, FailWithALineWithoutTheStateDirectory) {
     }
     EXPECT_EQ(value, 4);
 }
-
-}  // namespace
-}  // namespace vestra_test

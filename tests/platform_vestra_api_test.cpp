@@ -14,8 +14,7 @@
 
 #include "platform_env.h"
 
-namespace vestra_test {
-namespace {
+using namespace vestra_test;
 
 constexpr int kLong = 30000;  // ms
 
@@ -27,7 +26,7 @@ struct Play {
 };
 
 // The daemon's service. Answers maximum = type * 1000 + window.
-void serve(Play *play) {
+static void serve(Play *play) {
     while (!play->quit) {
         auto *shm = static_cast<vestra_shm_record *>(get_shm());
         if (shm == nullptr) {
@@ -214,6 +213,3 @@ TEST_F(VestraApi, ARemovedSegmentsAddressStaysMemory) {
     EXPECT_EQ(check_if_valid_shm(nullptr), 0);
     EXPECT_LT(vestra_request_sem_lock_func("client_request_process", 6), 0) << "returns without a request, too";
 }
-
-}  // namespace
-}  // namespace vestra_test

@@ -1,18 +1,14 @@
 // What the simulated kernel module understands, and what it keeps; the rest of it is in set_launcher_test.sh.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <climits>
 
+#include "gmock/gmock.h"
 #include "set/module_state.h"
 #include "set/user_data.h"
 
-namespace vestra_set {
-namespace {
-
 using namespace std::string_literals;
+using namespace vestra_set;
 using testing::ElementsAre;
 
 TEST(Module, CommandsAreUnderstoodOrRefusedAndCounted) {
@@ -81,6 +77,3 @@ TEST(Module, DoesWhatItIsToldUntilItIsLoadedAnew) {
                                                 status["damaged_blocks"], status["blocks"], status["reads"]["empty"]});
     EXPECT_EQ(figures.dump(), R"([2,312,{"7":2,"8":1},2,3,1])") << "its counts stay";
 }
-
-}  // namespace
-}  // namespace vestra_set

@@ -6,13 +6,11 @@
 #include "dump_support.h"
 #include "trace_reader.h"
 
-namespace {
-
 using namespace trace;
 using Bytes = std::vector<uint8_t>;
 
 // The labelled bytes of a document's fenced block of that kind.
-Bytes bytes_of_document(const std::string &name, const std::string &kind) {
+static Bytes bytes_of_document(const std::string &name, const std::string &kind) {
     std::ifstream file(std::string(VESTRA_DOCS_DIR) + "/" + name);
     Bytes bytes;
     bool inside = false;
@@ -26,34 +24,13 @@ Bytes bytes_of_document(const std::string &name, const std::string &kind) {
 }
 
 TEST(TraceDocument, WriterWritesTheExample) {
-    SwitchMessage tuner;
-    tuner.time_ns = 601'500'000'000;
-    tuner.element1 = 1;
-    tuner.pid = 312;
-    tuner.name = "tuner";
-    tuner.element5 = 64;
-    tuner.cpu_a = 1000;
-    tuner.cpu_b = 250;
-    tuner.rss = 20480;
-    tuner.swap = 1;
-    tuner.element10 = 420;
-    tuner.element11 = 2;
+    // The figures in the order of the elements, after the message's type.
+    SwitchMessage tuner = {1, 601'500'000'000, 1, 312, "tuner", 0, 64, 1000, 250, 20480, 1, 420, 2, {}};
     tuner.cores = {
         {{30000, 9000, 110000, 47, 200}, {30010, 9005, 109985, 48, 200}, {0, 0, 0, 49, 0}, {127, 128, 16384, 50, 1}}};
-    MeminfoMessage memory;
-    memory.time_ns = tuner.time_ns;
-    memory.element1 = 24;
-    memory.element2 = 2;
-    memory.name = "meminfo";
-    memory.decimal = {{{52, 5}, {0, 7}, {1, 123}}};
-    memory.element10 = 1572864;
-    memory.element11 = 524288;
-    memory.element12 = 96;
-    memory.figure13 = 204800;
-    memory.element14 = 20000;
-    memory.element15 = 60000;
-    memory.figure16 = 300000;
-    memory.figure17 = 747110;
+    const MeminfoMessage memory = {1,       tuner.time_ns, 24, 2,      "meminfo", {{{52, 5}, {0, 7}, {1, 123}}},
+                                   1572864, 524288,        96, 204800, 20000,     60000,
+                                   300000,  747110};
     Bytes written;
     FrameWriter writer(&written);
     EXPECT_TRUE(writer.begin_frame(kSwitchFrame, 1) && writer.add(tuner) && writer.begin_frame(kMeminfoFrame, 0) &&
@@ -82,5 +59,3 @@ TEST(DumpDocument, TrailerOfTheExampleIsFound) {
     EXPECT_EQ(totals.trailer->lite_mode, 1);
     EXPECT_EQ(totals.payload_bytes, kEmptyRecord);
 }
-
-}  // namespace

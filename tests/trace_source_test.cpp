@@ -2,30 +2,25 @@
 // as far as a test can know this machine.
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <map>
-#include <string>
 
+#include "gmock/gmock.h"
 #include "set/trace/host_source.h"
 #include "set/trace/synthetic_source.h"
 #include "support/files.h"
 #include "trace_reader.h"
 
-namespace vestra_set {
-namespace {
-
-using vestra_test::read_block;
-using vestra_test::ReadMessage;
+using namespace vestra_set;
+using namespace vestra_test;
 using Bytes = std::vector<uint8_t>;
 
-std::unique_ptr<SyntheticSource> made(const char *profile, uint64_t seed, uint32_t block_size) {
+static std::unique_ptr<SyntheticSource> made(const char *profile, uint64_t seed, uint32_t block_size) {
     SourceOptions options;
     options.profile = profile;
     options.seed = seed;
@@ -37,7 +32,7 @@ std::unique_ptr<SyntheticSource> made(const char *profile, uint64_t seed, uint32
     return source;
 }
 
-Bytes next(TraceSource &source) {
+static Bytes next(TraceSource &source) {
     Bytes block(kBlockMax);
     block.resize(source.next_block(block.data(), block.size()));
     return block;
@@ -45,7 +40,7 @@ Bytes next(TraceSource &source) {
 
 using Samples = std::vector<std::pair<uint64_t, uint64_t>>;  // time and process
 
-Samples samples_in(const std::vector<Bytes> &blocks) {
+static Samples samples_in(const std::vector<Bytes> &blocks) {
     Samples samples;
     for (const Bytes &block : blocks) {
         for (const ReadMessage &message : read_block(block)) samples.emplace_back(message.time, message.pid);
@@ -123,28 +118,28 @@ TEST(SyntheticSource, FiltersDiskSelectionAndTemperatureTakeEffect) {
     EXPECT_TRUE(next(*source).empty());
 }
 
-bool all_are_in(Samples samples, Samples others) {
+static bool all_are_in(Samples samples, Samples others) {
     std::sort(samples.begin(), samples.end());
     std::sort(others.begin(), others.end());
     return std::includes(others.begin(), others.end(), samples.begin(), samples.end());
 }
 
-std::vector<Bytes> recorded(const char *profile, int blocks) {
+static std::vector<Bytes> recorded(const char *profile, int blocks) {
     const auto source = made(profile, 11, 20000);
     std::vector<Bytes> recording;
     for (; blocks > 0; --blocks) recording.push_back(next(*source));
     return recording;
 }
 
-std::string joined(const std::vector<Bytes> &blocks) {
+static std::string joined(const std::vector<Bytes> &blocks, const std::string &trailer = kTrailer) {
     std::string all;
     for (const Bytes &block : blocks) all.append(block.begin(), block.end());
-    return all;
+    return all + trailer;
 }
 
 // All blocks that the replay of a dump hands out; none if it is refused.
-std::vector<Bytes> replayed(const std::string &dump, uint32_t block_size = 0) {
-    vestra_test::write_file("/tmp/dump", dump);
+static std::vector<Bytes> replayed(const std::string &dump, uint32_t block_size = 0) {
+    write_file("/tmp/dump", dump);
     SourceOptions options;
     options.kind = "replay";
     options.file = "/tmp/dump";
@@ -159,28 +154,28 @@ std::vector<Bytes> replayed(const std::string &dump, uint32_t block_size = 0) {
 
 TEST(Replay, HandsOutTheBlocksThatWereRecorded) {
     const auto blocks = recorded("steady", 60);
-    EXPECT_EQ(replayed(joined(blocks) + vestra_test::kTrailer), blocks);
+    EXPECT_EQ(replayed(joined(blocks)), blocks);
 }
 
 TEST(Replay, HandsOutTheSameSamplesInSmallerBlocks) {
-    const auto blocks = recorded("steady", 60), smaller = replayed(joined(blocks) + vestra_test::kTrailer, 2000);
+    const auto blocks = recorded("steady", 60), smaller = replayed(joined(blocks), 2000);
     EXPECT_GT(smaller.size(), 9 * blocks.size());
     EXPECT_EQ(samples_in(smaller), samples_in(blocks));
 }
 
 TEST(Replay, HandsOutEverySampleThatAReaderTakesFromADamagedStream) {
     const auto blocks = recorded("hostile", 60);
-    EXPECT_TRUE(all_are_in(samples_in(blocks), samples_in(replayed(joined(blocks) + vestra_test::kTrailer))));
+    EXPECT_TRUE(all_are_in(samples_in(blocks), samples_in(replayed(joined(blocks)))));
 }
 
 TEST(Replay, LosesNothingAfterBlocksThatEndInsideAFrame) {
     auto blocks = recorded("steady", 20);
     for (size_t i = 0; i < blocks.size(); ++i) blocks[i].resize(blocks[i].size() - kEmptyRecord - 40 * i);
-    EXPECT_TRUE(all_are_in(samples_in(blocks), samples_in(replayed(joined(blocks) + vestra_test::kTrailer))));
+    EXPECT_TRUE(all_are_in(samples_in(blocks), samples_in(replayed(joined(blocks)))));
 }
 
 TEST(Replay, HandsOutEveryByteOfADamagedPayload) {
-    const std::string block = joined(recorded("steady", 1));
+    const std::string block = joined(recorded("steady", 1), "");
     const std::pair<const char *, std::string> kRows[] = {
         {"Truncated", block.substr(0, block.size() - 300)},
         {"LengthsOfZero", block + std::string(100'000, '\0') + block},
@@ -192,7 +187,7 @@ TEST(Replay, HandsOutEveryByteOfADamagedPayload) {
         for (const uint32_t block_size : {0U, 64U, 5000U}) {
             SCOPED_TRACE(std::string(name) + " " + std::to_string(block_size));
             size_t found = 0;  // empty records are added between the bytes of the payload
-            for (const char byte : joined(replayed(payload, block_size))) {
+            for (const char byte : joined(replayed(payload, block_size), "")) {
                 found += found < payload.size() && byte == payload[found] ? 1 : 0;
             }
             EXPECT_EQ(found, payload.size());
@@ -202,7 +197,7 @@ TEST(Replay, HandsOutEveryByteOfADamagedPayload) {
 
 TEST(Replay, RefusesAFileWithoutRecords) {
     EXPECT_TRUE(replayed("").empty());
-    EXPECT_TRUE(replayed(vestra_test::kTrailer).empty());
+    EXPECT_TRUE(replayed(kTrailer).empty());
 }
 
 // e2e/clients_test.py compares CPU time and memory of a process with the kernel's figures.
@@ -266,6 +261,3 @@ TEST(HostSource, ARateCoversTheLastSecondWhateverTheReadingsAre) {
     wraps.update(0, ULONG_MAX - 99);
     EXPECT_EQ(wraps.update(1'000'000'000, 100), 200U) << "the counter has wrapped";
 }
-
-}  // namespace
-}  // namespace vestra_set

@@ -10,8 +10,6 @@
 
 using namespace decoder_test;
 
-namespace {
-
 constexpr int64_t kLeast = std::numeric_limits<int64_t>::min(), kMost = std::numeric_limits<int64_t>::max();
 constexpr int kLeastInt = std::numeric_limits<int>::min(), kMostInt = std::numeric_limits<int>::max();
 
@@ -147,5 +145,3 @@ TEST_F(Window, RequestsAreIndexedByTypeUnlessThereIsOne) {
         EXPECT_EQ(log_text(), "6 getTypeResult ERR:vestra : Not a valid packetType$\n") << type;
     }
 }
-
-}  // namespace
