@@ -241,22 +241,14 @@ TEST(HostSource, SamplesTheProcessesAskedForWhenTheyAreDue) {
 }
 
 TEST(HostSource, ARateCoversTheLastSecondWhateverTheReadingsAre) {
-    const struct {
-        uint64_t ms;
-        unsigned long count;
-        uint64_t rate;
-        const char *why;
-    } kRows[] = {{1000, 5000, 0, "the first reading"},
-                 {1050, 5100, 2000, "all there is"},
-                 {1100, 9000, 40000, "all there is"},
-                 {2000, 9100, 4100, "since the reading of a second ago"},
-                 {2100, 9100, 100, "the burst is more than a second ago"},
-                 {9100, 16100, 1000, "a late reading: over the time that passed"},
-                 {9150, 100, 1000, "the counter went back: the rate stays"},
-                 {9650, 600, 1000, "counting has begun again"}};
+    // A first reading; two with less than a second before them; one a second after; then a burst is past; a late reading;
+    // one after the counter went back, with which counting begins again.
+    const uint64_t readings[][3] = {{1000, 5000, 0},   {1050, 5100, 2000},  {1100, 9000, 40000}, {2000, 9100, 4100},
+                                    {2100, 9100, 100}, {9100, 16100, 1000}, {9150, 100, 1000},   {9650, 600, 1000}};
     Rate rate;
-    for (const auto &row : kRows)
-        EXPECT_EQ(rate.update(row.ms * 1'000'000, row.count), row.rate) << row.ms << " ms: " << row.why;
+    for (const auto &[ms, count, expected] : readings) {
+        EXPECT_EQ(rate.update(ms * 1'000'000, static_cast<unsigned long>(count)), expected) << ms << " ms";
+    }
     Rate wraps;
     wraps.update(0, ULONG_MAX - 99);
     EXPECT_EQ(wraps.update(1'000'000'000, 100), 200U) << "the counter has wrapped";

@@ -175,13 +175,9 @@ static bool is_of_a_service(std::string_view path) {
 
 decltype(write) __real_write;
 ssize_t __wrap_write(int fd, const void *data, size_t size) {
-    std::string path;
-    {
-        const OwnCalls ours;
-        path = path_of(fd);
-        if (path == kControlNode) note("node ", {static_cast<const char *>(data), size});
-        if (is_temporary_file(path) && world().on_write) world().on_write();
-    }
+    const std::string path = path_of(fd);
+    if (path == kControlNode) note("node ", {static_cast<const char *>(data), size});
+    if (is_temporary_file(path) && world().on_write) world().on_write();
     if (!is_temporary_file(path) && path != kControlNode) return __real_write(fd, data, size);
     if (fails_now(kWrite, ENOSPC)) return -1;
     return __real_write(fd, data, std::min(size, world().write_most));
