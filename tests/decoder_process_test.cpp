@@ -1,6 +1,5 @@
 // What switch messages leave about processes: the CPU history and the memory list.
 
-#include <limits>
 #include <random>
 
 #include "decoder_support.h"
@@ -33,9 +32,8 @@ TEST_F(DecoderTest, HistoryPlacesProcessesOfOneHomeAfterEachOther) {
         __VestraProcCPUUsageHist__ record = {kSecond, pid, -1, 1, 2, 0, 0, 0, name};
         return vestra_vital_update_cpuusage_hist(&record);
     };
-    const int kLeast = std::numeric_limits<int>::min();
-    const std::pair<int, int> stored[] = {{5, 5},      {32773, 6},  {6, 7},     {32767, 32767}, {65535, 0},
-                                          {kLeast, 1}, {-2, 32766}, {32773, 6}, {-1, -1}};
+    const std::pair<int, int> stored[] = {{5, 5},       {32773, 6},  {6, 7},     {32767, 32767}, {65535, 0},
+                                          {INT_MIN, 1}, {-2, 32766}, {32773, 6}, {-1, -1}};
     for (const auto &[pid, index] : stored) EXPECT_EQ(store(pid, "name"), index) << pid;
     EXPECT_EQ(store(40, ""), 40);
     EXPECT_EQ(store(32808, "in a free one"), 40);

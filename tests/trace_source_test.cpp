@@ -50,23 +50,20 @@ static Samples samples_in(const std::vector<Bytes> &blocks) {
 
 // Tests elsewhere refer to a seed instead of bytes; a change here invalidates them.
 TEST(SyntheticSource, FirstTenBlocksOfASeedAreTheSameOnEveryMachine) {
-    const struct {
-        const char *profile;
-        uint32_t block_size;
-        uint64_t hash;  // FNV-1a of the blocks and their sizes
-    } kRows[] = {{"steady", 0, 7128860593540593760ULL},
-                 {"burst", 0, 13665244180225810013ULL},
-                 {"stall", 0, 5762120002173597781ULL},
-                 {"hostile", 16384, 14146687314136371357ULL}};
-    for (const auto &row : kRows) {
-        const auto source = made(row.profile, 42, row.block_size);
+    // FNV-1a of the blocks and their sizes.
+    const std::tuple<const char *, uint32_t, uint64_t> kRows[] = {{"steady", 0, 7128860593540593760ULL},
+                                                                  {"burst", 0, 13665244180225810013ULL},
+                                                                  {"stall", 0, 5762120002173597781ULL},
+                                                                  {"hostile", 16384, 14146687314136371357ULL}};
+    for (const auto &[profile, block_size, expected] : kRows) {
+        const auto source = made(profile, 42, block_size);
         uint64_t hash = 0xcbf29ce484222325;
         for (int i = 0; i < 10; ++i) {
             const Bytes block = next(*source);
             for (const uint8_t byte : block) hash = (hash ^ byte) * 0x100000001b3;
             for (const size_t part : {block.size() & 0xff, block.size() >> 8}) hash = (hash ^ part) * 0x100000001b3;
         }
-        EXPECT_EQ(hash, row.hash) << row.profile;
+        EXPECT_EQ(hash, expected) << profile;
     }
 }
 

@@ -9,7 +9,6 @@ using namespace vestra_test;
 static const std::string kOut = "/tmp/out/", kDodFolder = kOut + "issue_report_agent_DOD/Vestra/";
 static const std::string kPayload = std::string(100, 'a') + std::string(100, 'b');
 static const std::string kDump = "0000000000_42_proc_1709618828", kSlot = "0000000000_42_proc_1_l";
-static const std::string kDodDump = "0000000000_42_proc_2024-3-5 6.7.8";
 static const std::string kTemporary = "/tmp/temp-vestra_1709618828_250000";
 
 class VestradDump : public DaemonTest {

@@ -3,15 +3,11 @@
 
 #include <cmath>
 #include <cstring>
-#include <limits>
 #include <numeric>
 
 #include "decoder_support.h"
 
 using namespace decoder_test;
-
-constexpr int64_t kLeast = std::numeric_limits<int64_t>::min(), kMost = std::numeric_limits<int64_t>::max();
-constexpr int kLeastInt = std::numeric_limits<int>::min(), kMostInt = std::numeric_limits<int>::max();
 
 class Ring : public DecoderTest {
   protected:
@@ -29,7 +25,7 @@ class Ring : public DecoderTest {
 TEST_F(Ring, SlotIsEmptiedForASecondMoreThanEightLater) {
     const int64_t rows[][3] = {{kSecond, 9 * kSecond, 0x180}, {kSecond, 9 * kSecond + 1, 0x80},
                                {1, 8 * kSecond + 2, 0x80},    {0, 99 * kSecond, 0x180},
-                               {kSecond, kLeast, 0x180},      {kMost, kSecond, 0x180}};
+                               {kSecond, INT64_MIN, 0x180},   {INT64_MAX, kSecond, 0x180}};
     for (const auto &[stored, time, flags] : rows) {
         collectedData[30].timestamp = stored;
         collectedData[30].flags = 0x100;
@@ -44,13 +40,13 @@ TEST_F(Ring, WhatItCannotStoreIsRefused) {
     put(50 * kSecond, 0, 0, 0, 8);
     put(50 * kSecond);  // not newer than what was first of all
     put(-1);
-    put(kLeast);
+    put(INT64_MIN);
     put(51 * kSecond, 0, 0, 0, 9);
     expect_golden("ring-refuses", log_text());
     EXPECT_EQ(last_index, 0);
     EXPECT_EQ(maxTimeValue, 50 * kSecond);
-    put(kMost);
-    EXPECT_EQ(last_index, kMost / kSecond % 180);
+    put(INT64_MAX);
+    EXPECT_EQ(last_index, INT64_MAX / kSecond % 180);
 }
 
 TEST_F(Ring, HighIoWaitIsNamedAsAGlitch) {
@@ -62,10 +58,10 @@ TEST_F(Ring, HighIoWaitIsNamedAsAGlitch) {
 }
 
 TEST_F(Ring, CountersMayWrap) {
-    put(1 * kSecond, kMost, kLeast);
-    put(2 * kSecond, kLeast, kMost);
+    put(1 * kSecond, INT64_MAX, INT64_MIN);
+    put(2 * kSecond, INT64_MIN, INT64_MAX);
     EXPECT_DOUBLE_EQ(collectedData[2].cpu_user_percent, 0.1) << "one tick";
-    for (int64_t &degrees : collectedData[2].temperature) degrees = kMost;
+    for (int64_t &degrees : collectedData[2].temperature) degrees = INT64_MAX;
     calculateCPUAvgValues();
     EXPECT_EQ(collectedData[2].avg_temperature, -1) << "32 bits of each; their sum wraps";
 }
@@ -106,19 +102,19 @@ class Window : public Ring {
 };
 
 TEST_F(Window, MayHoldNothingAndReachTheEdgesOfTime) {
-    for (const int window : {-1, kLeastInt}) {
+    for (const int window : {-1, INT_MIN}) {
         _VestraData_ result;
         getTypeResult(&result, 0, window, maxTimeValue, last_index);
         EXPECT_TRUE(result.maximum == -1 && result.minimum == -1);
         EXPECT_TRUE(std::isnan(result.average) && std::isnan(result.variance));
     }
-    EXPECT_EQ(calculateMin(0, kMostInt, maxTimeValue), 30) << "there is a gap between them";
+    EXPECT_EQ(calculateMin(0, INT_MAX, maxTimeValue), 30) << "there is a gap between them";
     valid_index = -1;  // no run: the walk goes once around
     EXPECT_EQ(calculateMin(0, 100, maxTimeValue), 10);
-    EXPECT_EQ(calculateMax(0, 1, kLeast), 30) << "everything is newer than that";
-    collectedData[120].timestamp = kMost;
-    EXPECT_EQ(calculateMax(0, 5, kMost), 30) << "beyond the largest time";
-    EXPECT_EQ(calculateMax(17, 5, kMost) + calculateMax(-1, 5, kMost), -2) << "no such vitals";
+    EXPECT_EQ(calculateMax(0, 1, INT64_MIN), 30) << "everything is newer than that";
+    collectedData[120].timestamp = INT64_MAX;
+    EXPECT_EQ(calculateMax(0, 5, INT64_MAX), 30) << "beyond the largest time";
+    EXPECT_EQ(calculateMax(17, 5, INT64_MAX) + calculateMax(-1, 5, INT64_MAX), -2) << "no such vitals";
 }
 
 TEST_F(Window, RequestsAreIndexedByTypeUnlessThereIsOne) {
@@ -135,7 +131,7 @@ TEST_F(Window, RequestsAreIndexedByTypeUnlessThereIsOne) {
     EXPECT_EQ(reqs[3].maximum, -7) << "not in the array";
     expect_golden("requests-by-type", log_text());
     reqs[1].packet_type = reqs[2].packet_type = -1;
-    for (const int type : {3, 17, -2, kLeastInt, kMostInt}) {
+    for (const int type : {3, 17, -2, INT_MIN, INT_MAX}) {
         reqs[0].packet_type = type;
         process_request(reqs.data(), 3);
         EXPECT_EQ(log_text(), "6 process_request ERR:vestra : Not a valid packetType$\n") << type;
