@@ -1,6 +1,5 @@
 // Whole start-ups and shut-downs, with threads that end at once.
 
-#include <regex>
 #include <sstream>
 
 #include "set/config_file.h"
@@ -43,13 +42,10 @@ class VestradStartup : public DaemonTest {
             if (g_loop == nullptr) g_source_remove(source);
         });
     }
-    // The lines of what was printed, and then of the transcript, that have such a part.
-    static std::string lines_with(const std::string &part, const std::string &printed) {
-        const std::string all = printed + seen_text("4c");
-        const std::regex lines("[^\n]*(" + part + ")[^\n]*\n");
-        std::string found;
-        for (std::sregex_iterator line(all.begin(), all.end(), lines), end; line != end; ++line) found += line->str();
-        return found;
+    // What is printed and logged about something from start-up to the return of main.
+    static std::string run_for(const std::string &part, const Strings &arguments = {"/usr/bin/vestrad"}) {
+        const std::string printed = run(arguments);
+        return lines_with(part, printed + seen_text("4c"));
     }
 };
 
@@ -65,7 +61,7 @@ TEST_F(VestradStartup, SettingsAreSettled) {
         std::istringstream words(row);
         for (std::string word; words >> word;) (word.find('=') == word.npos ? arguments : settings).push_back(word);
         prepare(settings, arguments[0]);
-        told += row + "\n" + lines_with("max file size|interval for|onfig file", run(arguments));
+        told += row + "\n" + run_for("max file size|interval for|onfig file", arguments);
     }
     expect_golden("settings", told);
 }
@@ -134,10 +130,10 @@ TEST_F(VestradStartup, PriorityIsRaisedAsConfigured) {
          Table<std::string, int>{{"0", -1}, {"-10", 5}, {"4294967276", 5}, {"4294967275", 5}}) {
         prepare({"vestra_info_raise_priority=1", "vestra_info_new_priority_nice=" + value});
         world().nice_result = result;
-        told += value + "\n" + lines_with("nice", run());
+        told += value + "\n" + run_for("nice");
     }
     prepare({"vestra_info_raise_priority=0"});
-    expect_golden("priorities", told + "not raised\n" + lines_with("nice", run()));
+    expect_golden("priorities", told + "not raised\n" + run_for("nice"));
 }
 
 TEST_F(VestradStartup, StopBeforeTheLoopRunsIsNotLost) {

@@ -9,7 +9,7 @@ import sqlite3
 import subprocess
 
 from set_env import (DUMP, ERRORS, HISTORY_KEY, PRINTED, STATE, STICK, TRAILER, WORKERS, Path, SetTest, comes_true, main, module,
-                     mount, remote, run, set_key, text_of)
+                     mount, remote, run, text_of)
 
 SHARE = Path('/opt/usr/home/owner/share')
 KIB = 1024
@@ -156,7 +156,7 @@ class Recorder(RecorderTest):
         self.has_recorded()
         dumped = []
         for number in range(100, 106):
-            set_key(HISTORY_KEY, '1')
+            self.assertEqual(remote('vconf', 'set', HISTORY_KEY, 1).returncode, 0)
             dumped.append(self.dump_chain(number))
             self.becomes(lambda: remote('vconf', 'get', HISTORY_KEY).stdout == '0\n')
             self.has_recorded(1)

@@ -37,10 +37,6 @@ def remote(*words):
     return run(SET, *words)
 
 
-def set_key(key, value):
-    assert remote('vconf', 'set', key, value).returncode == 0
-
-
 def mount(*words):
     subprocess.run(['mount', *words], check=True)
 

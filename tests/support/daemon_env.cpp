@@ -146,6 +146,13 @@ std::string seen_text(std::string_view kinds) {
     return text;
 }
 
+std::string lines_with(const std::string &part, const std::string &all) {
+    const std::regex lines("[^\n]*(" + part + ")[^\n]*\n");
+    std::string found;
+    for (std::sregex_iterator line(all.begin(), all.end(), lines), end; line != end; ++line) found += line->str();
+    return found;
+}
+
 std::string formatted(const char *format, va_list arguments) {
     char buffer[16384];
     vsnprintf(buffer, sizeof(buffer), format, arguments);

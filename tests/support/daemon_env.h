@@ -10,7 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <climits>
 #include <csignal>
 #include <cstdarg>
@@ -20,7 +19,6 @@
 #include <variant>
 
 #include "gmock/gmock.h"
-#include "gtest/gtest.h"
 #include "platform/fault.h"
 #include "platform/state_dir.h"
 #include "platform/usb_device.h"
@@ -79,6 +77,8 @@ Strings seen(std::string_view kinds = "3456");
 // left behind.
 std::string seen_text(std::string_view kinds = "3456");
 void begin_transcript();
+// The lines of a text that have this part, a regular expression.
+std::string lines_with(const std::string &part, const std::string &all);
 
 // printf into a string.
 std::string formatted(const char *format, va_list arguments) __attribute__((format(printf, 1, 0)));
