@@ -155,9 +155,6 @@ void switch_dod() {
         dod_vconf_notify_cb(key, nullptr);
     });
 }
-bool dod_is_on() {
-    return dod_mode_flag == 1 && fs::is_directory(kDodFolder);
-}
 
 void prepare_history() {
     EXPECT_EQ(ProcessDbInit(), 0);
@@ -197,9 +194,6 @@ void watch_lists() {
     const Faulty faulty;
     EXPECT_THROW(thread_user_process_func(nullptr), Enough);
 }
-bool list_was_sent() {
-    return drain_node() == "c-6-3-onec-6-3-two" && !fs::exists(kList);
-}
 
 void prepare_temperature() {
     make_node();
@@ -211,9 +205,6 @@ void send_temperature() {
     world().on_wait = [](int waits) { exit_flag = waits >= 25 ? 1 : 0; };
     const Faulty faulty;
     thread_userdata_func(nullptr);
-}
-bool temperature_was_sent() {
-    return drain_node().find("c-0-4-126") == 0;
 }
 
 void prepare_upload() {
@@ -230,9 +221,6 @@ void upload() {
     const Faulty faulty;
     send_live_data(block, sizeof(block));
 }
-bool nothing_is_left() {
-    return names_in("/tmp").empty();
-}
 
 std::string ddr;
 void prepare_probe() {
@@ -242,9 +230,6 @@ void prepare_probe() {
 void probe() {
     const Faulty faulty;
     GetDdrTemperature(ddr, nullptr);
-}
-bool is_probed() {
-    return ddr == "0x3 a manufacturer with a long name";
 }
 
 const struct Scenario {
@@ -258,12 +243,13 @@ const struct Scenario {
     {"capture", prepare_capture, capture, has_captured, expect_whole_samples},
     {"key", prepare_dump, press_key, key_dump_is_there},
     {"robustness", prepare_dump, report_fault, fault_dump_is_there},
-    {"dod", prepare_dump, switch_dod, dod_is_on},
+    {"dod", prepare_dump, switch_dod, [] { return dod_mode_flag == 1 && fs::is_directory(kDodFolder); }},
     {"history", prepare_history, fill_history, history_is_filled},
-    {"filter", [] { make_node(); }, watch_lists, list_was_sent},
-    {"temperature", prepare_temperature, send_temperature, temperature_was_sent},
-    {"upload", prepare_upload, upload, nothing_is_left},
-    {"probe", prepare_probe, probe, is_probed},
+    {"filter", [] { make_node(); }, watch_lists,
+     [] { return drain_node() == "c-6-3-onec-6-3-two" && !fs::exists(kList); }},
+    {"temperature", prepare_temperature, send_temperature, [] { return drain_node().find("c-0-4-126") == 0; }},
+    {"upload", prepare_upload, upload, [] { return names_in("/tmp").empty(); }},
+    {"probe", prepare_probe, probe, [] { return ddr == "0x3 a manufacturer with a long name"; }},
 };
 
 void PrintTo(const Scenario &scenario, std::ostream *out) {
