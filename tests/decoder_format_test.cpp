@@ -68,14 +68,6 @@ TEST_F(DecoderTest, FieldsAreReadOrReported) {
     expect_golden("fields", results);
 }
 
-TEST_F(DecoderTest, DecimalIsItsTwoIntegersWithAPointBetween) {
-    const double decimals[][3] = {{36, 5, 36.5},   {36, 0, 36.0}, {1, 123, 1.123}, {2, 10, 2.1},
-                                  {5, 999, 5.999}, {-4, 5, -3.5}, {7, -3, 7.0},    {0, 2147483647, 0.2147483647}};
-    for (const auto &row : decimals) {
-        EXPECT_EQ(covert_intfrac_double(static_cast<int>(row[0]), static_cast<int>(row[1])), row[2]);
-    }
-}
-
 TEST_F(DecoderTest, BlocksEndAsTheySay) {
     std::string lines;
     const auto ends = [&](const char *name, Bytes bytes, int type) {

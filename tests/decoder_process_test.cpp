@@ -95,16 +95,6 @@ TEST_F(DecoderTest, HistoryIsSearchedAsItStandsWhoeverChangedIt) {
     }
 }
 
-TEST_F(DecoderTest, HistorySurvivesCountersThatWrap) {
-    SwitchMessage message = sample(10, 77, "player");
-    message.cpu_a = uint64_t{1} << 63;  // the least; 2 seconds later the greatest, 1 tick less
-    decode(message);
-    message.cpu_a -= 1;
-    message.time_ns += 2 * kSecond;
-    decode(message);
-    EXPECT_DOUBLE_EQ(gProcCpuUsageHist[77].percent_a, 0.05);
-}
-
 TEST_F(DecoderTest, OnlyTheDecoderGivesNamesOnlyTheSlotWriterElement1) {
     const auto stored = [](int seconds, uint64_t swap) {  // no swap: the slot writer alone stores the process
         SwitchMessage message = sample(seconds, 77, "kworker");

@@ -10,21 +10,16 @@ static const std::string kThermal = "/sys/devices/platform/soc/thermal";
 class VestradProbe : public DaemonTest {};
 
 TEST_F(VestradProbe, MarkersTellTheImage) {
-    // Each marker, not release; the first readable one of debug, performance, release: result and flags.
-    const auto image = [] {
+    std::string told;
+    for (const std::string marker : {"/tmp/none", "/etc/release", "/etc/perf", "/etc/debug"}) {
+        write_file(marker, "");
         m_image_type = {};
-        const int update = m_UpdateImageType();
-        return std::vector<int>{
-            CheckIfDebugImage(), CheckIfPerfImage(), CheckIfReleaseImage(), CheckIfNotReleaseImage(), update,
-            m_image_type.debug,  m_image_type.perf,  m_image_type.release};
-    };
-    EXPECT_THAT(image(), ElementsAre(0, 0, 0, 1, -1, 0, 0, 0));
-    write_file("/etc/release", "");
-    EXPECT_THAT(image(), ElementsAre(0, 0, 1, 0, 0, 0, 0, 1));
-    write_file("/etc/perf", "");
-    EXPECT_THAT(image(), ElementsAre(0, 1, 1, 0, 0, 0, 1, 0));
-    write_file("/etc/debug", "");
-    EXPECT_THAT(image(), ElementsAre(1, 1, 1, 0, 0, 1, 0, 0));
+        const int result = m_UpdateImageType();
+        told += marker + text(": debug %d, performance %d,", CheckIfDebugImage(), CheckIfPerfImage());
+        told += text(" release %d, not release %d;", CheckIfReleaseImage(), CheckIfNotReleaseImage());
+        told += text(" %d, flags %d %d %d\n", result, m_image_type.debug, m_image_type.perf, m_image_type.release);
+    }
+    expect_golden("image-types", told);
 }
 
 TEST_F(VestradProbe, NumberOfAFileIsClamped) {
