@@ -23,21 +23,15 @@ TEST(Module, CommandsAreUnderstoodOrRefusedAndCounted) {
     }
     expect_golden("module-commands", told);
     // The fuzz target's rules refuse other spellings of a command.
-    const std::vector<std::string> refused = {"",
-                                              "2\n",
-                                              "c-7-4-7",
-                                              "c-6-0-",
-                                              "c-6-3-a\0b"s,
-                                              "c-6-3-a\nb",
-                                              "c-5-7-1|2|3|4",
-                                              "c-0-4-2147483648",
-                                              std::string(100000, 'c'),
-                                              "c-6-248-" + std::string(248, 'n')};
     ModuleState state;
     const uint64_t before = state.control_version();
-    for (const std::string &text : refused) EXPECT_EQ(state.write(text), EINVAL) << text;
+    for (const std::string &text :
+         {""s, "2\n"s, "c-7-4-7"s, "c-6-0-"s, "c-6-3-a\0b"s, "c-6-3-a\nb"s, "c-5-7-1|2|3|4"s, "c-0-4-2147483648"s,
+          std::string(100000, 'c'), "c-6-248-" + std::string(248, 'n')}) {
+        EXPECT_EQ(state.write(text), EINVAL) << text;
+    }
     EXPECT_EQ(state.control_version(), before);
-    EXPECT_EQ(state.status()["refused"], refused.size());
+    EXPECT_EQ(state.status()["refused"], 10);
     EXPECT_LE(state.status()["last_refused"].get<std::string>().size(), 64U);
 }
 

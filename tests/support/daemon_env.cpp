@@ -153,6 +153,7 @@ std::string lines_with(const std::string &part, const std::string &all) {
     return found;
 }
 
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"  // the callers' compilers look at the formats
 std::string formatted(const char *format, va_list arguments) {
     char buffer[16384];
     vsnprintf(buffer, sizeof(buffer), format, arguments);

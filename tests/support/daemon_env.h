@@ -81,7 +81,7 @@ void begin_transcript();
 std::string lines_with(const std::string &part, const std::string &all);
 
 // printf into a string.
-std::string formatted(const char *format, va_list arguments) __attribute__((format(printf, 1, 0)));
+std::string formatted(const char *format, va_list arguments);
 std::string text(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Every test of the daemon's core: globals as at program start, no marker file, no node, no stick, no key, nothing of a

@@ -214,14 +214,11 @@ pid_t __wrap_waitpid(pid_t child, int *status, int options) {
     return fails_now(kWaitpid, ECHILD) ? -1 : ended;
 }
 
-static void *return_at_once(void * /*argument*/) {
-    return nullptr;
-}
-
 decltype(pthread_create) __real_pthread_create;
 int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*)(void *), void *argument) {
     if (fails_now(kThread, EAGAIN)) return EAGAIN;
-    return __real_pthread_create(thread, attributes, return_at_once, argument);
+    return __real_pthread_create(
+        thread, attributes, [](void *) -> void * { return nullptr; }, argument);
 }
 
 // The thread may have ended before it gets its name, so only the name is noted.
