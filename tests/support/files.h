@@ -49,12 +49,14 @@ inline Strings names_in(const fs::path &directory) {
 
 // All files below a directory that has only the tests', each a line "NAME: CONTENT".
 inline std::string files_in(const fs::path &directory) {
-    std::string text;
-    for (const std::string &name : names_in(directory)) {
-        const fs::path path = directory / name;
-        text += fs::is_directory(path) ? files_in(path)
-                                       : path.string() + ": " + ::testing::PrintToString(read_file(path)) + "\n";
+    std::vector<fs::path> directories = {directory}, files;
+    for (size_t i = 0; i < directories.size(); ++i) {
+        const fs::path at = directories[i];
+        for (const auto &name : names_in(at)) (fs::is_directory(at / name) ? directories : files).push_back(at / name);
     }
+    std::sort(files.begin(), files.end());
+    std::string text;
+    for (const fs::path &file : files) text += file.string() + ": " + ::testing::PrintToString(read_file(file)) + "\n";
     return text;
 }
 
