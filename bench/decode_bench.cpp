@@ -23,7 +23,7 @@
 #include "bench/meter.h"
 #include "bench/trace_stream.h"
 #include "platform/dlog.h"
-#include "tools/dump/summary.h"
+#include "tools/dump/analysis.h"
 #include "vestra-daemon/decoder.h"
 #ifdef VESTRA_BENCH_PROTOBUF
 #include "trace_stream.pb.h"
@@ -171,8 +171,8 @@ BENCHMARK(ProtobufNested)->Arg(1500)->UseManualTime();
 #endif
 
 // Reads a dump of a hundred blocks from memory.
-template <class Visitor, class... Arguments>
-void read_whole(benchmark::State &state, const Arguments &...arguments) {
+template <class Read>
+void read_whole(benchmark::State &state, const Read &read) {
     Stream stream(1500);
     std::string dump;
     int64_t messages = 0;
@@ -185,18 +185,24 @@ void read_whole(benchmark::State &state, const Arguments &...arguments) {
         (void)unused;
         meter.time(state, [&] {
             vestra_dump::MemorySource source(dump);
-            Visitor visitor(arguments...);
-            benchmark::DoNotOptimize(vestra_dump::read_dump(source, visitor));
+            benchmark::DoNotOptimize(read(source));
         });
     }
     meter.report(state, messages * state.iterations(), static_cast<int64_t>(dump.size()) * state.iterations());
 }
 
 void ReadDump(benchmark::State &state) {
-    read_whole<vestra_dump::DumpVisitor>(state);
+    read_whole(state, [](vestra_dump::ByteSource &source) {
+        vestra_dump::DumpVisitor nothing;
+        return read_dump(source, nothing).messages;
+    });
 }
 void ReadDumpAndDerive(benchmark::State &state) {
-    read_whole<vestra_dump::Summariser>(state, "dump", vestra_dump::DumpTime{}, size_t{10});
+    read_whole(state, [](vestra_dump::ByteSource &source) {
+        vestra_dump::DumpSink nothing;
+        vestra_dump::Survey survey;
+        return analyse_at_once(source, 10, nothing, &survey)->processes;
+    });
 }
 
 // Looks up a process that is not in the history.

@@ -29,31 +29,28 @@ uint64_t bytes_read;  // bytes of frames whose messages were read, up to their f
 class Trickle : public ByteSource {
   public:
     Trickle(std::string_view bytes, size_t piece) : source_(bytes), piece_(piece) {}
-    int64_t read(uint8_t *out, size_t count) override { return source_.read(out, std::min(count, piece_)); }
+    int64_t read_at(uint64_t offset, uint8_t *out, size_t count) override {
+        return source_.read_at(offset, out, std::min(count, piece_));
+    }
 
   private:
     MemorySource source_;
     size_t piece_;
 };
 
-// Makes the rows and checks the spans.
-class Checker : public RowMaker {
+// Checks the spans.
+class Checker : public DumpVisitor {
   public:
-    Checker(const DumpTime &time, RowSink &sink) : RowMaker("DUMP", time, 5, {true, true, true, true}, sink) {}
-
-    void on_frame(const Frame &frame) override {
-        RowMaker::on_frame(frame);
+    void on_frame(const Frame &frame, FrameMessages & /*messages*/) override {
         FUZZ_RULE(frame.offset == end_, "a frame begins where the previous span ends");
-        FUZZ_RULE(frame.raw_size + trace::kLengthField <= frame.bytes, "a frame contains its messages");
+        FUZZ_RULE(frame.raw_size + trace::kLengthField <= frame.bytes || !frame.whole, "a frame contains its messages");
         if (frame.whole) end_ += frame.bytes;
     }
     void on_empty_record(uint64_t offset) override {
-        RowMaker::on_empty_record(offset);
         FUZZ_RULE(offset == end_, "an empty record begins where the previous span ends");
         end_ += trace::kLengthField;
     }
     void on_damage(const DamagedSpan &span) override {
-        RowMaker::on_damage(span);
         FUZZ_RULE(span.offset == end_, "a damaged span begins where the previous span ends");
         FUZZ_RULE(span.bytes > 0, "a damaged span is not empty");
         end_ += span.bytes;
@@ -100,18 +97,18 @@ std::string totals_text(const DumpTotals &totals) {
 // The reader's calls of these two functions come here.
 bool real_begins_frame(const uint8_t *at, size_t size) asm("__real__ZN5trace12begins_frameEPKhm");
 bool counted_begins_frame(const uint8_t *at, size_t size) asm("__wrap__ZN5trace12begins_frameEPKhm");
-trace::FrameFault real_read(FrameMessages *self, const uint8_t *frame,
-                            size_t size) asm("__real__ZN11vestra_dump13FrameMessages4readEPKhm");
-trace::FrameFault counted_read(FrameMessages *self, const uint8_t *frame,
-                               size_t size) asm("__wrap__ZN11vestra_dump13FrameMessages4readEPKhm");
+trace::FrameFault real_read(FrameMessages *self, const uint8_t *frame, size_t size,
+                            int type) asm("__real__ZN11vestra_dump13FrameMessages4readEPKhmi");
+trace::FrameFault counted_read(FrameMessages *self, const uint8_t *frame, size_t size,
+                               int type) asm("__wrap__ZN11vestra_dump13FrameMessages4readEPKhmi");
 
 bool counted_begins_frame(const uint8_t *at, size_t size) {
     ++looks;
     return real_begins_frame(at, size);
 }
 
-trace::FrameFault counted_read(FrameMessages *self, const uint8_t *frame, size_t size) {
-    const trace::FrameFault fault = real_read(self, frame, size);
+trace::FrameFault counted_read(FrameMessages *self, const uint8_t *frame, size_t size, int type) {
+    const trace::FrameFault fault = real_read(self, frame, size, type);
     bytes_read += fault == trace::FrameFault::kNone ? size : self->end();
     return fault;
 }
@@ -122,27 +119,40 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static constexpr size_t kPieces[] = {SIZE_MAX, 1, 100, 4096};
     if (size == 0) return 0;
     const std::string_view bytes(reinterpret_cast<const char *>(data + 1), size - 1);
-    DumpTime time;
-    if ((data[0] & 4) != 0) time.epoch_ns = int64_t{1'700'000'000} * trace::kNsPerSecond;
-    Tee tee(time);
-    Checker checker(time, tee);
+    Checker checker;
     Trickle source(bytes, kPieces[data[0] % 4]);
     looks = bytes_read = 0;
     const DumpTotals totals = read_dump(source, checker);
     // One pass over the file, and up to three over its end for the trailer. In each pass, at most the file's size, the
     // free allowance and one record are read again.
     constexpr uint64_t kPasses = 4;
-    const uint64_t most_of_a_pass = 2 * bytes.size() + RereadBudget::kFree + trace::kRecordMax;
-    FUZZ_RULE(looks <= kPasses * bytes.size(), "no offset is checked more than once a pass");
+    const uint64_t most_of_a_pass = 2 * bytes.size() + StretchReader::kFreeRereads + trace::kRecordMax;
+    FUZZ_RULE(looks <= 3 * kPasses * bytes.size(), "no offset is checked more than three times a pass");
     FUZZ_RULE(bytes_read <= kPasses * most_of_a_pass, "reading again is bounded by the file's size");
     const uint64_t trailer = totals.trailer ? totals.trailer->bytes.size() : 0;
     FUZZ_RULE(checker.end() == totals.payload_bytes, "the spans cover the payload");
     FUZZ_RULE(totals.payload_bytes + trailer == totals.bytes && totals.bytes == bytes.size(), "nothing is left out");
     FUZZ_RULE(totals.frame_bytes + totals.damaged_bytes + 4 * totals.empty_records == totals.payload_bytes,
               "the totals are the sums of the spans");
+
+    Survey found = survey(source);
+    Overview overview;
+    overview.path = "DUMP";
+    const bool known = (data[0] & 4) != 0;
+    std::string error;
+    FUZZ_RULE(resolve({known ? "1700000000" : "", "", ""}, "DUMP", found, &overview.time, &error), "times can be set");
+    Tee tee(overview.time);
+    RowMaker maker({true, true, true, true}, tee);
+    overview.summary = analyse(source, &found.timeline, overview.time.range, 5, maker);
+    const auto &span = found.timeline.span();
+    FUZZ_RULE(
+        overview.summary.first_ns.has_value() == span.has_value() &&
+            (!span || (*overview.summary.first_ns == span->first_ns && *overview.summary.last_ns == span->newest_ns)),
+        "the second pass believes what the first one does");
+    FUZZ_RULE(overview.summary.samples_astray == found.timeline.astray(), "and leaves out the same");
     std::ostringstream page;
-    print(checker.summary(), page);
-    page << to_json(checker.summary()).dump();
+    print(overview, page);
+    page << to_json(overview).dump();
     FUZZ_RULE(page.good(), "a summary can be printed");
 
     MemorySource whole(bytes);

@@ -79,8 +79,8 @@ class DumpOutput(DumpTest):
     def test_database_holds_the_same_rows_of_many_dumps(self):
         write(NAMED, made('hostile', 30, 9000, 40, 1), TRAILER)
         write('two', made('steady', 30, 9000, 40, 2))
-        self.assertEqual(dump_tool('sqlite', 'db', 'two', NAMED).returncode, 1)
-        self.assertEqual(dump_tool('sqlite', 'db', NAMED).returncode, 1)  # again: replaces the first
+        self.assertEqual(dump_tool('sqlite', '--epoch', 1795560058, 'db', 'two', NAMED).returncode, 1)
+        self.assertEqual(dump_tool('sqlite', '--epoch', 1795560058, 'db', NAMED).returncode, 1)  # again: replaces the first
         self.assertEqual(query('db', 'SELECT file, build, trailer FROM dumps ORDER BY dump_id'),
                          [(str(Path('two').resolve()), None, 0), (str(Path(NAMED).resolve()), 'T-RX-1107.2/eu', 1)])
         for table in 'vitals', 'processes', 'frames', 'damage':
@@ -109,7 +109,8 @@ class DumpOutput(DumpTest):
         cut = Path('cut').read_bytes()
         self.assertEqual(dump_tool('cut', 'cut', '-').stdout, cut)
         self.assertTrue(cut.endswith(trailer))
-        self.assertEqual(dump_tool('info', 'cut').returncode, 0)
+        info = json.loads(output('info', '--json', 'cut'))
+        self.assertEqual((info['damaged_bytes'], info['samples_astray']), (0, 0))
         self.assertLess(len(cut), len(whole) * 0.6)
         self.assertEqual(dump_tool('cut', 'whole', 'whole').returncode, 64)
 
@@ -155,7 +156,7 @@ class DumpOutput(DumpTest):
                             ('csv --frames -o /dev/full clean', 2), ('csv --vitals --frames clean', 64),
                             ('csv --from yesterday clean', 64)):
             self.assertEqual(dump_tool(*words.split()).returncode, code, words)
-        for words, code in ('info -', 0), ('csv --from -5 -', 64):
+        for words, code in ('info -', 0), ('csv --from -5 -', 0), ('sqlite clean clean', 64), ('sqlite empty clean', 64):
             self.assertEqual(dump_tool(*words.split(), input=Path('clean').read_bytes()).returncode, code, words)
         self.assertEqual(dump_tool('csv', 'damaged').stderr, b'vestra-dump: damaged: 77 bytes are damaged, in 1 place\n')
 

@@ -36,7 +36,7 @@ const struct TrailerRow {
     {"BuildCut", "Model=x\r\nBuild=" + std::string(300, 'b') + "\r\n", std::string(120, 'b'), "x"},
     {"LastLineIsTaken", "Model=24_TVX", "24_T", "24_TVX"},
     {"OtherLineIsTaken", "Region=eu\r\n", "=eu", ""},
-    {"NotAscii", "Model=\xc3\xbc\xff\r\nBuild=\x01\r\n", "\x01", "\xc3\xbc\xff"},
+    {"NotAscii", "Model=\xc3\xbc\xff\r\nBuild=\xc3\xbc\r\n", "\xc3\xbc", "\xc3\xbc\xff"},
     {"NothingAtAll", "", "", ""},
     {"KeysAreAtTheLineStart", "MODEL=A\n Build=2\r\nBuild=1\r\n", "1", ""},
     {"BuildOnLine19", std::string(18, '\n') + "Build=1\r\n", "1", ""},
@@ -136,6 +136,10 @@ TEST(DumpReader, DamageIsOneSpanWithItsReason) {
     } kDamages[] = {
         {std::string("\x01\x00\x02\x00", 4) + std::string(500, 'x'), Reason::kLength},
         {std::string(3'000'000, '\xff'), Reason::kLength},
+        {frame().replace(3, 1, "\x01"), Reason::kLength, 5},
+        {frame().replace(0, 1, "\x50"), Reason::kWrongLength, 5},
+        {frame().replace(4, 1, "\x05"), Reason::kType, 5},
+        {std::string("\x06\x00\x00\x00\x09\x00----", 10), Reason::kType},
         {frame().substr(0, 150), Reason::kNextInside, 3},
         {std::string(4096, '\0'), Reason::kZeros, 0, 4},
         {std::string("\x01\x00\x00\x00\x07", 5), Reason::kOneByte},
@@ -156,6 +160,41 @@ TEST(DumpReader, DamageIsOneSpanWithItsReason) {
     }
 }
 
+TEST(DumpReader, FramesOfANewerModuleAreNoDamageIfThereAreSome) {
+    const std::string block = synthetic("steady", 4, 2000, 1), unknown("\x06\x00\x00\x00\x09\x01----", 10);
+    const Recorder seen = record(block + unknown + unknown + unknown + block + kTrailer);
+    EXPECT_TRUE(seen.totals.is_clean());
+    EXPECT_EQ(seen.totals.frames_of(9), 3U);
+}
+
+TEST(DumpReader, BadSectorCostsTheFramesThatItTouches) {
+    struct BadSector : MemorySource {
+        using MemorySource::MemorySource;
+        uint64_t begin = 0, end = 0;
+        int64_t read_at(uint64_t offset, uint8_t *out, size_t count) override {
+            if (offset < end && offset + count > begin) return errno = EIO, -1;
+            return MemorySource::read_at(offset, out, count);
+        }
+    };
+    const std::string whole = synthetic("steady", 9, 15000, 40) + kTrailer;
+    const auto all = record(whole).frames;
+    for (const auto &[begin, end] : {Place{0, 512}, {51200, 51712}, {102400, 204800}}) {
+        BadSector source(whole);
+        source.begin = begin;
+        source.end = end;
+        Recorder seen;
+        seen.totals = read_dump(source, seen);
+        EXPECT_EQ(seen.totals.error, "");
+        EXPECT_TRUE(seen.totals.trailer);
+        EXPECT_FALSE(seen.damage.empty());
+        for (const auto &span : seen.damage) EXPECT_EQ(span.reason, Reason::kUnreadable);
+        for (const Place &frame : all) {
+            const bool touched = frame.first < end && frame.first + frame.second > begin;
+            EXPECT_NE(std::binary_search(seen.frames.begin(), seen.frames.end(), frame), touched) << frame.first;
+        }
+    }
+}
+
 // Repeats a period that is valid messages from each of its three names on, and each name is the beginning of a long frame.
 // A fault now and then damages every one of them.
 std::string nested_beginnings(size_t size) {
@@ -171,29 +210,26 @@ std::string nested_beginnings(size_t size) {
 
 TEST(DumpReader, HostileLayoutIsReadAgainAtMostOnce) {
     const std::string bytes = nested_beginnings(3'000'000);
-    vestra_dump::RereadBudget budget;
-    vestra_dump::FrameMessages messages;
-    bool searching = false;
+    vestra_dump::StretchReader stretches;
+    vestra_dump::FrameMessages messages(true);
     for (size_t at = 0; at < bytes.size();) {
         const vestra_dump::View view{reinterpret_cast<const uint8_t *>(bytes.data()) + at, bytes.size() - at, true};
-        const vestra_dump::Stretch stretch = read_stretch(view, searching, &messages, &budget);
-        searching = stretch.kind == vestra_dump::Stretch::kDamaged && stretch.open;
-        budget.pass(stretch.size);
-        at += stretch.size;
+        at += stretches.read(view, &messages).size;
     }
-    EXPECT_EQ(budget.bytes_passed(), bytes.size());
-    EXPECT_GT(budget.bytes_reread(), vestra_dump::RereadBudget::kFree) << "the budget ends it";
-    EXPECT_LE(budget.bytes_reread(), bytes.size() + vestra_dump::RereadBudget::kFree + trace::kRecordMax);
+    EXPECT_EQ(stretches.bytes_passed(), bytes.size());
+    EXPECT_GT(stretches.bytes_reread(), vestra_dump::StretchReader::kFreeRereads) << "the budget ends it";
+    EXPECT_LE(stretches.bytes_reread(), bytes.size() + vestra_dump::StretchReader::kFreeRereads + trace::kRecordMax);
 }
 
 TEST(DumpReader, HostileStreamIsReadAsItsSourcePlannedIt) {
     using Samples = std::vector<std::pair<int64_t, int32_t>>;  // time and process
     struct Seen : vestra_dump::DumpVisitor {
         std::map<uint64_t, Samples> frames;  // by offset
-        Samples *frame = nullptr;
-        void on_frame(const vestra_dump::Frame &frame_seen) override { frame = &frames[frame_seen.offset]; }
-        void on_switch(const vestra_dump::SwitchSample &s) override { frame->emplace_back(s.time_ns, s.pid); }
-        void on_memory(const vestra_dump::MemorySample &s) override { frame->emplace_back(s.time_ns, 0); }
+        void on_frame(const vestra_dump::Frame &seen, vestra_dump::FrameMessages &messages) override {
+            Samples &frame = frames[seen.offset];
+            for (const auto &sample : messages.switches) frame.emplace_back(sample.time_ns, sample.pid);
+            for (const auto &sample : messages.memories) frame.emplace_back(sample.time_ns, 0);
+        }
     };
     for (const uint64_t seed : {1U, 2U, 3U}) {
         std::string dump, error;

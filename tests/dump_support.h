@@ -19,7 +19,7 @@ struct Recorder : vestra_dump::DumpVisitor {
     std::vector<vestra_dump::DamagedSpan> damage;
     vestra_dump::DumpTotals totals;
 
-    void on_frame(const vestra_dump::Frame &frame) override {
+    void on_frame(const vestra_dump::Frame &frame, vestra_dump::FrameMessages & /*messages*/) override {
         if (!frame.whole) return;
         frames.emplace_back(frame.offset, frame.bytes);
         stretches.push_back(frames.back());
@@ -29,7 +29,6 @@ struct Recorder : vestra_dump::DumpVisitor {
         damage.push_back(span);
         stretches.emplace_back(span.offset, span.bytes);
     }
-    void on_end(const vestra_dump::DumpTotals &all) override { totals = all; }
 };
 
 // Reads the bytes, `piece` at a time, and checks that the stretches follow each other and cover the payload.
@@ -37,10 +36,12 @@ inline Recorder record(std::string_view bytes, size_t piece = SIZE_MAX) {
     struct Trickle : vestra_dump::MemorySource {
         size_t piece;
         Trickle(std::string_view all, size_t most) : MemorySource(all), piece(most) {}
-        int64_t read(uint8_t *out, size_t count) override { return MemorySource::read(out, std::min(count, piece)); }
+        int64_t read_at(uint64_t offset, uint8_t *out, size_t count) override {
+            return MemorySource::read_at(offset, out, std::min(count, piece));
+        }
     } source(bytes, piece);
     Recorder seen;
-    read_dump(source, seen);
+    seen.totals = read_dump(source, seen);
     uint64_t end = 0;
     for (const auto &[offset, size] : seen.stretches) {
         EXPECT_EQ(offset, end);

@@ -44,13 +44,18 @@ enum class FrameFault : uint8_t {
 //   for (FrameWalk walk(frame, size); walk.next();) use(walk.value(kSwitchTime));
 class FrameWalk {
   public:
-    // `size` is above 0. The frame must outlive the walk.
-    FrameWalk(const uint8_t *frame, size_t size);
+    // `size` is above 0. The frame must outlive the walk. The second form takes the frame for one of `type`, a known one,
+    // whatever it says.
+    FrameWalk(const uint8_t *frame, size_t size) : FrameWalk(frame, size, frame[0]) {}
+    FrameWalk(const uint8_t *frame, size_t size, int type);
 
     // Reads the next message. False at the frame's end, and from the first fault on.
-    bool next();
+    bool next() { return next(false); }
 
-    // The message that next() has just read.
+    // The same, but of the message's values only the time is read, which is faster.
+    bool next_time() { return next(true); }
+
+    // The message that was just read.
     uint64_t value(int element) const { return values_[element]; }           // SwitchElement or MeminfoElement
     const uint64_t *values(int element) const { return values_ + element; }  // that element and those after it
     std::string_view name() const { return name_; }                          // a view of the frame
@@ -60,11 +65,14 @@ class FrameWalk {
     size_t offset() const { return static_cast<size_t>(at_ - frame_); }  // in the frame, past that message
 
   private:
+    bool next(bool time_only);
     const uint8_t *take_body(const uint8_t *at);
+    const uint8_t *skip_body(const uint8_t *at);
 
     const uint8_t *const frame_;
     const uint8_t *at_;
     const uint8_t *end_;
+    const int type_;
     FrameFault fault_ = FrameFault::kNone;
     uint64_t values_[std::max<int>(kSwitchElements, kMeminfoElements)] = {};
     uint64_t cores_[kCoreCount][kCoreElements] = {};

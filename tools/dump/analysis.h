@@ -1,15 +1,19 @@
 // analysis.h -- a dump as vitals by second and as samples of processes with their percentages.
 //
-// A visitor for read_dump, to derive from: override on_second and on_process to get what is in the range.
+//   struct Peak : DumpSink { void on_second(const SecondVitals &second) override { ... } } peak;
+//   Timeline timeline = survey(source).timeline;
+//   Summary summary = analyse(source, &timeline, range, 10, peak);
+//
+// What the timeline does not believe is left out and counts as damage.
 #pragma once
 
 #include <cstdint>
 #include <optional>
-#include <string>
-#include <variant>
+#include <vector>
 
 #include "tools/dump/dump_reader.h"
 #include "tools/dump/processes.h"
+#include "tools/dump/timeline.h"
 #include "tools/dump/vitals.h"
 
 namespace vestra_dump {
@@ -20,58 +24,62 @@ struct TimeRange {
     int64_t to = INT64_MAX;
 
     bool holds(int64_t time_ns) const { return time_ns >= from && time_ns <= to; }
+    bool is_all() const { return from == INT64_MIN && to == INT64_MAX; }
 };
 
-// A damaged time stamp must not move the dump's clock. A sample whose time is far from the one before is held back until
-// the next sample: if that is near the others again, the held one is a stray and is dropped; if not, time has jumped and
-// both count.
-//
-// Overrides of on_switch, on_memory or on_end must call the original.
-class Analysis : public DumpVisitor {
+// Gets what is in the range. Arguments are valid until the call returns.
+class DumpSink {
   public:
-    explicit Analysis(const TimeRange &range = {});
+    virtual ~DumpSink() = default;
 
-    // Each second of the range, in the order of time, about three minutes of stream time later or at the end of the
-    // dump. Ranges apply to whole seconds.
+    // A frame with a message in the range, or one without messages after such a frame. Stamps tell which messages are
+    // believed.
+    virtual void on_frame(const Frame & /*frame*/, const FrameMessages & /*messages*/) {}
+
+    // A sample of a process; its pid is not 0.
+    virtual void on_process(const SwitchSample & /*sample*/, const Process & /*process*/) {}
+
+    // Each second, in the order of time, about three minutes of stream time later or at the end. Ranges apply to whole
+    // seconds.
     virtual void on_second(const SecondVitals & /*second*/) {}
 
-    // A sample of a process in the range; its pid is not 0.
-    virtual void on_process(const SwitchSample & /*sample*/, const Usage & /*usage*/) {}
-
-    // The time of every sample that is not a stray, in the range or not, in the order of the stream.
-    virtual void on_time(int64_t /*time_ns*/) {}
-
-    void on_switch(const SwitchSample &sample) override;
-    void on_memory(const MemorySample &sample) override;
-    void on_end(const DumpTotals &totals) override;
-
-    // The oldest and the newest of those times, of the whole dump. Nothing before the first.
-    std::optional<int64_t> first_ns() const { return first_ns_; }
-    std::optional<int64_t> newest_ns() const { return newest_ns_; }
-
-    uint64_t strays() const { return strays_; }  // samples
-
-  private:
-    struct HeldSwitch {
-        SwitchSample sample;
-        std::string name;
-    };
-
-    template <class Sample>
-    void take_unless_stray(const Sample &sample);
-    void take(const SwitchSample &sample);
-    void take(const MemorySample &sample);
-    void take_held();
-    void pass_time(int64_t time_ns);
-
-    TimeRange range_;
-    Vitals vitals_;
-    ProcessUsage usage_;
-    std::optional<int64_t> first_ns_, newest_ns_;
-    int64_t last_ns_ = -1;  // of the sample taken last; -1: none yet
-    int64_t head_ns_ = -1;  // the newest since the clock last went back
-    std::variant<std::monostate, HeldSwitch, MemorySample> held_;
-    uint64_t strays_ = 0;
+    // These do not depend on the range. Damage comes when the time after it is known: with the next sample.
+    virtual void on_damage(const DamagedSpan & /*span*/) {}
+    virtual void on_empty_record(uint64_t /*offset*/) {}
 };
+
+// What a dump is, at a glance.
+struct Summary {
+    DumpTotals totals;                         // damage includes what is intact but not believed
+    std::optional<int64_t> first_ns, last_ns;  // of the samples in the range
+    std::vector<DamagedSpan> spans;            // the first kSpansKept of them
+    std::vector<Process> by_cpu, by_memory;    // in the range
+    uint64_t processes = 0;                    // seen in the range
+    uint64_t samples_astray = 0;               // not believed because of their time stamps
+    uint64_t counters_wrong = 0;               // not believed because of their clock ticks
+
+    static constexpr size_t kSpansKept = 1000;
+
+    double seconds() const;  // between the first and the last sample
+    // Average percent of all cores that a process used.
+    double average_percent(const Process &process) const;
+};
+
+// The first pass: finds out which time stamps to believe.
+struct Survey {
+    Timeline timeline;
+    DumpTotals totals;  // as if all samples were believed
+
+    // Whether the newest sample is that of the recording: there is a trailer, and no damage in the last block.
+    bool end_is_whole() const;
+};
+Survey survey(ByteSource &source);
+
+// The second pass. `top`: number of processes in each list.
+Summary analyse(ByteSource &source, Timeline *timeline, const TimeRange &range, size_t top, DumpSink &sink);
+
+// Both in one, without a range, for a dump whose samples can all be believed. Nothing if that is not so; then *survey is
+// what survey() returns.
+std::optional<Summary> analyse_at_once(ByteSource &source, size_t top, DumpSink &sink, Survey *survey);
 
 }  // namespace vestra_dump

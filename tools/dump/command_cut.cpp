@@ -8,11 +8,12 @@ namespace vestra_dump {
 namespace {
 
 int cut(const FileOptions &options) {
-    return with_files(options, [&options](FileSource &file, const DumpTime &time, Output &out) {
-        Cutter cutter(time.range, out);
-        const DumpTotals totals = read_dump(file, cutter);
+    return with_files(options, [&options](Dump *dump, Output &out) {
+        Cutter cutter(out);
+        const Overview overview = read(dump, 0, cutter);
+        cutter.end(overview.summary.totals);
         if (cutter.frames() == 0) complain(printable(options.path) + ": no frame is in that time range");
-        return report_result(options.path, totals, true);
+        return report_result(overview, true);
     });
 }
 

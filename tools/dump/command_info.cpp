@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/dump/commands.h"
-#include "tools/dump/summary.h"
+#include "tools/dump/text.h"
 
 namespace vestra_dump {
 namespace {
@@ -17,28 +17,52 @@ struct Options {
     bool json = false;
 };
 
+// One pass is enough for most dumps. Nothing, with a complaint and the exit code in *code, if the dump cannot be opened.
+std::optional<Overview> glance(const std::string &path, const Options &options, int *code) {
+    Dump dump;
+    DumpSink nothing;
+    if (options.time.has_range()) {
+        if (!open_dump(path, options.time, &dump, code)) return std::nullopt;
+        return read(&dump, options.top, nothing);
+    }
+    std::string error;
+    *code = kExitUnreadable;
+    dump.path = path;
+    dump.file = FileSource::open(path, &error);
+    if (dump.file == nullptr) {
+        complain(printable(path) + ": " + error);
+        return std::nullopt;
+    }
+    dump.file->show_progress(true);
+    auto summary = analyse_at_once(*dump.file, options.top, nothing, &dump.survey);
+    if (!resolve(options.time, path, dump.survey, &dump.time, &error)) {
+        complain(error);
+        *code = kExitUsage;
+        return std::nullopt;
+    }
+    if (summary) return Overview{path, dump.time, std::move(*summary)};
+    return read(&dump, options.top, nothing);
+}
+
 int info(const Options &options) {
     int code = kExitClean;
     bool first = true;
     for (const std::string &path : options.paths) {
-        DumpTime time;
         int unopened = 0;
-        const auto file = open_dump(path, options.time, &time, &unopened);
-        if (file == nullptr) {
+        const auto overview = glance(path, options, &unopened);
+        if (!overview) {
             code = std::max(code, unopened);
             continue;
         }
-        Summariser summariser(path, time, options.top);
-        const DumpTotals totals = read_dump(*file, summariser);
         if (options.json) {
-            std::cout << to_json(summariser.summary()).dump() << '\n';
+            std::cout << to_json(*overview).dump() << '\n';
         } else {
             if (!first) std::cout << '\n';
-            print(summariser.summary(), std::cout);
+            print(*overview, std::cout);
         }
         first = false;
         std::cout.flush();
-        code = std::max(code, report_result(path, totals, false));
+        code = std::max(code, report_result(*overview, false));
     }
     if (!std::cout) {
         complain("standard output cannot be written");

@@ -9,9 +9,11 @@ namespace {
 constexpr size_t kTop = 10;  // processes in each list of the summary
 
 int perfetto(const FileOptions &options) {
-    return with_files(options, [&options](FileSource &file, const DumpTime &time, Output &out) {
-        TraceEvents events(options.path, time, kTop, out);
-        return report_result(options.path, read_dump(file, events), true);
+    return with_files(options, [](Dump *dump, Output &out) {
+        TraceEvents events(dump->time.range, out);
+        const Overview overview = read(dump, kTop, events);
+        events.end(overview);
+        return report_result(overview, true);
     });
 }
 

@@ -11,11 +11,11 @@ struct Options : FileOptions {
 };
 
 int report(const Options &options) {
-    return with_files(options, [&options](FileSource &file, const DumpTime &time, Output &out) {
-        Report report(options.path, time, options.top);
-        const int code = report_result(options.path, read_dump(file, report), true);
-        if (code != kExitUnreadable) write_report(report, out);
-        return code;
+    return with_files(options, [&options](Dump *dump, Output &out) {
+        Report report;
+        const Overview overview = read(dump, options.top, report);
+        write_report(report, overview, out);
+        return report_result(overview, true);
     });
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 
 #include "tools/dump/commands.h"
 #include "tools/dump/database.h"
@@ -26,23 +27,38 @@ std::string full_name(const std::string &path) {
 }
 
 int load(Database *database, const std::string &path, const TimeOptions &time_options) {
-    DumpTime time;
+    Dump dump;
     int code = kExitClean;
-    const auto file = open_dump(path, time_options, &time, &code);
-    if (file == nullptr) return code;
+    if (!open_dump(path, time_options, &dump, &code)) return code;
     database->begin_dump(path == "-" ? std::string() : full_name(path));
-    RowMaker maker(path, time, 1, kAllTables, *database);
-    const DumpTotals totals = read_dump(*file, maker);
-    code = report_result(path, totals, true);
+    RowMaker maker(kAllTables, *database);
+    const Overview overview = read(&dump, 0, maker);
+    code = report_result(overview, true);
     if (code == kExitUnreadable) {
         database->drop_dump();
     } else {
-        database->end_dump(maker.summary());
+        database->end_dump(overview);
     }
     return code;
 }
 
+// Whether the file can become or is a database. SQLite would take an empty name for a file that nobody sees.
+bool can_be_database(const std::string &path) {
+    constexpr std::string_view kHeader = "SQLite format 3";
+    std::error_code failed;
+    if (path.empty()) return false;
+    if (!std::filesystem::is_regular_file(path, failed)) return true;
+    std::string begin(kHeader.size(), '\0');
+    std::ifstream(path, std::ios::binary).read(begin.data(), static_cast<std::streamsize>(begin.size()));
+    return begin == kHeader;
+}
+
 int sqlite(const Options &options) {
+    if (!can_be_database(options.database)) {
+        complain("'" + printable(options.database) +
+                 "' is not a database: the first file is the one to create or to add to, the dumps follow");
+        return kExitUsage;
+    }
     int code = kExitClean;
     try {
         Database database(options.database);

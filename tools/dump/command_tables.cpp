@@ -12,13 +12,6 @@ struct Options : FileOptions {
     TableSelection tables;
 };
 
-// Rows are written before the newest sample of a pipe is known.
-void warn_of_unknown_epoch(const Options &options, const DumpTime &time) {
-    if (time.written && !time.epoch_ns && !options.time.epoch.empty()) {
-        complain("--epoch has no effect on a pipe: rows are written without wall_time");
-    }
-}
-
 const Table &selected_table(const TableSelection &tables) {
     if (tables.processes) return kProcessesTable;
     if (tables.frames) return kFramesTable;
@@ -27,25 +20,23 @@ const Table &selected_table(const TableSelection &tables) {
 
 int csv(Options options) {
     if (!options.tables.any()) options.tables.vitals = true;
-    return with_files(options, [&](FileSource &file, const DumpTime &time, Output &out) {
-        warn_of_unknown_epoch(options, time);
-        CsvWriter writer(selected_table(options.tables), time, out);
-        RowMaker maker(options.path, time, 0, options.tables, writer);
-        return report_result(options.path, read_dump(file, maker), true);
+    return with_files(options, [&](Dump *dump, Output &out) {
+        CsvWriter writer(selected_table(options.tables), dump->time, out);
+        RowMaker maker(options.tables, writer);
+        return report_result(read(dump, 0, maker), true);
     });
 }
 
 int json(Options options) {
     if (!options.tables.any()) options.tables.vitals = options.tables.damage = true;
-    return with_files(options, [&](FileSource &file, const DumpTime &time, Output &out) {
-        warn_of_unknown_epoch(options, time);
-        JsonWriter writer(time, out);
-        RowMaker maker(options.path, time, 10, options.tables, writer);
-        const DumpTotals totals = read_dump(file, maker);
+    return with_files(options, [&](Dump *dump, Output &out) {
+        JsonWriter writer(dump->time, out);
+        RowMaker maker(options.tables, writer);
+        const Overview overview = read(dump, 10, maker);
         nlohmann::ordered_json last = {{"table", "dump"}};
-        last.update(to_json(maker.summary()));
+        last.update(to_json(overview));
         out.write(last.dump() + "\n");
-        return report_result(options.path, totals, true);
+        return report_result(overview, true);
     });
 }
 

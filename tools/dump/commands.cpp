@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <iostream>
 
-#include "tools/dump/summary.h"
 #include "tools/dump/text.h"
 
 namespace vestra_dump {
@@ -82,62 +81,68 @@ void complain(const std::string &text) {
     std::cerr << "vestra-dump: " << text << std::endl;
 }
 
-std::unique_ptr<FileSource> open_dump(const std::string &path, const TimeOptions &options, DumpTime *time, int *code) {
+// False, with a complaint, if the dump could not be read or is none.
+static bool is_readable(const std::string &path, const DumpTotals &totals) {
+    const std::string problem = !totals.error.empty() ? totals.error
+                                : totals.is_dump()    ? ""
+                                : totals.bytes == 0   ? "empty"
+                                                      : "not a dump";
+    if (!problem.empty()) complain(printable(path) + ": " + problem);
+    return problem.empty();
+}
+
+bool open_dump(const std::string &path, const TimeOptions &options, Dump *dump, int *code) {
     std::string error;
-    auto file = FileSource::open(path, &error);
-    if (file == nullptr) {
+    dump->path = path;
+    dump->file = FileSource::open(path, &error);
+    *code = kExitUnreadable;
+    if (dump->file == nullptr) {
         complain(printable(path) + ": " + error);
-        *code = kExitUnreadable;
-        return nullptr;
+        return false;
     }
-    if (!resolve(options, path, time, &error)) {
-        complain(error);
-        *code = kExitUsage;
-        return nullptr;
-    }
-    file->show_progress(true);
-    return file;
+    dump->file->show_progress(true);
+    dump->survey = survey(*dump->file);
+    if (!is_readable(path, dump->survey.totals)) return false;
+    if (resolve(options, path, dump->survey, &dump->time, &error)) return true;
+    complain(error);
+    *code = kExitUsage;
+    return false;
 }
 
-// Returns the greater of the code and the result of closing, with a complaint.
-static int close_output(Output *out, const std::string &path, int code) {
-    std::string error;
-    if (out->close(&error)) return code;
-    complain((path == "-" ? "standard output" : printable(path)) + ": " + error);
-    return std::max<int>(code, kExitUnreadable);
+Overview read(Dump *dump, size_t top, DumpSink &sink) {
+    return {dump->path, dump->time, analyse(*dump->file, &dump->survey.timeline, dump->time.range, top, sink)};
 }
 
-int with_files(const FileOptions &options, const std::function<int(FileSource &, const DumpTime &, Output &)> &work) {
-    DumpTime time;
+int with_files(const FileOptions &options, const std::function<int(Dump *, Output &)> &work) {
+    Dump dump;
     int code = kExitClean;
-    const auto file = open_dump(options.path, options.time, &time, &code);
-    if (file == nullptr) return code;
-    if (options.output != "-" && file->is_same_file(options.output)) {
+    if (!open_dump(options.path, options.time, &dump, &code)) return code;
+    if (options.output != "-" && dump.file->is_same_file(options.output)) {
         complain("the output is the dump itself");
         return kExitUsage;
     }
+    const std::string name = options.output == "-" ? "standard output" : printable(options.output);
     std::string error;
     const auto out = Output::open(options.output, &error);
     if (out == nullptr) {
-        complain(printable(options.output) + ": " + error);
+        complain(name + ": " + error);
         return kExitUnreadable;
     }
-    return close_output(out.get(), options.output, work(*file, time, *out));
+    code = work(&dump, *out);
+    if (code == kExitUnreadable || out->close(&error)) return code;
+    complain(name + ": " + error);
+    return kExitUnreadable;
 }
 
-int report_result(const std::string &path, const DumpTotals &totals, bool notes) {
-    const std::string prefix = printable(path) + ": ";
-    if (!totals.error.empty()) {
-        complain(prefix + totals.error);
-        return kExitUnreadable;
+int report_result(const Overview &overview, bool notes) {
+    const DumpTotals &totals = overview.summary.totals;
+    if (!is_readable(overview.path, totals)) return kExitUnreadable;
+    if (notes) {
+        for (const std::string &verdict : verdicts(overview.summary))
+            complain(printable(overview.path) + ": " + verdict);
+        if (overview.time.end_is_missing) complain(printable(overview.path) + ": " + kEndIsMissing);
     }
-    if (!totals.is_dump()) {
-        complain(prefix + (totals.bytes == 0 ? "empty" : "not a dump"));
-        return kExitUnreadable;
-    }
-    if (totals.is_clean()) return kExitClean;
-    for (const std::string &finding : notes ? findings(totals) : std::vector<std::string>()) complain(prefix + finding);
-    return kExitDamaged;
+    return totals.is_clean() ? kExitClean : kExitDamaged;
 }
 
 }  // namespace vestra_dump

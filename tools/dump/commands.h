@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "cli/command_line.h"
-#include "tools/dump/dump_reader.h"
 #include "tools/dump/output.h"
-#include "tools/dump/wall_clock.h"
+#include "tools/dump/source.h"
+#include "tools/dump/summary.h"
 
 namespace vestra_dump {
 
@@ -59,13 +59,25 @@ void add_file_options(cli::Command app, FileOptions *options);
 // Prints "vestra-dump: TEXT" on standard error.
 void complain(const std::string &text);
 
-// Opens a dump and resolves its times. Null, with a complaint and the exit code in *code, if that fails.
-std::unique_ptr<FileSource> open_dump(const std::string &path, const TimeOptions &options, DumpTime *time, int *code);
+// A dump after the first pass.
+struct Dump {
+    std::string path;
+    std::unique_ptr<FileSource> file;
+    Survey survey;
+    DumpTime time;
+};
+
+// Opens a dump, surveys it and resolves its times. False, with a complaint and the exit code in *code, if that fails or
+// it is no dump.
+bool open_dump(const std::string &path, const TimeOptions &options, Dump *dump, int *code);
+
+// The second pass. `top`: number of processes in each list.
+Overview read(Dump *dump, size_t top, DumpSink &sink);
 
 // Opens input and output, calls `work`, which returns an exit code, and closes them. Returns the exit code.
-int with_files(const FileOptions &options, const std::function<int(FileSource &, const DumpTime &, Output &)> &work);
+int with_files(const FileOptions &options, const std::function<int(Dump *, Output &)> &work);
 
-// Complains if the dump could not be read; with `notes`, also about damage and a missing trailer. Returns the exit code.
-int report_result(const std::string &path, const DumpTotals &totals, bool notes);
+// The exit code for a dump that was read. With `notes`, complains about damage, a missing trailer and missing times.
+int report_result(const Overview &overview, bool notes);
 
 }  // namespace vestra_dump

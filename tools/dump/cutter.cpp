@@ -1,14 +1,23 @@
 #include "tools/dump/cutter.h"
 
 namespace vestra_dump {
-void Cutter::on_frame(const Frame &frame) {
-    if (frame.messages > 0) inside_ = frame.last_ns >= range_.from && frame.first_ns <= range_.to;
-    const bool all = range_.from == INT64_MIN && range_.to == INT64_MAX;
-    if (!inside_ && !all) return;
-    const size_t size = trace::kLengthField + frame.raw_size;
+
+void Cutter::on_frame(const Frame &frame, const FrameMessages &messages) {
+    const std::string_view raw(reinterpret_cast<const char *>(frame.raw), frame.raw_size);
+    frame_ = messages.count() > 0 ? raw.substr(0, trace::kFrameHeader) : raw;
+    size_t begin = trace::kFrameHeader;
+    for (const Stamp &stamp : messages.stamps) {
+        if (stamp.believed) frame_.append(raw.substr(begin, stamp.end - begin));
+        begin = stamp.end;
+    }
+    if (messages.count() > 0) {
+        // The type of a damaged frame may be what is wrong.
+        frame_[0] = static_cast<char>(messages.memories.empty() ? trace::kSwitchFrame : trace::kMeminfoFrame);
+    }
+    const size_t size = trace::kLengthField + frame_.size();
     if (block_ > 0 && block_ + size + trace::kEmptyRecord > trace::kBlockMax) end_block();
-    write_length(frame.raw_size);
-    out_.write({reinterpret_cast<const char *>(frame.raw), frame.raw_size});
+    write_length(frame_.size());
+    out_.write(frame_);
     block_ += size;
     ++frames_;
 }
@@ -17,7 +26,7 @@ void Cutter::on_empty_record(uint64_t /*offset*/) {
     if (block_ > 0) end_block();
 }
 
-void Cutter::on_end(const DumpTotals &totals) {
+void Cutter::end(const DumpTotals &totals) {
     if (block_ > 0) end_block();
     if (totals.trailer) out_.write(totals.trailer->bytes);
 }

@@ -8,16 +8,16 @@
 
 namespace vestra_dump {
 
-// Writes the trailer and the frames that have a message in the range. A frame without messages goes with the frame
-// before it. The complete messages of a damaged frame become a frame; all other damaged data is left out. A block ends
-// where it did in the dump, and before it would be longer than one read of the control node.
-class Cutter : public DumpVisitor {
+// Writes the frames that it gets, and at the end the trailer. The messages of a damaged frame that are intact and believed
+// become a frame; all other damaged data is left out. A block ends where it did in the dump, and before it would be longer
+// than one read of the control node.
+class Cutter : public DumpSink {
   public:
-    Cutter(const TimeRange &range, Output &out) : range_(range), out_(out) {}
+    explicit Cutter(Output &out) : out_(out) {}
 
-    void on_frame(const Frame &frame) override;
+    void on_frame(const Frame &frame, const FrameMessages &messages) override;
     void on_empty_record(uint64_t offset) override;
-    void on_end(const DumpTotals &totals) override;
+    void end(const DumpTotals &totals);
 
     size_t frames() const { return frames_; }  // written
 
@@ -25,11 +25,10 @@ class Cutter : public DumpVisitor {
     void end_block();
     void write_length(size_t length);
 
-    TimeRange range_;
     Output &out_;
-    bool inside_ = false;  // the last frame with messages was in the range
-    size_t block_ = 0;     // bytes since the last empty record
+    size_t block_ = 0;  // bytes since the last empty record
     size_t frames_ = 0;
+    std::string frame_;  // the one that is being written
 };
 
 }  // namespace vestra_dump

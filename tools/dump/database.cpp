@@ -7,7 +7,7 @@ namespace {
 
 // In the header of the SQLite file: that it is ours, and the version of the tables below.
 constexpr int64_t kApplication = 0x56534444;  // "VSDD"
-constexpr int64_t kVersion = 1;
+constexpr int64_t kVersion = 2;
 
 constexpr const Table *kTables[] = {&kVitalsTable, &kProcessesTable, &kFramesTable, &kDamageTable};
 
@@ -21,7 +21,7 @@ CREATE TABLE IF NOT EXISTS dumps(
   first_ns INTEGER, last_ns INTEGER,
   epoch_ns INTEGER,          -- Unix time of stream time 0, ns
   frames INTEGER, messages INTEGER, empty_records INTEGER,
-  damaged_spans INTEGER, damaged_bytes INTEGER, samples_astray INTEGER
+  damaged_spans INTEGER, damaged_bytes INTEGER, samples_astray INTEGER, counters_wrong INTEGER
 ))";
 
 constexpr const char *kViews = R"(
@@ -30,7 +30,7 @@ CREATE VIEW IF NOT EXISTS seconds AS
          strftime('%Y-%m-%dT%H:%M:%SZ', (v.second * 1000000000 + d.epoch_ns) / 1000000000, 'unixepoch') AS wall_time, v.*
   FROM vitals v JOIN dumps d USING (dump_id);
 CREATE VIEW IF NOT EXISTS top_cpu AS
-  SELECT dump_id, pid, name, (max(user_ticks + system_ticks) - min(user_ticks + system_ticks)) / 250.0 AS cpu_seconds,
+  SELECT dump_id, pid, name, sum(used_ticks) / 250.0 AS cpu_seconds,
          max(cpu_total) AS peak_percent, count(*) AS samples
   FROM processes GROUP BY dump_id, pid, name ORDER BY cpu_seconds DESC;
 CREATE VIEW IF NOT EXISTS top_memory AS
@@ -170,7 +170,8 @@ void Database::add(const Table &table, const Row &row) {
     step(insert);
 }
 
-void Database::end_dump(const Summary &summary) {
+void Database::end_dump(const Overview &overview) {
+    const Summary &summary = overview.summary;
     const DumpTotals &totals = summary.totals;
     const Trailer trailer = totals.trailer.value_or(Trailer{});
     const std::string build = printable(trailer.build), model = printable(trailer.model);
@@ -187,13 +188,14 @@ void Database::end_dump(const Summary &summary) {
         {"lite_mode", trailer.lite_mode ? Value::of(int64_t{*trailer.lite_mode}) : Value{}},
         {"first_ns", time(summary.first_ns)},
         {"last_ns", time(summary.last_ns)},
-        {"epoch_ns", time(summary.time.epoch_ns)},
+        {"epoch_ns", time(overview.time.epoch_ns)},
         {"frames", Value::of_unsigned(totals.all_frames())},
         {"messages", Value::of_unsigned(totals.messages)},
         {"empty_records", Value::of_unsigned(totals.empty_records)},
         {"damaged_spans", Value::of_unsigned(totals.damaged_spans)},
         {"damaged_bytes", Value::of_unsigned(totals.damaged_bytes)},
-        {"samples_astray", Value::of_unsigned(summary.strays)}};
+        {"samples_astray", Value::of_unsigned(summary.samples_astray)},
+        {"counters_wrong", Value::of_unsigned(summary.counters_wrong)}};
     std::string sql = "UPDATE dumps SET ";
     for (const auto &[name, value] : figures) sql.append(quoted(name)).append(" = ?, ");
     const Statement update = prepare(sql + "dump_id = dump_id WHERE dump_id = " + std::to_string(dump_));

@@ -32,7 +32,7 @@ class Database : public RowSink {
     // belong to this dump until end_dump, which adds the summary and commits, or drop_dump, which rolls back.
     void begin_dump(const std::string &name);
     void add(const Table &table, const Row &row) override;
-    void end_dump(const Summary &summary);
+    void end_dump(const Overview &overview);
     void drop_dump();
 
     // Creates the indices that do not exist yet. Faster after the rows are in.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <vector>
 
 namespace vestra_dump {
@@ -31,34 +32,59 @@ class Window {
         begin_ = 0;
         while (!ended_ && end_ < kSizeMax) {
             if (end_ == buffer_.size()) buffer_.resize(std::min(4 * end_, kSizeMax));
-            const int64_t got = source_.read(buffer_.data() + end_, buffer_.size() - end_);
-            if (got < 0) error_ = std::strerror(errno);
-            if (got <= 0) {
-                ended_ = true;
-            } else {
-                end_ += static_cast<size_t>(got);
-                bytes_read_ += static_cast<uint64_t>(got);
-            }
+            const int64_t got = read(buffer_.data() + end_, buffer_.size() - end_);
+            ended_ = got <= 0;
+            end_ += static_cast<size_t>(std::max<int64_t>(got, 0));
+            bytes_read_ += static_cast<uint64_t>(std::max<int64_t>(got, 0));
         }
     }
 
+    // Whether the storage did not give some of these bytes. The offset of a call is never before that of the last call.
+    bool is_unreadable(uint64_t offset, uint64_t bytes) {
+        while (!unreadable_.empty() && unreadable_.front() + kSector <= offset) unreadable_.pop_front();
+        return !unreadable_.empty() && unreadable_.front() < offset + bytes;
+    }
+
   private:
+    // Reads on. A sector that cannot be read is filled with bytes that are no part of any message.
+    int64_t read(uint8_t *out, size_t count) {
+        if (bytes_read_ >= careful_until_) {
+            const int64_t got = source_.read_at(bytes_read_, out, count);
+            if (got >= 0 || errno != EIO) return got < 0 ? fail(errno) : got;
+            careful_until_ = bytes_read_ + count;
+        }
+        const size_t piece = std::min<size_t>(count, kSector - bytes_read_ % kSector);
+        const int64_t got = source_.read_at(bytes_read_, out, piece);
+        if (got >= 0 || errno != EIO) return got < 0 ? fail(errno) : got;
+        std::memset(out, 0xff, piece);
+        unreadable_.push_back(bytes_read_ / kSector * kSector);
+        return static_cast<int64_t>(piece);
+    }
+
+    int64_t fail(int problem) {
+        error_ = std::strerror(problem);
+        return -1;
+    }
+
     // Bytes. Small dumps need little. At the largest size, few bytes are moved for each that is read.
     static constexpr size_t kSizeFirst = size_t{1} << 14, kSizeMax = size_t{1} << 20;
     static_assert(kSizeMax >= 2 * kHeldMin, "room to read on while the held bytes are in view");
+    static constexpr uint64_t kSector = 512;
 
     ByteSource &source_;
     std::vector<uint8_t> buffer_;
     size_t begin_ = 0, end_ = 0;
     uint64_t bytes_read_ = 0;
+    uint64_t careful_until_ = 0;       // offset up to which sectors are read one by one
+    std::deque<uint64_t> unreadable_;  // offsets of the sectors in view
     bool ended_ = false;
     std::string error_;
 };
 
 class Reader {
   public:
-    Reader(ByteSource &source, DumpVisitor &visitor, bool searching)
-        : window_(source), visitor_(visitor), searching_(searching) {}
+    Reader(ByteSource &source, DumpVisitor &visitor, bool figures)
+        : window_(source), visitor_(visitor), messages_(figures) {}
 
     DumpTotals run() {
         for (;;) {
@@ -66,45 +92,48 @@ class Reader {
             if (window_.ended() && !trailer_known_) find_trailer();
             const size_t left = window_.size() - (window_.ended() ? trailer_size() : trace::kTrailerMax);
             if (left == 0) break;
-            take(read_stretch({window_.data(), left, window_.ended()}, searching_, &messages_, &budget_));
+            take(stretches_.read({window_.data(), left, window_.ended()}, &messages_));
         }
         end_span();
         totals_.bytes = window_.bytes_read();
         totals_.payload_bytes = offset_;
         totals_.error = window_.error();
-        visitor_.on_end(totals_);
         return totals_;
     }
 
   private:
     size_t trailer_size() const { return totals_.trailer ? totals_.trailer->bytes.size() : 0; }
 
-    void take(const Stretch &stretch) {
-        const bool continues_span = stretch.kind == Stretch::kDamaged && searching_ && stretch.reason == Reason::kNone;
-        if (!continues_span) end_span();
+    void take(Stretch stretch) {
+        if (window_.is_unreadable(offset_, stretch.size)) {
+            if (stretch.kind != Stretch::kDamaged) messages_.clear();
+            stretch.kind = Stretch::kDamaged;
+            if (stretch.reason != Reason::kNone || span_.bytes == 0) stretch.reason = Reason::kUnreadable;
+        }
+        if (stretch.kind != Stretch::kDamaged || stretch.reason != Reason::kNone) end_span();
         switch (stretch.kind) {
             case Stretch::kEmpty:
                 ++totals_.empty_records;
+                next_block_ = offset_ + stretch.size;
                 visitor_.on_empty_record(offset_);
                 break;
             case Stretch::kFrame:
                 ++totals_.frames[window_.data()[trace::kLengthField]];
                 totals_.frame_bytes += stretch.size;
-                hand_on_messages(stretch);
+                hand_on(stretch);
                 break;
             default:
-                if (messages_.count() > 0) hand_on_messages(stretch);
-                if (span_.bytes == 0) span_ = {offset_, 0, stretch.reason, messages_.count()};
+                totals_.last_damage_end = offset_ + stretch.size;
+                if (messages_.count() > 0) hand_on(stretch);
+                if (span_.bytes == 0) span_ = {offset_, 0, stretch.reason, messages_.count(), {}, {}};
                 span_.bytes += stretch.size;
         }
-        searching_ = stretch.kind == Stretch::kDamaged && stretch.open;
-        last_empty_ = stretch.kind == Stretch::kEmpty;
+        last_kind_ = stretch.kind;
         offset_ += stretch.size;
         window_.advance(stretch.size);
-        budget_.pass(stretch.size);
     }
 
-    void hand_on_messages(const Stretch &stretch) {
+    void hand_on(const Stretch &stretch) {
         const uint8_t *frame_bytes = window_.data() + trace::kLengthField;
         Frame frame = {};
         frame.offset = offset_;
@@ -112,20 +141,19 @@ class Reader {
         frame.type = frame_bytes[0];
         frame.core = frame_bytes[1];
         frame.whole = stretch.kind == Stretch::kFrame;
-        frame.messages = messages_.count();
-        const auto set_times = [&frame](const auto &samples) {
-            if (samples.empty()) return;
-            frame.first_ns = samples.front().time_ns;
-            frame.last_ns = samples.back().time_ns;
-        };
-        set_times(messages_.switches);
-        set_times(messages_.memories);
         frame.raw = frame_bytes;
-        frame.raw_size = trace::is_known_type(frame_bytes[0]) ? messages_.end() : stretch.size - trace::kLengthField;
-        visitor_.on_frame(frame);
-        for (const SwitchSample &sample : messages_.switches) visitor_.on_switch(sample);
-        for (const MemorySample &sample : messages_.memories) visitor_.on_memory(sample);
+        frame.raw_size = messages_.count() > 0 || trace::is_known_type(frame.type) ? messages_.end()
+                                                                                   : stretch.size - trace::kLengthField;
+        const auto [first, last] =
+            std::minmax_element(messages_.stamps.begin(), messages_.stamps.end(),
+                                [](const Stamp &a, const Stamp &b) { return a.time_ns < b.time_ns; });
+        if (first != messages_.stamps.end()) {
+            frame.first_ns = first->time_ns;
+            frame.last_ns = last->time_ns;
+        }
         totals_.messages += messages_.count();
+        totals_.last_block = next_block_;
+        visitor_.on_frame(frame, messages_);
     }
 
     void end_span() {
@@ -136,27 +164,19 @@ class Reader {
         span_ = {};
     }
 
-    // How the payload would end if the last `trailer` bytes in view were the trailer. Reads all of the view again, up to
-    // three times a file.
-    enum class Ending { kInDamage, kWithFrame, kWithEmptyRecord };
-    Ending ending_without(size_t trailer) {
-        size_t left = window_.size() - trailer;
+    // The last stretch of the payload if the last `trailer` bytes in view were the trailer. Reads all of the view again, up
+    // to three times a file.
+    Stretch::Kind last_without(size_t trailer) {
+        StretchReader stretches = stretches_;
+        Stretch::Kind last = offset_ == 0 ? Stretch::kEmpty : last_kind_;
         const uint8_t *at = window_.data();
-        bool searching = searching_;
-        RereadBudget budget;
-        Ending ending = last_empty_ || offset_ == 0 ? Ending::kWithEmptyRecord : Ending::kWithFrame;
-        if (searching) ending = Ending::kInDamage;
-        while (left > 0) {
-            const Stretch stretch = read_stretch({at, left, true}, searching, &messages_, &budget);
-            ending = stretch.kind == Stretch::kDamaged ? Ending::kInDamage
-                     : stretch.kind == Stretch::kEmpty ? Ending::kWithEmptyRecord
-                                                       : Ending::kWithFrame;
-            searching = stretch.kind == Stretch::kDamaged && stretch.open;
-            budget.pass(stretch.size);
+        for (size_t left = window_.size() - trailer; left > 0;) {
+            const Stretch stretch = stretches.read({at, left, true}, &messages_);
+            last = stretch.kind;
             at += stretch.size;
             left -= stretch.size;
         }
-        return ending;
+        return last;
     }
 
     // The file's end is in view: decides whether it is a trailer.
@@ -165,14 +185,12 @@ class Reader {
         if (window_.size() == 0 || !window_.error().empty()) return;
         const size_t tail = std::min(window_.size(), trace::kTrailerMax);
         auto readings = read_trailer({reinterpret_cast<const char *>(window_.data() + window_.size() - tail), tail});
-        if (readings.empty() || ending_without(0) != Ending::kInDamage) return;
+        if (readings.empty() || last_without(0) != Stretch::kDamaged) return;
         for (TrailerReading &reading : readings) {
-            const Ending ending = ending_without(reading.trailer.bytes.size());
-            // A version file without build and model gives a trailer of a single zero byte. After a frame it is rather
-            // the first byte of an empty record that was cut.
-            const bool zero = reading.trailer.bytes.size() == 1;
-            if (ending == Ending::kWithEmptyRecord || (ending == Ending::kWithFrame && !zero) ||
-                (ending == Ending::kInDamage && reading.sure && !in_text(reading.trailer.bytes.size()))) {
+            const size_t size = reading.trailer.bytes.size();
+            const Stretch::Kind last = last_without(size);
+            // A short text after a frame is rather the beginning of a record that was cut.
+            if (last == Stretch::kEmpty || (reading.sure && (last == Stretch::kFrame || !in_text(size)))) {
                 totals_.trailer = std::move(reading.trailer);
                 return;
             }
@@ -189,13 +207,13 @@ class Reader {
 
     Window window_;
     DumpVisitor &visitor_;
-    bool searching_;
-    bool last_empty_ = false;
-    bool trailer_known_ = false;
-    uint64_t offset_ = 0;  // in the file, of what is in view
     FrameMessages messages_;
-    RereadBudget budget_;
-    DamagedSpan span_ = {};  // the damage before this place; no bytes: there is none
+    StretchReader stretches_;
+    Stretch::Kind last_kind_ = Stretch::kEmpty;
+    bool trailer_known_ = false;
+    uint64_t offset_ = 0;      // in the file, of what is in view
+    uint64_t next_block_ = 0;  // offset after the last empty record
+    DamagedSpan span_ = {};    // the damage before this place; no bytes: there is none
     DumpTotals totals_;
 };
 
@@ -207,8 +225,8 @@ uint64_t DumpTotals::all_frames() const {
     return all;
 }
 
-DumpTotals read_dump(ByteSource &source, DumpVisitor &visitor, bool searching) {
-    return Reader(source, visitor, searching).run();
+DumpTotals read_dump(ByteSource &source, DumpVisitor &visitor, bool figures) {
+    return Reader(source, visitor, figures).run();
 }
 
 }  // namespace vestra_dump

@@ -1,12 +1,12 @@
 // dump_reader.h -- reads a dump from its first byte to its last and calls a visitor for what is in it.
 //
-//   class Counter : public DumpVisitor { void on_frame(const Frame &frame) override { ... } };
+//   class Counter : public DumpVisitor { void on_frame(const Frame &frame, FrameMessages &) override { ... } };
 //   FileSource source = ...;
 //   Counter counter;
 //   const DumpTotals totals = read_dump(source, counter);
 //
-// Memory is bounded, whatever the dump's size and content, and the source may be a pipe. To get vitals and percentages
-// instead of messages, visit with an Analysis (analysis.h).
+// Memory is bounded, whatever the dump's size and content. To get vitals and percentages instead of messages, use
+// analyse (analysis.h).
 #pragma once
 
 #include <cstddef>
@@ -26,11 +26,10 @@ struct Frame {
     uint64_t offset;  // of its length field in the file
     uint64_t bytes;   // of the record, length field included
     int type, core;
-    bool whole;          // false: the messages before the fault of a damaged frame
-    size_t messages;     // number of messages; their calls follow
-    int64_t first_ns;    // times of the first and last of them; 0 without messages
+    bool whole;          // false: some of it is damaged; the messages are those that are not
+    int64_t first_ns;    // the oldest and newest time of the messages; 0 without messages
     int64_t last_ns;     //
-    const uint8_t *raw;  // type, core and those messages, as they are in the file
+    const uint8_t *raw;  // type, core and messages, as they are in the file
     size_t raw_size;
 };
 
@@ -39,6 +38,8 @@ struct DamagedSpan {
     uint64_t bytes;
     Reason reason;
     size_t messages;  // read from it anyway
+    std::optional<int64_t> from_ns,
+        to_ns;  // times of the samples around it, once they are known; nothing: there is none
 };
 
 struct DumpTotals {
@@ -59,22 +60,25 @@ struct DumpTotals {
     // Whether anything in it belongs to a dump.
     bool is_dump() const { return !frames.empty() || messages > 0 || empty_records > 0 || trailer.has_value(); }
     bool is_clean() const { return damaged_spans == 0 && trailer.has_value() && error.empty(); }
+
+    uint64_t last_block = 0;       // offset of the last block that has frames
+    uint64_t last_damage_end = 0;  // offset
+
+    // Whether the newest sample is that of the recording. A trailer of one or two bytes may be part of a frame.
+    bool end_is_whole() const { return trailer && trailer->bytes.size() > 2 && last_damage_end <= last_block; }
 };
 
-// Arguments are valid until the call returns. Calls come in the order of the file, a frame before its messages. A
-// damaged span comes after the messages that were read from it.
+// Arguments are valid until the call returns. Calls come in the order of the file. A damaged span comes after the
+// messages that were read from it.
 class DumpVisitor {
   public:
     virtual ~DumpVisitor() = default;
-    virtual void on_frame(const Frame & /*frame*/) {}
-    virtual void on_switch(const SwitchSample & /*sample*/) {}
-    virtual void on_memory(const MemorySample & /*sample*/) {}
+    virtual void on_frame(const Frame & /*frame*/, FrameMessages & /*messages*/) {}
     virtual void on_empty_record(uint64_t /*offset*/) {}
     virtual void on_damage(const DamagedSpan & /*span*/) {}
-    virtual void on_end(const DumpTotals & /*totals*/) {}
 };
 
-// Reads the whole source. `searching`: it begins anywhere in a dump; start at the first frame.
-DumpTotals read_dump(ByteSource &source, DumpVisitor &visitor, bool searching = false);
+// Reads the whole source. Without `figures`, messages have only stamps, which is faster.
+DumpTotals read_dump(ByteSource &source, DumpVisitor &visitor, bool figures = true);
 
 }  // namespace vestra_dump

@@ -11,8 +11,8 @@ int64_t to_signed(uint64_t value) {
     return static_cast<int64_t>(value);
 }
 
-SwitchSample switch_sample(const FrameWalk &walk, uint8_t core) {
-    SwitchSample sample;
+void fill(const FrameWalk &walk, uint8_t core, SwitchSample *filled) {
+    SwitchSample &sample = *filled;
     sample.time_ns = to_signed(walk.value(trace::kSwitchTime));
     sample.parent = static_cast<int32_t>(walk.value(trace::kSwitchElement1));
     sample.pid = static_cast<int32_t>(walk.value(trace::kSwitchPid));
@@ -34,8 +34,6 @@ SwitchSample switch_sample(const FrameWalk &walk, uint8_t core) {
     }
     sample.core = core;
     sample.accounted = walk.value(trace::kSwitchPid) != 0 && sample.rss != 0 && sample.swap != 0;
-    sample.end = static_cast<uint32_t>(walk.offset());
-    return sample;
 }
 
 MemorySample memory_sample(const FrameWalk &walk) {
@@ -45,24 +43,21 @@ MemorySample memory_sample(const FrameWalk &walk) {
          trace::decimal_figure(walk.values(trace::kMeminfoDecimal1)),
          trace::decimal_figure(walk.values(trace::kMeminfoDecimal2)),
          trace::plain_figure(walk.value(trace::kMeminfoPlain3)), trace::plain_figure(walk.value(trace::kMeminfoPlain4)),
-         trace::plain_figure(walk.value(trace::kMeminfoPlain5))},
-        static_cast<uint32_t>(walk.offset())};
-}
-
-template <class Sample>
-void keep(std::vector<Sample> *samples, size_t offset) {
-    while (!samples->empty() && samples->back().end > offset) samples->pop_back();
+         trace::plain_figure(walk.value(trace::kMeminfoPlain5))}};
 }
 
 }  // namespace
 
-trace::FrameFault FrameMessages::read(const uint8_t *frame, size_t size) {
+trace::FrameFault FrameMessages::read(const uint8_t *frame, size_t size, int type) {
     clear();
-    const bool is_switch = frame[0] == trace::kSwitchFrame;
-    FrameWalk walk(frame, size);
-    while (walk.next()) {
+    const bool is_switch = type == trace::kSwitchFrame;
+    FrameWalk walk(frame, size, type);
+    while (figures_ ? walk.next() : walk.next_time()) {
+        stamps.push_back({to_signed(walk.value(is_switch ? int{trace::kSwitchTime} : int{trace::kMeminfoTime})),
+                          static_cast<uint32_t>(walk.offset()), true});
+        if (!figures_) continue;
         if (is_switch) {
-            switches.push_back(switch_sample(walk, frame[1]));
+            fill(walk, frame[1], &switches.emplace_back());
         } else {
             memories.push_back(memory_sample(walk));
         }
@@ -71,18 +66,15 @@ trace::FrameFault FrameMessages::read(const uint8_t *frame, size_t size) {
 }
 
 void FrameMessages::clear() {
+    stamps.clear();
     switches.clear();
     memories.clear();
 }
 
 void FrameMessages::keep_up_to(size_t offset) {
-    keep(&switches, offset);
-    keep(&memories, offset);
-}
-
-size_t FrameMessages::end() const {
-    if (!switches.empty()) return switches.back().end;
-    return memories.empty() ? size_t{trace::kFrameHeader} : memories.back().end;
+    while (!stamps.empty() && stamps.back().end > offset) stamps.pop_back();
+    if (switches.size() > stamps.size()) switches.resize(stamps.size());
+    if (memories.size() > stamps.size()) memories.resize(stamps.size());
 }
 
 }  // namespace vestra_dump

@@ -32,35 +32,47 @@ struct SwitchSample {
     std::array<CoreFigures, trace::kCoreCount> cores;
     uint8_t core;    // of the frame
     bool accounted;  // the daemon puts it into its memory list: process id and both memory figures are not 0
-    uint32_t end;    // of the message: offset in the frame
 };
 
 // A message of a CPU and memory frame.
 struct MemorySample {
     int64_t time_ns;
     std::array<double, 6> figures;  // vitals 11 to 16
-    uint32_t end;
+};
+
+// What all messages have.
+struct Stamp {
+    int64_t time_ns;
+    uint32_t end;          // of the message: offset in the frame
+    bool believed = true;  // false: set by an analysis for a sample that does not belong to the recording
 };
 
 // The messages of a frame, up to its first fault. One object is used for frame after frame: it keeps its memory, which
 // is bounded by the longest frame.
 class FrameMessages {
   public:
-    // Reads a frame of a known type and returns its fault. Names are views of the frame.
-    trace::FrameFault read(const uint8_t *frame, size_t size);
+    // Without figures, only stamps are read, which is faster.
+    explicit FrameMessages(bool figures) : figures_(figures) {}
+
+    // Reads a frame as one of `type`, a known one, and returns its fault. Names are views of the frame.
+    trace::FrameFault read(const uint8_t *frame, size_t size, int type);
 
     void clear();
 
-    size_t count() const { return switches.size() + memories.size(); }
+    size_t count() const { return stamps.size(); }
 
     // Keeps only the messages that end at or before that offset in the frame.
     void keep_up_to(size_t offset);
 
     // Offset in the frame past the last message, or past type and core if there is none.
-    size_t end() const;
+    size_t end() const { return stamps.empty() ? size_t{trace::kFrameHeader} : stamps.back().end; }
 
-    std::vector<SwitchSample> switches;  // one of the two is empty
+    std::vector<Stamp> stamps;           // of all messages
+    std::vector<SwitchSample> switches;  // one of these two is empty
     std::vector<MemorySample> memories;
+
+  private:
+    const bool figures_;
 };
 
 }  // namespace vestra_dump

@@ -1,25 +1,47 @@
 #include "tools/dump/output.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 namespace vestra_dump {
 
 std::unique_ptr<Output> Output::open(const std::string &path, std::string *error) {
-    const int fd = path == "-" ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)
-                               : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        *error = std::strerror(errno);
-        return nullptr;
+    std::unique_ptr<Output> out(new Output);
+    struct stat status {};
+    const bool exists = path != "-" && stat(path.c_str(), &status) == 0;
+    if (path == "-") {
+        out->fd_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+    } else if (exists && !S_ISREG(status.st_mode)) {
+        out->fd_ = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    } else {
+        std::error_code failed;
+        const std::filesystem::path full = std::filesystem::weakly_canonical(path, failed);  // a link stays a link
+        out->target_ = failed ? path : full.string();
+        out->temporary_ = out->target_ + ".XXXXXX";
+        out->fd_ = mkostemp(out->temporary_.data(), O_CLOEXEC);
+        if (out->fd_ < 0) {
+            out->temporary_.clear();
+        } else {
+            const mode_t mask = umask(0);
+            umask(mask);
+            fchmod(out->fd_, exists ? status.st_mode & 07777 : 0666 & ~mask);
+        }
     }
-    return std::unique_ptr<Output>(new Output(fd));
+    if (out->fd_ >= 0) return out;
+    *error = std::strerror(errno);
+    return nullptr;
 }
 
 Output::~Output() {
     if (fd_ >= 0) ::close(fd_);
+    if (!temporary_.empty()) unlink(temporary_.c_str());
 }
 
 void Output::flush() {
@@ -39,6 +61,13 @@ bool Output::close(std::string *error) {
     flush();
     if (::close(fd_) != 0 && error_ == 0) error_ = errno;
     fd_ = -1;
+    if (error_ == 0 && !temporary_.empty()) {
+        if (rename(temporary_.c_str(), target_.c_str()) == 0) {
+            temporary_.clear();
+        } else {
+            error_ = errno;
+        }
+    }
     if (error_ == 0) return true;
     *error = std::strerror(error_);
     return false;

@@ -9,11 +9,14 @@
 namespace vestra_dump {
 
 // One thread. What is written after a failure is dropped.
+//
+// A file is written under a temporary name beside it, which close() renames: an existing file is replaced by a complete
+// one or stays as it is. What is no regular file, such as a device, is written to directly.
 class Output {
   public:
-    // Opens standard output for "-", else creates or empties a file. Null with the reason in *error.
+    // "-" is standard output. Null with the reason in *error.
     static std::unique_ptr<Output> open(const std::string &path, std::string *error);
-    ~Output();
+    ~Output();  // without close(), the file is not changed
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
 
@@ -32,13 +35,14 @@ class Output {
     }
 
   private:
-    explicit Output(int fd) : fd_(fd) {}
+    Output() = default;
     void flush();
 
     static constexpr size_t kFull = size_t{64} * 1024;  // bytes
 
-    int fd_;
-    int error_ = 0;  // errno of the first failure
+    int fd_ = -1;
+    int error_ = 0;                   // errno of the first failure
+    std::string target_, temporary_;  // empty: written to directly
     std::string buffer_;
 };
 

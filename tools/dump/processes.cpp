@@ -5,136 +5,177 @@
 #include <unordered_set>
 #include <utility>
 
-#include "trace/percentages.h"
-
 namespace vestra_dump {
 
-Usage ProcessUsage::take(const SwitchSample &sample) {
-    const Process fresh = {
-        sample.time_ns, sample.cpu_user, sample.cpu_system, {}, sample.accounted && !sample.name.empty()};
-    const auto [place, is_new] = processes_.try_emplace(sample.pid, fresh);
-    Process &known = place->second;
-    if (is_new) {
-        if (processes_.size() > kProcessesMax) make_room();
-        return {};
-    }
-    // The daemon takes a record with time 0 for one that was never used.
-    if (known.time_ns == 0 || (sample.accounted && !known.named)) {
-        known = fresh;
-        return {};
-    }
-    const uint64_t interval = trace::distance(sample.time_ns, known.time_ns);
-    const bool changed = known.user != sample.cpu_user || known.system != sample.cpu_system;
-    if (known.time_ns >= sample.time_ns || !changed || interval <= trace::kNsPerSecond) return known.usage;
-    const double interval_ms = static_cast<double>(interval) / 1000000;
-    const double ticks = trace::ticks_in(interval_ms / 1000);
-    known.usage.known = true;
-    known.usage.system = trace::percent_of(sample.cpu_system, known.system, ticks);
-    known.usage.user = trace::percent_of(sample.cpu_user, known.user, ticks);
-    known.usage.total = trace::percent_of(trace::wrapping_sum(sample.cpu_user, sample.cpu_system),
-                                          trace::wrapping_sum(known.user, known.system), ticks);
-    known.time_ns = sample.time_ns;
-    known.user = sample.cpu_user;
-    known.system = sample.cpu_system;
-    return known.usage;
+// Ticks that a counter may differ without time for them: they are accounted in portions.
+constexpr uint64_t kPortion = 100;
+
+bool TickCounter::agrees(const Reading &before, const Reading &now) {
+    const uint64_t ticks = trace::distance(before.ticks, now.ticks);
+    if (ticks <= kPortion) return true;
+    const auto seconds = static_cast<double>(trace::distance(before.time_ns, now.time_ns)) / trace::kNsPerSecond;
+    return static_cast<double>(ticks) <= trace::ticks_in(seconds) + kPortion;
 }
 
-// Forgets the older half.
-void ProcessUsage::make_room() {
-    std::vector<int64_t> times;
-    times.reserve(processes_.size());
-    for (const auto &[pid, process] : processes_) times.push_back(process.time_ns);
-    const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
-    std::nth_element(times.begin(), middle, times.end());
-    const int64_t limit = *middle;
-    size_t surplus = processes_.size() / 2;  // exactly half, even if all times are equal
-    for (auto at = processes_.begin(); at != processes_.end() && surplus > 0;) {
-        if (at->second.time_ns <= limit) {
-            at = processes_.erase(at);
-            --surplus;
-        } else {
-            ++at;
-        }
+TickCounter::Verdict TickCounter::take(int64_t ticks, int64_t time_ns, uint64_t offset,
+                                       std::optional<uint64_t> *wrong) {
+    const Reading now = {ticks, time_ns, offset};
+    if (!known_ || agrees(last_, now)) {
+        if (held_) *wrong = held_->offset;
+        held_.reset();
+        if (!known_ || time_ns >= last_.time_ns) last_ = now;
+        known_ = true;
+        return kGood;
     }
+    if (held_ && agrees(*held_, now)) {
+        *wrong = left_over();
+        held_.reset();
+        last_ = now;
+        return kBegun;
+    }
+    if (held_) *wrong = held_->offset;
+    held_ = now;
+    return kHeld;
+}
+
+// A counter that went back belongs to another process with the same name, or to a set that was started again.
+std::optional<uint64_t> TickCounter::left_over() const {
+    return held_ && held_->ticks > last_.ticks ? std::optional(held_->offset) : std::nullopt;
+}
+
+void Processes::update_usage(Entry *entry, const SwitchSample &sample) {
+    Usage &usage = entry->process.usage;
+    const auto begin_interval = [&] {
+        entry->time_ns = sample.time_ns;
+        entry->user = sample.cpu_user;
+        entry->system = sample.cpu_system;
+    };
+    // The daemon takes a record with time 0 for one that was never used.
+    if (entry->time_ns == 0 || (sample.accounted && !entry->named)) {
+        begin_interval();
+        entry->named = sample.accounted && !sample.name.empty();
+        usage = {};
+        return;
+    }
+    const uint64_t interval = trace::distance(sample.time_ns, entry->time_ns);
+    const bool changed = entry->user != sample.cpu_user || entry->system != sample.cpu_system;
+    if (entry->time_ns >= sample.time_ns || !changed || interval <= trace::kNsPerSecond) return;
+    const double interval_ms = static_cast<double>(interval) / 1000000;
+    const double ticks = trace::ticks_in(interval_ms / 1000);
+    usage.known = true;
+    usage.system = trace::percent_of(sample.cpu_system, entry->system, ticks);
+    usage.user = trace::percent_of(sample.cpu_user, entry->user, ticks);
+    usage.total = trace::percent_of(trace::wrapping_sum(sample.cpu_user, sample.cpu_system),
+                                    trace::wrapping_sum(entry->user, entry->system), ticks);
+    begin_interval();
+}
+
+const Process &Processes::take(const SwitchSample &sample, bool counts, uint64_t offset,
+                               std::optional<uint64_t> *wrong) {
+    auto found = current_.find(sample.pid);
+    if (found == current_.end()) {
+        if (current_.size() + past_.size() >= kMax) make_room();
+        found = current_.try_emplace(sample.pid).first;
+        found->second.process.samples = 0;
+    }
+    Entry &entry = found->second;
+    Process &process = entry.process;
+    if (process.number == 0 || process.name != sample.name) {
+        const Usage usage = process.usage;
+        if (process.samples > 0) past_.push_back(std::move(process));
+        process = {
+            sample.pid, sample.parent, std::string(sample.name), sample.time_ns, sample.time_ns, 0, 0, 0, {}, 0, 0,
+            usage,      ++numbers_};
+        entry.counter = {};
+    }
+    const int64_t ticks = trace::wrapping_sum(sample.cpu_user, sample.cpu_system);
+    const bool first = process.samples == 0;
+    const int64_t before = first ? ticks : entry.counter.ticks();
+    const TickCounter::Verdict verdict = entry.counter.take(ticks, sample.time_ns, offset, wrong);
+    if (verdict == TickCounter::kBegun) entry.time_ns = 0;
+    if (verdict != TickCounter::kHeld) update_usage(&entry, sample);
+    process.used_ticks = 0;
+    if (!counts) return process;
+    process.parent = sample.parent;
+    if (first) {
+        ++seen_;
+        process.first_ns = process.last_ns = sample.time_ns;
+    }
+    ++process.samples;
+    if (verdict == TickCounter::kGood && sample.time_ns >= process.last_ns && ticks > before) {
+        process.used_ticks = ticks - before;
+        process.cpu_ticks += static_cast<double>(process.used_ticks);
+    }
+    process.last_ns = std::max(process.last_ns, sample.time_ns);
+    process.first_ns = std::min(process.first_ns, sample.time_ns);
+    const Usage &usage = process.usage;
+    if (usage.known) process.peak_percent = std::max(process.peak_percent.value_or(0), usage.total);
+    process.peak_rss = std::max(process.peak_rss, sample.rss);
+    process.peak_swap = std::max(process.peak_swap, sample.swap);
+    return process;
 }
 
 namespace {
 
-bool more_cpu(const ProcessTotal &a, const ProcessTotal &b) {
+bool more_cpu(const Process &a, const Process &b) {
     return a.cpu_ticks != b.cpu_ticks ? a.cpu_ticks > b.cpu_ticks : a.pid < b.pid;
 }
 
-bool more_memory(const ProcessTotal &a, const ProcessTotal &b) {
+bool more_memory(const Process &a, const Process &b) {
     return a.peak_rss != b.peak_rss ? a.peak_rss > b.peak_rss : a.pid < b.pid;
 }
 
-std::vector<ProcessTotal> copies(const std::vector<const ProcessTotal *> &totals) {
-    std::vector<ProcessTotal> result;
-    for (const ProcessTotal *total : totals) result.push_back(*total);
+std::vector<Process> copies(const std::vector<const Process *> &processes) {
+    std::vector<Process> result;
+    for (const Process *process : processes) result.push_back(*process);
     return result;
 }
 
 }  // namespace
 
-void ProcessTotals::take(const SwitchSample &sample, const Usage &usage) {
-    if (sample.pid == 0) return;  // only the cores' counters
-    const int64_t counters = trace::wrapping_sum(sample.cpu_user, sample.cpu_system);
-    const auto found = current_.find(sample.pid);
-    ProcessTotal *total = found == current_.end() ? nullptr : &found->second;
-    if (total == nullptr || total->name != sample.name) {
-        if (total != nullptr) past_.push_back(std::move(*total));
-        if (current_.size() + past_.size() >= kProcessesMax) make_room();
-        ++seen_;
-        total = &(current_[sample.pid] = {sample.pid, sample.parent, std::string(sample.name), sample.time_ns,
-                                          sample.time_ns, 0, 0, 0, 0, 0, counters});
-    }
-    total->parent = sample.parent;
-    ++total->samples;
-    if (sample.time_ns >= total->last_ns) {
-        // A counter that went back belongs to another process with the same name.
-        const uint64_t used = static_cast<uint64_t>(counters) - static_cast<uint64_t>(total->counters);
-        if (counters > total->counters) total->cpu_ticks += static_cast<double>(used);
-        total->counters = counters;
-        total->last_ns = sample.time_ns;
-    }
-    total->first_ns = std::min(total->first_ns, sample.time_ns);
-    if (usage.known) total->peak_percent = std::max(total->peak_percent, usage.total);
-    total->peak_rss = std::max(total->peak_rss, sample.rss);
-    total->peak_swap = std::max(total->peak_swap, sample.swap);
-}
-
-std::vector<const ProcessTotal *> ProcessTotals::top(size_t count, Before before) const {
-    std::vector<const ProcessTotal *> all;
+std::vector<const Process *> Processes::top(size_t count, Before before) const {
+    std::vector<const Process *> all;
     all.reserve(current_.size() + past_.size());
-    for (const auto &[pid, total] : current_) all.push_back(&total);
-    for (const ProcessTotal &total : past_) all.push_back(&total);
+    for (const auto &[pid, entry] : current_) {
+        if (entry.process.samples > 0) all.push_back(&entry.process);
+    }
+    for (const Process &process : past_) all.push_back(&process);
     count = std::min(count, all.size());
     std::partial_sort(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(count), all.end(),
-                      [before](const ProcessTotal *a, const ProcessTotal *b) { return before(*a, *b); });
+                      [before](const Process *a, const Process *b) { return before(*a, *b); });
     all.resize(count);
     return all;
 }
 
-std::vector<ProcessTotal> ProcessTotals::top_by_cpu(size_t count) const {
+std::vector<Process> Processes::top_by_cpu(size_t count) const {
     return copies(top(count, more_cpu));
 }
 
-std::vector<ProcessTotal> ProcessTotals::top_by_memory(size_t count) const {
+std::vector<Process> Processes::top_by_memory(size_t count) const {
     return copies(top(count, more_memory));
 }
 
+std::vector<uint64_t> Processes::left_over() const {
+    std::vector<uint64_t> offsets;
+    for (const auto &[pid, entry] : current_) {
+        if (const auto offset = entry.counter.left_over()) offsets.push_back(*offset);
+    }
+    std::sort(offsets.begin(), offsets.end());
+    return offsets;
+}
+
 // Keeps the quarter that used most CPU time and the quarter that had most memory.
-void ProcessTotals::make_room() {
-    std::unordered_set<const ProcessTotal *> kept;
+void Processes::make_room() {
+    std::unordered_set<const Process *> kept;
     for (const Before before : {more_cpu, more_memory}) {
-        for (const ProcessTotal *total : top(kProcessesMax / 4, before)) kept.insert(total);
+        for (const Process *process : top(kMax / 4, before)) kept.insert(process);
     }
     for (auto at = current_.begin(); at != current_.end();) {
-        at = kept.count(&at->second) > 0 ? std::next(at) : current_.erase(at);
+        at = kept.count(&at->second.process) > 0 ? std::next(at) : current_.erase(at);
     }
-    std::vector<ProcessTotal> past;
-    for (ProcessTotal &total : past_) {
-        if (kept.count(&total) > 0) past.push_back(std::move(total));
+    std::vector<Process> past;
+    for (Process &process : past_) {
+        if (kept.count(&process) > 0) past.push_back(std::move(process));
     }
     past_ = std::move(past);
 }

@@ -15,22 +15,22 @@ using nlohmann::json;
 
 constexpr size_t kSpansShown = 100;
 
-std::string file_name(const Summary &summary) {
-    const std::string &path = summary.path;
+std::string file_name(const std::string &path) {
     return printable(path == "-" ? "standard input" : path.substr(path.rfind('/') + 1));
 }
 
-std::string verdict(const DumpTotals &totals) {
-    if (totals.is_clean()) return "Clean: every byte was read.";
+std::string verdict(const Summary &summary) {
+    if (summary.totals.is_clean()) return "Clean: every byte was read.";
     std::string text;
-    for (std::string finding : findings(totals)) {
-        finding[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(finding[0])));
-        text.append(text.empty() ? "" : " ").append(finding).append(".");
+    for (std::string sentence : verdicts(summary)) {
+        sentence[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(sentence[0])));
+        text.append(text.empty() ? "" : " ").append(sentence).append(".");
     }
     return text;
 }
 
-std::string summary_list(const Summary &summary) {
+std::string summary_list(const Overview &overview) {
+    const Summary &summary = overview.summary;
     const DumpTotals &totals = summary.totals;
     std::string list = "<dl id=\"facts\">\n";
     const auto add = [&list](const char *term, const std::string &text) {
@@ -43,12 +43,13 @@ std::string summary_list(const Summary &summary) {
         if (trailer.lite_mode) add("Lite mode", std::to_string(*trailer.lite_mode));
     }
     if (summary.first_ns) {
-        const std::string from = summary.time.wall_time(*summary.first_ns);
-        const std::string to = summary.time.wall_time(*summary.last_ns);
+        const std::string from = overview.time.wall_time(*summary.first_ns);
+        const std::string to = overview.time.wall_time(*summary.last_ns);
         if (!from.empty() && !to.empty()) {
             add("From", from);
             add("To", to);
         }
+        if (overview.time.end_is_missing) add("Wall clock", kEndIsMissing);
         add("Time of the stream", fixed(trace::to_seconds(*summary.first_ns), 3) + " to " +
                                       fixed(trace::to_seconds(*summary.last_ns), 3) + " s");
         add("Length", fixed(summary.seconds(), 1) + " s");
@@ -62,7 +63,8 @@ std::string summary_list(const Summary &summary) {
     if (all > switches + memory) add("Frames of other types", std::to_string(all - switches - memory));
     add("Messages", std::to_string(totals.messages));
     add("Ends of blocks", std::to_string(totals.empty_records));
-    if (summary.strays > 0) add("Samples ignored for their time stamps", std::to_string(summary.strays));
+    if (summary.samples_astray > 0) add("Samples with wrong time stamps", std::to_string(summary.samples_astray));
+    if (summary.counters_wrong > 0) add("Counters not believed", std::to_string(summary.counters_wrong));
     add("Damaged spans", std::to_string(totals.damaged_spans));
     add("Damaged bytes", std::to_string(totals.damaged_bytes));
     add("Processes", std::to_string(summary.processes));
@@ -71,12 +73,13 @@ std::string summary_list(const Summary &summary) {
 
 // The same columns as in info, with the same decimals.
 void append_processes(const char *id, const char *caption, const Summary &summary,
-                      const std::vector<ProcessTotal> &processes, std::string *out) {
+                      const std::vector<Process> &processes, std::string *out) {
     std::vector<std::vector<std::string>> rows;
-    for (const ProcessTotal &process : processes) {
-        rows.push_back({std::to_string(process.pid), fixed(process.cpu_ticks / trace::kTicksPerSecond, 2),
-                        fixed(summary.average_percent(process), 2), fixed(process.peak_percent, 2),
-                        std::to_string(process.peak_rss), std::to_string(process.peak_swap), printable(process.name)});
+    for (const Process &process : processes) {
+        rows.push_back({std::to_string(process.pid), fixed(process.cpu_seconds(), 2),
+                        fixed(summary.average_percent(process), 2),
+                        process.peak_percent ? fixed(*process.peak_percent, 2) : "-", std::to_string(process.peak_rss),
+                        std::to_string(process.peak_swap), printable(process.name)});
     }
     append_table(id, caption,
                  {{"Process", true},
@@ -107,8 +110,7 @@ std::string moment(const std::optional<int64_t> &time_ns, const char *otherwise)
     return time_ns ? fixed(trace::to_seconds(*time_ns), 3) : otherwise;
 }
 
-void append_damage(const Report &report, std::string *out) {
-    const Summary &summary = report.summary();
+void append_damage(const Summary &summary, std::string *out) {
     if (summary.spans.empty()) {
         out->append("<p>None.</p>\n");
         return;
@@ -116,9 +118,8 @@ void append_damage(const Report &report, std::string *out) {
     std::vector<std::vector<std::string>> rows;
     for (size_t i = 0; i < summary.spans.size() && i < kSpansShown; ++i) {
         const DamagedSpan &span = summary.spans[i];
-        const DamageMark &mark = report.marks()[i];
         rows.push_back({std::to_string(span.offset), std::to_string(span.bytes), std::to_string(span.messages),
-                        moment(mark.before_ns, "begin"), moment(mark.after_ns, "end"), describe(span.reason)});
+                        moment(span.from_ns, "begin"), moment(span.to_ns, "end"), describe(span.reason)});
     }
     append_table("damage", "Damaged spans: the place in the file, and the times of the samples around it",
                  {{"Offset", true},
@@ -134,52 +135,41 @@ void append_damage(const Report &report, std::string *out) {
     }
 }
 
-std::string plot_data(const Report &report) {
-    const Summary &summary = report.summary();
+std::string plot_data(const Report &report, const Overview &overview) {
+    const Summary &summary = overview.summary;
     json data = {{"width", report.series().width()}, {"rows", report.series().rows()}, {"epoch_ms", nullptr}};
-    const bool wall_clock = summary.first_ns && !summary.time.wall_time(*summary.first_ns).empty();
-    if (wall_clock) data["epoch_ms"] = static_cast<double>(*summary.time.epoch_ns) / 1e6;
+    const bool wall_clock = summary.first_ns && !overview.time.wall_time(*summary.first_ns).empty();
+    if (wall_clock) data["epoch_ms"] = static_cast<double>(*overview.time.epoch_ns) / 1e6;
     for (const VitalName &name : kVitalNames) data["names"].push_back(name.label);
     data["damage"] = json::array();
     const auto second = [](const std::optional<int64_t> &time_ns) {
         return time_ns ? json(trace::to_seconds(*time_ns)) : json(nullptr);
     };
-    for (const DamageMark &mark : report.marks()) {
-        data["damage"].push_back({second(mark.before_ns), second(mark.after_ns)});
+    for (const DamagedSpan &span : summary.spans) {
+        data["damage"].push_back({second(span.from_ns), second(span.to_ns)});
     }
     return script_json(data.dump());
 }
 
 }  // namespace
 
-void Report::on_time(int64_t time_ns) {
-    Summariser::on_time(time_ns);
-    for (; open_ < marks_.size(); ++open_) marks_[open_].after_ns = time_ns;
-    last_ns_ = time_ns;
-}
-
-void Report::on_damage(const DamagedSpan &span) {
-    Summariser::on_damage(span);
-    if (marks_.size() < summary().spans.size()) marks_.push_back({last_ns_, std::nullopt});
-}
-
-void write_report(const Report &report, Output &out) {
-    const Summary &summary = report.summary();
+void write_report(const Report &report, const Overview &overview, Output &out) {
+    const Summary &summary = overview.summary;
     const DumpTotals &totals = summary.totals;
     std::string processes, vitals, damage;
     append_processes("top-cpu", "Processes with most CPU time", summary, summary.by_cpu, &processes);
     append_processes("top-memory", "Processes with most memory", summary, summary.by_memory, &processes);
     append_vitals(report.series(), &vitals);
-    append_damage(report, &damage);
+    append_damage(summary, &damage);
     const std::pair<std::string_view, std::string> kParts[] = {
-        {"title", html(file_name(summary))},
+        {"title", html(file_name(overview.path))},
         {"state", totals.is_clean() ? "clean" : "damaged"},
-        {"verdict", html(verdict(totals))},
-        {"summary", summary_list(summary)},
+        {"verdict", html(verdict(summary))},
+        {"summary", summary_list(overview)},
         {"processes", processes},
         {"vitals", vitals},
         {"damage", damage},
-        {"data", plot_data(report)},
+        {"data", plot_data(report, overview)},
     };
     // @{NAME}@ in the page is replaced by a part. Names in the parts themselves are not replaced.
     std::string_view page(reinterpret_cast<const char *>(kReportPage), kReportPageSize);

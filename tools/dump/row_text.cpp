@@ -1,5 +1,6 @@
 #include "tools/dump/row_text.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "tools/dump/text.h"
@@ -15,7 +16,7 @@ void append_csv(const Value &value, std::string *out) {
         case Value::kInteger:
             return append_number(value.integer, out);
         case Value::kReal:
-            return append_number(value.real, out);
+            return append_plain(value.real, out);
         case Value::kText:
             break;
         default:
@@ -57,11 +58,13 @@ void append_json(const Value &value, std::string *out) {
 
 // Index of the column with the time; past the last if there is none.
 size_t time_column(const Table &table) {
+    static constexpr const char *kTimes[] = {"time_ns", "first_ns", "from_ns"};
     size_t column = 0;
-    while (column < table.columns.size() && std::strcmp(table.columns[column].name, "time_ns") != 0 &&
-           std::strcmp(table.columns[column].name, "first_ns") != 0) {
-        ++column;
-    }
+    const auto is_time = [](const char *name) {
+        return std::any_of(std::begin(kTimes), std::end(kTimes),
+                           [name](const char *time) { return std::strcmp(name, time) == 0; });
+    };
+    while (column < table.columns.size() && !is_time(table.columns[column].name)) ++column;
     return column;
 }
 

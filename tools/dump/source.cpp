@@ -7,19 +7,34 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "tools/dump/text.h"
 
 namespace vestra_dump {
+namespace {
 
 constexpr uint64_t kLongFile = uint64_t{16} << 20;  // bytes; a shorter one is read at once
 
-int64_t MemorySource::read(uint8_t *out, size_t count) {
-    count = std::min(count, left_.size());
-    if (count > 0) std::memcpy(out, left_.data(), count);
-    left_.remove_prefix(count);
-    return static_cast<int64_t>(count);
+// An unlinked file, or -1 with errno.
+int temporary_file() {
+    const char *directory = std::getenv("TMPDIR");
+    std::string path =
+        std::string(directory != nullptr && *directory != '\0' ? directory : "/var/tmp") + "/vestra-dump-XXXXXX";
+    const int fd = mkostemp(path.data(), O_CLOEXEC);
+    if (fd >= 0) unlink(path.c_str());
+    return fd;
+}
+
+}  // namespace
+
+int64_t MemorySource::read_at(uint64_t offset, uint8_t *out, size_t count) {
+    if (offset >= bytes_.size()) return 0;
+    const std::string_view there = bytes_.substr(offset, count);
+    std::memcpy(out, there.data(), there.size());
+    return static_cast<int64_t>(there.size());
 }
 
 std::unique_ptr<FileSource> FileSource::open(const std::string &path, std::string *error) {
@@ -30,34 +45,61 @@ std::unique_ptr<FileSource> FileSource::open(const std::string &path, std::strin
         if (fd >= 0) ::close(fd);
         return nullptr;
     }
-    std::optional<uint64_t> size;
-    if (S_ISREG(status.st_mode) && path != "-") size = static_cast<uint64_t>(status.st_size);
-    if (size) posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    return std::unique_ptr<FileSource>(new FileSource(fd, printable(path), size));
+    std::unique_ptr<FileSource> source(new FileSource(fd, printable(path)));
+    if (S_ISREG(status.st_mode)) {
+        const off_t begin = path == "-" ? lseek(fd, 0, SEEK_CUR) : 0;
+        source->begin_ = begin > 0 ? static_cast<uint64_t>(begin) : 0;
+        source->size_ =
+            static_cast<uint64_t>(status.st_size) - std::min(static_cast<uint64_t>(status.st_size), source->begin_);
+        posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    } else if (!source->spool()) {
+        *error = std::string("cannot be copied to a temporary file: ") + std::strerror(errno);
+        return nullptr;
+    }
+    return source;
 }
 
-FileSource::FileSource(int fd, std::string path, std::optional<uint64_t> size)
-    : fd_(fd), path_(std::move(path)), size_(size) {}
+// Replaces the descriptor with one of a temporary file that has the same bytes. False with errno.
+bool FileSource::spool() {
+    const int copy = temporary_file();
+    if (copy < 0) return false;
+    const int pipe = fd_;
+    fd_ = copy;
+    std::vector<uint8_t> buffer(size_t{1} << 17);
+    bool good = true;
+    for (ssize_t got = 1; good && got != 0;) {
+        got = ::read(pipe, buffer.data(), buffer.size());
+        if (got < 0) good = errno == EINTR;
+        for (ssize_t done = 0; good && done < got;) {
+            const ssize_t written = ::write(copy, buffer.data() + done, static_cast<size_t>(got - done));
+            if (written < 0) good = errno == EINTR;
+            done += std::max<ssize_t>(written, 0);
+        }
+        size_ += static_cast<uint64_t>(std::max<ssize_t>(got, 0));
+    }
+    const int problem = errno;
+    ::close(pipe);
+    errno = problem;
+    return good;
+}
 
 FileSource::~FileSource() {
     clear_progress();
     ::close(fd_);
 }
 
-int64_t FileSource::read(uint8_t *out, size_t count) {
-    for (;;) {
-        const ssize_t got = ::read(fd_, out, count);
-        if (got < 0 && errno == EINTR) continue;
-        if (got > 0) done_ += static_cast<uint64_t>(got);
-        if (progress_ && got > 0) report_progress();
-        if (got <= 0) clear_progress();
-        return got;
+int64_t FileSource::read_at(uint64_t offset, uint8_t *out, size_t count) {
+    if (offset >= size_) {
+        clear_progress();
+        return 0;
     }
-}
-
-bool FileSource::seek(uint64_t offset) {
-    done_ = offset;
-    return lseek(fd_, static_cast<off_t>(offset), SEEK_SET) >= 0;
+    count = static_cast<size_t>(std::min<uint64_t>(count, size_ - offset));
+    ssize_t got = 0;
+    do {
+        got = ::pread(fd_, out, count, static_cast<off_t>(begin_ + offset));
+    } while (got < 0 && errno == EINTR);
+    if (got > 0 && progress_) report_progress(offset + static_cast<uint64_t>(got));
+    return got;
 }
 
 bool FileSource::is_same_file(const std::string &path) const {
@@ -72,9 +114,9 @@ void FileSource::clear_progress() {
     shown_percent_ = -1;
 }
 
-void FileSource::report_progress() {
-    if (!size_ || *size_ < kLongFile) return;
-    const int percent = static_cast<int>(std::min<uint64_t>(100, done_ * 100 / *size_));
+void FileSource::report_progress(uint64_t done) {
+    if (size_ < kLongFile) return;
+    const int percent = static_cast<int>(done * 100 / size_);
     if (percent == shown_percent_) return;
     if (shown_percent_ < 0 && isatty(STDERR_FILENO) == 0) {
         progress_ = false;

@@ -1,10 +1,10 @@
-// source.h -- where a dump's bytes come from: a file, standard input, or memory.
+// source.h -- where a dump's bytes come from: a file, a pipe, or memory. A dump is read twice, so every source can be read
+// at any offset.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -14,22 +14,23 @@ class ByteSource {
   public:
     virtual ~ByteSource() = default;
 
-    // Reads up to `count` (above 0) of the next bytes into `out`. Returns their number, 0 at the end, or -1 with errno.
-    virtual int64_t read(uint8_t *out, size_t count) = 0;
+    // Reads up to `count` (above 0) bytes at `offset` into `out`. Returns their number, 0 at the end, or -1 with errno.
+    virtual int64_t read_at(uint64_t offset, uint8_t *out, size_t count) = 0;
 };
 
 // Reads a string, which must outlive the source. For tests and benchmarks.
 class MemorySource : public ByteSource {
   public:
-    explicit MemorySource(std::string_view bytes) : left_(bytes) {}
-    int64_t read(uint8_t *out, size_t count) override;
+    explicit MemorySource(std::string_view bytes) : bytes_(bytes) {}
+    int64_t read_at(uint64_t offset, uint8_t *out, size_t count) override;
 
   private:
-    std::string_view left_;
+    std::string_view bytes_;
 };
 
-// Reads a file or a pipe; "-" is standard input. Shows progress on standard error while a long file is read, if that is
-// a terminal.
+// Reads a file as long as it is when it is opened; "-" is standard input. What can be read only once, such as a pipe, is
+// first copied to an unlinked temporary file in TMPDIR or /var/tmp. Shows progress on standard error while a long file is
+// read, if that is a terminal.
 class FileSource : public ByteSource {
   public:
     // Null with the reason in *error.
@@ -38,13 +39,9 @@ class FileSource : public ByteSource {
     FileSource(const FileSource &) = delete;
     FileSource &operator=(const FileSource &) = delete;
 
-    int64_t read(uint8_t *out, size_t count) override;
+    int64_t read_at(uint64_t offset, uint8_t *out, size_t count) override;
 
-    // Bytes of a regular file; nothing for what can be read only once.
-    std::optional<uint64_t> size() const { return size_; }
-
-    // Goes to an offset of a regular file. False with errno.
-    bool seek(uint64_t offset);
+    uint64_t size() const { return size_; }
 
     void show_progress(bool show) { progress_ = show; }
 
@@ -52,14 +49,15 @@ class FileSource : public ByteSource {
     bool is_same_file(const std::string &path) const;
 
   private:
-    FileSource(int fd, std::string path, std::optional<uint64_t> size);
-    void report_progress();
+    FileSource(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
+    bool spool();
+    void report_progress(uint64_t done);
     void clear_progress();
 
     int fd_;
-    std::string path_;  // printable
-    std::optional<uint64_t> size_;
-    uint64_t done_ = 0;
+    std::string path_;    // printable
+    uint64_t begin_ = 0;  // offset of the dump in the file: standard input may begin anywhere
+    uint64_t size_ = 0;   // bytes of the dump
     bool progress_ = false;
     int shown_percent_ = -1;
 };

@@ -1,4 +1,4 @@
-// summary.h -- a dump at a glance: trailer, damage, and the processes that use most.
+// summary.h -- a dump at a glance, as text and as JSON.
 #pragma once
 
 #include <iosfwd>
@@ -11,46 +11,17 @@
 
 namespace vestra_dump {
 
-struct Summary {
+// A dump as a command has read it.
+struct Overview {
     std::string path;
-    DumpTotals totals;
-    DumpTime time;                             // with the epoch, once it is known
-    std::optional<int64_t> first_ns, last_ns;  // of the samples in the range
-    std::vector<DamagedSpan> spans;            // the first kSpansKept of them
-    std::vector<ProcessTotal> by_cpu, by_memory;
-    size_t processes = 0;  // seen in the range
-    uint64_t strays = 0;   // samples ignored because of their time stamps
-
-    static constexpr size_t kSpansKept = 1000;
-
-    double seconds() const;  // between the first and the last sample
-    // Average percent of all cores that a process used.
-    double average_percent(const ProcessTotal &process) const;
-};
-
-// Reads a dump for its summary.
-class Summariser : public Analysis {
-  public:
-    // `top`: number of processes in each list. With 0 they are not counted either.
-    Summariser(std::string path, const DumpTime &time, size_t top);
-
-    void on_process(const SwitchSample &sample, const Usage &usage) override;
-    void on_time(int64_t time_ns) override;
-    void on_damage(const DamagedSpan &span) override;
-    void on_end(const DumpTotals &totals) override;
-
-    const Summary &summary() const { return summary_; }
-
-  private:
-    Summary summary_;
-    size_t top_;
-    ProcessTotals processes_;
+    DumpTime time;
+    Summary summary;
 };
 
 // For people: "5 bytes are damaged, in 1 place", "no trailer: ...". Empty for a clean dump.
-std::vector<std::string> findings(const DumpTotals &totals);
+std::vector<std::string> verdicts(const Summary &summary);
 
-nlohmann::ordered_json to_json(const Summary &summary);
-void print(const Summary &summary, std::ostream &out);
+nlohmann::ordered_json to_json(const Overview &overview);
+void print(const Overview &overview, std::ostream &out);
 
 }  // namespace vestra_dump

@@ -28,7 +28,8 @@ const Table kProcessesTable = {"processes",
                                 {"swap_kib", "INTEGER"},
                                 {"read_kib", "INTEGER"},
                                 {"written_kib", "INTEGER"},
-                                {"listed", "INTEGER"}}};
+                                {"listed", "INTEGER"},
+                                {"used_ticks", "INTEGER"}}};
 
 const Table kFramesTable = {"frames",
                             {{"offset", "INTEGER"},
@@ -41,7 +42,12 @@ const Table kFramesTable = {"frames",
                              {"whole", "INTEGER"}}};
 
 const Table kDamageTable = {"damage",
-                            {{"offset", "INTEGER"}, {"bytes", "INTEGER"}, {"reason", "TEXT"}, {"messages", "INTEGER"}}};
+                            {{"offset", "INTEGER"},
+                             {"bytes", "INTEGER"},
+                             {"reason", "TEXT"},
+                             {"messages", "INTEGER"},
+                             {"from_ns", "INTEGER"},
+                             {"to_ns", "INTEGER"}}};
 
 Value Value::of_unsigned(uint64_t value) {
     constexpr auto kGreatest = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
@@ -60,7 +66,8 @@ void fill_row(const SecondVitals &second, Row *row) {
     }
 }
 
-void fill_row(const SwitchSample &sample, const Usage &usage, std::string *name, Row *row) {
+void fill_row(const SwitchSample &sample, const Process &process, std::string *name, Row *row) {
+    const Usage &usage = process.usage;
     name->clear();
     append_printable(sample.name, name);
     const auto percent = [&usage](double value) { return usage.known ? Value::of(value) : Value{}; };
@@ -78,28 +85,31 @@ void fill_row(const SwitchSample &sample, const Usage &usage, std::string *name,
             Value::of_unsigned(sample.swap),
             Value::of_unsigned(sample.read_kib),
             Value::of_unsigned(sample.written_kib),
-            Value::of(int64_t{sample.accounted ? 1 : 0})};
+            Value::of(int64_t{sample.accounted ? 1 : 0}),
+            Value::of(process.used_ticks)};
 }
 
-void fill_row(const Frame &frame, Row *row) {
-    const bool timed = frame.messages > 0;
+void fill_row(const Frame &frame, size_t messages, Row *row) {
+    const bool timed = messages > 0;
     *row = {Value::of_unsigned(frame.offset),
             Value::of_unsigned(frame.bytes),
             Value::of(int64_t{frame.type}),
             Value::of(int64_t{frame.core}),
-            Value::of_unsigned(frame.messages),
+            Value::of_unsigned(messages),
             timed ? Value::of(frame.first_ns) : Value{},
             timed ? Value::of(frame.last_ns) : Value{},
             Value::of(int64_t{frame.whole ? 1 : 0})};
 }
 
 void fill_row(const DamagedSpan &span, Row *row) {
-    *row = {Value::of_unsigned(span.offset), Value::of_unsigned(span.bytes),
-            Value::of(std::string_view(describe(span.reason))), Value::of_unsigned(span.messages)};
+    const auto time = [](const std::optional<int64_t> &ns) { return ns ? Value::of(*ns) : Value{}; };
+    *row = {Value::of_unsigned(span.offset),
+            Value::of_unsigned(span.bytes),
+            Value::of(std::string_view(describe(span.reason))),
+            Value::of_unsigned(span.messages),
+            time(span.from_ns),
+            time(span.to_ns)};
 }
-
-RowMaker::RowMaker(std::string path, const DumpTime &time, size_t top, const TableSelection &tables, RowSink &sink)
-    : Summariser(std::move(path), time, top), range_(time.range), tables_(tables), sink_(sink) {}
 
 void RowMaker::on_second(const SecondVitals &second) {
     if (!tables_.vitals) return;
@@ -107,22 +117,19 @@ void RowMaker::on_second(const SecondVitals &second) {
     sink_.add(kVitalsTable, row_);
 }
 
-void RowMaker::on_process(const SwitchSample &sample, const Usage &usage) {
-    Summariser::on_process(sample, usage);
+void RowMaker::on_process(const SwitchSample &sample, const Process &process) {
     if (!tables_.processes) return;
-    fill_row(sample, usage, &name_, &row_);
+    fill_row(sample, process, &name_, &row_);
     sink_.add(kProcessesTable, row_);
 }
 
-void RowMaker::on_frame(const Frame &frame) {
-    const bool outside = frame.messages > 0 && (frame.last_ns < range_.from || frame.first_ns > range_.to);
-    if (!tables_.frames || outside) return;
-    fill_row(frame, &row_);
+void RowMaker::on_frame(const Frame &frame, const FrameMessages &messages) {
+    if (!tables_.frames) return;
+    fill_row(frame, messages.count(), &row_);
     sink_.add(kFramesTable, row_);
 }
 
 void RowMaker::on_damage(const DamagedSpan &span) {
-    Summariser::on_damage(span);
     if (!tables_.damage) return;
     fill_row(span, &row_);
     sink_.add(kDamageTable, row_);

@@ -41,8 +41,8 @@ extern const Table kDamageTable;     // one row for each damaged span
 
 // Fill *row. `name` holds the printable name for it.
 void fill_row(const SecondVitals &second, Row *row);
-void fill_row(const SwitchSample &sample, const Usage &usage, std::string *name, Row *row);
-void fill_row(const Frame &frame, Row *row);
+void fill_row(const SwitchSample &sample, const Process &process, std::string *name, Row *row);
+void fill_row(const Frame &frame, size_t messages, Row *row);
 void fill_row(const DamagedSpan &span, Row *row);
 
 // Where rows go.
@@ -58,18 +58,17 @@ struct TableSelection {
     bool any() const { return vitals || processes || frames || damage; }
 };
 
-// Makes the rows of the selected tables, and the summary of the dump.
-class RowMaker : public Summariser {
+// Makes the rows of the selected tables.
+class RowMaker : public DumpSink {
   public:
-    RowMaker(std::string path, const DumpTime &time, size_t top, const TableSelection &tables, RowSink &sink);
+    RowMaker(const TableSelection &tables, RowSink &sink) : tables_(tables), sink_(sink) {}
 
     void on_second(const SecondVitals &second) override;
-    void on_process(const SwitchSample &sample, const Usage &usage) override;
-    void on_frame(const Frame &frame) override;
+    void on_process(const SwitchSample &sample, const Process &process) override;
+    void on_frame(const Frame &frame, const FrameMessages &messages) override;
     void on_damage(const DamagedSpan &span) override;
 
   private:
-    TimeRange range_;
     TableSelection tables_;
     RowSink &sink_;
     Row row_;

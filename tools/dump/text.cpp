@@ -54,6 +54,12 @@ void append_printable(std::string_view bytes, std::string *out) {
     }
 }
 
+void append_plain(double number, std::string *out) {
+    std::array<char, 1100> digits;  // the smallest number above 0 has 1,076 characters
+    const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), number, std::chars_format::fixed);
+    out->append(digits.data(), result.ptr);
+}
+
 std::string fixed(double value, int decimals) {
     std::array<char, 352> text{};  // the greatest double has 309 digits before the point
     const int size = std::snprintf(text.data(), text.size(), "%.*f", decimals, value);

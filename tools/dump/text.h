@@ -22,6 +22,9 @@ void append_number(Number number, std::string *out) {
     out->append(digits.data(), result.ptr);
 }
 
+// The same without an exponent.
+void append_plain(double number, std::string *out);
+
 // With that many digits after the point.
 std::string fixed(double value, int decimals);
 

@@ -15,12 +15,8 @@ constexpr int64_t kBeyondIds = 1 << 22;  // greater than any process id
 
 }  // namespace
 
-TraceEvents::TraceEvents(std::string path, const DumpTime &time, size_t top, Output &out)
-    : Summariser(std::move(path), time, top),
-      range_(time.range),
-      out_(out),
-      vitals_(kBeyondIds),
-      next_number_(kBeyondIds + 1) {
+TraceEvents::TraceEvents(const TimeRange &range, Output &out)
+    : range_(range), out_(out), vitals_(kBeyondIds), next_number_(kBeyondIds + 1) {
     out_.buffer() += "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[\n";
     out_.buffer() += R"({"ph":"M","name":"process_sort_index","pid":)";
     append_number(vitals_, &out_.buffer());
@@ -80,7 +76,7 @@ TraceEvents::Track &TraceEvents::track_of(const SwitchSample &sample) {
     const auto found = tracks_.find(sample.pid);
     const bool known = found != tracks_.end();
     if (known && found->second.name == sample.name) return found->second;
-    if (!known && tracks_.size() >= kProcessesMax) {
+    if (!known && tracks_.size() >= Processes::kMax) {
         tracks_.clear();
         numbers_only_ = true;
     }
@@ -94,8 +90,8 @@ TraceEvents::Track &TraceEvents::track_of(const SwitchSample &sample) {
 }
 
 // Only changes are written: most samples of a long dump repeat the figures before.
-void TraceEvents::on_process(const SwitchSample &sample, const Usage &usage) {
-    Summariser::on_process(sample, usage);
+void TraceEvents::on_process(const SwitchSample &sample, const Process &process) {
+    const Usage &usage = process.usage;
     Track &track = track_of(sample);
     const auto write = [&](auto *last, auto figure, const char *name, const char *unit) {
         if (*last == figure) return;
@@ -107,24 +103,12 @@ void TraceEvents::on_process(const SwitchSample &sample, const Usage &usage) {
     write(&track.swap, Value::of_unsigned(sample.swap).integer, "Swapped out", "KiB");
 }
 
-// Damage has no time: it is marked at the last sample before it, or at the first sample of the dump.
-void TraceEvents::on_time(int64_t time_ns) {
-    Summariser::on_time(time_ns);
-    if (last_ns_ < 0) {
-        for (const DamagedSpan &span : summary().spans) mark(span, time_ns);
-    }
-    last_ns_ = time_ns;
-}
-
+// Damage is marked at the last sample before it, or at the first sample of the dump.
 void TraceEvents::on_damage(const DamagedSpan &span) {
-    Summariser::on_damage(span);
-    if (last_ns_ >= 0) mark(span, last_ns_);
-}
-
-void TraceEvents::mark(const DamagedSpan &span, int64_t time_ns) {
-    if (!range_.holds(time_ns)) return;
+    const auto time_ns = span.from_ns ? span.from_ns : span.to_ns;
+    if (!time_ns || !range_.holds(*time_ns)) return;
     begin_event("i", "Damage", vitals_);
-    add_time(time_ns);
+    add_time(*time_ns);
     std::string &text = out_.buffer();
     text.append(",\"s\":\"t\",\"args\":{\"reason\":\"").append(describe(span.reason)).append("\",\"offset\":");
     append_number(span.offset, &text);
@@ -135,9 +119,8 @@ void TraceEvents::mark(const DamagedSpan &span, int64_t time_ns) {
     end_event();
 }
 
-void TraceEvents::on_end(const DumpTotals &totals) {
-    Summariser::on_end(totals);
-    out_.write("\n],\"otherData\":" + to_json(summary()).dump() + "}\n");
+void TraceEvents::end(const Overview &overview) {
+    out_.write("\n],\"otherData\":" + to_json(overview).dump() + "}\n");
 }
 
 }  // namespace vestra_dump

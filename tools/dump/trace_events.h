@@ -13,17 +13,18 @@
 
 namespace vestra_dump {
 
-// Writes while the dump is read, and the end of the document at its end. Memory is bounded: if there are too many
+// Writes while the dump is read. Memory is bounded: if there are too many
 // processes they are forgotten, and get new tracks when they appear again.
-class TraceEvents : public Summariser {
+class TraceEvents : public DumpSink {
   public:
-    TraceEvents(std::string path, const DumpTime &time, size_t top, Output &out);
+    TraceEvents(const TimeRange &range, Output &out);
 
     void on_second(const SecondVitals &second) override;
-    void on_process(const SwitchSample &sample, const Usage &usage) override;
-    void on_time(int64_t time_ns) override;
+    void on_process(const SwitchSample &sample, const Process &process) override;
     void on_damage(const DamagedSpan &span) override;
-    void on_end(const DumpTotals &totals) override;
+
+    // Writes the end of the document.
+    void end(const Overview &overview);
 
   private:
     struct Track {
@@ -39,7 +40,6 @@ class TraceEvents : public Summariser {
     void name_track(int64_t track, const char *what, const std::string &name);
     template <class Number>
     void count(int64_t track, int64_t time_ns, std::string_view name, std::string_view unit, Number figure);
-    void mark(const DamagedSpan &span, int64_t time_ns);
     std::string &end_event();
 
     TimeRange range_;
@@ -48,7 +48,6 @@ class TraceEvents : public Summariser {
     int64_t vitals_;                             // track of the vitals
     int64_t next_number_;                        // for tracks that cannot have the process's id
     bool numbers_only_ = false;                  // processes were forgotten: an id may be in use already
-    int64_t last_ns_ = -1;                       // time of the sample before; -1: none yet
 };
 
 }  // namespace vestra_dump

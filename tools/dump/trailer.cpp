@@ -8,7 +8,7 @@ namespace vestra_dump {
 namespace {
 
 constexpr std::string_view kLiteKey = "QXLiteMode=";
-constexpr size_t kBuildMax = 121, kModelMax = 32;  // bytes
+constexpr size_t kBuildMax = 121, kModelMax = 32;  // bytes; trace::kTrailerMax is what they add up to
 constexpr size_t kSureText = 6;                    // bytes; frames hardly ever contain as many printable ones in a row
 
 // Takes a text and its length byte off the end. Nothing if the length is greater than what is there.
@@ -30,21 +30,26 @@ std::optional<int> lite_mode(std::string_view text) {
     return value;
 }
 
-// Whether the text can come from a file of lines: only the model has a line end.
-bool is_of_lines(std::string_view text) {
-    const size_t line_end = text.find('\n');
-    return text.find('\0') == std::string_view::npos &&
-           (line_end == std::string_view::npos || line_end == text.size() - 1);
+bool is_text(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return (byte >= ' ' && byte != 0x7f) || c == '\t' || c == '\r' || c == '\n';
+    });
 }
 
-bool is_printable(std::string_view text) {
-    return std::all_of(text.begin(), text.end(),
-                       [](char c) { return (c >= ' ' && c <= '~') || c == '\t' || c == '\r' || c == '\n'; });
+// Whether the daemon can have made the text from a version file: printable, with the '/' after a build text or with a
+// model's line end, which is its only one.
+bool is_possible(std::string_view text) {
+    if (text.empty()) return true;
+    const size_t line_end = text.find('\n');
+    const bool one_line = line_end == std::string_view::npos || line_end == text.size() - 1;
+    const bool marked = text.find('/') != std::string_view::npos || text.back() == '\n' || text.size() == kModelMax;
+    return is_text(text) && one_line && marked;
 }
 
 // Splits the text into build and model. False if no version file can produce it.
 bool divide(std::string_view text, Trailer *trailer) {
-    if (!is_of_lines(text)) return false;
+    if (!is_possible(text)) return false;
     // A build text ends in a '/' and may contain others; a model text contains none.
     const size_t slash = text.rfind('/');
     const size_t build = slash == std::string_view::npos ? 0 : slash;
@@ -77,8 +82,7 @@ std::vector<TrailerReading> read_trailer(std::string_view end_of_file) {
         std::string_view before = rest;
         if (const auto version = take_text(&before)) add(before, *version, lite, true);
     }
-    const bool marked = last->find('/') != std::string_view::npos || (!last->empty() && last->back() == '\n');
-    add(rest, *last, std::nullopt, last->size() >= kSureText && marked && is_printable(*last));
+    add(rest, *last, std::nullopt, last->size() >= kSureText);
     return readings;
 }
 

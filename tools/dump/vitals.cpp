@@ -120,9 +120,8 @@ void Vitals::hand_on_oldest() {
     open_.erase(oldest);
 }
 
-void Vitals::restart() {
+void Vitals::finish() {
     while (!open_.empty()) hand_on_oldest();
-    handed_on_.reset();
 }
 
 }  // namespace vestra_dump

@@ -45,7 +45,7 @@ extern const std::array<VitalName, kVitalCount> kVitalNames;  // by packet type
 
 class Vitals {
   public:
-    // `sink` gets every second once, in the order of time, which begins again after a restart.
+    // `sink` gets every second once, in the order of time.
     explicit Vitals(std::function<void(const SecondVitals &)> sink) : sink_(std::move(sink)) {}
 
     // Samples with a time stamp not below 0. A sample whose second is more than kLateMax before the newest is left out,
@@ -53,8 +53,8 @@ class Vitals {
     void take(const SwitchSample &sample);
     void take(const MemorySample &sample);
 
-    // Hands on all seconds. The next sample may have any time.
-    void restart();
+    // Hands on all seconds.
+    void finish();
 
     static constexpr int64_t kLateMax = 180;  // seconds, as in the ring
 

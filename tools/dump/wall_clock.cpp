@@ -5,16 +5,14 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <vector>
 
 #include "trace/percentages.h"
 
 namespace vestra_dump {
 namespace {
 
-constexpr int64_t kYear2000 = 946684800;          // seconds since 1970
-constexpr int64_t kYear2255 = 8993808000;         // what 64 bits of nanoseconds hold, nearly
-constexpr uint64_t kPartMax = uint64_t{1} << 20;  // bytes: seven blocks of the greatest size
+constexpr int64_t kYear2000 = 946684800;   // seconds since 1970
+constexpr int64_t kYear2255 = 8993808000;  // what 64 bits of nanoseconds hold, nearly
 constexpr int64_t kNs = trace::kNsPerSecond;
 
 std::optional<int64_t> whole_number(std::string_view text) {
@@ -31,28 +29,6 @@ std::string_view take_last(std::string_view *name) {
     const std::string_view part = name->substr(line + 1);
     *name = name->substr(0, line);
     return part;
-}
-
-// Reads the first or last part of a dump.
-bool read_part(const std::string &path, bool last, Analysis *times) {
-    std::string error;
-    const auto file = FileSource::open(path, &error);
-    if (file == nullptr || !file->size()) return false;
-    const uint64_t begin = last && *file->size() > kPartMax ? *file->size() - kPartMax : 0;
-    if (!file->seek(begin)) return false;
-    if (last) {
-        read_dump(*file, *times, begin > 0);
-        return true;
-    }
-    std::vector<uint8_t> bytes(kPartMax);
-    size_t size = 0;
-    for (int64_t got = 1; got > 0 && size < bytes.size(); size += static_cast<size_t>(got)) {
-        got = file->read(bytes.data() + size, bytes.size() - size);
-        if (got <= 0) break;
-    }
-    MemorySource source({reinterpret_cast<const char *>(bytes.data()), size});
-    read_dump(source, *times);
-    return true;
 }
 
 // "601.5", "+10" after the oldest sample, "-30" before the newest, or a date and time.
@@ -79,7 +55,7 @@ std::optional<int64_t> parse_moment(const std::string &text, const std::optional
     const auto ns = static_cast<int64_t>(std::llround(seconds * static_cast<double>(kNs)));
     if (!relative) return ns;
     if (!span) {
-        *error = "'" + text + "' needs a file with samples, not a pipe";
+        *error = "'" + text + "' needs a dump with samples";
         return std::nullopt;
     }
     int64_t moment = 0;
@@ -146,21 +122,6 @@ std::optional<int64_t> parse_time(std::string_view text) {
     return seconds * kNs + fraction;
 }
 
-std::optional<TimeSpan> find_span(const std::string &path) {
-    Analysis begin, end;
-    if (!read_part(path, true, &end)) return std::nullopt;
-    if (!end.newest_ns()) {
-        // Only damage there: reads the whole dump.
-        std::string error;
-        const auto file = FileSource::open(path, &error);
-        if (file == nullptr) return std::nullopt;
-        read_dump(*file, end);
-    }
-    if (!end.newest_ns()) return std::nullopt;
-    read_part(path, false, &begin);
-    return TimeSpan{begin.first_ns().value_or(*end.first_ns()), *end.newest_ns()};
-}
-
 std::optional<int64_t> DumpTime::unix_ns(int64_t time_ns) const {
     int64_t result = 0;
     if (!epoch_ns || __builtin_add_overflow(time_ns, *epoch_ns, &result)) return std::nullopt;
@@ -172,35 +133,36 @@ std::string DumpTime::wall_time(int64_t time_ns) const {
     return unix_time ? format_time(*unix_time) : std::string();
 }
 
-void DumpTime::set_newest(std::optional<int64_t> newest_ns) {
-    if (written && newest_ns) epoch_ns = *written * kNs - *newest_ns;
+// The time of the newest sample that --epoch gives, in seconds since 1970; -1: none. False if it is invalid.
+static bool parse_epoch(const std::string &text, int64_t *seconds) {
+    *seconds = -1;
+    if (text == "none") return true;
+    const auto unix_ns = parse_time(text);
+    *seconds = unix_ns ? *unix_ns / kNs : whole_number(text).value_or(-1);
+    return *seconds >= 0 && *seconds < kYear2255;
 }
 
-bool resolve(const TimeOptions &options, const std::string &path, DumpTime *time, std::string *error) {
+const char *const kEndIsMissing =
+    "the wall-clock times are not known, because the end of the recording, to which the time in the name belongs, is "
+    "missing or damaged; --epoch sets them";
+
+bool resolve(const TimeOptions &options, const std::string &path, const Survey &survey, DumpTime *time,
+             std::string *error) {
     *time = DumpTime{};
-    std::optional<int64_t> &written = time->written;
-    written = seconds_in_name(path);
-    if (!options.epoch.empty() && options.epoch != "name") {
-        written.reset();
-        if (options.epoch != "none") {
-            if (const auto unix_ns = parse_time(options.epoch)) {
-                written = *unix_ns / kNs;
-            } else {
-                written = whole_number(options.epoch);
-            }
-            if (!written || *written < 0 || *written >= kYear2255) {
-                *error =
-                    "--epoch '" + options.epoch + "' is not a time: seconds since 1970, a date and time, name, or none";
-                return false;
-            }
-        }
+    const std::optional<TimeSpan> &span = survey.timeline.span();
+    int64_t written = -1;
+    if (options.epoch.empty() || options.epoch == "name") {
+        written = seconds_in_name(path).value_or(-1);
+        time->end_is_missing = written >= 0 && !survey.end_is_whole();
+    } else if (!parse_epoch(options.epoch, &written)) {
+        *error = "--epoch '" + options.epoch + "' is not a time: seconds since 1970, a date and time, name, or none";
+        return false;
     }
-    const auto is_relative = [](const std::string &text) {
-        return !text.empty() && (text[0] == '+' || text[0] == '-');
-    };
-    std::optional<TimeSpan> span;
-    if (written || is_relative(options.from) || is_relative(options.to)) span = find_span(path);
-    if (span) time->set_newest(span->newest_ns);
+    int64_t epoch_ns = 0;
+    if (written >= 0 && span && !time->end_is_missing &&
+        !__builtin_sub_overflow(written * kNs, span->newest_ns, &epoch_ns)) {
+        time->epoch_ns = epoch_ns;
+    }
     for (const auto &[text, moment] : {std::pair{&options.from, &time->range.from}, {&options.to, &time->range.to}}) {
         if (text->empty()) continue;
         const auto parsed = parse_moment(*text, span, time->epoch_ns, error);

@@ -1,7 +1,7 @@
 // wall_clock.h -- stream time and wall-clock time.
 //
 // A dump's time stamps count from the set's start. The dump's name contains the time at which it was written, which
-// belongs to its newest sample.
+// belongs to its newest sample, so it says nothing if the end of the recording is missing.
 #pragma once
 
 #include <cstdint>
@@ -23,35 +23,30 @@ std::optional<int64_t> seconds_in_name(std::string_view path);
 std::string format_time(int64_t unix_ns);
 std::optional<int64_t> parse_time(std::string_view text);
 
-// The oldest and newest time stamp of a dump.
-struct TimeSpan {
-    int64_t first_ns, newest_ns;
-};
-
-// From the beginning and the end of a regular file. Nothing for another file, or one without samples.
-std::optional<TimeSpan> find_span(const std::string &path);
-
 // --epoch, --from and --to as given; empty: not given.
 struct TimeOptions {
     std::string epoch, from, to;
+
+    bool has_range() const { return !from.empty() || !to.empty(); }
 };
 
 // The same for one dump.
 struct DumpTime {
-    std::optional<int64_t> written;   // seconds since 1970: the time of its newest sample
-    std::optional<int64_t> epoch_ns;  // Unix time of stream time 0; for a pipe not known in advance
+    std::optional<int64_t> epoch_ns;  // Unix time of stream time 0; nothing if it is not known
+    bool end_is_missing = false;      // the name has a time, but the recording's end, to which it belongs, is damaged
     TimeRange range;
 
     // Unix time of a stream time; nothing if the epoch is not known.
     std::optional<int64_t> unix_ns(int64_t time_ns) const;
     // The same for people, or "".
     std::string wall_time(int64_t time_ns) const;
-
-    // Sets the epoch, once the newest sample is known.
-    void set_newest(std::optional<int64_t> newest_ns);
 };
 
 // False with the reason in *error if an option is invalid or cannot be applied to this dump.
-bool resolve(const TimeOptions &options, const std::string &path, DumpTime *time, std::string *error);
+bool resolve(const TimeOptions &options, const std::string &path, const Survey &survey, DumpTime *time,
+             std::string *error);
+
+// For people: why the wall-clock times are missing although the name has a time.
+extern const char *const kEndIsMissing;
 
 }  // namespace vestra_dump

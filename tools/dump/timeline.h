@@ -1,0 +1,78 @@
+// timeline.h -- which of a recording's time stamps can be believed.
+//
+// The samples of one core are recorded in the order of their time, or nearly (kLate). So the sequence of stamps of each
+// core is divided into runs that rise without a gap (kStep), and the longest chain of runs that rise together, by number
+// of samples, is the recording. Everything else is astray: damaged stamps, and pieces of other recordings. A short run at
+// the beginning or the end of the chain is believed only if the gap between it and the rest has a reason.
+//
+// Feed it all samples in the order of the file with add(), call finish(), and then ask believes() for the same samples in
+// the same order. Memory is bounded: kRunsMax runs for each core. One thread.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "trace/percentages.h"
+#include "trace/trace_format.h"
+
+namespace vestra_dump {
+
+struct TimeSpan {
+    int64_t first_ns, newest_ns;
+};
+
+class Timeline {
+  public:
+    // A sample of a core, 0 to 3. `offset`: of its frame in the file; it never decreases.
+    void add(int core, int64_t time_ns, uint64_t offset);
+
+    // Decides. From here on add() must not be called.
+    void finish();
+
+    // Whether the next sample of that core is believed. Begins with the first one after finish() and after rewind().
+    bool believes(int core);
+    void rewind();
+
+    // Of the samples that are believed; nothing if there are none.
+    const std::optional<TimeSpan> &span() const { return span_; }
+    uint64_t astray() const { return astray_; }  // samples
+    // Offset of the last frame with a sample astray; nothing if there is none.
+    std::optional<uint64_t> last_astray() const { return last_astray_; }
+
+    static constexpr int64_t kStep = trace::kNsPerSecond / 2;
+    static constexpr int64_t kLate = trace::kNsPerSecond;
+    static constexpr size_t kRunsMax = 1 << 15;  // of a core; beyond, short runs next to each other count as astray
+
+  private:
+    // Consecutive samples of a core.
+    struct Run {
+        uint64_t ordinal;         // of its first sample, among those of the core
+        uint64_t samples;         // 0: there is no run
+        int64_t low_ns, high_ns;  // of its samples
+        uint64_t begin, end;      // offsets of its first and last frame
+        bool sound;               // false: it cannot be part of the recording
+    };
+    using Runs = std::vector<Run>;
+    struct Stream {
+        Runs runs;      // that are complete; after finish() those that are not believed
+        Run open = {};  // the run that grows
+        uint64_t samples = 0;
+        size_t next_run = 0;  // of believes()
+        uint64_t next_ordinal = 0;
+    };
+
+    void begin_run(Stream *stream, const Run &run);
+    bool has_other(const Stream &stream, int64_t time_ns) const;
+    void trim(const Stream &stream, Runs *chain) const;
+    void find_span(const std::array<Runs, trace::kCoreCount> &chains);
+
+    std::array<Stream, trace::kCoreCount> streams_;
+    std::optional<TimeSpan> span_;
+    uint64_t astray_ = 0;
+    std::optional<uint64_t> last_astray_;
+};
+
+}  // namespace vestra_dump
