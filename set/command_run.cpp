@@ -102,7 +102,12 @@ void add_set_options(cli::Command app, const std::string &rate_note) {
     app.add_flag("--every-process", source.every_process,
                  "host: each process in each sample, not only those that ran since the last");
     app.add("--block-size", source.block_size, "Bytes of a block, 64 to 131072; 0: as it comes");
-    app.add("--profile", source.profile, "synthetic: steady, burst, stall or hostile (damaged frames)").show_default();
+    app.add("--profile", source.profile, "synthetic: steady, everyday, burst, stall or hostile (damaged frames)")
+        .show_default();
+    app.add("--fault", source.faults,
+            "synthetic: something goes wrong at that second of the stream: memory-growth, cpu-hog, process-storm, "
+            "memory-pressure, io-wait, overheating, vanished or gap; may be repeated")
+        .type("KIND[:PARAM]@SECOND");
     app.add("--processes", source.processes, "synthetic: number of processes, up to 32000; 0: 24");
     app.add("--step", g_given.step,
             "synthetic, with a rate of 0: seconds of the stream in a block, 0.0001 to 3600 (default 1)")

@@ -18,7 +18,7 @@ struct Stick {
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Stick, label, size)
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(SourceOptions, kind, file, rate, block_size, profile, processes, seed, step_ns,
-                                   every_process, loop)
+                                   every_process, loop, faults)
 
 struct SetOptions {
     std::string name;             // as the user knows the set

@@ -19,8 +19,10 @@ using namespace vestra_set;
 using namespace vestra_test;
 using Bytes = std::vector<uint8_t>;
 
-static std::unique_ptr<SyntheticSource> made(const char *profile, uint64_t seed, uint32_t block_size) {
+static std::unique_ptr<SyntheticSource> made(const char *profile, uint64_t seed, uint32_t block_size,
+                                             std::vector<std::string> faults = {}) {
     SourceOptions options;
+    options.faults = std::move(faults);
     options.profile = profile;
     options.seed = seed;
     options.processes = 40;
@@ -53,7 +55,8 @@ TEST(SyntheticSource, FirstTenBlocksOfASeedAreTheSameOnEveryMachine) {
     const std::tuple<const char *, uint32_t, uint64_t> kRows[] = {{"steady", 0, 7128860593540593760ULL},
                                                                   {"burst", 0, 13665244180225810013ULL},
                                                                   {"stall", 0, 5762120002173597781ULL},
-                                                                  {"hostile", 16384, 14146687314136371357ULL}};
+                                                                  {"hostile", 16384, 14146687314136371357ULL},
+                                                                  {"everyday", 0, 2617568417969541407ULL}};
     for (const auto &[profile, block_size, expected] : kRows) {
         const auto source = made(profile, 42, block_size);
         uint64_t hash = 0xcbf29ce484222325;
@@ -112,6 +115,139 @@ TEST(SyntheticSource, FiltersDiskSelectionAndTemperatureTakeEffect) {
     control.tracing = false;
     source->apply(control);
     EXPECT_TRUE(next(*source).empty());
+}
+
+// A minute of a stream with a fault in it, from the second on.
+struct Minute {
+    const SyntheticFault *fault;
+    std::vector<Bytes> blocks;  // that the messages view
+    std::vector<ReadMessage> messages;
+
+    // The growth of an element from the first message to the last of those with this process id.
+    double growth(int frame_type, uint64_t pid, int element) const {
+        std::vector<uint64_t> values;
+        for (const ReadMessage &message : messages) {
+            if (message.frame_type == frame_type && message.pid == pid) values.push_back(message.element(element));
+        }
+        return values.empty() ? -1 : static_cast<double>(values.back()) - static_cast<double>(values.front());
+    }
+    // The same, summed over the cores.
+    double core_growth(CoreElement element) const {
+        std::vector<double> sums;
+        for (const ReadMessage &message : messages) {
+            if (message.frame_type != kSwitchFrame) continue;
+            sums.push_back(0);
+            for (int core = 0; core < kCoreCount; ++core) {
+                sums.back() += static_cast<double>(message.walk.core(core, element));
+            }
+        }
+        return sums.back() - sums.front();
+    }
+};
+
+TEST(SyntheticFaults, ShowFromTheirSecondOnInTheProcessThatIsMeant) {
+    using Measure = double (*)(const Minute &);
+    const Measure memory = [](const Minute &all) { return all.growth(kSwitchFrame, all.fault->pid, kSwitchRss); };
+    const Measure cpu = [](const Minute &all) { return all.growth(kSwitchFrame, all.fault->pid, kSwitchCpuA); };
+    const Measure children = [](const Minute &all) {
+        return double(std::count_if(all.messages.begin(), all.messages.end(), [&](const ReadMessage &message) {
+            return message.pid > 400 && message.element(kSwitchElement1) == all.fault->pid;
+        }));
+    };
+    const Measure available = [](const Minute &all) { return -all.growth(kMeminfoFrame, 0, kMeminfoPlain5); };
+    const Measure swap = [](const Minute &all) { return all.growth(kMeminfoFrame, 0, kMeminfoDecimal1); };
+    const Measure iowait = [](const Minute &all) { return all.core_growth(kCoreIowait); };
+    const Measure degrees = [](const Minute &all) { return all.core_growth(kCoreTemperature) / kCoreCount; };
+    const Measure silence = [](const Minute &all) { return -all.growth(kSwitchFrame, all.fault->pid, kSwitchTime); };
+    const Measure longest_gap = [](const Minute &all) {
+        uint64_t longest = 0;
+        for (size_t i = 1; i < all.messages.size(); ++i) {
+            longest =
+                std::max(longest, all.messages[i].time - std::min(all.messages[i - 1].time, all.messages[i].time));
+        }
+        return static_cast<double>(longest);
+    };
+    const struct {
+        const char *fault;
+        Measure measure;
+        double before, after;  // at most in the minute before it, and at least in the minute after
+    } kRows[] = {{"memory-growth:1000@60", memory, 15'000, 40'000},
+                 {"cpu-hog:90@60", cpu, 2500, 6500},  // of 15,000 ticks
+                 {"process-storm:20@60", children, 30, 800},
+                 {"memory-pressure:3@60", available, 200'000, 300'000},
+                 {"memory-pressure:3@60", swap, 10, 25},
+                 {"io-wait:20@60", iowait, 2400, 8000},  // of 60,000 ticks
+                 {"overheating:90@60", degrees, 8, 20},
+                 {"vanished@60", silence, -58e9, 1},
+                 {"gap:10@60", longest_gap, 1e9, 6.9e9}};
+    for (const char *profile : {"steady", "everyday"}) {
+        for (const auto &row : kRows) {
+            SCOPED_TRACE(std::string(profile) + " " + row.fault);
+            const auto source = made(profile, 3, 0, {row.fault});
+            const SyntheticFault &fault = source->faults().at(0);
+            EXPECT_EQ((fault.from_ns - 600'000'000'000) / 1'000'000'000, 60U);
+            for (const bool after : {false, true}) {
+                Minute minute{&fault, {}, {}};
+                for (int i = 0; i < 60; ++i) minute.blocks.push_back(next(*source));
+                for (const Bytes &block : minute.blocks) {
+                    const auto messages = read_block(block);
+                    for (const ReadMessage &message : messages) minute.messages.push_back(message);
+                }
+                const double value = row.measure(minute);
+                EXPECT_TRUE(after ? value >= row.after : value <= row.before) << value << " after: " << after;
+            }
+        }
+    }
+}
+
+TEST(SyntheticFaults, CoresCountEveryTickOnceWhateverHappens) {
+    for (const char *profile : {"steady", "everyday"}) {
+        const auto source = made(profile, 7, 0,
+                                 {"cpu-hog@3", "cpu-hog:98@5", "process-storm:500@9", "io-wait:75@20", "gap:2@25",
+                                  "memory-pressure@30", "overheating@40", "cpu-hog@50", "cpu-hog@51"});
+        std::array<std::array<uint64_t, kCoreElements>, kCoreCount> last{};
+        std::map<uint64_t, uint64_t> ticks;  // by process
+        for (int second = 0; second < 120; ++second) {
+            const Bytes block = next(*source);
+            for (const ReadMessage &message : read_block(block)) {
+                if (message.frame_type != kSwitchFrame || message.pid > 400) continue;
+                EXPECT_GE(message.element(kSwitchCpuA), ticks[message.pid]) << message.pid;
+                ticks[message.pid] = message.element(kSwitchCpuA);
+                for (int core = 0; core < kCoreCount; ++core) {
+                    uint64_t sum = 0;
+                    for (const CoreElement element : {kCoreUser, kCoreSystem, kCoreIdle, kCoreIowait}) {
+                        uint64_t &before = last[static_cast<size_t>(core)][static_cast<size_t>(element)];
+                        const uint64_t now = message.walk.core(core, element);
+                        EXPECT_GE(now, before) << profile << " at " << message.time << ", element " << element;
+                        before = now;
+                        sum += now;
+                    }
+                    EXPECT_NEAR(static_cast<double>(sum), static_cast<double>(message.time / 4'000'000), 4);
+                }
+            }
+        }
+    }
+}
+
+TEST(SyntheticFaults, TextsThatAreNoneAreRefusedWithTheReason) {
+    const std::pair<const char *, const char *> kRows[] = {{"cpu-hog", "KIND[:PARAM]@SECOND"},
+                                                           {"@3", "the kinds are memory-growth, cpu-hog"},
+                                                           {"cpu-hog@", "KIND[:PARAM]@SECOND"},
+                                                           {"cpu-hog@-3", "KIND[:PARAM]@SECOND"},
+                                                           {"flood@3", "the kinds are"},
+                                                           {"cpu-hog:@3", "1 to 98 (percent of a core)"},
+                                                           {"cpu-hog:99@3", "1 to 98"},
+                                                           {"cpu-hog@3:50", "KIND[:PARAM]@SECOND"},
+                                                           {"gap:1.5@3", "1 to 3600 (seconds)"},
+                                                           {"vanished:1@3", "takes no parameter"},
+                                                           {"gap@99999999999", "at most 1000000000"}};
+    for (const auto &[text, reason] : kRows) {
+        SourceOptions options;
+        options.faults = {"gap@1", text};
+        std::string error;
+        EXPECT_EQ(make_source(options, &error), nullptr) << text;
+        EXPECT_THAT(error, testing::AllOf(testing::HasSubstr(text), testing::HasSubstr(reason)));
+    }
 }
 
 static bool all_are_in(Samples samples, Samples others) {

@@ -32,6 +32,10 @@ std::unique_ptr<TraceSource> make_source(const SourceOptions &options, std::stri
                  (host ? "100 samples" : "10000 blocks") + " a second";
         return nullptr;
     }
+    if (!options.faults.empty() && options.kind != "synthetic") {
+        *error = "faults: only the synthetic source has any";
+        return nullptr;
+    }
     if (host) return make_host_source(options, error);
     if (options.kind == "synthetic") return make_synthetic_source(options, error);
     if (options.kind == "replay") return make_replay_source(options, error);

@@ -59,10 +59,11 @@ struct SourceOptions {
 
     bool every_process = false;  // host: report processes that did not run since the last sample, too
 
-    std::string profile = "steady";    // synthetic: "steady", "burst", "stall" or "hostile"
+    std::string profile = "steady";    // synthetic: "steady", "burst", "stall", "hostile" or "everyday"
     uint32_t processes = 0;            // synthetic: number, up to 32000; 0: 24
     uint64_t seed = 0;                 // synthetic: equal options and capacities give equal bytes, on every machine
     uint64_t step_ns = 1'000'000'000;  // synthetic: stream time that a block covers, 100 us to 1 h
+    std::vector<std::string> faults;   // synthetic: KIND[:PARAM]@SECOND each; docs/simulated-set.md has the kinds
 
     bool loop = false;  // replay: start again at the end
 };

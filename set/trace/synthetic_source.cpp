@@ -12,9 +12,6 @@ namespace {
 constexpr uint64_t kSecond = 1'000'000'000;  // ns
 constexpr uint64_t kShortestStep = 100'000;  // ns; figures are kept in microseconds
 constexpr uint64_t kStart = 600 * kSecond;   // the set has been up for ten minutes
-constexpr uint64_t kWhole = 1'000'000;       // millionths
-constexpr uint64_t kCoreLoad = 850'000;      // millionths of a core that its processes use at full load
-constexpr uint64_t kIoWait = 20'000;         // millionths of a core, always
 constexpr uint64_t kTick = 4000;             // us: 250 per second
 constexpr uint32_t kDefaultProcesses = 24;
 constexpr uint32_t kMaxProcesses = 32000;
@@ -22,7 +19,6 @@ constexpr size_t kFrameMessages = 8;      // most messages of a switch frame
 constexpr size_t kInfoEvery = 64;         // switch frames between two CPU and memory frames
 constexpr size_t kMessageGuess = 128;     // about the bytes of a switch message; spreads time stamps over a full block
 constexpr size_t kDamageRoom = 1024;      // bytes that the longest damaged frame needs
-constexpr uint64_t kMemory = 1'572'864;   // KiB
 constexpr uint64_t kSwapTotal = 524'288;  // KiB
 
 constexpr const char *kNames[] = {"ui-shell", "compositor", "media-player", "audio-mixer", "browser", "tuner",
@@ -30,15 +26,9 @@ constexpr const char *kNames[] = {"ui-shell", "compositor", "media-player", "aud
 constexpr std::string_view kIdleName = "swapper";
 constexpr size_t kCommLimit = 15;  // bytes of a name that the kernel keeps
 
-// Up and down between 0 and `height`, `half` seconds each way.
-uint64_t swing(uint64_t seconds, uint64_t half, uint64_t height) {
-    const uint64_t at = seconds % (2 * half);
-    return (at < half ? at : 2 * half - at) * height / half;
-}
-
-// Ticks of something that takes `ppm` millionths of `us`.
-uint64_t ticks(uint64_t us, uint64_t ppm) {
-    return us * ppm / (kTick * kWhole);
+// Ticks of something that takes `ppm` millionths of `us`, and `extra` millionths of a microsecond.
+uint64_t ticks(uint64_t us, uint64_t ppm, uint64_t extra) {
+    return (us * ppm + extra) / (kTick * kWhole);
 }
 
 }  // namespace
@@ -58,17 +48,24 @@ std::unique_ptr<SyntheticSource> SyntheticSource::make(const SourceOptions &opti
     static constexpr std::pair<const char *, Profile> kProfiles[] = {{"steady", Profile::kSteady},
                                                                      {"burst", Profile::kBurst},
                                                                      {"stall", Profile::kStall},
-                                                                     {"hostile", Profile::kHostile}};
+                                                                     {"hostile", Profile::kHostile},
+                                                                     {"everyday", Profile::kEveryday}};
     const auto *const found = std::find_if(std::begin(kProfiles), std::end(kProfiles),
                                            [&](const auto &entry) { return options.profile == entry.first; });
+    std::vector<SyntheticFault> faults(options.faults.size());
+    for (size_t i = 0; i < faults.size(); ++i) {
+        if (!parse_fault(options.faults[i], &faults[i], error)) return nullptr;
+    }
     if (found == std::end(kProfiles)) {
-        *error = "profile \"" + options.profile + "\": must be steady, burst, stall or hostile";
+        *error = "profile \"" + options.profile + "\": must be steady, burst, stall, hostile or everyday";
     } else if (options.processes > kMaxProcesses) {
         *error = std::to_string(options.processes) + " processes: must be at most " + std::to_string(kMaxProcesses);
     } else if (options.step_ns < kShortestStep || options.step_ns > 3600 * kSecond) {
         *error = "step of " + std::to_string(options.step_ns) + " ns: must be 100 us to 1 h";
     } else {
-        return std::unique_ptr<SyntheticSource>(new SyntheticSource(options, found->second));
+        std::unique_ptr<SyntheticSource> source(new SyntheticSource(options, found->second));
+        source->events_.plant(std::move(faults), source->processes_, kStart);
+        return source;
     }
     return nullptr;
 }
@@ -82,7 +79,8 @@ SyntheticSource::SyntheticSource(const SourceOptions &options, Profile profile)
       block_size_(options.block_size),
       step_ns_(options.rate > 0 ? static_cast<uint64_t>(static_cast<double>(kSecond) / options.rate) : options.step_ns),
       pace_(options.rate),
-      random_state_(options.seed) {
+      random_(options.seed),
+      events_(profile == Profile::kEveryday, options.seed) {
     clock_ = {kStart, kStart / 1000};
     make_processes(options.processes > 0 ? options.processes : kDefaultProcesses);
     ModuleControl control;
@@ -118,15 +116,6 @@ void SyntheticSource::make_processes(uint32_t count) {
     }
 }
 
-// splitmix64
-uint64_t SyntheticSource::random() {
-    random_state_ += 0x9e3779b97f4a7c15;
-    uint64_t z = random_state_;
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
-    return z ^ (z >> 31);
-}
-
 void SyntheticSource::apply(const ModuleControl &control) try {
     control_ = control;
     reported_.clear();
@@ -144,42 +133,54 @@ SyntheticSource::Clock SyntheticSource::at(const Clock &begin, uint64_t ns) cons
     return {ns, begin.work_us + (ns - begin.ns) / 1000 * load_ / 1000};
 }
 
-CoreTimes SyntheticSource::core_times(size_t core, const Clock &now) const {
+CoreTimes SyntheticSource::core_times(size_t core, const Clock &now, const ExtraTime &extra) const {
     const uint64_t up_us = now.ns / 1000;
     const uint64_t seconds = now.ns / kSecond;
+    const uint64_t busy =
+        now.work_us * (user_ppm_[core] + system_ppm_[core]) + extra.user + extra.system + extra.iowait;
     CoreTimes times;
-    times.user = ticks(now.work_us, user_ppm_[core]);
-    times.system = ticks(now.work_us, system_ppm_[core]);
-    times.iowait = ticks(up_us, kIoWait);
-    times.idle = (up_us * (kWhole - kIoWait) - now.work_us * (user_ppm_[core] + system_ppm_[core])) / (kTick * kWhole);
+    times.user = ticks(now.work_us, user_ppm_[core], extra.user);
+    times.system = ticks(now.work_us, system_ppm_[core], extra.system);
+    times.iowait = ticks(up_us, kEvenIoWait, extra.iowait);
+    times.idle = (up_us * (kWhole - kEvenIoWait) - busy) / (kTick * kWhole);
     const int64_t base = control_.temperature != 0 ? control_.temperature : 45;
     times.temperature = static_cast<uint64_t>(base + static_cast<int64_t>(core + swing(seconds, 60, 6)));
     return times;
 }
 
-// The reported process with this index; the idle process if none is reported.
-SwitchMessage SyntheticSource::switch_message(size_t index, const Clock &now) const {
-    const uint64_t seconds = now.ns / kSecond;
+// The figures of a switch message that do not belong to a process.
+SwitchMessage SyntheticSource::set_message(const Clock &now) const {
     SwitchMessage message;
     message.type = messages_ % 8 == 7 ? 2 : 1;
     message.time_ns = now.ns;
     message.name = kIdleName;
+    message.element10 = 400 + 5 * load_ + swing(now.ns / kSecond, 20, 300);
+    message.element11 = 1 + load_ / 250;
+    const ExtraTime extra = events_.core_extra(now.ns);
+    for (size_t core = 0; core < kCoreCount; ++core) message.cores[core] = core_times(core, now, extra);
+    events_.change_set(&message);
+    return message;
+}
+
+// The reported process with this index; the idle process if none is reported.
+SwitchMessage SyntheticSource::switch_message(size_t index, const Clock &now) const {
+    SwitchMessage message = set_message(now);
     if (!reported_.empty()) {
-        const SyntheticProcess &process = processes_[reported_[index % reported_.size()]];
+        const size_t number = reported_[index % reported_.size()];
+        const SyntheticProcess &process = processes_[number];
+        const ExtraTime extra = events_.process_extra(number, now.ns);
         const uint64_t disk = now.work_us * process.disk_rate / 1'000'000;
         message.element1 = process.parent;
         message.pid = process.pid;
         message.name = process.name;
         message.element4 = control_.disk_read ? disk : 0;
         message.element5 = control_.disk_write ? disk / 2 : 0;
-        message.cpu_a = ticks(now.work_us, process.user_ppm);
-        message.cpu_b = ticks(now.work_us, process.system_ppm);
-        message.rss = process.rss + swing(seconds + process.pid, 30, process.rss / 8);
+        message.cpu_a = ticks(now.work_us, process.user_ppm, extra.user);
+        message.cpu_b = ticks(now.work_us, process.system_ppm, extra.system);
+        message.rss = process.rss + swing(now.ns / kSecond + process.pid, 30, process.rss / 8);
         message.swap = process.swap;
+        events_.change(number, &message);
     }
-    message.element10 = 400 + 5 * load_ + swing(seconds, 20, 300);
-    message.element11 = 1 + load_ / 250;
-    for (size_t core = 0; core < kCoreCount; ++core) message.cores[core] = core_times(core, now);
     return message;
 }
 
@@ -201,6 +202,7 @@ MeminfoMessage SyntheticSource::info_message(const Clock &now) const {
     message.element15 = 60'000;
     message.figure16 = kMemory * (1000 - used) / 2500;
     message.figure17 = kMemory * (1000 - used) / 1000;
+    events_.change(&message);
     return message;
 }
 
@@ -212,9 +214,9 @@ size_t SyntheticSource::next_block(uint8_t *out, size_t capacity) try {
     plan_.frames.clear();
     const uint64_t block = blocks_++;
     const bool burst = profile_ == Profile::kBurst && block % 8 >= 6;
-    load_ = profile_ != Profile::kBurst ? 700 + random(301) : burst ? 1000 : 100;
     plan_.begin_ns = clock_.ns;
     plan_.end_ns = clock_.ns + step_ns_ * periods;
+    load_ = events_.begin_block(plan_.begin_ns, plan_.end_ns, next_load(burst));
     size_t size = 0;
     if (control_.tracing && !stalled()) {
         const bool fill = burst || (block_size_ > 0 && profile_ != Profile::kBurst);
@@ -224,6 +226,14 @@ size_t SyntheticSource::next_block(uint8_t *out, size_t capacity) try {
     return size;
 } catch (const std::exception &) {
     return 0;
+}
+
+// In thousandths.
+uint64_t SyntheticSource::next_load(bool burst) {
+    if (profile_ == Profile::kBurst) return burst ? 1000 : 100;
+    if (profile_ != Profile::kEveryday) return 700 + random(301);
+    wander_ = std::clamp<uint64_t>(wander_ + random(121), 60, 360) - 60;
+    return 200 + wander_;
 }
 
 bool SyntheticSource::stalled() {
@@ -265,6 +275,7 @@ size_t SyntheticSource::write_block(uint8_t *out, size_t limit, bool fill) {
     size_t written = 0;
     for (size_t frames = 1; room && (fill || written < target); ++frames) {
         const uint64_t now = begin.ns + std::min<uint64_t>(written * gap, span - 1);
+        write_guests(&writer, begin, now);
         if (profile_ == Profile::kHostile && random(3) == 0) write_damage(&writer, at(begin, now));
         const size_t count = std::min(kFrameMessages, fill ? kFrameMessages : target - written);
         const size_t added = write_switches(&writer, at(begin, now), gap, count);
@@ -272,6 +283,8 @@ size_t SyntheticSource::write_block(uint8_t *out, size_t limit, bool fill) {
         room = added > 0;
         if (frames % kInfoEvery == 0) room = room && write_info(&writer, at(begin, now));
     }
+    write_guests(&writer, begin, plan_.end_ns);
+    if (writer.size() == 0 && !events_.recorded(begin.ns)) return 0;  // in a gap
     FrameWriter mark(out + writer.size(), kEmptyRecord);
     if (profile_ == Profile::kHostile && random(6) == 0) {
         plan_frame(writer, Damage::kCutLength);
@@ -283,6 +296,7 @@ size_t SyntheticSource::write_block(uint8_t *out, size_t limit, bool fill) {
 }
 
 bool SyntheticSource::write_info(FrameWriter *writer, const Clock &now) {
+    if (!events_.recorded(now.ns)) return true;
     const MeminfoMessage message = info_message(now);
     if (writer->room() < kLengthField + kFrameHeader + message_size(message)) return false;
     PlannedFrame *planned = plan_frame(*writer, Damage::kNone);
@@ -292,27 +306,52 @@ bool SyntheticSource::write_info(FrameWriter *writer, const Clock &now) {
     return true;
 }
 
-// Writes one frame of up to `count` messages of processes of one core, `gap_ns` apart. Returns the number that fit.
+// Writes one frame of up to `count` messages of processes of one core, `gap_ns` apart. Returns the number that fit, those
+// included that are not reported at the time.
 size_t SyntheticSource::write_switches(FrameWriter *writer, const Clock &begin, uint64_t gap_ns, size_t count) {
     size_t added = 0;
-    uint8_t core = 0;
+    int core = -1;  // of the frame
     PlannedFrame *planned = nullptr;
     for (; added < count; ++added) {
         const uint64_t now = std::min<uint64_t>(begin.ns + added * gap_ns, plan_.end_ns - 1);
-        const SwitchMessage message = switch_message(next_process_, at(begin, now));
-        const uint8_t its_core = reported_.empty() ? 0 : processes_[reported_[next_process_]].core;
-        if (added == 0) {
-            if (writer->room() < kLengthField + kFrameHeader + message_size(message)) return 0;
-            core = its_core;
-            planned = plan_frame(*writer, Damage::kNone);
-            writer->begin_frame(kSwitchFrame, core);
+        const bool none = reported_.empty();
+        if (none ? events_.recorded(now) : events_.reported(reported_[next_process_], now)) {
+            const SwitchMessage message = switch_message(next_process_, at(begin, now));
+            const int its_core = none ? 0 : processes_[reported_[next_process_]].core;
+            if (core < 0) {
+                if (writer->room() < kLengthField + kFrameHeader + message_size(message)) return 0;
+                core = its_core;
+                planned = plan_frame(*writer, Damage::kNone);
+                writer->begin_frame(kSwitchFrame, core);
+            }
+            if (its_core != core || !writer->add(message)) break;
+            if (planned != nullptr) planned->switches.push_back(message);
         }
-        if (its_core != core || !writer->add(message)) break;
-        if (planned != nullptr) planned->switches.push_back(message);
         ++messages_;
         if (++next_process_ >= reported_.size()) next_process_ = 0;
     }
     return added;
+}
+
+// Writes the messages of guests that are due, each in a frame.
+void SyntheticSource::write_guests(FrameWriter *writer, const Clock &begin, uint64_t until_ns) {
+    uint64_t ns = 0;
+    while (const Guest *guest = events_.next_guest(until_ns, &ns)) {
+        SwitchMessage message = set_message(at(begin, ns));
+        message.element1 = guest->parent;
+        message.pid = guest->pid;
+        message.name = guest->name;
+        message.cpu_a = ticks((ns - guest->from_ns) / 1000, guest->ppm / 2, 0);
+        message.cpu_b = message.cpu_a;
+        message.rss = guest->rss;
+        message.swap = 1;
+        const bool room = writer->room() >= kLengthField + kFrameHeader + message_size(message);
+        if (!room || !reports(control_, guest->pid, guest->name)) continue;
+        PlannedFrame *planned = plan_frame(*writer, Damage::kNone);
+        writer->begin_frame(kSwitchFrame, static_cast<int>(guest->pid % kCoreCount));
+        writer->add(message);
+        if (planned != nullptr) planned->switches.push_back(message);
+    }
 }
 
 // Writes one damaged frame. False if there is too little room.

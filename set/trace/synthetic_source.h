@@ -12,6 +12,7 @@
 
 #include "set/trace/pace.h"
 #include "set/trace/source.h"
+#include "set/trace/synthetic_faults.h"
 #include "trace/frame_writer.h"
 
 namespace vestra_set {
@@ -65,10 +66,11 @@ struct SyntheticProcess {
 class SyntheticSource : public TraceSource {
   public:
     enum class Profile {
-        kSteady,   // 70 to 100 % load
-        kBurst,    // 10 %, and sometimes blocks of the greatest size at 100 %
-        kStall,    // steady, with runs of empty reads during which time passes
-        kHostile,  // steady, with about every third frame damaged
+        kSteady,    // 70 to 100 % load
+        kBurst,     // 10 %, and sometimes blocks of the greatest size at 100 %
+        kStall,     // steady, with runs of empty reads during which time passes
+        kHostile,   // steady, with about every third frame damaged
+        kEveryday,  // 20 to 50 %; processes come, go, are busy for a while, and fill and empty caches
     };
 
     static std::unique_ptr<SyntheticSource> make(const SourceOptions &options, std::string *error);
@@ -81,6 +83,9 @@ class SyntheticSource : public TraceSource {
     const BlockPlan &plan() const { return plan_; }
     const std::vector<SyntheticProcess> &processes() const { return processes_; }
 
+    // The faults of the options, as they happen.
+    const std::vector<SyntheticFault> &faults() const { return events_.faults(); }
+
   private:
     struct Clock {
         uint64_t ns = 0;       // stream time
@@ -89,25 +94,29 @@ class SyntheticSource : public TraceSource {
 
     SyntheticSource(const SourceOptions &options, Profile profile);
 
-    uint64_t random();
-    uint64_t random(uint64_t below) { return random() % below; }
+    uint64_t random() { return random_.next(); }
+    uint64_t random(uint64_t limit) { return random_.below(limit); }
+    uint64_t next_load(bool burst);
     void make_processes(uint32_t count);
     bool stalled();
     size_t write_block(uint8_t *out, size_t limit, bool fill);
     bool write_info(FrameWriter *writer, const Clock &now);
     size_t write_switches(FrameWriter *writer, const Clock &begin, uint64_t gap_ns, size_t count);
+    void write_guests(FrameWriter *writer, const Clock &begin, uint64_t until_ns);
     bool write_damage(FrameWriter *writer, const Clock &now);
     Clock at(const Clock &begin, uint64_t ns) const;
     SwitchMessage switch_message(size_t index, const Clock &now) const;
+    SwitchMessage set_message(const Clock &now) const;
     MeminfoMessage info_message(const Clock &now) const;
-    CoreTimes core_times(size_t core, const Clock &now) const;
+    CoreTimes core_times(size_t core, const Clock &now, const ExtraTime &extra) const;
     PlannedFrame *plan_frame(const FrameWriter &writer, Damage damage);
 
     const Profile profile_;
     const uint32_t block_size_;
     const uint64_t step_ns_;
     Pace pace_;
-    uint64_t random_state_;
+    SeededRandom random_;
+    SyntheticEvents events_;
     std::vector<SyntheticProcess> processes_;      // by core
     std::array<uint64_t, kCoreCount> user_ppm_{};  // sums over the processes of a core
     std::array<uint64_t, kCoreCount> system_ppm_{};
@@ -115,6 +124,7 @@ class SyntheticSource : public TraceSource {
     std::vector<uint32_t> reported_;  // indices of the processes that pass the filter
     Clock clock_;
     uint64_t load_ = 0;        // thousandths of full load in the current block
+    uint64_t wander_ = 150;    // of an everyday stream: by how much it is above the least load
     size_t next_process_ = 0;  // index into reported_
     uint64_t messages_ = 0;
     uint64_t blocks_ = 0;
