@@ -5,6 +5,7 @@
 
 #include "made_up_set.h"
 #include "tools/dump/analysis.h"
+#include "tools/dump/history.h"
 
 using namespace decoder_test;
 using trace::SwitchMessage;
@@ -146,4 +147,22 @@ TEST_F(DumpAnalysis, TopProcessesSurviveAFloodOfOthers) {
     EXPECT_EQ(processes.top_by_memory(1)[0].pid, 3);
 }
 
+TEST(History, IsBoundedAndKeepsTheProcessesThatLiveLongest) {
+    vestra_dump::History history(600 * kSecond);
+    SwitchSample sample = {};
+    for (int32_t i = 0; i < 600'000; ++i) {
+        sample.time_ns = int64_t{i} * 1'000'000;
+        sample.pid = i % 10 == 0 ? 1 + i / 10 % 400 : 1000 + i;
+        sample.name = i % 10 == 0 ? "lasting" : "brief";
+        sample.rss = static_cast<uint64_t>(i);
+        history.add_time(sample.time_ns);
+        history.add(sample, 0);
+    }
+    EXPECT_LE(history.processes().size() + history.past().size(), vestra_dump::Processes::kMax);
+    for (int32_t pid = 1; pid <= 400; ++pid) {
+        ASSERT_EQ(history.processes().count(pid), 1U) << pid;
+        EXPECT_GT(history.processes().at(pid).points.size(), 100U);
+        EXPECT_LT(history.processes().at(pid).first_ns, 5 * int64_t{kSecond});
+    }
+}
 }  // namespace

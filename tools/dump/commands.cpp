@@ -15,6 +15,13 @@ const std::vector<Command> &commands() {
          "  vestra-dump info --from -30 --top 5 DUMP     the last half minute\n"
          "  zcat DUMP.gz | vestra-dump info --json - | jq .top_cpu[0]",
          setup_info},
+        {"explain", "Say what went wrong before the dump was written: ranked findings, each with its numbers",
+         "Looks at the last ten minutes. A finding is a change: what has always been so is not one.\n\n"
+         "examples:\n"
+         "  vestra-dump explain DUMP\n"
+         "  vestra-dump explain --at -60 DUMP     as of a minute before the end\n"
+         "  vestra-dump explain --json DUMP | jq -r '.findings[0].evidence.command' | sh",
+         setup_explain},
         {"csv", "Write one table as CSV: vitals by second, samples of processes, frames, or damaged spans",
          "examples:\n"
          "  vestra-dump csv DUMP > vitals.csv\n"

@@ -40,6 +40,7 @@ Action setup_sqlite(cli::Command app);
 Action setup_perfetto(cli::Command app);
 Action setup_report(cli::Command app);
 Action setup_cut(cli::Command app);
+Action setup_explain(cli::Command app);
 
 // Adds --from, --to and --epoch.
 void add_time_options(cli::Command app, TimeOptions &options);
