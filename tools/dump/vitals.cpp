@@ -6,26 +6,6 @@
 
 namespace vestra_dump {
 
-const std::array<VitalName, kVitalCount> kVitalNames = {{
-    {"context_switches", "Context switches", "per second"},
-    {"running_processes", "Running", "processes"},
-    {"cpu_total", "CPU total", "%"},
-    {"cpu_system", "CPU system", "%"},
-    {"cpu_user", "CPU user", "%"},
-    {"temperature_core0", "Temperature core 0", "°C"},
-    {"temperature_core1", "Temperature core 1", "°C"},
-    {"temperature_core2", "Temperature core 2", "°C"},
-    {"temperature_core3", "Temperature core 3", "°C"},
-    {"temperature_average", "Temperature average", "°C"},
-    {"io_wait", "I/O wait", "%"},
-    {"memory_used", "Memory used", "%"},
-    {"swap_used", "Swap used", "%"},
-    {"load", "Load average", "1 min"},
-    {"memory_free", "Free memory", "KiB"},
-    {"page_cache", "Page cache", "KiB"},
-    {"memory_available", "Available memory", "KiB"},
-}};
-
 namespace {
 
 enum VitalType : size_t {

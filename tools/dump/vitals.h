@@ -18,8 +18,8 @@
 #include <map>
 #include <optional>
 
-#include "platform/vestra_api.h"
 #include "tools/dump/messages.h"
+#include "tools/vitals.h"
 
 namespace vestra_dump {
 
@@ -36,12 +36,8 @@ struct SecondVitals {
     bool knows(size_t type) const;
 };
 
-struct VitalName {
-    const char *column;  // of tables; key in JSON
-    const char *label;   // for people
-    const char *unit;
-};
-extern const std::array<VitalName, kVitalCount> kVitalNames;  // by packet type
+using VitalName = vestra_tools::Vital;
+inline constexpr const std::array<VitalName, kVitalCount> &kVitalNames = vestra_tools::kVitals;  // by packet type
 
 class Vitals {
   public:

@@ -54,7 +54,7 @@ std::string as_table(const Answer &answer) {
     for (const vestra_api_data &entry : answer.vitals) {
         const Vital &vital = vital_of(entry);
         const vestra_api_data shown = without_markers(entry);
-        std::snprintf(line, sizeof line, "%2d  %-20s %-4s", entry.packet_type, vital.name, vital.unit);
+        std::snprintf(line, sizeof line, "%2d  %-20s %-4s", entry.packet_type, vital.name, vital.short_unit);
         text += line;
         for (const double value : {shown.maximum, shown.minimum, shown.average, shown.variance}) {
             std::snprintf(line, sizeof line, " %*s", kColumn, figure(value, vital.decimals).c_str());
@@ -71,7 +71,7 @@ std::string as_json(const Answer &answer) {
     for (const vestra_api_data &entry : answer.vitals) {
         const vestra_api_data shown = without_markers(entry);
         // NaN is written as null.
-        vitals[vital_of(entry).name] = {{"type", entry.packet_type}, {"unit", vital_of(entry).unit},
+        vitals[vital_of(entry).name] = {{"type", entry.packet_type}, {"unit", vital_of(entry).short_unit},
                                         {"maximum", shown.maximum},  {"minimum", shown.minimum},
                                         {"average", shown.average},  {"variance", shown.variance}};
     }
@@ -85,7 +85,7 @@ std::string list_of_vitals() {
     for (size_t type = 0; type < kVitals.size(); ++type) {
         const Vital &vital = kVitals[type];
         std::snprintf(line, sizeof line, "%2zu%c %-20s %-4s %s\n", type, vital.from_module ? '*' : ' ', vital.name,
-                      vital.unit, vital.meaning);
+                      vital.short_unit, vital.meaning);
         text += line;
     }
     return text +
