@@ -27,7 +27,7 @@ struct Derived : vestra_dump::DumpSink {
         if (!sample.accounted) return;
         const std::string name(sample.name.substr(0, 14));
         list.push_back({text("%lld %d %s %d %d", static_cast<long long>(sample.time_ns), sample.pid, name.c_str(),
-                             static_cast<int32_t>(sample.rss), static_cast<int32_t>(sample.swap)),
+                             static_cast<int32_t>(sample.rss), static_cast<int32_t>(sample.swap > 0 ? sample.swap : 1)),
                         usage.known ? usage.total : 0.0});
     }
 };

@@ -34,6 +34,7 @@ void fill(const FrameWalk &walk, uint8_t core, SwitchSample *filled) {
     }
     sample.core = core;
     sample.accounted = walk.value(trace::kSwitchPid) != 0 && sample.rss != 0 && sample.swap != 0;
+    if (sample.swap == 1) sample.swap = 0;
 }
 
 MemorySample memory_sample(const FrameWalk &walk) {

@@ -27,7 +27,7 @@ struct SwitchSample {
     std::string_view name;           // up to its first zero byte, at most kNameShown bytes; a view of the frame
     uint64_t read_kib, written_kib;  // since the process was started; 0 where the module does not trace it
     int64_t cpu_user, cpu_system;    // ticks of the process, in all
-    uint64_t rss, swap;              // KiB
+    uint64_t rss, swap;              // KiB; 1 KiB of swap, which modules send for none, is 0 here
     double context_switches, running;
     std::array<CoreFigures, trace::kCoreCount> cores;
     uint8_t core;    // of the frame
