@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "fuzz/fuzz_env.h"
+#include "tools/dump/explain.h"
 #include "tools/dump/row_text.h"
 #include "tools/dump/summary.h"
 #include "trace/percentages.h"
@@ -150,7 +151,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             (!span || (*overview.summary.first_ns == span->first_ns && *overview.summary.last_ns == span->newest_ns)),
         "the second pass believes what the first one does");
     FUZZ_RULE(overview.summary.samples_astray == found.timeline.astray(), "and leaves out the same");
+    const int64_t first_ns = span ? span->first_ns : 0, newest_ns = span ? span->newest_ns : 0;
+    History history(first_ns + (newest_ns - first_ns) / 16 * (data[0] / 16));
+    analyse(source, &found.timeline, {}, 0, history);
     std::ostringstream page;
+    page << to_json(explain(history, "DUMP", first_ns)).dump();
     print(overview, page);
     page << to_json(overview).dump();
     FUZZ_RULE(page.good(), "a summary can be printed");

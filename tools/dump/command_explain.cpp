@@ -5,7 +5,6 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
-#include "tools/dump/analysis.h"
 #include "tools/dump/commands.h"
 #include "tools/dump/explain.h"
 
@@ -16,26 +15,6 @@ struct Options {
     std::string path;
     TimeOptions time;  // the moment is the end of its range
     bool json = false;
-};
-
-class HistoryReader : public DumpSink {
-  public:
-    explicit HistoryReader(int64_t at_ns) : history_(at_ns) {}
-
-    void on_frame(const Frame & /*frame*/, const FrameMessages &messages) override {
-        for (const Stamp &stamp : messages.stamps) {
-            if (stamp.believed) history_.add_time(stamp.time_ns);
-        }
-    }
-    void on_process(const SwitchSample &sample, const Process &process) override {
-        history_.add(sample, process.used_ticks);
-    }
-    void on_second(const SecondVitals &second) override { history_.add(second); }
-
-    const History &history() const { return history_; }
-
-  private:
-    History history_;
 };
 
 void print(const std::vector<Finding> &findings) {
@@ -51,9 +30,9 @@ int explain_dump(const Options &options) {
     int code = kExitClean;
     if (!open_dump(options.path, options.time, &dump, &code)) return code;
     const auto span = dump.survey.timeline.span().value_or(TimeSpan{});
-    HistoryReader reader(std::min(dump.time.range.to, span.newest_ns));
-    code = report_result(read(&dump, 0, reader), true);
-    const auto findings = explain(reader.history(), options.path, span.first_ns);
+    History history(std::min(dump.time.range.to, span.newest_ns));
+    code = report_result(read(&dump, 0, history), true);
+    const auto findings = explain(history, options.path, span.first_ns);
     if (options.json) {
         std::cout << to_json(findings).dump() << '\n';
     } else {

@@ -22,6 +22,12 @@ uint32_t limited(uint64_t value) {
 
 History::History(int64_t at_ns) : at_ns_(at_ns), begin_ns_(at_ns > kSeconds * kNs ? at_ns - kSeconds * kNs : 0) {}
 
+void History::on_frame(const Frame & /*frame*/, const FrameMessages &messages) {
+    for (const Stamp &stamp : messages.stamps) {
+        if (stamp.believed) add_time(stamp.time_ns);
+    }
+}
+
 void History::add_time(int64_t time_ns) {
     if (time_ns < begin_ns_ || time_ns > at_ns_) return;
     if (newest_ns_ >= 0 && time_ns - newest_ns_ >= kGap) gaps_.push_back({newest_ns_, time_ns});

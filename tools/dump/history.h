@@ -10,12 +10,11 @@
 #include <unordered_map>
 #include <vector>
 
-#include "tools/dump/processes.h"
-#include "tools/dump/vitals.h"
+#include "tools/dump/analysis.h"
 
 namespace vestra_dump {
 
-class History {
+class History : public DumpSink {
   public:
     static constexpr int64_t kSeconds = 600;
 
@@ -27,6 +26,12 @@ class History {
     // `used_ticks`: clock ticks that the process used since its sample before.
     void add(const SwitchSample &sample, int64_t used_ticks);
     void add(const SecondVitals &second);
+
+    void on_frame(const Frame &frame, const FrameMessages &messages) override;
+    void on_process(const SwitchSample &sample, const vestra_dump::Process &process) override {
+        add(sample, process.used_ticks);
+    }
+    void on_second(const SecondVitals &second) override { add(second); }
 
     struct Point {
         uint32_t ms;     // since begin_ns()
