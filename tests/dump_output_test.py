@@ -3,7 +3,6 @@
 import csv
 import json
 import os
-import re
 import sqlite3
 import subprocess
 import tempfile
@@ -200,26 +199,6 @@ class DumpTrace(DumpTest):
             for name, column in ('Resident memory', 'rss_kib'), ('CPU', 'cpu_total'):
                 if row['pid'] != 100:
                     self.assertEqual(list(self.counters[row['pid'], name].values())[-1], row[column])
-
-
-class DumpReport(DumpTest):
-    """report_browser_test.sh checks the names and the tables of a page."""
-
-    def test_page_has_texts_escaped_and_the_points_of_the_vitals(self):
-        write('dump', made('hostile'))
-        page = output('report', 'dump')
-        self.assertIn('&lt;i&gt;model', page)
-        self.assertNotIn('<i>', page)
-        data = json.loads(re.search('id="data">(.*?)</script>', page, re.S)[1])
-        self.assertEqual(data['damage'], [[639.000000009, 640.0]])
-        points = {row[0]: row[1:] for row in data['rows']}
-        self.assertEqual(len(points), 51, '50 seconds, and one for the gap')
-        self.assertIsNone(points[620][0])
-        for row in csv_rows('--vitals', 'dump')[1:]:
-            for shown, figure in zip(points[int(row[0])], row[2:19]):
-                self.assertEqual(shown is None, figure == '')
-                if shown is not None:
-                    self.assertAlmostEqual(shown, float(figure), delta=1e-5 * (1 + shown))
 
 
 if __name__ == '__main__':

@@ -45,11 +45,14 @@ const std::vector<Command> &commands() {
          "  vestra-dump perfetto DUMP -o dump.json     then open it in ui.perfetto.dev or chrome://tracing\n"
          "  vestra-dump perfetto --from -60 DUMP | gzip > last-minute.json.gz",
          setup_perfetto},
-        {"report", "Make a page for the browser: plots of all vitals, the processes that use most, damage",
-         "One self-contained HTML file that needs no network.\n\n"
+        {"report", "Make a page for the browser: findings, plots of all vitals and of the processes, damage",
+         "One self-contained HTML file that needs no network. It has less than 1 MiB, however long the dump is,\n"
+         "with the default --top. Of a directory: a page for each dump in it and below, and an index.html that\n"
+         "sorts them.\n\n"
          "examples:\n"
          "  vestra-dump report DUMP -o report.html\n"
-         "  vestra-dump report --from -60 --top 20 DUMP > last-minute.html",
+         "  vestra-dump report --from -60 --top 20 DUMP > last-minute.html\n"
+         "  vestra-dump report /media/STICK -o reports/",
          setup_report},
         {"cut", "Write a smaller dump with the frames of a time range",
          "A frame is kept whole if any of its messages is in the range. Damaged data is left out, so\n"

@@ -6,26 +6,13 @@
 
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
-#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "tools/dump/finding.h"
 #include "tools/dump/history.h"
 
 namespace vestra_dump {
-
-struct Finding {
-    const char *kind;            // "memory-growth", "cpu-hog", "process-storm", "memory-pressure", "io-wait",
-                                 // "overheating", "vanished" or "gap"
-    std::optional<int32_t> pid;  // of the process meant, if one is; of a storm the parent
-    std::string name;            // of it, printable; empty: not known
-    int64_t from_ns, to_ns;      // stream time
-    double score;                // 0 to 1
-    std::string text;            // one sentence
-    std::string command;         // that shows it
-    std::vector<std::pair<const char *, double>> numbers;
-};
 
 // `path`: of the dump, for commands. `first_ns`: its oldest sample, which times in sentences count from. Best first.
 std::vector<Finding> explain(const History &history, const std::string &path, int64_t first_ns);

@@ -83,9 +83,11 @@ const Process &Processes::take(const SwitchSample &sample, bool counts, uint64_t
     if (process.number == 0 || process.name != sample.name) {
         const Usage usage = process.usage;
         if (process.samples > 0) past_.push_back(std::move(process));
-        process = {
-            sample.pid, sample.parent, std::string(sample.name), sample.time_ns, sample.time_ns, 0, 0, 0, {}, 0, 0,
-            usage,      ++numbers_};
+        process = Process{};
+        process.pid = sample.pid;
+        process.name = sample.name;
+        process.usage = usage;
+        process.number = ++numbers_;
         entry.counter = {};
     }
     const int64_t ticks = trace::wrapping_sum(sample.cpu_user, sample.cpu_system);
@@ -100,12 +102,15 @@ const Process &Processes::take(const SwitchSample &sample, bool counts, uint64_t
     if (first) {
         ++seen_;
         process.first_ns = process.last_ns = sample.time_ns;
+        process.first_rss = sample.rss;
     }
     ++process.samples;
     if (verdict == TickCounter::kGood && sample.time_ns >= process.last_ns && ticks > before) {
         process.used_ticks = ticks - before;
         process.cpu_ticks += static_cast<double>(process.used_ticks);
     }
+    process.used_since_ns = process.last_ns;
+    if (sample.time_ns >= process.last_ns) process.last_rss = sample.rss;
     process.last_ns = std::max(process.last_ns, sample.time_ns);
     process.first_ns = std::min(process.first_ns, sample.time_ns);
     const Usage &usage = process.usage;

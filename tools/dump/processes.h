@@ -57,8 +57,10 @@ struct Process {
     uint64_t samples;
     double cpu_ticks;                    // used between them
     int64_t used_ticks;                  // of those, since the sample before
+    int64_t used_since_ns;               // time of that sample
     std::optional<double> peak_percent;  // of Usage::total; nothing if the process was too short-lived to have one
     uint64_t peak_rss, peak_swap;        // KiB
+    uint64_t first_rss, last_rss;        // KiB
     Usage usage;                         // after the sample that came last
     uint64_t number;                     // of the process, in the order of appearance
 

@@ -47,7 +47,8 @@ std::string script_json(std::string_view document) {
 }
 
 void append_table(const char *id, std::string_view caption, const std::vector<HtmlColumn> &columns,
-                  const std::vector<std::vector<std::string>> &rows, std::string *out) {
+                  const std::vector<std::vector<std::string>> &rows, std::string *out,
+                  const std::vector<std::string> &links) {
     out->append("<div class=\"wide\"><table id=\"").append(id).append("\">\n<caption>").append(html(caption));
     out->append("</caption>\n<thead><tr>");
     for (const HtmlColumn &column : columns) {
@@ -55,10 +56,14 @@ void append_table(const char *id, std::string_view caption, const std::vector<Ht
         out->append(html(column.title)).append("</th>");
     }
     out->append("</tr></thead>\n<tbody>\n");
-    for (const auto &row : rows) {
+    for (size_t number = 0; number < rows.size(); ++number) {
+        const std::vector<std::string> &row = rows[number];
         out->append("<tr>");
         for (size_t i = 0; i < row.size(); ++i) {
-            out->append(columns[i].number ? "<td class=\"n\">" : "<td><bdi>").append(html(row[i]));
+            const bool link = i == 0 && number < links.size() && !links[number].empty();
+            out->append(columns[i].number ? "<td class=\"n\">" : "<td><bdi>");
+            if (link) out->append("<a href=\"").append(html(links[number])).append("\">");
+            out->append(html(row[i])).append(link ? "</a>" : "");
             out->append(columns[i].number ? "</td>" : "</bdi></td>");
         }
         out->append("</tr>\n");

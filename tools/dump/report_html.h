@@ -18,9 +18,10 @@ struct HtmlColumn {
     bool number;
 };
 
-// A table with a caption; cells are escaped. A text in the last column is isolated, so that right-to-left writing in it
-// does not move its neighbours.
+// A table with a caption; cells are escaped. Texts are isolated, so that right-to-left writing in one does not move its
+// neighbours. `links`: for each row where its first cell leads, a relative URL or nothing.
 void append_table(const char *id, std::string_view caption, const std::vector<HtmlColumn> &columns,
-                  const std::vector<std::vector<std::string>> &rows, std::string *out);
+                  const std::vector<std::vector<std::string>> &rows, std::string *out,
+                  const std::vector<std::string> &links = {});
 
 }  // namespace vestra_dump

@@ -1,11 +1,10 @@
-// report_page.h -- the template of reports, generated from report/ by the build.
+// report_page.h -- the templates of reports and their index, generated from report/ by the build.
 #pragma once
 
-#include <cstddef>
+#include <string_view>
 
 namespace vestra_dump {
 
-extern const unsigned char kReportPage[];
-extern const size_t kReportPageSize;
+extern const std::string_view kReportPage, kIndexPage;
 
 }  // namespace vestra_dump

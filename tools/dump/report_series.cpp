@@ -35,7 +35,10 @@ void VitalSeries::merge(Extremes *into, const Extremes &from) {
     }
 }
 
-void VitalSeries::add(const SecondVitals &second) {
+void VitalSeries::on_second(const SecondVitals &second) {
+    const int64_t expected = last_second_.value_or(second.second - 1) + 1;
+    if (second.second > expected && gaps_.size() < kGapsKept) gaps_.push_back({expected, second.second - 1});
+    last_second_ = second.second;
     constexpr Extremes kUnknown = {0, 0, -1, -1};
     const auto place = buckets_.try_emplace(second.second >> shift_);
     Bucket &bucket = place.first->second;
@@ -66,7 +69,7 @@ void VitalSeries::widen() {
 
 json VitalSeries::rows() const {
     json rows = json::array();
-    const auto add_row = [&rows](double second, const Bucket *bucket, bool later) {
+    const auto add_row = [this, &rows](double second, const Bucket *bucket, bool later) {
         json row = {second};
         for (size_t type = 0; type < kVitalCount; ++type) {
             if (bucket == nullptr || (*bucket)[type].least_second < 0) {
@@ -75,7 +78,8 @@ json VitalSeries::rows() const {
             }
             const Extremes &extremes = (*bucket)[type];
             const bool greatest_later = extremes.greatest_second > extremes.least_second;
-            row.push_back(short_figure(later == greatest_later ? extremes.greatest : extremes.least));
+            const double figure = later == greatest_later ? extremes.greatest : extremes.least;
+            row.push_back(shift_ > 0 ? short_figure(figure) : figure);
         }
         rows.push_back(std::move(row));
     };

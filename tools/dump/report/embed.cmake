@@ -1,4 +1,4 @@
-# Makes report_page.cpp: the page with its styles and scripts, as an array of bytes.
+# Makes report_page.cpp: the pages with their styles and scripts, as arrays of bytes.
 #   cmake -DHERE=tools/dump/report -DDYGRAPHS=/usr/share/javascript/dygraphs -DOUT=report_page.cpp -P embed.cmake
 function(place name file)
   file(READ "${file}" text)
@@ -15,20 +15,29 @@ function(place name file)
   set(page "${page}" PARENT_SCOPE)
 endfunction()
 
+function(embed name)
+  file(WRITE "${OUT}.html" "${page}")
+  file(READ "${OUT}.html" bytes HEX)
+  string(REGEX REPLACE "(..)" "'\\\\x\\1'," bytes "${bytes}")
+  file(APPEND "${OUT}" "static const char k${name}Bytes[] = {${bytes}};
+const std::string_view k${name}(k${name}Bytes, sizeof(k${name}Bytes));
+
+")
+endfunction()
+
+file(WRITE "${OUT}" "#include \"tools/dump/report_page.h\"
+
+namespace vestra_dump {
+
+")
 file(READ "${HERE}/report.html" page)
 place(report.css "${HERE}/report.css")
 place(dygraph.css "${DYGRAPHS}/dygraph.min.css")
 place(dygraph.js "${DYGRAPHS}/dygraph.min.js")
 place(report.js "${HERE}/report.js")
-file(WRITE "${OUT}.html" "${page}")
-file(READ "${OUT}.html" bytes HEX)
-string(REGEX REPLACE "(..)" "0x\\1," bytes "${bytes}")
-file(WRITE "${OUT}" "#include \"tools/dump/report_page.h\"
-
-namespace vestra_dump {
-
-const unsigned char kReportPage[] = {${bytes}};
-const size_t kReportPageSize = sizeof(kReportPage);
-
-}  // namespace vestra_dump
-")
+embed(ReportPage)
+file(READ "${HERE}/index.html" page)
+place(report.css "${HERE}/report.css")
+place(index.js "${HERE}/index.js")
+embed(IndexPage)
+file(APPEND "${OUT}" "}  // namespace vestra_dump\n")
