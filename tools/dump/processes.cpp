@@ -88,7 +88,6 @@ const Process &Processes::take(const SwitchSample &sample, bool counts, uint64_t
         process.name = sample.name;
         process.usage = usage;
         process.number = ++numbers_;
-        entry.counter = {};
     }
     const int64_t ticks = trace::wrapping_sum(sample.cpu_user, sample.cpu_system);
     const bool first = process.samples == 0;
