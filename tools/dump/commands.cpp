@@ -54,12 +54,16 @@ const std::vector<Command> &commands() {
          "  vestra-dump report --from -60 --top 20 DUMP > last-minute.html\n"
          "  vestra-dump report /media/STICK -o reports/",
          setup_report},
-        {"cut", "Write a smaller dump with the frames of a time range",
+        {"cut", "Write a smaller dump: a time range, or without the names of most processes",
          "A frame is kept whole if any of its messages is in the range. Damaged data is left out, so\n"
-         "without --from and --to the dump is repaired. The trailer is kept.\n\n"
+         "without options the dump is repaired. The trailer is kept.\n\n"
+         "With --only or --hide, all other processes become one, 'other', with their memory and CPU time\n"
+         "together. All vitals stay as they are. Names are compared exactly, up to 15 bytes.\n\n"
          "examples:\n"
          "  vestra-dump cut --from -60 DUMP last-minute\n"
-         "  vestra-dump cut --from 2026-11-24T22:40:00 --to 2026-11-24T22:41:00 DUMP -",
+         "  vestra-dump cut --from 2026-11-24T22:40:00 --to 2026-11-24T22:41:00 DUMP -\n"
+         "  vestra-dump cut --only tuner epg -- DUMP for-the-vendor\n"
+         "  vestra-dump cut --hide secret-app -- DUMP harmless",
          setup_cut},
     };
     return kCommands;

@@ -14,7 +14,11 @@ bool TickCounter::agrees(const Reading &before, const Reading &now) {
     const uint64_t ticks = trace::distance(before.ticks, now.ticks);
     if (ticks <= kPortion) return true;
     const auto seconds = static_cast<double>(trace::distance(before.time_ns, now.time_ns)) / trace::kNsPerSecond;
-    return static_cast<double>(ticks) <= trace::ticks_in(seconds) + kPortion;
+    return static_cast<double>(ticks) <= most(seconds);
+}
+
+double TickCounter::most(double seconds) {
+    return trace::ticks_in(seconds) + kPortion;
 }
 
 TickCounter::Verdict TickCounter::take(int64_t ticks, int64_t time_ns, uint64_t offset,

@@ -37,6 +37,9 @@ class TickCounter {
 
     int64_t ticks() const { return last_.ticks; }
 
+    // The most that a counter is believed to change in that time.
+    static double most(double seconds);
+
   private:
     struct Reading {
         int64_t ticks, time_ns;
