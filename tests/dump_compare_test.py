@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Dumps for outsiders, whose hidden processes are folded into one."""
+"""Dumps compared by vestra-dump diff, and dumps for outsiders, whose hidden processes are folded into one."""
+import json
 import unittest
 from pathlib import Path
 
@@ -33,6 +34,65 @@ def level(value):
 
 def rate(value):
     return lambda second: value * second
+
+
+class DumpDiff(DumpTest):
+    def test_exit_code_says_whether_dumps_are_alike(self):
+        steady = made('steady', 30, 0, 700, 3)
+        write('steady', steady, TRAILER)
+        for name, span in ('early', ('+0', '+200')), ('late', ('+350', '+650')):
+            dump_tool('cut', 'steady', name, '--from', span[0], '--to', span[1])
+        early = Path('early').read_bytes()
+        write('damaged', early[:30000], b'\xff' * 99, early[30100:])
+        write('more', made('steady', 40, 0, 200, 3), TRAILER)
+        write('text', b'no dump, but a text about dumps\n')
+        write('trailer', TRAILER)
+        for words, code in (('early early', 0), ('early late', 0), ('late early', 0), ('early damaged', 0), ('early more', 1),
+                            ('more early', 1), ('early missing', 2), ('text early', 2), ('early trailer', 2), ('early', 64),
+                            ('early late --tolerance 101%', 64), ('early late --tolerance x', 64)):
+            self.assertEqual(dump_tool('diff', *words.split()).returncode, code, words)
+        self.assertRegex(dump_tool('diff', 'early', 'damaged').stderr.decode(), r'damaged: \d+ bytes are damaged')
+        self.assertEqual(dump_tool('diff', 'early', '-', input=early).returncode, 0)
+
+    def test_differences_are_named_the_greatest_first(self):
+        same = {b'same': (9, level(5000), rate(1)), b'leaks': (10, level(60000), rate(1))}
+        short_lived = 13, level(300), rate(0)
+        write('one', recording({**same, b'gone': (11, level(9000), rate(0)), b'worker': (12, level(900), rate(20))}))
+        write('two', recording({**same, b'leaks': (10, lambda second: 60000 + 500 * second, rate(1)),
+                                b'new\x1b': (11, level(8000), rate(0)), b'worker': (12, level(900), rate(90))}, 240),
+              recording({b'passing': short_lived}, 20))
+        result = json.loads(output('diff', '--json', 'one', 'two'))
+        self.assertEqual(list(result), ['a', 'b', 'tolerance_percent', 'alike', 'differences', 'vitals', 'processes'])
+        self.assertEqual(list(result['a']), ['file', 'build', 'model', 'seconds', 'clean'])
+        self.assertFalse(result['alike'])
+        self.assertEqual([(row['kind'], row['name'], row['figure']) for row in result['differences']],
+                         [('process', 'leaks', 'peak_rss_kib'), ('process', 'worker', 'cpu_percent'),
+                          ('vanished', 'gone', 'peak_rss_kib'), ('appeared', r'new\x1b', 'peak_rss_kib')])
+        leak, worker, gone, _ = result['differences']
+        self.assertEqual((leak['a'], leak['b']), (60000, 60000 + 500 * 239))
+        self.assertAlmostEqual(worker['change_percent'], 350)
+        self.assertEqual((gone['b'], gone['change_percent']), (None, None))
+        figures = result['processes']['leaks']['b']
+        self.assertAlmostEqual(figures['growth_kib_per_minute'], 500 * 60, delta=1)
+        self.assertEqual(result['processes']['leaks']['a']['growth_kib_per_minute'], 0)
+        self.assertEqual(result['vitals']['running_processes']['b'], {'mean': 2, 'p95': 2, 'peak': 2})
+        rows = output('diff', 'one', 'two').split('\n')[4:]
+        self.assertRegex(rows[0], r'^leaks: memory, peak +60000 +179500 +KiB +\+199 %$')
+        rows = output('diff', '--tolerance', '70', 'one', 'two').split('\n')[4:]
+        self.assertEqual([row.split(':')[0] for row in rows if 'peak' not in row], ['leaks', 'worker', ''])
+
+    def test_percentile_is_within_one_percent(self):
+        for values in range(1, 1001), [7] * 10, [-30] * 19 + [12]:
+            frames = b''.join(len(frame).to_bytes(4, 'little') + frame for frame in
+                              (b'\x07\x00\x01' + varint(second * 10**9) + b'\x01\x00\x01x' + bytes(6) + varint(0) * 2 +
+                               (varint(0) * 3 + varint(value % 2**64) + varint(0)) * 4
+                               for second, value in enumerate(values)))
+            write('dump', frames, TRAILER)
+            found = json.loads(output('diff', '--json', 'dump', 'dump'))['vitals']['temperature_core2']['a']
+            exact = sorted(values)[-(-len(values) * 95 // 100) - 1]
+            self.assertTrue(exact <= found['p95'] <= exact + 0.01 * abs(exact), (exact, found))
+            self.assertAlmostEqual(found['mean'], sum(values) / len(values))
+            self.assertEqual(found['peak'], max(values))
 
 
 def totals(path):

@@ -65,6 +65,15 @@ const std::vector<Command> &commands() {
          "  vestra-dump cut --only tuner epg -- DUMP for-the-vendor\n"
          "  vestra-dump cut --hide secret-app -- DUMP harmless",
          setup_cut},
+        {"diff", "Compare two dumps: vitals, and processes by name",
+         "Rates and levels are compared, not sums, so the dumps may differ in length. A figure differs if it\n"
+         "changes by more than the tolerance, in percent of the greater value, and by more than a floor for\n"
+         "its unit. Damaged data is left out, with a note.\n\n"
+         "exit codes: 0 alike, 1 different, 2 one cannot be read or has no samples, 64 invalid arguments\n\n"
+         "examples:\n"
+         "  vestra-dump diff build-1.dump build-2.dump\n"
+         "  vestra-dump diff --tolerance 10% --json build-1.dump build-2.dump | jq '.differences[0]'",
+         setup_diff},
     };
     return kCommands;
 }

@@ -17,7 +17,9 @@ enum ExitCode : int {
     kExitClean = 0,
     kExitDamaged = 1,     // read, but with damaged spans or without a trailer
     kExitUnreadable = 2,  // the file cannot be read or is not a dump, or the output cannot be written
-    kExitUsage = 64
+    kExitUsage = 64,
+    kExitAlike = 0,  // of diff, whose dumps may be damaged
+    kExitDifferent = 1
 };
 
 // Runs the command after the options were parsed. Returns an exit code.
@@ -41,6 +43,7 @@ Action setup_perfetto(cli::Command app);
 Action setup_report(cli::Command app);
 Action setup_cut(cli::Command app);
 Action setup_explain(cli::Command app);
+Action setup_diff(cli::Command app);
 
 // Adds --from, --to and --epoch.
 void add_time_options(cli::Command app, TimeOptions &options);
