@@ -57,7 +57,7 @@ class Database : public DecoderTest {
     }
 };
 
-TEST_F(Database, StartMakesTheTableAnewOrGoesOnWithoutOne) {
+TEST_F(Database, StartRecreatesTheTableOrGoesOnWithoutOne) {
     query(kInsert);
     EXPECT_EQ(ProcessDbInit(), 0);
     EXPECT_EQ(query("SELECT COUNT(*) FROM PROCESS_INFO"), "0\n");

@@ -38,7 +38,7 @@ TEST_F(DecoderTest, FieldsAreReadOrReported) {
     number("TwentyBytes", joined(Bytes(19, 0x80), {0x01, 0x05}), 0);
     number("CutShort", {0x80, 0x80}, 0);
     number("AtTheEnd", {0x01}, 1);
-    number("BehindTheEnd", {0x01}, 5);
+    number("AfterTheEnd", {0x01}, 5);
 
     constexpr int kTerminated = -9;
     const auto string = [&](const char *name, std::string frame, int offset, int count) {
@@ -58,11 +58,11 @@ TEST_F(DecoderTest, FieldsAreReadOrReported) {
     string("Terminated", std::string("xxabc\0y", 7), 2, kTerminated);
     string("LongIsCutButConsumed", std::string(26, 'l') + '\0', 0, kTerminated);
     string("Unterminated", "xyabc", 2, kTerminated);
-    string("TerminatedBehindTheEnd", "abc", 3, kTerminated);
+    string("TerminatedAfterTheEnd", "abc", 3, kTerminated);
     string("CountedUpToTheEnd", "xhello", 1, 5);
     string("CountedBeyondTheEnd", "xhello", 1, 6);
     string("CountLargerThanMemory", "xhello", 1, 0x7fffffff);
-    string("CountedBehindTheEnd", "x", 1, 3);
+    string("CountedAfterTheEnd", "x", 1, 3);
     string("CountZeroIsSilent", "xyz", 0, 0);
     string("NegativeCountIsSilent", "xyz", 0, -2);
     expect_golden("fields", results);

@@ -37,7 +37,7 @@ TEST_F(DecoderTest, HistoryPlacesProcessesOfOneHomeAfterEachOther) {
     for (const auto &[pid, index] : stored) EXPECT_EQ(store(pid, "name"), index) << pid;
     EXPECT_EQ(store(40, ""), 40);
     EXPECT_EQ(store(32808, "in a free one"), 40);
-    EXPECT_EQ(store(65576, "behind"), 41);
+    EXPECT_EQ(store(65576, "after it"), 41);
     EXPECT_EQ(vestra_vital_update_cpuusage_hist(nullptr), -1);
     gProcCpuUsageHist[9999] = {kSecond, 10000, -1, 1, 2, 0, 0, 0, "the very last one that is looked at"};
     const std::pair<int, int> found[] = {{65535, 0}, {40, -1}, {65541, -1}, {10000, 9999}, {-1, -1}};

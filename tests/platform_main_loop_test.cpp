@@ -40,19 +40,19 @@ static std::string get_str(const char *key) {
 }
 
 TEST_F(MainLoop, VconfValueIsReadByItsTypeOnly) {
-    std::string told;
+    std::string results;
     for (const char *content :
          {"int\n-2147483648", "int\n5\n", "string\n/a|b|7\n\n", "int\n2147483648", "int\n5 ", "double\n5"}) {
         put("vconf/key", content);
         const std::string log = logged([&] {
             int number = -77;
             const int result = vconf_get_int("key", &number);
-            told += PrintToString(content) + ": " + std::to_string(result) + " " + std::to_string(number) + " " +
-                    PrintToString(get_str("key"));
+            results += PrintToString(content) + ": " + std::to_string(result) + " " + std::to_string(number) + " " +
+                       PrintToString(get_str("key"));
         });
-        told += log.empty() ? "\n" : ", logged\n";
+        results += log.empty() ? "\n" : ", logged\n";
     }
-    expect_golden("vconf-values", told);
+    expect_golden("vconf-values", results);
 }
 
 TEST_F(MainLoop, VconfValueThatIsTooLongLeavesTheOldOne) {

@@ -14,14 +14,14 @@ using namespace vestra_test;
 using testing::ElementsAre;
 
 TEST(Module, CommandsAreUnderstoodOrRefusedAndCounted) {
-    std::string told;
+    std::string results;
     for (const std::string &text : {"0\n"s, "c-0-4-2147483647"s, "c-0-4--2147483648"s, "c-5-9-1|0|3|0|5"s,
                                     "c-6-5-a-b-c"s, "c-6-247-" + std::string(247, 'n')}) {
         const NodeCommand command = parse_node_command(text).value();
-        told += text + ": " + std::to_string(command.kind) + " " + std::to_string(command.number) + " " +
-                std::to_string(command.value) + "\n";
+        results += text + ": " + std::to_string(command.kind) + " " + std::to_string(command.number) + " " +
+                   std::to_string(command.value) + "\n";
     }
-    expect_golden("module-commands", told);
+    expect_golden("module-commands", results);
     // The fuzz target's rules refuse other spellings of a command.
     ModuleState state;
     const uint64_t before = state.control_version();
@@ -35,7 +35,7 @@ TEST(Module, CommandsAreUnderstoodOrRefusedAndCounted) {
     EXPECT_LE(state.status()["last_refused"].get<std::string>().size(), 64U);
 }
 
-TEST(Module, DoesWhatItIsToldUntilItIsLoadedAnew) {
+TEST(Module, ObeysItsCommandsUntilItIsReset) {
     ModuleState state;
     state.reset();
     for (const char *text : {"1\n", "c-1-4-1", "c-3-4-3", "c-4-4-4", "c-5-9-7|0|8|0|0"})

@@ -72,7 +72,7 @@ TEST_F(VestraIpc, RequestIsAnsweredWaitedForOrGivenUp) {
         {"segment lost", 3, 0, 2, [](auto *) { shm_unlink(kSegment); }},
         {"segment invalid all along", 1, 0, 0, [](auto *) { platform_fail_always(FAULT_CHECK_SHM); }},
     };
-    std::string told;
+    std::string results;
     for (const auto &row : kRows) {
         prepare();
         record_->state = row.state;
@@ -86,14 +86,14 @@ TEST_F(VestraIpc, RequestIsAnsweredWaitedForOrGivenUp) {
         serve();
         int signals = 0;
         while (sem_trywait(&record_->ready) == 0) ++signals;
-        told += text("%s: state %d, %d signals\n", row.name, record_->state, signals) + seen_text("3456w");
+        results += text("%s: state %d, %d signals\n", row.name, record_->state, signals) + seen_text("3456w");
         for (const int index : {0, 8, 16}) {
             const vestra_api_data &entry = record_->request[index];
-            told += text("entry %d: %g %g %g %g, %d\n", index, std::fabs(entry.maximum), std::fabs(entry.minimum),
-                         std::fabs(entry.average), std::fabs(entry.variance), entry.answer_type);
+            results += text("entry %d: %g %g %g %g, %d\n", index, std::fabs(entry.maximum), std::fabs(entry.minimum),
+                            std::fabs(entry.average), std::fabs(entry.variance), entry.answer_type);
         }
     }
-    expect_golden("requests-to-the-service", told);
+    expect_golden("requests-to-the-service", results);
 }
 
 TEST_F(VestraIpc, SegmentThatIsNotReadyIsLookedForAgain) {

@@ -41,18 +41,18 @@ class VestraXml : public DaemonTest {
 };
 
 TEST_F(VestraXml, ElementsAreReadInTheirOrderUpToTheFirstMissing) {
-    std::string told;
+    std::string results;
     for (size_t missing = 0; missing <= kNames.size(); ++missing) {
         int result = 7;
-        told += printed_by([&] { result = read(document(missing, missing % 2 == 1)); });
-        told += text("element %zu is missing: %d\n", missing + 1, result) + seen_text() + "the record's numbers:";
+        results += printed_by([&] { result = read(document(missing, missing % 2 == 1)); });
+        results += text("element %zu is missing: %d\n", missing + 1, result) + seen_text() + "the record's numbers:";
         int32_t numbers[13];
         memcpy(numbers, &config_, sizeof(numbers));
-        for (const int32_t number : numbers) told += number == kUntouched ? " -" : " " + std::to_string(number);
-        told += "\n";
+        for (const int32_t number : numbers) results += number == kUntouched ? " -" : " " + std::to_string(number);
+        results += "\n";
         EXPECT_EQ(config_.vestra_proc_filter_enable_num, kUntouched) << "not in the file";
     }
-    expect_golden("configuration", told);
+    expect_golden("configuration", results);
     EXPECT_STREQ(config_.vestra_extfile_path_other_id, "13");
 }
 

@@ -18,7 +18,7 @@ class VestradFilter : public DaemonTest {
 };
 
 TEST_F(VestradFilter, NamesAreSentOneByOne) {
-    std::string told;
+    std::string results;
     for (const auto &[name, list] :
          Table<std::string, std::string>{{"seven, of which five are sent", "1\n2\n3\n4\n5\n6\n7\n"},
                                          {"exactly 128 bytes", std::string(128, 'e') + "\nnext\n"},
@@ -28,10 +28,10 @@ TEST_F(VestradFilter, NamesAreSentOneByOne) {
         g_vestra_config = VestraConfig_t{};
         begin_transcript();
         load(list);
-        told += text("%s: %d\n", name.c_str(), g_vestra_config.vestra_proc_filter_enable_num) + seen_text("n");
+        results += text("%s: %d\n", name.c_str(), g_vestra_config.vestra_proc_filter_enable_num) + seen_text("n");
         EXPECT_EQ(g_vestra_config.vestra_proc_filter_pid_num, 0) << "nothing after the slots is written";
     }
-    expect_golden("filter-names", told);
+    expect_golden("filter-names", results);
 }
 
 TEST_F(VestradFilter, ListsFollowEachOther) {

@@ -7,7 +7,7 @@ using namespace vestra_test;
 class VestradNode : public DaemonTest {};
 
 TEST_F(VestradNode, ModuleIsWaitedFor) {
-    std::string told;
+    std::string results;
     for (const bool load : {true, false}) {
         for (const int changes : {0, 399, 400, -1}) {  // the wait after which the node appears or goes; -1: never
             start_afresh();
@@ -18,12 +18,12 @@ TEST_F(VestradNode, ModuleIsWaitedFor) {
             };
             world().on_wait(0);
             const int result = load ? loadVestraDriver() : unloadVestraDriver();
-            told += text("%s, node changes after wait %d: %d\n", load ? "load" : "unload", changes, result);
-            told += seen_text("3456w");
+            results += text("%s, node changes after wait %d: %d\n", load ? "load" : "unload", changes, result);
+            results += seen_text("3456w");
             EXPECT_THAT(names_in(state_path("modules")), SizeIs(load ? 1 : 0));
         }
     }
-    expect_golden("module-is-waited-for", told);
+    expect_golden("module-is-waited-for", results);
 }
 
 TEST_F(VestradNode, OpenWaitsForTheFile) {
@@ -48,15 +48,15 @@ TEST_F(VestradNode, NegativePauseIsSkipped) {
 }
 
 TEST_F(VestradNode, ChipComesFromTheSet) {
-    std::string told;
+    std::string results;
     for (const std::string name : {"RIVAM", "RIVAL", "TORNL-X", "TORNM", "DALPS", "Y47QE2", "none", "", "RIVA"}) {
         const std::string line = name == "none" ? "" : "product.chipset=" + name + "\n";
         write_file(state_path("system_info.ini"), "[com.velmora/featureconf]\n" + line);
         int found = 0;
-        told += line + printed_by([&] { found = get_chip_type_from_config(); }) + "\n";
+        results += line + printed_by([&] { found = get_chip_type_from_config(); }) + "\n";
         EXPECT_EQ(vestra_chip_type(), found);
     }
-    expect_golden("chips", told);
+    expect_golden("chips", results);
 }
 
 /* ------------------------------ User data ------------------------------ */

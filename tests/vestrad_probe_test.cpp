@@ -10,24 +10,24 @@ static const std::string kThermal = "/sys/devices/platform/soc/thermal";
 class VestradProbe : public DaemonTest {};
 
 TEST_F(VestradProbe, MarkersTellTheImage) {
-    std::string told;
+    std::string results;
     for (const std::string marker : {"/tmp/none", "/etc/release", "/etc/perf", "/etc/debug"}) {
         write_file(marker, "");
         m_image_type = {};
         const int result = m_UpdateImageType();
-        told += marker + text(": debug %d, performance %d,", CheckIfDebugImage(), CheckIfPerfImage());
-        told += text(" release %d, not release %d;", CheckIfReleaseImage(), CheckIfNotReleaseImage());
-        told += text(" %d, flags %d %d %d\n", result, m_image_type.debug, m_image_type.perf, m_image_type.release);
+        results += marker + text(": debug %d, performance %d,", CheckIfDebugImage(), CheckIfPerfImage());
+        results += text(" release %d, not release %d;", CheckIfReleaseImage(), CheckIfNotReleaseImage());
+        results += text(" %d, flags %d %d %d\n", result, m_image_type.debug, m_image_type.perf, m_image_type.release);
     }
-    expect_golden("image-types", told);
+    expect_golden("image-types", results);
 }
 
 TEST_F(VestradProbe, NumberOfAFileIsClamped) {
     int value = 7;
-    std::string told;
+    std::string results;
     const auto read = [&](const char *path) {
         const int result = FileReadOneInt(path, &value);
-        told += text("%d, value %d\n", result, value);
+        results += text("%d, value %d\n", result, value);
     };
     for (const char *file :
          {"hot\n", "", " -", "  -40 degrees", "+0000000000000000000000042", "99999999999999999999999"}) {
@@ -40,7 +40,7 @@ TEST_F(VestradProbe, NumberOfAFileIsClamped) {
     EXPECT_EQ(checkForRealPath(nullptr), 0);
     EXPECT_EQ(checkForRealPath("/tmp/n/below"), 0) << "a file's child cannot be looked up";
     EXPECT_EQ(checkForRealPath("/tmp"), 1);
-    expect_golden("small-files", told + seen_text());
+    expect_golden("small-files", results + seen_text());
 }
 
 TEST_F(VestradProbe, FirstLineIsReadAsAnInputStreamReadsIt) {
@@ -60,15 +60,15 @@ TEST_F(VestradProbe, FirstLineIsReadAsAnInputStreamReadsIt) {
 TEST_F(VestradProbe, TemperatureIsTheDigitsOfTheFirstLine) {
     write_file("/tmp/uptime", "12345.67 890.12\n");
     if (mount("/tmp/uptime", "/proc/uptime", nullptr, MS_BIND, nullptr) != 0) GTEST_SKIP() << "may not mount";
-    std::string told;
+    std::string results;
     for (const std::string &file : {"-4.5\n5\n"s, "\n"s, ""s, "125\n"s, "126\n"s, std::string(254, '0') + "12345\n"}) {
         write_file(kThermal + "/temperature", file);
         EXPECT_EQ(vestra_get_temperature_file_path(), 0);
         int temperature = 7;
         const int result = vestra_get_temperature(&temperature);
-        told += text("%d, %d degrees\n", result, temperature);
+        results += text("%d, %d degrees\n", result, temperature);
     }
-    expect_golden("temperatures", told + seen_text());
+    expect_golden("temperatures", results + seen_text());
     write_file("/tmp/uptime", "unknown\n");
     EXPECT_EQ(vestra_get_system_uptime(), 0U);
     umount("/proc/uptime");
@@ -98,13 +98,13 @@ TEST_F(VestradProbe, TemperatureByType) {
     write_file(kThermal + "/temperature", "45\n");
     write_file(kThermal + "/boot_temp", "-7\n");
     write_file("/sys/kernel/debug/kzp_tmu_8k/temperature", "88\n");
-    std::string told;
+    std::string results;
     for (const int type : {0, 1, 2, 3, 7, 8}) {
         int temperature = 7;
         const int result = GetTemperature(static_cast<TEMP_TYPE>(type), &temperature, 0);
-        told += text("type %d: %d, %d degrees\n", type, result, temperature);
+        results += text("type %d: %d, %d degrees\n", type, result, temperature);
     }
-    expect_golden("temperatures-by-type", told + seen_text());
+    expect_golden("temperatures-by-type", results + seen_text());
 }
 
 TEST_F(VestradProbe, DdrRatesOfTheChannels) {

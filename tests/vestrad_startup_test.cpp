@@ -50,7 +50,7 @@ class VestradStartup : public DaemonTest {
 };
 
 TEST_F(VestradStartup, SettingsAreSettled) {
-    std::string told;
+    std::string results;
     // The chip, the command line's arguments, and the settings in the configuration file.
     for (const std::string row :
          {"RIVAM", "RIVAM 3 9", "RIVAM 3 9 1", "RIVAM 3 0", "RIVAM abc xyz", "DALPS 10", "DALPS -1", "TORNL 15",
@@ -61,9 +61,9 @@ TEST_F(VestradStartup, SettingsAreSettled) {
         std::istringstream words(row);
         for (std::string word; words >> word;) (word.find('=') == word.npos ? arguments : settings).push_back(word);
         prepare(settings, arguments[0]);
-        told += row + "\n" + run_for("max file size|interval for|onfig file", arguments);
+        results += row + "\n" + run_for("max file size|interval for|onfig file", arguments);
     }
-    expect_golden("settings", told);
+    expect_golden("settings", results);
 }
 
 TEST_F(VestradStartup, EverythingComesInItsOrder) {
@@ -104,12 +104,12 @@ TEST_F(VestradStartup, FailuresOnTheWayAreLoggedOnly) {
 }
 
 TEST_F(VestradStartup, ShutsDownWithoutAServiceOrAThread) {
-    std::string told;
+    std::string results;
     const auto run_without = [&](const char *name) {
         EXPECT_THAT(run(), EndsWith("\n[Vestra]  INFO: main loop exit\n"));
         EXPECT_EQ(g_loop, nullptr);
         EXPECT_THAT(drain_node(), EndsWith("0\n")) << "tracing is off";
-        told += "without " + std::string(name) + "\n" + seen_text("46c");
+        results += "without " + std::string(name) + "\n" + seen_text("46c");
         prepare();
     };
     platform_fail_always(FAULT_KEY_INITIALIZE);
@@ -120,20 +120,20 @@ TEST_F(VestradStartup, ShutsDownWithoutAServiceOrAThread) {
         world().fails_in[kThread] = thread;
         run_without(text("thread %d", thread).c_str());
     }
-    expect_golden("start-without-needs", told);
+    expect_golden("start-without-needs", results);
 }
 
 TEST_F(VestradStartup, PriorityIsRaisedAsConfigured) {
-    std::string told;
+    std::string results;
     // Values, and what nice() gives for them: a refusal (-1) counts as done.
     for (const auto &[value, result] :
          Table<std::string, int>{{"0", -1}, {"-10", 5}, {"4294967276", 5}, {"4294967275", 5}}) {
         prepare({"vestra_info_raise_priority=1", "vestra_info_new_priority_nice=" + value});
         world().nice_result = result;
-        told += value + "\n" + run_for("nice");
+        results += value + "\n" + run_for("nice");
     }
     prepare({"vestra_info_raise_priority=0"});
-    expect_golden("priorities", told + "not raised\n" + run_for("nice"));
+    expect_golden("priorities", results + "not raised\n" + run_for("nice"));
 }
 
 TEST_F(VestradStartup, StopBeforeTheLoopRunsIsNotLost) {

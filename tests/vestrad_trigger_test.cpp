@@ -28,7 +28,7 @@ TEST_F(VestradTrigger, KeyWaitsForTheFaultAndAFullChain) {
         {"FaultStoppedTooLate", -1, 0, 30},    {"FullAtTheLastLook", 0, 250, -1},  {"NeverFull", 0, -1, -1},
         {"FillWaitIsStopped", 0, -1, 249},     {"FillStoppedTooLate", 0, -1, 250},
     };
-    std::string told;
+    std::string results;
     for (const auto &row : kRows) {
         prepare();
         fault_handling_flag = 1;
@@ -39,11 +39,11 @@ TEST_F(VestradTrigger, KeyWaitsForTheFaultAndAFullChain) {
         };
         world().on_wait(0);
         Handler_Cb(87, nullptr);
-        told +=
+        results +=
             text("%s: %zu dumps, %s shown\n", row.name, names_in(kStick).size(), notices().empty() ? "none" : "one");
-        told += seen_text("46w");
+        results += seen_text("46w");
     }
-    expect_golden("key-waits", told);
+    expect_golden("key-waits", results);
 }
 
 static const std::string dump = "/tmp/stick/0000000000_" + std::to_string(getpid()) + "_vestrad_1709618828";
@@ -114,18 +114,18 @@ TEST_F(VestradTrigger, DodKeySwitchesTheMode) {
 
 TEST_F(VestradTrigger, RobustnessKeyBecomesADump) {
     const char key[] = "system/vestra/robust";
-    std::string told;
+    std::string results;
     for (const std::string &value :
          {"/tmp/stick|/usr/bin/p|77"s, "/tmp/stick| \t a b |5"s, "/tmp/stick|p"s, "/tmp/stick|p|99999999999999999999"s,
           "/tmp/stick|%s%n|-12abc|9"s, std::string(10240, '/'), "|p|1"s}) {
         prepare();
         file_complete_flag = 1;
         call_with_key(key, value, robustness_vconf_notify_cb);
-        told += lines_with("data from ira", seen_text()) + PrintToString(names_in(kStick)) + "\n";
+        results += lines_with("data from ira", seen_text()) + PrintToString(names_in(kStick)) + "\n";
         EXPECT_EQ(file_complete_flag, 1);
         EXPECT_EQ(notices(), "");
     }
-    expect_golden("robustness-requests", told);
+    expect_golden("robustness-requests", results);
 }
 
 TEST_F(VestradTrigger, RobustnessRequestThatFailsIsLogged) {

@@ -76,7 +76,7 @@ class Clients(SetTest):
             end(victim)
             self.check_service('a death')
 
-    def test_daemon_that_is_gone_is_told_from_one_that_is_slow(self):
+    def test_gone_daemon_and_slow_daemon_are_told_apart(self):
         self.pause()
         self.assertEqual(ask(timeout=0.2)[0], TIMEOUT)
         in_its_turn, in_line = client('0'), client('0')

@@ -60,7 +60,7 @@ class VestraStat(SetTest):
         self.assertEqual(slow.returncode, TIMEOUT)
         self.assertIn('did not answer in time, 200 ms', slow.stderr)
 
-    def test_vital_that_is_left_unanswered_is_told(self):
+    def test_vital_that_is_left_unanswered_is_reported(self):
         self.start_with_a_ring()
         self.pause()
         with subprocess.Popen([STAT, 'cpu-total'], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE) as asking:

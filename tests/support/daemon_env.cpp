@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 
 #include <regex>
+#include <sstream>
 
 #include "platform/dlog.h"
 
@@ -147,9 +148,12 @@ std::string seen_text(std::string_view kinds) {
 }
 
 std::string lines_with(const std::string &part, const std::string &all) {
-    const std::regex lines("[^\n]*(" + part + ")[^\n]*\n");
+    const std::regex pattern(part);
+    std::istringstream lines(all);
     std::string found;
-    for (std::sregex_iterator line(all.begin(), all.end(), lines), end; line != end; ++line) found += line->str();
+    for (std::string line; std::getline(lines, line);) {
+        if (std::regex_search(line, pattern)) found += line + "\n";
+    }
     return found;
 }
 
