@@ -20,8 +20,9 @@ constexpr int kLong = 30000;  // ms
 
 struct Play {
     std::atomic<bool> quit{false};
-    std::atomic<int> taken{0};    // requests taken
-    std::atomic<int> give_up{0};  // this many requests are given up
+    std::atomic<int> taken{0};        // requests taken
+    std::atomic<int> give_up{0};      // this many requests are given up
+    std::atomic<int> unanswered{-1};  // packet type that is left out
 };
 
 // The daemon's service. Answers maximum = type * 1000 + window.
@@ -38,7 +39,7 @@ static void serve(Play *play) {
         const bool give_up = play->give_up > 0;
         if (give_up) --play->give_up;
         for (vestra_api_data &entry : shm->request) {
-            if (give_up || entry.packet_type == kVestraUnused) continue;
+            if (give_up || entry.packet_type == kVestraUnused || entry.packet_type == play->unanswered) continue;
             entry.maximum = entry.packet_type * 1000 + entry.window;
             entry.answer_type = entry.packet_type;
         }
@@ -115,11 +116,13 @@ TEST_F(VestraApi, DaemonThatIsNotReadyIsNone) {
     EXPECT_EQ(ask(0, 0, 100), VESTRA_API_TIMEOUT);
 }
 
-TEST_F(VestraApi, RequestThatTheDaemonGivesUpIsNotAnswered) {
+TEST_F(VestraApi, WhatTheDaemonLeavesOutIsNoAnswer) {
     start_thread();
     play_.give_up = 1;
     EXPECT_EQ(ask(3, 33, kLong), VESTRA_API_TIMEOUT) << "given up";
     EXPECT_EQ(ask(3, 33, kLong), 3033);
+    play_.unanswered = 9;
+    EXPECT_EQ(ask(9, 33, kLong), VESTRA_API_REFUSED);
 }
 
 TEST_F(VestraApi, RequestOutOfRangeIsRefused) {
