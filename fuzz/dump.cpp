@@ -1,4 +1,4 @@
-// A file with any content, read as a dump: summary and all tables.
+// A file with any content, read as a dump: summary, all tables, findings, a cut that hides processes, and a comparison.
 //
 // The first byte of an input selects the sizes in which the file is read. Rules: the reported spans cover
 // the file without gap or overlap, and the totals are the sums of the spans, whatever the read sizes. The
@@ -14,7 +14,9 @@
 #include <string_view>
 
 #include "fuzz/fuzz_env.h"
+#include "tools/dump/comparison.h"
 #include "tools/dump/explain.h"
+#include "tools/dump/folder.h"
 #include "tools/dump/row_text.h"
 #include "tools/dump/summary.h"
 #include "trace/percentages.h"
@@ -154,7 +156,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const int64_t first_ns = span ? span->first_ns : 0, newest_ns = span ? span->newest_ns : 0;
     History history(first_ns + (newest_ns - first_ns) / 16 * (data[0] / 16));
     analyse(source, &found.timeline, {}, 0, history);
+    NameFilter filter((data[0] & 8) != 0, {"ui-shell", "tuner"});
+    const auto cut = Output::open("/dev/null", &error);
+    Folder folder(filter, {}, *cut);
+    folder.end(analyse(source, &found.timeline, {}, 0, folder).totals);
+    Profile profile(span);
+    analyse(source, &found.timeline, {}, 0, profile);
+    profile.end();
     std::ostringstream page;
+    const Profile nothing(span);
+    const auto differences = compare({overview, profile}, {overview, nothing}, 25);
+    page << to_json({overview, profile}, {overview, nothing}, 25, differences).dump();
+    print({overview, profile}, {overview, nothing}, 25, differences, page);
+    FUZZ_RULE(compare({overview, profile}, {overview, profile}, 0).empty(), "a dump does not differ from itself");
     page << to_json(explain(history, "DUMP", first_ns)).dump();
     print(overview, page);
     page << to_json(overview).dump();
