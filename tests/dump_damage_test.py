@@ -80,6 +80,16 @@ class DumpDamage(DumpTest):
         code, info = self.read(RECORDING.payload)
         self.assertEqual((code, info['first_ns'], info['last_ns']), (0, 600_000_000_000, NEWEST))
 
+    def test_gaps_and_low_rates_are_no_damage(self):
+        minute, three = (len(made('steady', 40, 0, blocks, 7)) for blocks in (60, 3))
+        for name, payload, first, last in (
+                ('tracing was off early', RECORDING.payload[:three] + RECORDING.payload[minute:], 600, 839),
+                ('reads stalled', made('stall', 40, 0, 240, 7), 600, 832),
+                ('one process for eleven hours', made('steady', 1, 0, 40_000, 7), 600, 40_599)):
+            with self.subTest(name):
+                code, info = self.read(payload)
+                self.assertEqual((code, info['first_ns'] // 10**9, info['last_ns'] // 10**9), (0, first, last))
+
     def test_damage_is_told_and_time_is_true(self):
         payload, last = RECORDING.payload, len(RECORDING.messages) - 1
         ticks = next(message[TICKS_FIELD] for message in RECORDING.messages[last // 2:]

@@ -53,9 +53,13 @@ class Analysis : public DumpVisitor {
         }
     }
 
-    void on_empty_record(uint64_t offset) override { sink_.on_empty_record(offset); }
+    void on_empty_record(uint64_t offset) override {
+        if (learn_) timeline_.add_block_end();
+        sink_.on_empty_record(offset);
+    }
 
     void on_damage(const DamagedSpan &span) override {
+        if (learn_) timeline_.add_damage();
         end_astray();
         mark(span);
     }
@@ -67,7 +71,7 @@ class Analysis : public DumpVisitor {
         size_t believed = 0;
         for (Stamp &stamp : messages->stamps) {
             if (learn_) {
-                timeline_.add(frame->core, stamp.time_ns, frame->offset);
+                timeline_.add(frame->core, stamp.time_ns, frame->offset, frame->offset + frame->bytes);
             } else {
                 stamp.believed = timeline_.believes(frame->core);
             }
@@ -189,7 +193,7 @@ double Summary::average_percent(const Process &process) const {
 }
 
 bool Survey::end_is_whole() const {
-    return totals.end_is_whole() && timeline.last_astray().value_or(0) < std::max<uint64_t>(totals.last_block, 1);
+    return totals.end_is_whole() && timeline.last_astray().value_or(0) <= totals.last_block;
 }
 
 Survey survey(ByteSource &source) {

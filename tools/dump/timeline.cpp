@@ -6,10 +6,10 @@
 namespace vestra_dump {
 namespace {
 
-constexpr int64_t kTimeMax = INT64_MAX / 2;           // ns; sums with it do not overflow
-constexpr uint64_t kClusterMax = 160 * 1024;          // bytes: a storage cluster, and the frames at its ends
-constexpr int64_t kPause = 10 * trace::kNsPerSecond;  // a gap that a second core can confirm
-constexpr int64_t kApart = 5 * trace::kNsPerSecond;   // between the beginnings, or the ends, of different cores
+constexpr int64_t kTimeMax = INT64_MAX / 2;   // ns; sums with it do not overflow
+constexpr uint64_t kClusterMax = 160 * 1024;  // bytes: a storage cluster, and the frames at its ends
+constexpr uint64_t kFew = 4;                  // samples: so many may have damaged stamps
+constexpr int64_t kStepMax = 60 * trace::kNsPerSecond;
 
 int64_t sum(int64_t a, int64_t b) {
     int64_t result = 0;
@@ -22,25 +22,22 @@ void extend(Run *run, const Run &by) {
     run->samples += by.samples;
     run->low_ns = std::min(run->low_ns, by.low_ns);
     run->high_ns = std::max(run->high_ns, by.high_ns);
-    run->end = by.end;
+    if (by.begin.offset < run->begin.offset) run->begin = by.begin;
+    if (by.end.offset > run->end.offset) run->end = by.end;
 }
 
-// Halves the number of runs: short ones next to each other become one that is not sound.
-template <class Run>
-void coarsen(std::vector<Run> *runs) {
-    const size_t wanted = runs->size() / 2;
-    for (uint64_t most = 1; runs->size() > wanted; most *= 2) {
-        std::vector<Run> fewer;
-        for (const Run &run : *runs) {
-            if (!fewer.empty() && fewer.back().samples <= most && run.samples <= most) {
-                extend(&fewer.back(), run);
-                fewer.back().sound = false;
-            } else {
-                fewer.push_back(run);
-            }
+// Joins elements next to each other. `joins`: whether the second is to become part of the first, which it may change.
+template <class Run, class Joins>
+void join(std::vector<Run> *runs, Joins joins) {
+    size_t size = 0;
+    for (const Run &run : *runs) {
+        if (size > 0 && joins(&(*runs)[size - 1], run)) {
+            extend(&(*runs)[size - 1], run);
+        } else {
+            (*runs)[size++] = run;
         }
-        *runs = std::move(fewer);
     }
+    runs->resize(size);
 }
 
 template <class Run>
@@ -50,83 +47,67 @@ uint64_t samples_of(const std::vector<Run> &chain) {
     return samples;
 }
 
-// The chain with most samples among those in which every run begins after the end of the run before, or a little earlier.
-template <class Run>
-std::vector<Run> longest_chain(const std::vector<Run> &runs) {
-    constexpr size_t kNone = SIZE_MAX;
-    std::vector<uint64_t> samples(runs.size());  // of the longest chain that ends with a run
-    std::vector<size_t> before(runs.size(), kNone);
-    std::map<int64_t, size_t> best;  // by end: the chains that no chain with an earlier end surpasses;
-                                     // of two with as many samples, the later one leaves the smaller gap
-    for (size_t i = 0; i < runs.size(); ++i) {
-        const Run &run = runs[i];
-        if (!run.sound) continue;
-        samples[i] = run.samples;
-        auto place = best.upper_bound(sum(run.low_ns, Timeline::kLate));
-        if (place != best.begin()) {
-            before[i] = std::prev(place)->second;
-            samples[i] += samples[before[i]];
-        }
-        place = best.upper_bound(run.high_ns);
-        if (place != best.begin() && samples[std::prev(place)->second] > samples[i]) continue;
-        place = best.lower_bound(run.high_ns);
-        while (place != best.end() && samples[place->second] < samples[i]) place = best.erase(place);
-        best[run.high_ns] = i;
-    }
-    std::vector<Run> chain;
-    for (size_t i = best.empty() ? kNone : best.rbegin()->second; i != kNone; i = before[i]) chain.push_back(runs[i]);
-    std::reverse(chain.begin(), chain.end());
-    return chain;
-}
-
-// What is known about the gaps of a chain.
+// What is known about the gaps between the parts of a recording.
 template <class Run>
 class Gaps {
   public:
-    explicit Gaps(const std::vector<Run> &chain) : chain_(chain) {
+    explicit Gaps(const std::vector<Run> &parts) : parts_(parts) {
         double bytes = 0, length = 0;
-        for (const Run &run : chain) {
-            length += static_cast<double>(run.high_ns - run.low_ns);
-            bytes += static_cast<double>(run.end - run.begin);
+        for (const Run &part : parts) {
+            length += static_cast<double>(part.high_ns - part.low_ns);
+            bytes += static_cast<double>(part.end.offset - part.begin.offset);
         }
         if (bytes > 0) ns_per_byte_ = length / bytes;
-        if (chain.size() <= kMany) return;
+        const bool all_are_short =
+            std::all_of(parts.begin(), parts.end(), [](const Run &part) { return part.samples <= kFew; });
+        if (parts.size() < 2 || (parts.size() <= kMany && !all_are_short)) return;
         std::vector<int64_t> gaps;
-        for (size_t i = 0; i + 1 < chain.size(); ++i) gaps.push_back(gap(i));
+        for (size_t i = 0; i + 1 < parts.size(); ++i) gaps.push_back(gap(i));
         std::nth_element(gaps.begin(), gaps.begin() + static_cast<std::ptrdiff_t>(gaps.size() / 2), gaps.end());
         usual_ = gaps[gaps.size() / 2];
     }
 
-    // Whether the gap after a run has a reason: the bytes that are damaged there, or that gaps are usual.
+    // Whether the gap after a part has a reason: the bytes that are missing there, or that gaps are usual.
     bool has_reason(size_t i) const {
         constexpr double kTimes = 4;  // the rate of a recording varies
-        const double bytes = static_cast<double>(chain_[i + 1].begin - chain_[i].end);
+        const uint64_t from = parts_[i].end.offset, to = parts_[i + 1].begin.offset;
+        const double bytes = to > from ? static_cast<double>(to - from) : 0;
         const double explained = std::max(bytes * ns_per_byte_, static_cast<double>(usual_)) * kTimes;
         return static_cast<double>(gap(i)) <= explained + static_cast<double>(Timeline::kLate);
     }
 
-    int64_t gap(size_t i) const { return sum(chain_[i + 1].low_ns, -chain_[i].high_ns); }
+    // Whether a recording can have the gap after a part, with `samples` on the one side of it.
+    bool is_possible(size_t i, uint64_t samples) const {
+        const auto &before = parts_[i].end, &after = parts_[i + 1].begin;
+        // Cores may be in the one or the other order in a block.
+        if (before.damage != after.damage || before.offset > after.offset + trace::kBlockMax) return false;
+        return samples > kFew || (samples > 1 && before.blocks != after.blocks);
+    }
 
   private:
+    int64_t gap(size_t i) const { return sum(parts_[i + 1].low_ns, -parts_[i].high_ns); }
+
     static constexpr size_t kMany = 8;  // gaps are usual
-    const std::vector<Run> &chain_;
+    const std::vector<Run> &parts_;
     double ns_per_byte_ = 0;
     int64_t usual_ = 0;
 };
 
 }  // namespace
 
-void Timeline::add(int core, int64_t time_ns, uint64_t offset) {
+void Timeline::add(int core, int64_t time_ns, uint64_t begin, uint64_t end) {
     Stream &stream = streams_[static_cast<size_t>(core)];
     Run &open = stream.open;
+    here_.offset = end;
     // Nearly all samples end here.
-    if (open.samples > 0 && time_ns >= open.high_ns - kLate && time_ns <= open.high_ns + kStep) {
+    if (open.samples > 0 && time_ns >= open.high_ns - kLate && time_ns <= open.high_ns + stream.step) {
         ++open.samples;
         open.high_ns = std::max(open.high_ns, time_ns);
         open.low_ns = std::min(open.low_ns, time_ns);
-        open.end = offset;
+        open.end = here_;
     } else {
-        begin_run(&stream, {stream.samples, 1, time_ns, time_ns, offset, offset, time_ns >= 0 && time_ns <= kTimeMax});
+        const Place from = {begin, here_.blocks, here_.damage};
+        begin_run(&stream, {stream.samples, 1, time_ns, time_ns, from, here_, time_ns >= 0 && time_ns <= kTimeMax});
     }
     ++stream.samples;
 }
@@ -139,91 +120,116 @@ void Timeline::begin_run(Stream *stream, const Run &run) {
     } else if (run.samples > 0) {
         stream->runs.push_back(run);
     }
-    if (stream->runs.size() >= kRunsMax) coarsen(&stream->runs);
+    if (stream->runs.size() >= kRunsMax) coarsen(stream);
 }
 
-// Whether another core has samples near that time.
-bool Timeline::has_other(const Stream &stream, int64_t time_ns) const {
-    return std::any_of(streams_.begin(), streams_.end(), [&](const Stream &other) {
-        return &other != &stream && std::any_of(other.runs.begin(), other.runs.end(), [time_ns](const Run &run) {
-            return run.sound && run.low_ns <= time_ns + kLate && run.high_ns >= time_ns - kLate;
+// Halves the number of runs: larger gaps do not end a run, or else short ones next to each other become one that is not
+// sound.
+void Timeline::coarsen(Stream *stream) {
+    Runs &runs = stream->runs;
+    const size_t enough = runs.size() / 2;
+    while (runs.size() > enough && stream->step < kStepMax) {
+        stream->step *= 2;
+        join(&runs, [step = stream->step](const Run *run, const Run &by) {
+            return run->sound && by.sound && by.low_ns >= run->high_ns - kLate && by.low_ns <= run->high_ns + step;
         });
-    });
+    }
+    for (uint64_t most = 1; runs.size() > enough; most *= 2) {
+        join(&runs, [most](Run *run, const Run &by) {
+            if (run->samples > most || by.samples > most) return false;
+            run->sound = false;
+            return true;
+        });
+    }
 }
 
-// Takes short runs off both ends of a chain that a gap without a reason separates from the rest.
-void Timeline::trim(const Stream &stream, Runs *chain) const {
-    const Gaps<Run> gaps(*chain);
-    const auto is_wrong = [&](size_t gap, int64_t edge_ns) {
-        return !gaps.has_reason(gap) && (gaps.gap(gap) > kPause || !has_other(stream, edge_ns));
-    };
+// The chain with most samples among those in which every run begins after the end of the run before, or a little earlier.
+Timeline::Runs Timeline::longest_chain(const Runs &runs) {
+    constexpr size_t kNone = SIZE_MAX;
+    std::vector<uint64_t> samples(runs.size());  // of the longest chain that ends with a run
+    std::vector<size_t> before(runs.size(), kNone);
+    std::map<int64_t, size_t> best;  // by end: the chains that no chain with an earlier end surpasses;
+                                     // of two with as many samples, the later one leaves the smaller gap
+    for (size_t i = 0; i < runs.size(); ++i) {
+        const Run &run = runs[i];
+        if (!run.sound) continue;
+        samples[i] = run.samples;
+        auto place = best.upper_bound(sum(run.low_ns, kLate));
+        if (place != best.begin()) {
+            before[i] = std::prev(place)->second;
+            samples[i] += samples[before[i]];
+        }
+        place = best.upper_bound(run.high_ns);
+        if (place != best.begin() && samples[std::prev(place)->second] > samples[i]) continue;
+        place = best.lower_bound(run.high_ns);
+        while (place != best.end() && samples[place->second] < samples[i]) place = best.erase(place);
+        best[run.high_ns] = i;
+    }
+    Runs chain;
+    for (size_t i = best.empty() ? kNone : best.rbegin()->second; i != kNone; i = before[i]) chain.push_back(runs[i]);
+    std::reverse(chain.begin(), chain.end());
+    return chain;
+}
+
+// Takes parts off both ends that a gap without a reason separates from the rest.
+void Timeline::trim(Runs *parts) {
+    const Gaps<Run> gaps(*parts);
+    size_t begin = 0, end = parts->size();
     // More than a cluster of another recording.
-    const auto is_sure = [&, all = samples_of(*chain)](uint64_t samples, uint64_t bytes) {
+    const auto is_sure = [all = samples_of(*parts)](uint64_t samples, uint64_t bytes) {
         return 4 * samples >= all || bytes > kClusterMax;
     };
-    size_t begin = 0, end = chain->size();
-    uint64_t samples = 0;
-    for (size_t i = 0; i + 1 < chain->size(); ++i) {
-        const Run &run = (*chain)[i];
-        samples += run.samples;
-        if (is_sure(samples, run.end - chain->front().begin)) break;
-        if (is_wrong(i, run.high_ns)) begin = i + 1;
+    uint64_t samples = 0, bytes = 0;
+    const auto take = [&](const Run &part) {
+        samples += part.samples;
+        bytes += part.end.offset - part.begin.offset;
+        return !is_sure(samples, bytes);
+    };
+    for (size_t i = 0; i + 1 < parts->size() && take((*parts)[i]); ++i) {
+        if (!gaps.has_reason(i) && !gaps.is_possible(i, samples)) begin = i + 1;
     }
-    samples = 0;
-    for (size_t i = chain->size(); i-- > begin + 1;) {
-        const Run &run = (*chain)[i];
-        samples += run.samples;
-        if (is_sure(samples, chain->back().end - run.begin)) break;
-        if (is_wrong(i - 1, run.low_ns)) end = i;
+    samples = bytes = 0;
+    for (size_t i = parts->size(); i-- > begin + 1 && take((*parts)[i]);) {
+        if (!gaps.has_reason(i - 1) && !gaps.is_possible(i - 1, samples)) end = i;
     }
-    chain->erase(chain->begin() + static_cast<std::ptrdiff_t>(end), chain->end());
-    chain->erase(chain->begin(), chain->begin() + static_cast<std::ptrdiff_t>(begin));
+    parts->erase(parts->begin() + static_cast<std::ptrdiff_t>(end), parts->end());
+    parts->erase(parts->begin(), parts->begin() + static_cast<std::ptrdiff_t>(begin));
 }
 
-// Begins with the core that has most samples and adds what the others have next to it. Other times are astray.
-void Timeline::find_span(const std::array<Runs, trace::kCoreCount> &chains) {
-    const auto main = std::max_element(chains.begin(), chains.end(),
-                                       [](const auto &a, const auto &b) { return samples_of(a) < samples_of(b); });
-    if (main->empty()) return;
-    int64_t low = INT64_MAX, high = 0;
-    Runs all;
-    for (const auto &chain : chains) all.insert(all.end(), chain.begin(), chain.end());
-    for (const Run &run : *main) {
-        low = std::min(low, run.low_ns);
-        high = std::max(high, run.high_ns);
+// The longest chains of all cores together, in the order of time: what no gap separates is one.
+Timeline::Runs Timeline::parts() const {
+    Runs parts;
+    for (const Stream &stream : streams_) {
+        const Runs chain = longest_chain(stream.runs);
+        parts.insert(parts.end(), chain.begin(), chain.end());
     }
-    std::sort(all.begin(), all.end(), [](const Run &a, const Run &b) { return a.low_ns < b.low_ns; });
-    for (const Run &run : all) {
-        if (run.low_ns <= sum(high, kApart) && run.high_ns >= low) high = std::max(high, run.high_ns);
-    }
-    std::sort(all.begin(), all.end(), [](const Run &a, const Run &b) { return a.high_ns > b.high_ns; });
-    for (const Run &run : all) {
-        if (run.high_ns >= low - kApart && run.low_ns <= high) low = std::min(low, run.low_ns);
-    }
-    span_ = TimeSpan{low, high};
+    std::sort(parts.begin(), parts.end(), [](const Run &a, const Run &b) { return a.low_ns < b.low_ns; });
+    join(&parts, [](const Run *run, const Run &by) { return by.low_ns <= run->high_ns + kLate; });
+    return parts;
 }
 
 void Timeline::finish() {
     for (Stream &stream : streams_) begin_run(&stream, {});
-    std::array<Runs, trace::kCoreCount> chains;
-    for (size_t core = 0; core < streams_.size(); ++core) {
-        chains[core] = longest_chain(streams_[core].runs);
-        trim(streams_[core], &chains[core]);
-    }
-    find_span(chains);
-    for (size_t core = 0; core < streams_.size(); ++core) {
+    Runs recording = parts();
+    trim(&recording);
+    if (!recording.empty()) span_ = TimeSpan{recording.front().low_ns, recording.back().high_ns};
+    for (Stream &stream : streams_) {
+        for (Run &run : stream.runs) {
+            run.sound = run.sound && span_ && run.low_ns >= span_->first_ns && run.high_ns <= span_->newest_ns;
+        }
+        const Runs chain = longest_chain(stream.runs);
         Runs astray;
-        auto believed = chains[core].begin();
-        for (const Run &run : streams_[core].runs) {
-            if (believed != chains[core].end() && believed->ordinal == run.ordinal) {
+        auto believed = chain.begin();
+        for (const Run &run : stream.runs) {
+            if (believed != chain.end() && believed->ordinal == run.ordinal) {
                 ++believed;
-                if (run.low_ns >= span_->first_ns && run.high_ns <= span_->newest_ns) continue;
+                continue;
             }
             astray.push_back(run);
             astray_ += run.samples;
-            last_astray_ = std::max(last_astray_.value_or(0), run.end);
+            last_astray_ = std::max(last_astray_.value_or(0), run.end.offset);
         }
-        streams_[core].runs = std::move(astray);
+        stream.runs = std::move(astray);
     }
     rewind();
 }
