@@ -76,9 +76,9 @@ void Processes::update_usage(Entry *entry, const SwitchSample &sample) {
 
 const Process &Processes::take(const SwitchSample &sample, bool counts, uint64_t offset,
                                std::optional<uint64_t> *wrong) {
+    if (current_.size() + past_.size() >= kMax) make_room();
     auto found = current_.find(sample.pid);
     if (found == current_.end()) {
-        if (current_.size() + past_.size() >= kMax) make_room();
         found = current_.try_emplace(sample.pid).first;
         found->second.process.samples = 0;
     }
