@@ -3,30 +3,42 @@
 // The set promises: the daemon's four calls below, and the record's first 912 bytes.
 //
 // The stand-in: POSIX shared memory "/vestra_api" (environment VESTRA_API_SHM: another name), mode 0600, or 0660 with
-// the group that VESTRA_API_GROUP names. The daemon creates a new segment at each start.
+// the group that VESTRA_API_GROUP names. Next to it is the lock file "/vestra_api.daemon", which only the daemon's user
+// may write. The daemon creates a new segment at each start. Set-user-ID programs ignore both variables.
 //
 // Differs from the set: how the calls work inside, and everything from offset 912 on.
 //
-// Trust. A client refuses a segment of the wrong size, and one that belongs neither to its own user nor to root nor
-// to that group. Users who may open the segment are trusted not to truncate it and not to write into the turn.
-// Whatever else they overwrite, the daemon survives and serves the next client: it repairs the marker, and it
-// replaces a segment whose private part (after the record) is damaged.
+// Who can do what. Everyone may create files in /dev/shm, but nobody can keep root's daemon from its two names: both
+// files get their names when they are complete, in one step that replaces another file and moves a directory aside. A
+// client refuses a segment of the wrong size, and one that belongs neither to its own user nor to root nor to that
+// group.
 //
-// One request at a time. A client asks while it holds the turn, a robust mutex: if the holder dies, others are not
-// locked out. The word `stage`, after the record, goes from free to posted (client), to taken (daemon, when its wait
-// for a request succeeds), and back to free (daemon, when it signals ready or waits for the next request). The holder
-// of the turn first withdraws a request that was posted but not taken, and waits while one is taken. Now the daemon
-// is certainly idle. Only then does the client write its entries and state 1, and post. So a late write of the daemon
+// Users who may open the segment can make questions fail or answers wrong for as long as they write to it, and they
+// can keep the turn. They cannot end or take over another process: the segment holds no addresses, the library checks
+// what it reads, and it handles SIGBUS, which an access to a truncated segment raises. Only an access to the segment
+// is handled; other signals go to the handler that was there before. A program that sets its own SIGBUS handler later
+// loses this protection. The daemon repairs the marker, and replaces a segment that was truncated or whose private
+// part (after the record) is damaged.
+//
+// One request at a time. A client asks while it holds the turn, an open-file-description lock on the segment's first
+// byte, which the kernel releases when the holder ends. (A child that was forked during a question and lives on keeps
+// it.) The word `stage`, after the record, goes from free to posted (client), to taken (daemon, when its wait for a
+// request succeeds), and back to free (daemon, when it signals ready or waits for the next request). The holder of the
+// turn first withdraws a request that was posted but not taken, and waits while one is taken. Now the daemon is
+// certainly idle. Only then does the client write its entries and state 1, and post. So a late write of the daemon
 // never reaches another client's request, no matter when a client died or gave up.
 //
-// Both sides sleep on `stage`. The semaphore in the record is kept up to date because the daemon reads
-// its value, but it wakes nobody. A client that dies or gives up leaves the record's state unchanged,
-// so the daemon finishes at once.
+// Both sides sleep on `stage`, and clients that wait for their turn on `waiting`. The semaphore in the record is kept
+// up to date because the daemon reads its value, but it wakes nobody. A client that dies or gives up leaves the
+// record's state unchanged, so the daemon finishes at once.
 //
-// Is a daemon running? A running daemon holds a lock on the segment's first byte, which the kernel releases however
-// the daemon ends. A ready daemon has also set the marker. A waiting client checks again every 0.1 s. If it finds a
-// daemon that is not ready, it sets the `knock` word and waits. So a question is answered even if it arrives while
-// the daemon starts, or after the marker was overwritten.
+// Is a daemon running? A running daemon holds a write lock on the lock file, which no client can hold: clients may
+// only read that file, and the daemon locks it before it gets its name. The kernel releases the lock however the
+// daemon ends. A ready daemon has also set the marker. A waiting client checks again every 0.1 s. If it finds a daemon
+// that is not ready, it sets the `knock` word and waits. If the segment was replaced, it asks again in the new one. So
+// a question is answered even if it arrives between the creation of the segment and the end of the daemon's start, or
+// after the marker was overwritten. Before that, and after a daemon has ended, there is no daemon, and a client does
+// not wait for one.
 #pragma once
 
 #include <semaphore.h>
@@ -86,12 +98,16 @@ extern "C" {
 
 /* ------------------------------ The daemon's side ------------------------------ */
 
-// Returns the mapped segment, and creates it if there is none. Returns null, with a log line, if it cannot be created
-// or if another running daemon serves it. Costs one system call if nothing has changed.
+// Returns the mapped segment, and creates it if there is none. Returns null if it cannot be created or if another
+// running daemon serves it. Costs one system call if nothing has changed. Each kind of failure, obstacle and damage is
+// logged at most once a minute.
 //
 // A segment that was removed or damaged is replaced; the new one gets the marker of the old. A returned address stays
 // mapped for good; after three other replacements it is reused. A marker of 1, once seen, is set again if a client
 // overwrites it. Any thread, but of one process only.
+//
+// The service ends with the first thread that has called this and ends: clients then find no daemon, and another daemon
+// may start. That is the thread that waits for requests; the daemon's main thread lasts as long as the process.
 void *get_shm(void);
 
 // Returns 1 if the segment at *shm is the one that clients find under the name, else 0. While a request is being
@@ -129,7 +145,7 @@ vestra_api_h vestra_api_open(void);
 //
 // Waits at most `timeout_ms` in all, including for other clients' turns; a negative value counts as 0. Any
 // thread. Calls with one handle are serialised, and so are processes: a client that is stopped during its
-// turn makes the others time out.
+// turn makes the others time out. A child process may go on with a handle of its parent.
 int vestra_api_ask(vestra_api_h client, vestra_api_data *requests, int count, int timeout_ms);
 
 void vestra_api_close(vestra_api_h client);

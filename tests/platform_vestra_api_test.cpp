@@ -57,6 +57,7 @@ class VestraApi : public PlatformTest {
         end_daemon();
         vestra_api_close(client_);
         shm_unlink(name_.c_str());
+        shm_unlink((name_ + ".daemon").c_str());
         unsetenv("VESTRA_API_SHM");
         unsetenv("VESTRA_API_GROUP");
     }
@@ -152,7 +153,7 @@ TEST_F(VestraApi, RequestOfADeadClientIsWithdrawnByTheNext) {
     EXPECT_EQ(play_.taken, 1) << "nobody waits for the others any more";
 }
 
-TEST_F(VestraApi, SegmentOfAnotherSizeAndLinkAreRefused) {
+TEST_F(VestraApi, SegmentOfAnotherSizeAndLinkAreRefusedAndReplaced) {
     for (const size_t size : {size_t{1}, size_t{912}, size_t{1} << 20}) {
         write_file(file(), std::string(size, '\xff'));
         expect_refused();
@@ -160,7 +161,10 @@ TEST_F(VestraApi, SegmentOfAnotherSizeAndLinkAreRefused) {
     fs::remove(file());
     fs::create_symlink("/etc/passwd", file());
     expect_refused();
-    EXPECT_EQ(get_shm(), nullptr);
+    const std::string target = read_file("/etc/passwd");
+    EXPECT_NE(get_shm(), nullptr);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(file())));
+    EXPECT_EQ(read_file("/etc/passwd"), target);
 }
 
 TEST_F(VestraApi, SegmentOfADeadDaemonIsReplacedThatOfALivingOneIsNot) {

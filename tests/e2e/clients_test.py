@@ -1,18 +1,23 @@
 #!/usr/bin/env python3
 """Clients and the daemon, each a process: what they are answered, and what the next one is answered after a client was
 killed or wrote where it should not. The last one compares the figures with this machine's."""
+import fcntl
+import grp
 import json
 import os
 import random
 import re
+import signal
 import struct
 import subprocess
 import sys
 import threading
 import time
+import unittest
 from pathlib import Path
 
-from set_env import NO_DAEMON, OK, STAT, TIMEOUT, Segment, SetTest, ask, main, remote, run
+from set_env import (LOG, NO_DAEMON, OK, STAT, TIMEOUT, UNANSWERED, WORKERS, Segment, SetTest, ask, main, remote, run,
+                     text_of)
 
 
 def client(*arguments):
@@ -98,20 +103,129 @@ class Clients(SetTest):
             Segment().write(offset, data)
             self.check_service(name)
 
-    def test_client_that_overwrites_everything_all_the_time_harms_nobody_for_long(self):
-        segment, chance, stop = Segment(), random.Random(2), threading.Event()
 
-        def lie():
-            while not stop.is_set():
-                value = chance.choice((0, 17, 0x7fffffff, 0x80000000, 0xffffffff, 0xfffffffe, chance.getrandbits(32)))
-                segment.write(4 * chance.randrange(Segment.RECORD // 4), struct.pack('<I', value))
-        liar = threading.Thread(target=lie)
-        liar.start()
-        for vital in range(10):
-            ask(vital, 60, 0.3)
-        stop.set()
-        liar.join()
-        self.check_service('the lies')
+OTHER_USER, GROUP = 65534, 'games'
+FILES = SEGMENT, LOCK_FILE = '/dev/shm/vestra_api', '/dev/shm/vestra_api.daemon'
+
+
+def other_user(work):
+    """The id of a process of another member of the group. It has done `work`, and goes on with it if `work` yields."""
+    begun, begins = os.pipe()
+    child = os.fork()
+    if child == 0:
+        try:
+            os.setgroups([])
+            os.setgid(grp.getgrnam(GROUP).gr_gid)
+            os.setuid(OTHER_USER)
+            goes_on = work()
+            os.write(begins, b'1')
+            for _ in goes_on or ():
+                pass
+        finally:
+            os._exit(1)
+    os.close(begins)
+    assert os.read(begun, 1), 'the other user has failed'
+    os.close(begun)
+    return child
+
+
+def end_other(child):
+    os.kill(child, signal.SIGKILL)
+    os.waitpid(child, 0)
+
+
+def write_and_truncate(seed):
+    """Overwrites and truncates the segment all the time."""
+    chance = random.Random(seed)
+    while True:
+        yield
+        fd = os.open(SEGMENT, os.O_RDWR)
+        for _ in range(chance.choice((1, 100, 10000))):
+            value = chance.choice((0, 1, 2, 17, 0x7fffffff, 0x80000000, 0xffffffff, 0xfffffffe, chance.getrandbits(32)))
+            os.pwrite(fd, struct.pack('<I', value), 4 * chance.randrange(os.fstat(fd).st_size // 4))
+        size = os.fstat(fd).st_size
+        os.ftruncate(fd, chance.choice((0, 1, size)))
+        os.ftruncate(fd, chance.choice((0, size)))
+        os.close(fd)
+
+
+def plant_all_the_time():
+    plants = os.mkdir, os.rmdir, os.unlink, os.mkfifo, lambda path: os.symlink('/', path)
+    while True:
+        yield
+        try:
+            random.choice(plants)(random.choice(FILES))
+        except OSError:
+            pass
+
+
+@unittest.skipIf(int(Path('/proc/self/uid_map').read_text().split()[2]) <= OTHER_USER, 'no other users here')
+class OtherUsers(SetTest):
+    def setUp(self):
+        super().setUp()
+        os.environ['VESTRA_API_GROUP'] = GROUP
+        self.remove_files()
+
+    def remove_files(self):
+        subprocess.run(['rm', '-rf', *Path('/dev/shm').glob('*')], check=True)
+
+    def other_user(self, work):
+        child = other_user(work)
+        self.addCleanup(end_other, child)
+
+    def check_start(self, message=None):
+        self.start()
+        self.assertEqual(ask()[0], OK, message)
+        self.end()
+
+    def test_whatever_they_plant_the_daemon_starts(self):
+        for name, plant in (('directory', os.mkdir), ('full directory', lambda path: os.makedirs(path + '/below')),
+                            ('file', lambda path: Path(path).write_bytes(bytes(928))), ('pipe', os.mkfifo),
+                            ('link', lambda path: os.symlink('/etc/passwd', path)),
+                            ('endless link', lambda path: os.symlink(path, path))):
+            self.remove_files()
+            end_other(other_user(lambda plant=plant: [plant(path) for path in FILES] and None))
+            self.check_start(name)
+            self.assertEqual(text_of(LOG).count('found an obstacle'), 1, 'logged once')
+        self.assertIn('root:', Path('/etc/passwd').read_text())
+
+    def test_however_fast_they_plant_the_daemon_starts(self):
+        self.other_user(plant_all_the_time)
+        for _ in range(8):
+            self.check_start()
+            self.remove_files()
+
+    def test_lock_that_a_client_holds_keeps_no_daemon_from_starting(self):
+        def hold():
+            for path, mode, kind in (SEGMENT, os.O_RDWR, fcntl.F_WRLCK), (LOCK_FILE, os.O_RDONLY, fcntl.F_RDLCK):
+                fcntl.fcntl(os.open(path, mode), 38, struct.pack('hhqqi4x', kind, 0, 0, 0, 0))  # F_OFD_SETLKW
+            return iter(lambda: time.sleep(1), 1)
+        self.check_start()
+        self.other_user(hold)
+        self.assertEqual(ask()[0], NO_DAEMON)
+        self.check_start()
+
+    def test_daemon_that_hangs_after_a_stop_is_none_and_keeps_no_other_from_starting(self):
+        self.start()
+        hangs = self.daemon
+        self.addCleanup(lambda: end(hangs))
+        hangs.send_signal(signal.SIGRTMIN + 6)
+        self.becomes(lambda: not self.threads() & (WORKERS - {'QXProcess'}))
+        self.assertEqual(ask()[0], NO_DAEMON)
+        self.check_start()
+        self.assertIsNone(hangs.poll())
+
+    def test_client_that_writes_and_truncates_all_the_time_harms_nobody_for_long(self):
+        self.start()
+        self.fill_ring(6)
+        known, results = ask(), set()
+        for seed in range(4):
+            hostile = other_user(lambda seed=seed: write_and_truncate(seed))
+            results |= {ask(vital, 60, 0.3)[0] for vital in range(8)}
+            end_other(hostile)
+            self.assertEqual(ask(), known)
+        self.assertTrue(self.runs())
+        self.assertLessEqual(results, {OK, NO_DAEMON, TIMEOUT, UNANSWERED}, 'no client dies')
 
 
 def figure(path, word):
@@ -155,4 +269,5 @@ class HostFigures(SetTest):
 
 
 if __name__ == '__main__':
-    main({'Clients': '--node --source synthetic', 'HostFigures': '--node --source host --rate 5'})
+    main({'Clients': '--node --source synthetic', 'OtherUsers': '--node --source synthetic',
+          'HostFigures': '--node --source host --rate 5'})
