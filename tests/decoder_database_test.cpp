@@ -100,6 +100,42 @@ TEST_F(Database, FillThatFailsLeavesTheKey) {
     fill(100, 1);  // the batch before the failed one stays
 }
 
+TEST_F(Database, NameThatContainsSqlMakesTheStatementFailAndRunsNothing) {
+    for (const Strings &names : std::vector<Strings>{{"x\",1,1,1);--"},
+                                                     {"x\",1,1,1)/*", "*/,(1,1,\"y"},
+                                                     {"x\",1,1,1);/*", "*/DELETE FROM PROCESS_INFO;--"},
+                                                     {"x\",1,1,1);/*", "*/DROP TABLE PROCESS_INFO;--"},
+                                                     {"x\",1,1,1);/*", "*/ATTACH '/tmp/made' AS a;--"},
+                                                     {"x\",randomblob(1000000000),1,1);--"}}) {
+        free_bufs_shm(&ghead_shm);
+        add(2, 20, "last", 5, 6, 7.5);
+        for (auto name = names.rbegin(); name != names.rend(); ++name) add(1, 10, *name, 5, 6, 7.5);
+        fill(0, 1);
+        EXPECT_THAT(log_text("6"), HasSubstr("SQL error: not authorized Query = INSERT")) << names.front();
+    }
+    EXPECT_FALSE(fs::exists("/tmp/made"));
+}
+
+TEST_F(Database, FillMayOnlyInsertAndDelete) {
+    add_many(1);
+    fill(1, 0);
+    const auto at_opening = [](sqlite3 *handle, char **, const void *) {
+        const auto try_more = [](void *) {
+            for (const char *statement : {"PRAGMA user_version=1", "ATTACH '/tmp/made' AS a", "DROP TABLE PROCESS_INFO",
+                                          "SELECT * FROM PROCESS_INFO", "CREATE TABLE other(x)"}) {
+                EXPECT_EQ(sqlite3_exec(db, statement, nullptr, nullptr, nullptr), SQLITE_AUTH) << statement;
+            }
+            EXPECT_EQ(sqlite3_limit(db, SQLITE_LIMIT_ATTACHED, -1), 0);
+            return 0;
+        };
+        sqlite3_commit_hook(handle, try_more, nullptr);
+        return SQLITE_OK;
+    };
+    sqlite3_auto_extension(reinterpret_cast<void (*)()>(+at_opening));
+    fill(1, 0);
+    sqlite3_reset_auto_extension();
+}
+
 TEST_F(Database, FillWithoutATableFailsAndLeavesItOpen) {
     add_many(1);
     query("DROP TABLE PROCESS_INFO");

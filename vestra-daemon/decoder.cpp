@@ -1321,15 +1321,38 @@ static long long whole_percent(double percent) {
     return static_cast<long long>(percent);
 }
 
+// A name of the current batch contains a quote, so the statement may be anything.
+static bool quote_in_batch;
+
+// Decides what a fill's statements may do: insert into PROCESS_INFO and delete from it. The rows of an insertion count
+// as a SELECT; reading a table would need SQLITE_READ. With a quote in a name, nothing is allowed, so that the statement
+// fails even where it is valid SQL.
+static int authorize(void *, int action, const char *table, const char *, const char *base, const char *trigger) {
+    if (quote_in_batch) return SQLITE_DENY;
+    if (action == SQLITE_SELECT) return SQLITE_OK;
+    if (action != SQLITE_INSERT && action != SQLITE_DELETE) return SQLITE_DENY;
+    return strcmp(table, "PROCESS_INFO") == 0 && strcmp(base, "main") == 0 && trigger == nullptr ? SQLITE_OK
+                                                                                                 : SQLITE_DENY;
+}
+
+static void restrict_fill() {
+    quote_in_batch = false;
+    if (db == nullptr) return;
+    sqlite3_set_authorizer(db, authorize, nullptr);
+    sqlite3_limit(db, SQLITE_LIMIT_ATTACHED, 0);
+}
+
 // Appends up to kBatchRows rows, from `node` on, and the statement's end. Returns the node of the last row.
 //
 // Kept as it stands: a name is quoted but not escaped. A quote in a name makes the statement fail, and the requester
 // finds its key still set.
 static const circ_buf_shm *append_rows(const circ_buf_shm *node, std::string *values) {
     std::string quoted;
+    quote_in_batch = false;
     for (int rows = 1;; ++rows, node = node->next) {
         const bool closes = node->next == nullptr || rows == kBatchRows;
         quoted.assign(1, '"').append(node->name).append(1, '"');
+        quote_in_batch = quote_in_batch || node->name.find('"') != std::string::npos;
         values->append("(").append(node->timestamp).append(",").append(ToString(node->pid)).append(",");
         values->append(quoted).append(",").append(ToString(node->rss)).append(",").append(ToString(node->swap));
         values->append(",").append(ToString(whole_percent(node->cpu))).append(")").append(closes ? ";" : ",");
@@ -1384,6 +1407,7 @@ int Process_Info_fill() {
         return 0;
     }
     LOGE("Success in Opening db : %s", db_path());
+    restrict_fill();
     const circ_buf_shm *head = __atomic_load_n(&ghead_shm, __ATOMIC_ACQUIRE);
     if (run_statement(kClearTable) != 0) {
         // Kept as it stands: the database stays open and the key set. So the requester sees that the fill failed.
