@@ -109,28 +109,39 @@ TEST_F(VestradDump, StopWithinABlockIsAFailureAndOneBeforeItIsNot) {
     world().write_most = 60;
     world().on_write = [] { exit_flag = 1; };
     EXPECT_EQ(dump(0), -1);
-    EXPECT_EQ(dump(0), 0) << "neither chain nor version";
-    EXPECT_EQ(read_file(kOut + kDump), std::string(1, '\0') + kPayload.substr(1, 59)) << "over what was left";
+    fs::remove(kTemporary);
+    EXPECT_EQ(dump(0), 0);
+    EXPECT_EQ(read_file(kOut + kDump), std::string(1, '\0')) << "neither chain nor version";
 }
 
-TEST_F(VestradDump, PlantedLinksAndPipesAreNotOpened) {
+TEST_F(VestradDump, PlantedFilesAreNotUsed) {
     write_file("/tmp/victim", "precious");
-    fs::create_symlink("/tmp/victim", kTemporary);
-    EXPECT_EQ(dump(0), -1);
-    fs::remove(kTemporary);
-    ASSERT_EQ(mkfifo(kTemporary.c_str(), 0600), 0);
-    EXPECT_EQ(dump(0), -1);
-    fs::remove(kTemporary);
+    write_file("/tmp/empty", "");
+    for (void (*plant)() :
+         {+[] { fs::create_symlink("/tmp/victim", kTemporary); },
+          +[] { ASSERT_EQ(mkfifo(kTemporary.c_str(), 0600), 0); }, +[] { write_file(kTemporary, "planted"); },
+          +[] { fs::create_hard_link("/tmp/empty", kTemporary); },
+          +[] {
+              write_file(kTemporary, "");
+              if (chown(kTemporary.c_str(), 12345, 12345) != 0) write_file(kTemporary, "no other user");
+          }}) {
+        plant();
+        EXPECT_EQ(dump(0), -1);
+        fs::remove(kTemporary);
+    }
+    write_file(kTemporary, "");
+    EXPECT_EQ(dump(0), 0) << "our own empty one";
     fs::remove("/etc/prd_info.ini");
     fs::create_symlink("/tmp/victim", "/etc/prd_info.ini");
     EXPECT_EQ(dump(0), -1);
-    EXPECT_EQ(read_file("/tmp/victim"), "precious");
-    expect_golden("dump-refuses-links", seen_text("6"));
+    EXPECT_EQ(read_file("/tmp/victim") + read_file("/tmp/empty"), "precious");
+    expect_golden("dump-refuses-planted-files", seen_text("6"));
 }
 
 TEST_F(VestradDump, FileWithoutAVersionIsAFailure) {
     fs::remove("/etc/prd_info.ini");
     EXPECT_EQ(dump(0), -1);
+    fs::remove(kTemporary);
     write_file("/etc/prd_info.ini", std::string(19, '\n') + "Build=1\r\n");
     EXPECT_EQ(dump(0), -1) << "a version on the 20th line counts as none";
     expect_golden("dump-without-version", seen_text("6"));

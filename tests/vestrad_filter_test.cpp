@@ -82,6 +82,24 @@ TEST_F(VestradFilter, FileOfAnotherNameIsRemovedAndNothingElse) {
               "[/bin/rm -rf /tmp/vestra_processes//other.txt]");
 }
 
+TEST_F(VestradFilter, DirectoryIsTakenOverOrRefusedBeforeTheFirstReading) {
+    fs::create_directory("/tmp/other");
+    write_file("/tmp/other/processes.txt", "theirs\n");
+    fs::create_directory_symlink("/tmp/other", "/tmp/vestra_processes");
+    updateFilterProcessNames();
+    updateFilterProcessNames();
+    EXPECT_THAT(seen("6n"), ElementsAre(HasSubstr("process lists in /tmp/vestra_processes are ignored")));
+    EXPECT_TRUE(fs::exists("/tmp/other/processes.txt"));
+    fs::remove("/tmp/vestra_processes");
+    fs::create_directory(kDirectory);
+    if (chown(kDirectory.c_str(), 12345, 12345) != 0) GTEST_SKIP() << "no other users here";
+    load("ours\n");
+    struct stat info;
+    ASSERT_EQ(stat(kDirectory.c_str(), &info), 0);
+    EXPECT_EQ(info.st_uid, geteuid());
+    EXPECT_EQ(info.st_mode & 07777, 0777U);
+}
+
 TEST_F(VestradFilter, ThreadWatchesTheDirectory) {
     struct Enough {};
     umask(077);

@@ -162,6 +162,7 @@ int32_t g_prev_usb_path_valid;    // 1: it may be used
 
 char temperature_file_name[kPathSize];  // "" when there is no thermal directory
 int inotify_fd = -1, inotify_wd = -1;   // watch on the list directory, -1: not set up. "QXProcess" only
+static int list_dir_error;              // why the directory is not used, as logged; 0: it is. Main, then "QXProcess"
 
 static timeval start_time;            // of the daemon, for the elapsed time at shut-down. Main thread only
 static timeval last_robustness_copy;  // when a robustness dump was last copied to USB. Main loop only
@@ -776,13 +777,17 @@ static const char *after_last_slash(const char *path) {
     return slash == nullptr ? path : slash + 1;
 }
 
-// Opens a temporary file in /tmp, where everyone may write: does not follow a planted link.
+// Opens a temporary file in /tmp, where everyone may write: does not follow a planted link. A file that exists already
+// must be the daemon's own, with no other name, and empty.
 static int open_temporary(const char *path) {
     const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666);
     struct stat info;
-    if (fd < 0 || (fstat(fd, &info) == 0 && S_ISREG(info.st_mode))) return fd;
-    close(fd);  // a planted pipe would block the writer, which holds the lock
-    errno = EINVAL;
+    if (fd < 0 || (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() && info.st_nlink == 1 &&
+                   info.st_size == 0)) {
+        return fd;
+    }
+    close(fd);
+    errno = EEXIST;
     return -1;
 }
 
@@ -1625,6 +1630,29 @@ void *thread_userdata_func(void * /*arg*/) {
 
 /* ------------------------------ 14. Process filter list ------------------------------ */
 
+// Makes sure that nobody else can replace the list directory by another one, whose files the daemon would then remove:
+// it is not a link, and it belongs to the daemon or to root, so that the sticky bit of /tmp protects it. Takes over a
+// directory that another user made first. False with a message, once for each reason.
+static bool own_list_dir() {
+    static constexpr char kDir[] = "/tmp/vestra_processes";  // no slash at the end: does not follow a link
+    errno = 0;
+    const int fd = open(kDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    struct stat held, named;
+    bool own = fd >= 0 && fstat(fd, &held) == 0;
+    if (own && held.st_uid != geteuid() && held.st_uid != 0) {
+        own = fchown(fd, geteuid(), static_cast<gid_t>(-1)) == 0 && fchmod(fd, 0777) == 0;
+    }
+    own = own && lstat(kDir, &named) == 0 && held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+    const int error = own ? 0 : errno != 0 ? errno : EEXIST;
+    if (fd >= 0) close(fd);
+    if (error != 0 && error != list_dir_error) {
+        errno = error;
+        LOGE("process lists in %s are ignored (%d:%m)", kDir, errno);
+    }
+    list_dir_error = error;
+    return own;
+}
+
 // Opens the list file, or returns null. Everyone may write to the directory: a link, a pipe or a device is not a list,
 // and nothing waits for one.
 static FILE *open_list() {
@@ -1717,6 +1745,7 @@ void updateFilterProcessNames() {
         LOGE(" %s doesnot exists", kListFile);
         return;
     }
+    if (!own_list_dir()) return;
     {
         const FileCloser list{open_list()};
         if (list.file == nullptr) {
@@ -1787,32 +1816,16 @@ void updateFilterProcessNames(const char *name) {
     LOGE("File name recieved [%s], it should be [processes.txt], removing file [%s]", name, command);
 }
 
-// Makes sure that nobody else can replace the list directory by another one, whose files the daemon would then remove:
-// it is not a link, and it belongs to the daemon or to root, so that the sticky bit of /tmp protects it. Takes over a
-// directory that another user made first.
-static bool own_list_dir() {
-    static constexpr char kDir[] = "/tmp/vestra_processes";  // no slash at the end: does not follow a link
-    const int fd = open(kDir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return false;
-    struct stat held, named;
-    bool own = fstat(fd, &held) == 0;
-    if (own && held.st_uid != geteuid() && held.st_uid != 0) {
-        own = fchown(fd, geteuid(), static_cast<gid_t>(-1)) == 0 && fchmod(fd, 0777) == 0;
-    }
-    own = own && lstat(kDir, &named) == 0 && held.st_dev == named.st_dev && held.st_ino == named.st_ino;
-    close(fd);
-    return own;
-}
-
 // Sets up the watch on the list directory. False with a message.
 static bool watch_list_dir() {
     LOGS_AS("thread_user_process_func");
+    if (!own_list_dir()) return false;
     inotify_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (inotify_fd < 0) {
         LOGE("inotify_init failed");
         return false;
     }
-    inotify_wd = own_list_dir() ? inotify_add_watch(inotify_fd, kListDir, IN_CREATE) : -1;
+    inotify_wd = inotify_add_watch(inotify_fd, kListDir, IN_CREATE);
     if (inotify_wd < 0) {
         LOGE("inotify_add_watch failed");
         close(inotify_fd);
