@@ -1,21 +1,27 @@
 // Arbitrary writes into the request segment, by a client or anybody else who may open it, while the daemon works.
 //
 // An input is a list of entries: two bytes of offset, one byte of length (0 to 63), and the bytes to write there. One
-// entry is performed before each step of the daemon with the segment: each check, pause or wait for a request. Two
-// lengths are special: 63 posts the request of a well-behaved client, and 62 removes the segment.
+// entry is performed before each step of the daemon with the segment: each check, pause or wait for a request. Three
+// lengths are special: 63 posts the request of a well-behaved client, 62 removes the segment, and 61 truncates it.
+//
+// If the input's size is odd, a second thread writes the input over the requests all the time, so that they change while
+// they are answered. Such a run cannot be repeated exactly.
 //
 // Rules: the service ends when asked to, and its data does not change. The next client is answered, with the same
 // figures for each vital as a direct call gives. No descriptor stays open.
 
-#include <pthread.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <thread>
 
 #include "fuzz/decoder_state.h"
 #include "fuzz/fuzz_env.h"
@@ -27,9 +33,9 @@
 namespace {
 
 constexpr char kName[] = "/vestra_fuzz";
-// The library's private part of the segment: the turn, the magic number, the stage, the knock.
-constexpr size_t kStage = sizeof(vestra_shm_record) + sizeof(pthread_mutex_t) + 4;
-constexpr size_t kSegment = kStage + 8;
+constexpr char kFile[] = "/dev/shm/vestra_fuzz";
+// The library's private part of the segment: the magic number, the stage, the knock, the word for the turn.
+constexpr size_t kStage = sizeof(vestra_shm_record) + 4, kKnock = kStage + 4, kSegment = kKnock + 8;
 constexpr uint32_t kPosted = 1;
 constexpr int kMostSteps = 20000;  // after more steps the service counts as endless
 
@@ -40,6 +46,33 @@ bool last_request;  // the clean request after all entries was posted
 vestra_shm_record *record;
 _SYSDATA_ ring[kSlotCount];
 vestra_api_data expected[kVestraVitals];
+
+// Writes the input over the requests until it is stopped. Not through the mapping: the compiler may assume that no other
+// thread writes there.
+class SecondThread {
+  public:
+    void start(const uint8_t *data, size_t size) {
+        stop_ = false;
+        thread_ = std::thread([this, data, size] {
+            for (size_t offset = 0; !stop_; offset = (offset + 4) % (sizeof(record->request) - sizeof(int32_t))) {
+                const int fd = open(kFile, O_RDWR | O_CLOEXEC);
+                if (fd < 0) continue;
+                const size_t count = std::min(size, sizeof(record->request) - offset);
+                if (pwrite(fd, data, count, static_cast<off_t>(offsetof(vestra_shm_record, request) + offset)) < 0)
+                    abort();
+                close(fd);
+            }
+        });
+    }
+    void stop() {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
+    }
+
+  private:
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+} second_thread;
 
 uint8_t *bytes() {
     return reinterpret_cast<uint8_t *>(record);
@@ -59,7 +92,9 @@ void do_entry() {
     const size_t length = entries[2] % 64U;
     entries += 3;
     left -= 3;
-    if (length == 62) {
+    if (length == 61) {
+        FUZZ_RULE(truncate(kFile, 0) == 0 || errno == ENOENT, "the segment can be truncated");
+    } else if (length == 62) {
         shm_unlink(kName);
     } else if (length == 63) {
         post();
@@ -97,7 +132,7 @@ int __wrap_check_if_valid_shm(void **shm) {
 int __wrap_nanosleep(const timespec *, timespec *) {
     do_entry();
     // If the marker says "not ready", the daemon repairs it only after a client's knock.
-    if (record != nullptr) bytes()[kSegment - 4] = 1;
+    if (record != nullptr) bytes()[kKnock] = 1;
     return 0;
 }
 
@@ -111,6 +146,7 @@ int __wrap_vestra_request_sem_lock_func(const char *caller, int n) {
         memcpy(bytes() + kStage, &nobody_at_work, sizeof(nobody_at_work));
         void *segment = record;
         if (__real_check_if_valid_shm(&segment) == 0) return -1;
+        second_thread.stop();
         last_request = true;
         post();
         exit_flag = 0;
@@ -164,7 +200,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     steps = 0;
     last_request = false;
     exit_flag = 0;
+    if (size % 2 != 0) second_thread.start(data, size);
     client_request_process(nullptr);
+    second_thread.stop();
     FUZZ_RULE(vestra_fuzz::open_descriptors() == descriptors, "no descriptor stays open");
     FUZZ_RULE(memcmp(ring, collectedData, sizeof(ring)) == 0, "a request changes nothing in the ring");
     for (int i = 0; i < kVestraVitals; ++i) {
