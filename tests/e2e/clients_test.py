@@ -16,8 +16,8 @@ import time
 import unittest
 from pathlib import Path
 
-from set_env import (LOG, NO_DAEMON, OK, STAT, TIMEOUT, UNANSWERED, WORKERS, Segment, SetTest, ask, main, remote, run,
-                     text_of)
+from set_env import (LOG, NO_DAEMON, OK, ROOT, STAT, TIMEOUT, UNANSWERED, WORKERS, Segment, SetTest, ask, main, remote,
+                     run, text_of)
 
 
 def client(*arguments):
@@ -204,6 +204,15 @@ class OtherUsers(SetTest):
         self.other_user(hold)
         self.assertEqual(ask()[0], NO_DAEMON)
         self.check_start()
+
+    def test_capabilities_of_the_unit_are_enough(self):
+        unit = (ROOT / 'packaging/vestrad.service').read_text()
+        capabilities = re.search('(?m)^CapabilityBoundingSet=(.*)', unit)[1].lower().replace('cap_', '+').split()
+        lists = Path('/tmp/vestra_processes')
+        end_other(other_user(lambda: [lists.mkdir(), os.mkdir(SEGMENT)] and None))
+        self.start(runner=('setpriv', '--bounding-set=' + ','.join(['-all', *capabilities])))
+        self.becomes(lambda: lists.stat().st_uid == 0)
+        self.assertEqual((Path(SEGMENT).group(), Path(SEGMENT).stat().st_mode & 0o777), (GROUP, 0o660))
 
     def test_daemon_that_hangs_after_a_stop_is_none_and_keeps_no_other_from_starting(self):
         self.start()

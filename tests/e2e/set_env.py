@@ -110,11 +110,11 @@ class SetTest(unittest.TestCase):
             text = re.sub(f'<{name}>.*</', f'<{name}>{value}</', text)
         CONFIG.write_text(text)
 
-    def start(self, *arguments, level='info'):
-        """Starts the daemon and waits until all its threads are there."""
+    def start(self, *arguments, level='info', runner=()):
+        """Starts the daemon, by the program `runner` if there is one, and waits until all its threads are there."""
         LOG.unlink(missing_ok=True)
         with open(PRINTED, 'wb') as printed, open(ERRORS, 'ab') as errors:
-            self.daemon = subprocess.Popen([VESTRAD, *arguments], stdout=printed, stderr=errors, stdin=subprocess.DEVNULL,
+            self.daemon = subprocess.Popen([*runner, VESTRAD, *arguments], stdout=printed, stderr=errors, stdin=subprocess.DEVNULL,
                                            env={**os.environ, 'VESTRA_DLOG_FILE': str(LOG), 'VESTRA_DLOG_LEVEL': level})
         self.logs('INFO: waiting for threads to join...')
         self.assertLessEqual(WORKERS, self.threads())
