@@ -71,6 +71,7 @@ class Analysis : public DumpVisitor {
         size_t believed = 0;
         for (Stamp &stamp : messages->stamps) {
             if (learn_) {
+                if (!frame->whole) timeline_.add_damage();  // it may be between any two of its messages
                 timeline_.add(frame->core, stamp.time_ns, frame->offset, frame->offset + frame->bytes);
             } else {
                 stamp.believed = timeline_.believes(frame->core);

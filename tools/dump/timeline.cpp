@@ -6,9 +6,11 @@
 namespace vestra_dump {
 namespace {
 
-constexpr int64_t kTimeMax = INT64_MAX / 2;   // ns; sums with it do not overflow
-constexpr uint64_t kClusterMax = 160 * 1024;  // bytes: a storage cluster, and the frames at its ends
-constexpr uint64_t kFew = 4;                  // samples: so many may have damaged stamps
+constexpr int64_t kTimeMax = INT64_MAX / 2;           // ns; sums with it do not overflow
+constexpr uint64_t kClusterMax = 160 * 1024;          // bytes: a storage cluster, and the frames at its ends
+constexpr int64_t kPause = 10 * trace::kNsPerSecond;  // a gap that little damage can make
+constexpr size_t kRounds = 8;
+constexpr uint64_t kFew = 4;  // samples: so many may have damaged stamps
 constexpr int64_t kStepMax = 60 * trace::kNsPerSecond;
 
 int64_t sum(int64_t a, int64_t b) {
@@ -60,37 +62,40 @@ class Gaps {
         if (bytes > 0) ns_per_byte_ = length / bytes;
         const bool all_are_short =
             std::all_of(parts.begin(), parts.end(), [](const Run &part) { return part.samples <= kFew; });
-        if (parts.size() < 2 || (parts.size() <= kMany && !all_are_short)) return;
-        std::vector<int64_t> gaps;
-        for (size_t i = 0; i + 1 < parts.size(); ++i) gaps.push_back(gap(i));
-        std::nth_element(gaps.begin(), gaps.begin() + static_cast<std::ptrdiff_t>(gaps.size() / 2), gaps.end());
-        usual_ = gaps[gaps.size() / 2];
+        for (const bool inside : {false, true}) {
+            std::vector<int64_t> gaps;
+            for (size_t i = 0; i + 1 < parts.size(); ++i) {
+                if (is_inside_block(i) == inside) gaps.push_back(gap(i));
+            }
+            if (gaps.empty() || (gaps.size() < kMany && !all_are_short)) continue;
+            const auto middle = gaps.begin() + static_cast<std::ptrdiff_t>(gaps.size() / 2);
+            std::nth_element(gaps.begin(), middle, gaps.end());
+            usual_[inside ? 1 : 0] = static_cast<double>(*middle);
+        }
     }
 
-    // Whether the gap after a part has a reason: the bytes that are missing there, or that gaps are usual.
-    bool has_reason(size_t i) const {
-        constexpr double kTimes = 4;  // the rate of a recording varies
-        const uint64_t from = parts_[i].end.offset, to = parts_[i + 1].begin.offset;
-        const double bytes = to > from ? static_cast<double>(to - from) : 0;
-        const double explained = std::max(bytes * ns_per_byte_, static_cast<double>(usual_)) * kTimes;
-        return static_cast<double>(gap(i)) <= explained + static_cast<double>(Timeline::kLate);
-    }
-
-    // Whether a recording can have the gap after a part, with `samples` on the one side of it.
+    // Whether the recording can have the gap after a part, with `samples` on the one side of it.
     bool is_possible(size_t i, uint64_t samples) const {
         const auto &before = parts_[i].end, &after = parts_[i + 1].begin;
+        const double missing = after.offset > before.offset ? static_cast<double>(after.offset - before.offset) : 0;
+        if (gap(i) <= Timeline::kLate + trusted(missing * ns_per_byte_)) return true;
         // Cores may be in the one or the other order in a block.
-        if (before.damage != after.damage || before.offset > after.offset + trace::kBlockMax) return false;
-        return samples > kFew || (samples > 1 && before.blocks != after.blocks);
+        const bool in_order = before.offset <= after.offset + trace::kBlockMax;
+        if (!in_order) return false;
+        if (before.damage != after.damage) return samples > kFew && gap(i) <= std::max(kPause, trusted(usual_[0]));
+        return samples > (is_inside_block(i) ? kFew : 1) || gap(i) <= trusted(usual_[is_inside_block(i) ? 1 : 0]);
     }
 
   private:
     int64_t gap(size_t i) const { return sum(parts_[i + 1].low_ns, -parts_[i].high_ns); }
+    bool is_inside_block(size_t i) const { return parts_[i].end.blocks == parts_[i + 1].begin.blocks; }
+    // Rates vary.
+    static int64_t trusted(double ns) { return static_cast<int64_t>(std::min(4 * ns, static_cast<double>(kTimeMax))); }
 
     static constexpr size_t kMany = 8;  // gaps are usual
     const std::vector<Run> &parts_;
     double ns_per_byte_ = 0;
-    int64_t usual_ = 0;
+    double usual_[2] = {};  // between blocks, inside one
 };
 
 }  // namespace
@@ -144,7 +149,7 @@ void Timeline::coarsen(Stream *stream) {
 }
 
 // The chain with most samples among those in which every run begins after the end of the run before, or a little earlier.
-Timeline::Runs Timeline::longest_chain(const Runs &runs) {
+std::vector<size_t> Timeline::longest_chain(const Runs &runs) {
     constexpr size_t kNone = SIZE_MAX;
     std::vector<uint64_t> samples(runs.size());  // of the longest chain that ends with a run
     std::vector<size_t> before(runs.size(), kNone);
@@ -165,8 +170,8 @@ Timeline::Runs Timeline::longest_chain(const Runs &runs) {
         while (place != best.end() && samples[place->second] < samples[i]) place = best.erase(place);
         best[run.high_ns] = i;
     }
-    Runs chain;
-    for (size_t i = best.empty() ? kNone : best.rbegin()->second; i != kNone; i = before[i]) chain.push_back(runs[i]);
+    std::vector<size_t> chain;
+    for (size_t i = best.empty() ? kNone : best.rbegin()->second; i != kNone; i = before[i]) chain.push_back(i);
     std::reverse(chain.begin(), chain.end());
     return chain;
 }
@@ -177,7 +182,7 @@ void Timeline::trim(Runs *parts) {
     size_t begin = 0, end = parts->size();
     // More than a cluster of another recording.
     const auto is_sure = [all = samples_of(*parts)](uint64_t samples, uint64_t bytes) {
-        return 4 * samples >= all || bytes > kClusterMax;
+        return 3 * samples >= all || bytes > kClusterMax;
     };
     uint64_t samples = 0, bytes = 0;
     const auto take = [&](const Run &part) {
@@ -186,11 +191,11 @@ void Timeline::trim(Runs *parts) {
         return !is_sure(samples, bytes);
     };
     for (size_t i = 0; i + 1 < parts->size() && take((*parts)[i]); ++i) {
-        if (!gaps.has_reason(i) && !gaps.is_possible(i, samples)) begin = i + 1;
+        if (!gaps.is_possible(i, samples)) begin = i + 1;
     }
     samples = bytes = 0;
     for (size_t i = parts->size(); i-- > begin + 1 && take((*parts)[i]);) {
-        if (!gaps.has_reason(i - 1) && !gaps.is_possible(i - 1, samples)) end = i;
+        if (!gaps.is_possible(i - 1, samples)) end = i;
     }
     parts->erase(parts->begin() + static_cast<std::ptrdiff_t>(end), parts->end());
     parts->erase(parts->begin(), parts->begin() + static_cast<std::ptrdiff_t>(begin));
@@ -200,8 +205,7 @@ void Timeline::trim(Runs *parts) {
 Timeline::Runs Timeline::parts() const {
     Runs parts;
     for (const Stream &stream : streams_) {
-        const Runs chain = longest_chain(stream.runs);
-        parts.insert(parts.end(), chain.begin(), chain.end());
+        for (const size_t i : longest_chain(stream.runs)) parts.push_back(stream.runs[i]);
     }
     std::sort(parts.begin(), parts.end(), [](const Run &a, const Run &b) { return a.low_ns < b.low_ns; });
     join(&parts, [](const Run *run, const Run &by) { return by.low_ns <= run->high_ns + kLate; });
@@ -210,21 +214,29 @@ Timeline::Runs Timeline::parts() const {
 
 void Timeline::finish() {
     for (Stream &stream : streams_) begin_run(&stream, {});
-    Runs recording = parts();
-    trim(&recording);
-    if (!recording.empty()) span_ = TimeSpan{recording.front().low_ns, recording.back().high_ns};
-    for (Stream &stream : streams_) {
-        for (Run &run : stream.runs) {
-            run.sound = run.sound && span_ && run.low_ns >= span_->first_ns && run.high_ns <= span_->newest_ns;
+    const auto is_inside = [this](const Run &run) {
+        return span_ && run.low_ns >= span_->first_ns && run.high_ns <= span_->newest_ns;
+    };
+    // What is taken off may have displaced other samples: these get another chance.
+    for (size_t round = 0, taken_off = 1; taken_off > 0 && round < kRounds; ++round) {
+        Runs recording = parts();
+        taken_off = recording.size();
+        trim(&recording);
+        taken_off -= recording.size();
+        if (!recording.empty()) span_ = TimeSpan{recording.front().low_ns, recording.back().high_ns};
+        for (Stream &stream : streams_) {
+            if (taken_off == 0) break;
+            for (const size_t i : longest_chain(stream.runs)) stream.runs[i].sound = is_inside(stream.runs[i]);
         }
-        const Runs chain = longest_chain(stream.runs);
+    }
+    for (Stream &stream : streams_) {
+        for (Run &run : stream.runs) run.sound = run.sound && is_inside(run);
+        std::vector<bool> believed(stream.runs.size());
+        for (const size_t i : longest_chain(stream.runs)) believed[i] = true;
         Runs astray;
-        auto believed = chain.begin();
-        for (const Run &run : stream.runs) {
-            if (believed != chain.end() && believed->ordinal == run.ordinal) {
-                ++believed;
-                continue;
-            }
+        for (size_t i = 0; i < stream.runs.size(); ++i) {
+            const Run &run = stream.runs[i];
+            if (believed[i]) continue;
             astray.push_back(run);
             astray_ += run.samples;
             last_astray_ = std::max(last_astray_.value_or(0), run.end.offset);

@@ -79,7 +79,7 @@ class Timeline {
 
     static void begin_run(Stream *stream, const Run &run);
     static void coarsen(Stream *stream);
-    static Runs longest_chain(const Runs &runs);
+    static std::vector<size_t> longest_chain(const Runs &runs);
     static void trim(Runs *parts);
     Runs parts() const;
 
