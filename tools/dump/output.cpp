@@ -20,9 +20,14 @@ std::unique_ptr<Output> Output::open(const std::string &path, std::string *error
         out->fd_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
     } else if (exists && !S_ISREG(status.st_mode)) {
         out->fd_ = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    } else {
+    } else if (!exists || access(path.c_str(), W_OK) == 0) {
+        // A link stays a link, even one to a file that does not exist yet.
         std::error_code failed;
-        const std::filesystem::path full = std::filesystem::weakly_canonical(path, failed);  // a link stays a link
+        std::filesystem::path full = path;
+        if (!exists && std::filesystem::is_symlink(full, failed)) {
+            full = full.parent_path() / std::filesystem::read_symlink(full, failed);
+        }
+        full = std::filesystem::weakly_canonical(full, failed);
         out->target_ = failed ? path : full.string();
         out->temporary_ = out->target_ + ".XXXXXX";
         out->fd_ = mkostemp(out->temporary_.data(), O_CLOEXEC);
@@ -31,7 +36,10 @@ std::unique_ptr<Output> Output::open(const std::string &path, std::string *error
         } else {
             const mode_t mask = umask(0);
             umask(mask);
-            fchmod(out->fd_, exists ? status.st_mode & 07777 : 0666 & ~mask);
+            // The owner first, because that clears bits of the mode. Only root may give a file away.
+            const bool same_owner = exists && fchown(out->fd_, status.st_uid, status.st_gid) == 0;
+            const mode_t kept = same_owner ? 07777 : 0777;
+            fchmod(out->fd_, exists ? status.st_mode & kept : 0666 & ~mask);
         }
     }
     if (out->fd_ >= 0) return out;
