@@ -64,8 +64,9 @@ struct DumpTotals {
     uint64_t last_block = 0;       // offset of the last block that has frames
     uint64_t last_damage_end = 0;  // offset
 
-    // Whether the newest sample is that of the recording. A trailer of one or two bytes may be part of a frame.
-    bool end_is_whole() const { return trailer && trailer->bytes.size() > 2 && last_damage_end <= last_block; }
+    // Whether the newest sample is that of the recording. A trailer of two bytes may be the beginning of a frame. One byte
+    // is the trailer of a set without a version file.
+    bool end_is_whole() const { return trailer && trailer->bytes.size() != 2 && last_damage_end <= last_block; }
 };
 
 // Arguments are valid until the call returns. Calls come in the order of the file. A damaged span comes after the

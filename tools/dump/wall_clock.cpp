@@ -153,7 +153,7 @@ bool resolve(const TimeOptions &options, const std::string &path, const Survey &
     int64_t written = -1;
     if (options.epoch.empty() || options.epoch == "name") {
         written = seconds_in_name(path).value_or(-1);
-        time->end_is_missing = written >= 0 && !survey.end_is_whole();
+        time->end_is_missing = written >= 0 && span && !survey.end_is_whole();
     } else if (!parse_epoch(options.epoch, &written)) {
         *error = "--epoch '" + options.epoch + "' is not a time: seconds since 1970, a date and time, name, or none";
         return false;
