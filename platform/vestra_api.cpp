@@ -135,16 +135,26 @@ struct Mapped {
     dev_t device;
     ino_t inode;
     uid_t owner;
+    int fd;          // of that file
     bool was_ready;  // daemon only: the marker has been set
 
     bool is_lost() const { return mapping->lost; }
+    bool is_whole(const struct stat &info) const {
+        return !is_lost() && info.st_size == static_cast<off_t>(sizeof(Segment));
+    }
     bool is_file(const struct stat &info) const {
-        return segment != nullptr && !is_lost() && info.st_dev == device && info.st_ino == inode &&
-               info.st_size == static_cast<off_t>(sizeof(Segment));
+        return segment != nullptr && info.st_dev == device && info.st_ino == inode && is_whole(info);
+    }
+    // Fast path of is_file without looking up the name: a file that was replaced or removed has no name any more. It has
+    // one if somebody made a hard link, so whoever is not served must look up the name.
+    bool seems_current() const {
+        struct stat info;
+        return segment != nullptr && fstat(fd, &info) == 0 && info.st_nlink == 1 && is_whole(info);
     }
 };
 
-// Maps the segment `fd` over the old mapping in *mapped, or anywhere if there is none.
+// Maps the segment `fd` over the old mapping in *mapped, or anywhere if there is none. On success *mapped owns the
+// descriptor.
 bool map_segment(int fd, const struct stat &info, Mapped *mapped) {
     Mapping *mapping = mapped->mapping != nullptr ? mapped->mapping : new_mapping();
     if (mapping == nullptr) return false;
@@ -152,7 +162,7 @@ bool map_segment(int fd, const struct stat &info, Mapped *mapped) {
     void *address = mmap(mapped->segment, sizeof(Segment), PROT_READ | PROT_WRITE, MAP_SHARED | fixed, fd, 0);
     mapped->mapping = mapping;
     if (address == MAP_FAILED) return false;
-    *mapped = {static_cast<Segment *>(address), mapping, info.st_dev, info.st_ino, info.st_uid, false};
+    *mapped = {static_cast<Segment *>(address), mapping, info.st_dev, info.st_ino, info.st_uid, fd, false};
     mapping->lost = false;
     mapping->address = reinterpret_cast<uintptr_t>(address);
     return true;
@@ -161,7 +171,10 @@ bool map_segment(int fd, const struct stat &info, Mapped *mapped) {
 void unmap_segment(Mapped *mapped) {
     if (mapped->mapping == nullptr) return;
     mapped->mapping->address = 0;
-    if (mapped->segment != nullptr) munmap(mapped->segment, sizeof(Segment));
+    if (mapped->segment != nullptr) {
+        munmap(mapped->segment, sizeof(Segment));
+        close(mapped->fd);
+    }
     const std::lock_guard<std::mutex> hold(mappings_lock);
     mapped->mapping->used = false;
     *mapped = {};
@@ -444,9 +457,7 @@ bool create_segment(Mapped *mapped) {
     }
     initialise(mapped);
     allow_group(fd, 0660);
-    if (!file.publish()) return false;
-    close(fd);  // the mapping stays
-    return true;
+    return file.publish();
 }
 
 // Keeps the marker of the current segment set. The daemon's main sets it once. A segment that replaces another gets
@@ -469,7 +480,7 @@ Service look_at_service() {
     const Mapped &mapped = served[current];
     if (mapped.segment == nullptr || !stat_file(segment_path(), &info)) return Service::kGone;
     if (info.st_dev != mapped.device || info.st_ino != mapped.inode) return Service::kGone;
-    return mapped.is_file(info) && is_initialised(mapped.segment) ? Service::kGood : Service::kDamaged;
+    return mapped.is_whole(info) && is_initialised(mapped.segment) ? Service::kGood : Service::kDamaged;
 }
 
 Segment *served_segment() {
@@ -521,6 +532,7 @@ void *get_shm(void) {
         if (service != Service::kGood) {
             const size_t next = (current + 1) % served.size();
             if (!create_segment(&served[next])) return nullptr;
+            if (served[current].segment != nullptr) close(served[current].fd);
             current = next;
             service_ended = false;
         }
@@ -537,7 +549,7 @@ int check_if_valid_shm(void **shm) {
     static Clock::time_point last_good;  // guarded by server_lock
     const auto now = Clock::now();
     if (stage_of(served[current].segment) == kTaken && now - last_good < kLooksAreFresh) return 1;
-    if (look_at_service() != Service::kGood) return 0;
+    if (!served[current].seems_current() || !is_initialised(served[current].segment)) return 0;
     last_good = now;
     return 1;
 }
@@ -576,15 +588,12 @@ struct vestra_api_client {
 
     void drop() {
         unmap_segment(&mapped);
-        for (int *fd : {&segment_fd, &daemon_fd}) {
-            if (*fd >= 0) close(*fd);
-            *fd = -1;
-        }
+        if (daemon_fd >= 0) close(daemon_fd);
+        daemon_fd = -1;
     }
 
-    std::mutex lock;  // one question at a time for each handle
-    Mapped mapped{};  // the segment that was used last
-    int segment_fd = -1;
+    std::mutex lock;     // one question at a time for each handle
+    Mapped mapped{};     // the segment that was used last
     int daemon_fd = -1;  // its daemon's lock file
     pid_t process = 0;   // that opened them: a child would share the locks of its parent
 };
@@ -624,28 +633,26 @@ enum class Found { kNothing, kNotReady, kDaemon };
 Found map_current(vestra_api_client *client) {
     client->drop();
     client->process = getpid();
-    client->segment_fd = open_file(segment_path(), O_RDWR);
-    if (client->segment_fd < 0) {
-        PLATFORM_LOGW("cannot open segment %s (%d:%m)", segment_name(), errno);
+    const int fd = open_file(segment_path(), O_RDWR);
+    if (fd < 0) {
+        if (errno != ENOENT) PLATFORM_LOGW("cannot open segment %s (%d:%m)", segment_name(), errno);
         return Found::kNothing;
     }
     struct stat info = {};
-    const bool trusted = fstat(client->segment_fd, &info) == 0 && is_trusted(info);
+    const bool trusted = fstat(fd, &info) == 0 && is_trusted(info);
     client->mapped.owner = info.st_uid;
     const bool lives = trusted && daemon_lives(client);
-    if (trusted && info.st_size == static_cast<off_t>(sizeof(Segment))) {
-        return map_segment(client->segment_fd, info, &client->mapped) && lives ? Found::kDaemon : Found::kNothing;
-    }
-    if (lives) return Found::kNotReady;
-    PLATFORM_LOGW("segment %s is refused: wrong size or another user's", segment_name());
+    const bool whole = info.st_size == static_cast<off_t>(sizeof(Segment));
+    if (lives && whole && map_segment(fd, info, &client->mapped)) return Found::kDaemon;
+    close(fd);
+    if (lives && !whole) return Found::kNotReady;
+    if (!trusted || !whole) PLATFORM_LOGW("segment %s is refused: wrong size or another user's", segment_name());
     return Found::kNothing;
 }
 
 // Maps the current segment into the handle and reports its state.
 Found connect(vestra_api_client *client) {
-    struct stat info;
-    if (!stat_file(segment_path(), &info)) return Found::kNothing;
-    if (!client->mapped.is_file(info) || client->process != getpid()) {
+    if (!client->mapped.seems_current() || client->process != getpid()) {
         const Found found = map_current(client);
         if (found != Found::kDaemon) return found;
     } else if (!daemon_lives(client)) {
@@ -667,6 +674,7 @@ bool connect_until(vestra_api_client *client, Clock::time_point deadline) {
             wake(&segment->stage);
         }
         std::this_thread::sleep_until(std::min(deadline, now + Clock::duration(kLookForDaemon)));
+        if (!is_served(client)) client->drop();
     }
 }
 
@@ -686,10 +694,10 @@ class Turn {
   public:
     Turn(vestra_api_client *client, Clock::time_point deadline) : client_(client) {
         uint32_t *waiting = &client->mapped.segment->waiting;
-        taken_ = set_lock(client->segment_fd, F_WRLCK);
+        taken_ = set_lock(client->mapped.fd, F_WRLCK);
         for (auto look = Clock::now() + Clock::duration(kLookForDaemon); !taken_;) {
             __atomic_store_n(waiting, 1U, __ATOMIC_SEQ_CST);
-            taken_ = set_lock(client->segment_fd, F_WRLCK);
+            taken_ = set_lock(client->mapped.fd, F_WRLCK);
             const auto now = Clock::now();
             if (taken_ || now >= deadline) break;
             if (now >= look && !is_served(client)) break;
@@ -702,7 +710,7 @@ class Turn {
     ~Turn() {
         if (!taken_) return;
         uint32_t *waiting = &client_->mapped.segment->waiting;
-        set_lock(client_->segment_fd, F_UNLCK);
+        set_lock(client_->mapped.fd, F_UNLCK);
         // One that still sleeps sets the word again when it is woken; nobody sleeps longer than kLookForTurn.
         if (__atomic_exchange_n(waiting, 0U, __ATOMIC_SEQ_CST) != 0) wake(waiting, 1);
     }
@@ -788,6 +796,7 @@ int ask(vestra_api_client *client, vestra_api_data *requests, int count, int tim
         if (!connect_until(client, deadline)) return VESTRA_API_NO_DAEMON;
         const int result = ask_once(client, requests, count, deadline);
         if (result != kNotServed) return result;
+        client->drop();
     } while (Clock::now() < deadline);
     return VESTRA_API_NO_DAEMON;
 }
