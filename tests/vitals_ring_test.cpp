@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <numeric>
+#include <random>
 
 #include "decoder_support.h"
 
@@ -115,6 +116,57 @@ TEST_F(Window, MayHoldNothingAndReachTheEdgesOfTime) {
     collectedData[120].timestamp = INT64_MAX;
     EXPECT_EQ(calculateMax(0, 5, INT64_MAX), 30) << "beyond the largest time";
     EXPECT_EQ(calculateMax(17, 5, INT64_MAX) + calculateMax(-1, 5, INT64_MAX), -2) << "no such vitals";
+}
+
+static std::string bytes(const vestra_api_data &request) {
+    return {reinterpret_cast<const char *>(&request), sizeof(request)};
+}
+
+// Values that the statistics treat specially, in any order. Compared bit for bit, roundings included.
+TEST_F(Window, AnswerHasEachVitalOverItsOwnWindow) {
+    static constexpr double kValues[] = {-1, -1, -5, -0.0, 0, 0, 0.1, 3, 1e-310, 1e200, HUGE_VAL, NAN};
+    std::minstd_rand random;
+    for (int round = 0; round < 300; ++round) {
+        const size_t choice = 1 + random() % std::size(kValues);  // few values: long runs of the same
+        for (int second = 100; second < 280; ++second) {
+            put(second * kSecond);
+            double vitals[17];
+            for (double &value : vitals) value = kValues[random() % choice];
+            memcpy(reinterpret_cast<char *>(&collectedData[second % 180]) + 208, vitals, sizeof(vitals));
+        }
+        vestra_api_data together[17], alone[17];
+        for (vestra_api_data &request : together) {
+            const int windows[] = {0, 2, static_cast<int>(random() % 200), 179, -1};
+            request = {static_cast<int>(random() % 19) - 1, windows[random() % 5], -7, -7, -7, -7, -7, 0};
+        }
+        memcpy(alone, together, sizeof(alone));
+        begin_transcript();
+        for (vestra_api_data &request : alone) process_request(&request, 1);
+        const std::string log = log_text();
+        begin_transcript();
+        answer_requests(together);
+        ASSERT_EQ(log_text(), log);
+        for (int i = 0; i < 17; ++i) ASSERT_EQ(bytes(together[i]), bytes(alone[i]));
+        for (const vestra_api_data &request : together) {
+            if (request.window == 0 || request.packet_type < 0 || request.packet_type > 16) continue;
+            std::vector<double> values;  // newest first
+            for (int i = 0; i < std::min(180, request.window + 1); ++i) {
+                values.push_back(vital(collectedData[(279 - i) % 180], static_cast<unsigned>(request.packet_type)));
+            }
+            double greatest = -1, least = -1, sum = 0, count = 0, squares = 0;
+            for (const double value : values) {
+                if (greatest == -1 || greatest < value) greatest = value;
+                if (least == -1 || (value > 0 && value < least)) least = value;
+                if (value > 0) sum += value, ++count;
+            }
+            const double average = static_cast<float>(sum / count);
+            for (const double value : values) squares += value > 0 ? (value - average) * (value - average) : 0;
+            const float variance = static_cast<float>(squares / count);
+            const vestra_api_data plain = {
+                request.packet_type, request.window, greatest, least, average, variance, -7, 0};
+            ASSERT_EQ(bytes(request), bytes(plain)) << "vital " << request.packet_type;
+        }
+    }
 }
 
 TEST_F(Window, RequestsAreIndexedByTypeUnlessThereIsOne) {

@@ -667,64 +667,122 @@ static bool is_vital(int type) {
     return static_cast<unsigned>(type) < kVitalCount;
 }
 
-// Calls visit(value) for each slot in the window, newest first: from the slot of `end` back to valid_index, or once
-// around the ring while valid_index is unknown.
-template <class Visit>
-static void walk_window(int type, int window, int64_t end, Visit visit) {
-    if (!is_vital(type)) return;
+// The slots in a window, newest first.
+struct Window {
+    const _SYSDATA_ *slots[kSlotCount];
+    int count;
+};
+
+// Walks from the slot of `end` back to valid_index, or once around the ring while valid_index is unknown.
+static void find_window(int window, int64_t end, Window *found) {
     const int oldest = valid_index;
     int slot = slot_of(end);
+    found->count = 0;
     for (int visited = 0; visited < kSlotCount; ++visited, slot = slot_before(slot)) {
         const _SYSDATA_ &data = collectedData[slot];
         int64_t until = 0;  // the last `end` whose window reaches this slot
         if (__builtin_add_overflow(data.timestamp, window * kNsPerSecond, &until)) {
             until = window < 0 ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
         }
-        if (until >= end) visit(vital(data, static_cast<unsigned>(type)));
+        if (until >= end) found->slots[found->count++] = &data;
         if (slot == oldest) break;
     }
 }
 
-double calculateMax(int type, int window, long long end) {
-    double maximum = -1.0;
-    walk_window(type, window, end, [&](double value) {
-        if (maximum == -1.0 || maximum < value) maximum = value;
-    });
-    return maximum;
-}
+// The statistics of several vitals are computed side by side, each vital in its own lane of a vector. Only the figures of
+// one vital are added up, and in the order of the slots: the results are those of each vital alone, bit for bit.
+static constexpr int kLanes = 2;
+using Lanes = double __attribute__((vector_size(kLanes * sizeof(double))));
+static constexpr int kVectors = 2;  // processors work on several at a time
+static constexpr int kTogether = kLanes * kVectors;
 
-double calculateMin(int type, int window, long long end) {
-    double minimum = -1.0;
+static constexpr Lanes kZero = {0.0, 0.0}, kOne = {1.0, 1.0}, kNone = {-1.0, -1.0};
+
+struct Figures {
+    Lanes maximum = kNone, minimum = kNone;
+    Lanes sum = kZero, count = kZero;  // of the values above 0
+    Lanes average = kZero;             // rounded to float
+    Lanes squares = kZero;             // sum of (value - average) squared
+};
+
+// `condition ? a : b` chooses for each lane. A value that does not count is added as 0, which does not change a sum.
+static void add_value(Figures *figures, const Lanes &value) {
+    const auto counts = value > kZero;
+    const auto greater = (figures->maximum == kNone) | (figures->maximum < value);
     // Kept as it stands: the first value always counts, later ones only above 0. Zeros are seconds without data, and to
     // clients a minimum of 0 means that the newest second is empty.
-    walk_window(type, window, end, [&](double value) {
-        if (minimum == -1.0 || (value > 0.0 && value < minimum)) minimum = value;
-    });
-    return minimum;
+    const auto less = (figures->minimum == kNone) | (counts & (value < figures->minimum));
+    figures->maximum = greater ? value : figures->maximum;
+    figures->minimum = less ? value : figures->minimum;
+    figures->sum += counts ? value : kZero;
+    figures->count += counts ? kOne : kZero;
+}
+
+static void add_square(Figures *figures, const Lanes &value) {
+    const Lanes apart = value - figures->average;
+    figures->squares += value > kZero ? apart * apart : kZero;
 }
 
 // A result that is too large for a float becomes infinite.
 static_assert(std::numeric_limits<float>::is_iec559);
 
+// volatile, because g++ 12 otherwise leaves out the rounding of two numbers that it converts together in a vector.
+static double rounded_to_float(double value) {
+    const volatile float rounded = static_cast<float>(value);
+    return rounded;
+}
+
+// Writes the statistics of the vitals types[0] to types[count - 1], of which there are 1 to kTogether.
+static void compute_together(const Window &window, const int *types, int count, _VestraData_ *results) {
+    // A copy: all statistics of a vital come from the same values, even if the reader stores new ones meanwhile.
+    Lanes values[kSlotCount][kVectors];
+    for (int i = 0; i < window.count; ++i) {
+        for (int k = 0; k < kTogether; ++k) {
+            const int type = types[k < count ? k : 0];  // lanes without a vital repeat the first
+            values[i][k / kLanes][k % kLanes] = vital(*window.slots[i], static_cast<unsigned>(type));
+        }
+    }
+    Figures figures[kVectors];
+    for (int i = 0; i < window.count; ++i) {
+        for (int v = 0; v < kVectors; ++v) add_value(&figures[v], values[i][v]);
+    }
+    for (Figures &f : figures) {
+        for (int k = 0; k < kLanes; ++k) f.average[k] = rounded_to_float(f.sum[k] / f.count[k]);
+    }
+    for (int i = 0; i < window.count; ++i) {
+        for (int v = 0; v < kVectors; ++v) add_square(&figures[v], values[i][v]);
+    }
+    for (int i = 0; i < count; ++i) {
+        const Figures &f = figures[i / kLanes];
+        const int k = i % kLanes;
+        results[i] = {f.maximum[k], f.minimum[k], f.average[k], rounded_to_float(f.squares[k] / f.count[k])};
+    }
+}
+
+// The statistics of one vital; those of an empty window if there is no such vital.
+static _VestraData_ window_statistics(int type, int window, int64_t end) {
+    Window found;
+    found.count = 0;
+    if (is_vital(type)) find_window(window, end, &found);
+    _VestraData_ result;
+    compute_together(found, &type, 1, &result);
+    return result;
+}
+
+double calculateMax(int type, int window, long long end) {
+    return window_statistics(type, window, end).maximum;
+}
+
+double calculateMin(int type, int window, long long end) {
+    return window_statistics(type, window, end).minimum;
+}
+
 float calculateAvg(int type, int window, long long end) {
-    double sum = 0, count = 0;
-    walk_window(type, window, end, [&](double value) {
-        if (!(value > 0.0)) return;
-        sum += value;
-        ++count;
-    });
-    return static_cast<float>(sum / count);
+    return static_cast<float>(window_statistics(type, window, end).average);
 }
 
 float calculateVariance(int type, int window, long long end) {
-    const double average = calculateAvg(type, window, end);
-    double sum = 0, count = 0;
-    walk_window(type, window, end, [&](double value) {
-        if (!(value > 0.0)) return;
-        sum += (value - average) * (value - average);
-        ++count;
-    });
-    return static_cast<float>(sum / count);
+    return static_cast<float>(window_statistics(type, window, end).variance);
 }
 
 void getTypeResult(_VestraData_ *out, int type, int window, long long end, int slot) {
@@ -733,8 +791,7 @@ void getTypeResult(_VestraData_ *out, int type, int window, long long end, int s
         return;
     }
     if (window != 0) {
-        *out = {calculateMax(type, window, end), calculateMin(type, window, end), calculateAvg(type, window, end),
-                calculateVariance(type, window, end)};
+        *out = window_statistics(type, window, end);
         return;
     }
     if (!is_slot(slot)) return;
@@ -742,13 +799,23 @@ void getTypeResult(_VestraData_ *out, int type, int window, long long end, int s
     *out = {value, value, value, 0.0};
 }
 
-void getResult(vestra_api_data *req, long long end, int slot) {
-    _VestraData_ result = {req->maximum, req->minimum, req->average, req->variance};
-    getTypeResult(&result, req->packet_type, req->window, end, slot);
+static void set_figures(vestra_api_data *req, const _VestraData_ &result) {
     req->maximum = result.maximum;
     req->minimum = result.minimum;
     req->average = result.average;
     req->variance = result.variance;
+}
+
+void getResult(vestra_api_data *req, long long end, int slot) {
+    _VestraData_ result = {req->maximum, req->minimum, req->average, req->variance};
+    getTypeResult(&result, req->packet_type, req->window, end, slot);
+    set_figures(req, result);
+}
+
+static void log_answer(const vestra_api_data &request) {
+    LOGS_AS("process_request");
+    LOGD("[vestra] [%s] %d %lf %lf, %lf, %lf\n", log_operation, request.packet_type, request.maximum, request.minimum,
+         request.average, request.variance);
 }
 
 void process_request(vestra_api_data *reqs, int count) {
@@ -758,8 +825,7 @@ void process_request(vestra_api_data *reqs, int count) {
     if (count <= 1) {
         if (reqs[0].packet_type == kVestraUnused) return;
         getResult(&reqs[0], end, slot);
-        LOGD("[vestra] [%s] %d %lf %lf, %lf, %lf\n", __func__, reqs[0].packet_type, reqs[0].maximum, reqs[0].minimum,
-             reqs[0].average, reqs[0].variance);
+        log_answer(reqs[0]);
         return;
     }
     for (int i = 0; i < count; ++i) {
@@ -774,6 +840,47 @@ void process_request(vestra_api_data *reqs, int count) {
         getResult(&request, end, slot);
         LOGD("[vestra] [%s] %d %d %lf %lf, %lf, %lf\n", __func__, type, i, request.maximum, request.minimum,
              request.average, request.variance);
+    }
+}
+
+// A vital over a window, not its current value.
+static bool needs_window(const vestra_api_data &request) {
+    return is_vital(request.packet_type) && request.window != 0;
+}
+
+// Answers request `first` and the later ones with the same window.
+static void answer_window(vestra_api_data (&reqs)[kVestraVitals], int first, int64_t end,
+                          bool (&answered)[kVestraVitals]) {
+    Window window;
+    find_window(reqs[first].window, end, &window);
+    int types[kVestraVitals], places[kVestraVitals];
+    int count = 0;
+    for (int i = first; i < kVestraVitals; ++i) {
+        if (!needs_window(reqs[i]) || reqs[i].window != reqs[first].window) continue;
+        types[count] = reqs[i].packet_type;
+        places[count++] = i;
+        answered[i] = true;
+    }
+    _VestraData_ results[kVestraVitals];
+    for (int i = 0; i < count; i += kTogether) {
+        compute_together(window, &types[i], std::min(count - i, kTogether), &results[i]);
+    }
+    for (int i = 0; i < count; ++i) set_figures(&reqs[places[i]], results[i]);
+}
+
+void answer_requests(vestra_api_data (&reqs)[kVestraVitals]) {
+    find_valid_index();
+    const int64_t end = maxTimeValue;
+    const int slot = last_index;
+    bool answered[kVestraVitals] = {};
+    for (int i = 0; i < kVestraVitals; ++i) {
+        if (needs_window(reqs[i]) && !answered[i]) answer_window(reqs, i, end, answered);
+    }
+    // What is logged stays in the order of the requests.
+    for (int i = 0; i < kVestraVitals; ++i) {
+        if (reqs[i].packet_type == kVestraUnused) continue;
+        if (!answered[i]) getResult(&reqs[i], end, slot);
+        log_answer(reqs[i]);
     }
 }
 

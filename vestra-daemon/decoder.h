@@ -273,6 +273,10 @@ void getResult(vestra_api_data *req, long long end, int slot);
 // indexed by packet type; refuses a type of `count` or more.
 void process_request(vestra_api_data *reqs, int count);
 
+// Answers each request as process_request answers a single one, with the same log lines, but looks for the start of the
+// run only once and walks the ring only once for each window.
+void answer_requests(vestra_api_data (&reqs)[kVestraVitals]);
+
 /* ------------------------------ Message decoders ------------------------------ */
 
 // Decode the message whose body begins at `offset` and store it. *ret gets status 0 and the length of the body. A

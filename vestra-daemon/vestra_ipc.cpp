@@ -61,8 +61,8 @@ static void answer(vestra_shm_record *shm) {
         if (type == kVestraUnused) continue;
         local[i].packet_type = type;
         local[i].window = load(&shm->request[i].window);
-        process_request(&local[i], 1);
     }
+    answer_requests(local);
     for (int i = 0; i < kVestraVitals && is_valid(shm); ++i) {
         if (local[i].packet_type == kVestraUnused) continue;
         log_request(local[i].packet_type, i, local[i]);
