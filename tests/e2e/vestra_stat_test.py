@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """vestra-stat as a user has it, with a daemon that has been given its last second."""
+import csv
 import json
 import math
 import re
@@ -8,7 +9,7 @@ import struct
 import subprocess
 from pathlib import Path
 
-from set_env import (NO_DAEMON, OK, ROOT, STAT, TIMEOUT, UNANSWERED, USAGE, Segment, SetTest, main, run, text_of)
+from set_env import (DUMP, NO_DAEMON, OK, ROOT, STAT, TIMEOUT, UNANSWERED, USAGE, Segment, SetTest, main, remote, run, text_of)
 
 FIGURES = ('maximum', 'minimum', 'average', 'variance')
 
@@ -107,5 +108,30 @@ class VestraStat(SetTest):
         self.assertEqual(completed('cpu-t'), ['cpu-total'])
 
 
+class VestraStatHistory(SetTest):
+    def test_history_is_what_was_recorded(self):
+        self.configure(max_file_size=10)
+        self.start()
+        self.fill_ring(20)
+        self.assertEqual(remote('robust', '/tmp/fault', '/usr/bin/procd', 5).returncode, 0)
+        self.becomes(lambda: list(Path('/tmp/fault').glob('*_5_procd_*')))
+        dump, = Path('/tmp/fault').glob('*_5_procd_*')
+        recorded = list(csv.DictReader(run(DUMP, 'csv', dump).stdout.splitlines()))
+        shown = list(csv.DictReader(stat('--history', '--csv').stdout.splitlines()))
+        self.assertGreater(len(shown), 150)
+        vitals = list(shown[0])[1:]
+        most = {name: max(float(line[name] or 0) for line in recorded) for name in vitals}
+        # The daemon computes the shares of the two oldest seconds otherwise than of those before which there is one.
+        for second, line in zip(reversed(shown[2:]), reversed(recorded)):
+            for name in vitals:
+                # Without a sample, the daemon keeps what was there before.
+                if line[name]:
+                    self.assertAlmostEqual(float(second[name]), float(line[name]), delta=4.4e-5 * most[name],
+                                           msg=(name, second['age']))
+        as_json = json.loads(stat('--history', '--json', '16', '2').stdout)['seconds']
+        self.assertEqual([(line['age'], line['memory-available'], line['cpu-total']) for line in as_json],
+                         [(int(line['age']), float(line['memory_available']), float(line['cpu_total'])) for line in shown])
+
+
 if __name__ == '__main__':
-    main({'VestraStat': '--node --source synthetic'})
+    main({'VestraStat': '--node --source synthetic', 'VestraStatHistory': '--node --source synthetic --step 10'})

@@ -35,6 +35,7 @@ constexpr const char *kFooter =
     "  vestra-stat --window 0 cpu-total     the current value of one\n"
     "  vestra-stat --watch 2 --window 10 cpu memory-used\n"
     "  vestra-stat --json cpu | jq '.vitals[\"cpu-total\"].average'\n"
+    "  vestra-stat --history --csv cpu      the last 180 s, a line for each second\n"
     "  vestra-set exec --name demo -- vestra-stat --watch     the daemon of a simulated set";
 
 struct Options {
@@ -43,7 +44,8 @@ struct Options {
     std::string watch;
     long count = 0;
     double timeout = 5;
-    bool json = false;
+    bool json = false, csv = false;
+    bool history = false;
     bool list = false;
 };
 
@@ -85,10 +87,11 @@ int run(int argc, char **argv) {
         "vestra-stat", VESTRA_VERSION);
     program.footer(kFooter);
     program.add("VITAL", options.words, "The vitals to show, in this order").type("");
-    program.add("-w,--window", options.window, "Seconds to look back, up to 180; 0: the current values")
-        .range(0, kVestraWindowMax)
-        .show_default()
-        .type("SECONDS");
+    const cli::Option window =
+        program.add("-w,--window", options.window, "Seconds to look back, up to 180; 0: the current values")
+            .range(0, kVestraWindowMax)
+            .show_default()
+            .type("SECONDS");
     const cli::Option watching =
         program.add("-W,--watch", options.watch, "Ask again every SECONDS (default: 1) until interrupted")
             .values(0, 1)
@@ -97,7 +100,11 @@ int run(int argc, char **argv) {
         .range(1, 1000000000)
         .needs(watching)
         .type("N");
-    program.add_flag("-j,--json", options.json, "One line of JSON for each answer");
+    const cli::Option history = program.add_flag("--history", options.history, "The last 180 s, second by second")
+                                    .excludes(window)
+                                    .excludes(watching);
+    const cli::Option json = program.add_flag("-j,--json", options.json, "One line of JSON for each answer");
+    program.add_flag("--csv", options.csv, "The history as CSV").needs(history).excludes(json);
     program.add("-t,--timeout", options.timeout, "Seconds to wait for an answer")
         .range(0.0, kLongestTimeout)
         .show_default()
@@ -120,7 +127,8 @@ int run(int argc, char **argv) {
     Question question;
     question.window = options.window;
     question.timeout_ms = static_cast<int>(std::lround(options.timeout * 1000));
-    question.json = options.json;
+    if (options.json) question.format = Format::kJson;
+    if (options.csv) question.format = Format::kCsv;
     if (!choose(options.words, &question.types)) return kExitUsage;
 
     const std::unique_ptr<vestra_api_client, void (*)(vestra_api_h)> client(vestra_api_open(), vestra_api_close);
@@ -128,6 +136,7 @@ int run(int argc, char **argv) {
         std::fputs("vestra-stat: out of memory\n", stderr);
         return kExitFailed;
     }
+    if (options.history) return show_history(client.get(), question);
     return watching.given() ? watch(client.get(), question, how) : ask_once(client.get(), question);
 }
 

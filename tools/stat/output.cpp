@@ -1,7 +1,10 @@
 #include "tools/stat/output.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -35,7 +38,73 @@ std::string figure(double value, int decimals) {
     return text;
 }
 
+// With the digits that distinguish it from other doubles.
+std::string exact(double value) {
+    if (std::isnan(value)) return "";
+    std::array<char, 32> text;
+    return {text.data(), std::to_chars(text.data(), text.data() + text.size(), value).ptr};
+}
+
+std::string history_as_json(const Past &past) {
+    nlohmann::ordered_json seconds = nlohmann::ordered_json::array();
+    for (auto second = past.seconds.rbegin(); second != past.seconds.rend(); ++second) {
+        nlohmann::ordered_json line = {{"age", second->age}};
+        for (const int type : past.types) {
+            line[kVitals[static_cast<size_t>(type)].name] = second->vitals[static_cast<size_t>(type)];
+        }
+        seconds.push_back(line);
+    }
+    const nlohmann::ordered_json all = {{"time", past.time}, {"seconds", seconds}};
+    return all.dump() + "\n";
+}
+
+std::string history_as_csv(const Past &past) {
+    std::string text = "age";
+    for (const int type : past.types) text += std::string(",") + kVitals[static_cast<size_t>(type)].column;
+    text += '\n';
+    for (auto second = past.seconds.rbegin(); second != past.seconds.rend(); ++second) {
+        text += std::to_string(second->age);
+        for (const int type : past.types) text += "," + exact(second->vitals[static_cast<size_t>(type)]);
+        text += '\n';
+    }
+    return text;
+}
+
+std::string history_as_table(const Past &past) {
+    char field[kColumn + 128];
+    std::string text = "age";
+    for (const int type : past.types) {
+        std::snprintf(field, sizeof field, " %*s", kColumn, kVitals[static_cast<size_t>(type)].name);
+        text += field;
+    }
+    text += '\n';
+    for (auto second = past.seconds.rbegin(); second != past.seconds.rend(); ++second) {
+        std::snprintf(field, sizeof field, "%3d", second->age);
+        text += field;
+        for (const int type : past.types) {
+            const Vital &vital = kVitals[static_cast<size_t>(type)];
+            const int width = std::max(kColumn, static_cast<int>(std::strlen(vital.name)));
+            std::snprintf(field, sizeof field, " %*s", width,
+                          figure(second->vitals[static_cast<size_t>(type)], vital.decimals).c_str());
+            text += field;
+        }
+        text += '\n';
+    }
+    return text;
+}
+
 }  // namespace
+
+std::string as_text(const Past &past, Format format) {
+    switch (format) {
+        case Format::kJson:
+            return history_as_json(past);
+        case Format::kCsv:
+            return history_as_csv(past);
+        default:
+            return history_as_table(past);
+    }
+}
 
 std::string as_table(const Answer &answer) {
     char line[160];

@@ -5,8 +5,11 @@
 #include <vector>
 
 #include "platform/vestra_api.h"
+#include "tools/stat/history.h"
 
 namespace vestra_stat {
+
+enum class Format { kTable, kJson, kCsv };
 
 // One answer of the daemon: the requested vitals, all with the same window.
 struct Answer {
@@ -20,6 +23,16 @@ std::string as_table(const Answer &answer);
 
 // One line; null stands for an unknown figure.
 std::string as_json(const Answer &answer);
+
+// What is known of the last 180 s, oldest second first.
+struct Past {
+    double time = 0;              // of the answer, seconds since 1970
+    std::vector<int> types;       // the vitals to show
+    std::vector<Second> seconds;  // newest first
+};
+
+// A heading and a line for each second, as text or CSV, or one line of JSON. Unknown figures: "-", nothing, null.
+std::string as_text(const Past &past, Format format);
 
 // The seventeen vitals with their numbers, units and meanings.
 std::string list_of_vitals();

@@ -2,12 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -19,26 +21,89 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Asks the daemon. Sets *answer, or *problem to a text for the user. Returns a VESTRA_API_ result.
-int ask(vestra_api_h client, const Question &question, Answer *answer, std::string *problem) {
+constexpr int kMovedAsTheyWereAsked = -100;  // a result that the library does not have
+constexpr int kHistoryTries = 20;
+
+std::string problem_text(int result, const Question &question) {
+    if (result == VESTRA_API_REFUSED) return "the daemon left a vital unanswered";
+    if (result == kMovedAsTheyWereAsked) return "the seconds pass faster than the daemon answers";
+    std::string text = vestra_api_result_text(result);
+    if (result == VESTRA_API_TIMEOUT) text += ", " + std::to_string(question.timeout_ms) + " ms";
+    return text;
+}
+
+vestra_api_data request_for(int type, int window) {
+    vestra_api_data request = {};
+    request.packet_type = type;
+    request.window = window;
+    return request;
+}
+
+double now() {
+    const auto since_1970 = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(since_1970).count()) / 1000;
+}
+
+int ask(vestra_api_h client, std::vector<vestra_api_data> *requests, const Question &question) {
+    return vestra_api_ask(client, requests->data(), static_cast<int>(requests->size()), question.timeout_ms);
+}
+
+// Asks the daemon. Sets *answer. Returns a VESTRA_API_ result.
+int ask(vestra_api_h client, const Question &question, Answer *answer) {
     answer->window = question.window;
     answer->vitals.clear();
-    for (const int type : question.types) {
-        vestra_api_data request = {};
-        request.packet_type = type;
-        request.window = question.window;
-        answer->vitals.push_back(request);
-    }
-    const int result =
-        vestra_api_ask(client, answer->vitals.data(), static_cast<int>(answer->vitals.size()), question.timeout_ms);
-    answer->time = static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                           std::chrono::system_clock::now().time_since_epoch())
-                                           .count()) /
-                   1000;
-    *problem = vestra_api_result_text(result);
-    if (result == VESTRA_API_TIMEOUT) *problem += ", " + std::to_string(question.timeout_ms) + " ms";
-    if (result == VESTRA_API_REFUSED) *problem = "the daemon left a vital unanswered";
+    for (const int type : question.types) answer->vitals.push_back(request_for(type, question.window));
+    const int result = ask(client, &answer->vitals, question);
+    answer->time = now();
     return result;
+}
+
+// What the daemon computes only when a second ends, so it is the same as long as the newest second is.
+int ask_for_mark(vestra_api_h client, const Question &question, std::vector<vestra_api_data> *mark) {
+    mark->clear();
+    for (const int type : {2, 3, 4, 9, 10}) {
+        for (const int window : {0, 1, kVestraWindowMax}) mark->push_back(request_for(type, window));
+    }
+    return ask(client, mark, question);
+}
+
+// Each question is for seventeen windows of a vital, the last of which is the first of the next question. So both
+// windows of a pair are always from one question.
+int ask_for_pairs(vestra_api_h client, const Question &question, WindowPairs *pairs) {
+    for (int type = 0; type < kVestraVitals; ++type) {
+        for (int first = 0; first < kVestraWindowMax; first += kVestraVitals - 1) {
+            std::vector<vestra_api_data> windows;
+            for (int window = first; window <= std::min(first + kVestraVitals - 1, kVestraWindowMax); ++window) {
+                windows.push_back(request_for(type, window));
+            }
+            if (const int result = ask(client, &windows, question); result != VESTRA_API_OK) return result;
+            for (size_t i = 1; i < windows.size(); ++i) {
+                (*pairs)[static_cast<size_t>(type)][static_cast<size_t>(first) + i - 1] = {windows[i - 1], windows[i]};
+            }
+        }
+    }
+    return VESTRA_API_OK;
+}
+
+// Asks for all windows, again if the newest second changed meanwhile.
+int ask_for_history(vestra_api_h client, const Question &question, Past *past) {
+    const auto pairs = std::make_unique<WindowPairs>();
+    const auto same = [](const std::vector<vestra_api_data> &a, const std::vector<vestra_api_data> &b) {
+        return std::memcmp(a.data(), b.data(), a.size() * sizeof a[0]) == 0;
+    };
+    std::vector<vestra_api_data> before, after;
+    int result = ask_for_mark(client, question, &before);
+    for (int tries = 0; tries < kHistoryTries && result == VESTRA_API_OK; ++tries) {
+        result = ask_for_pairs(client, question, pairs.get());
+        if (result == VESTRA_API_OK) result = ask_for_mark(client, question, &after);
+        if (result != VESTRA_API_OK) break;
+        if (same(before, after)) {
+            *past = {now(), question.types, recover(*pairs)};
+            return VESTRA_API_OK;
+        }
+        before.swap(after);
+    }
+    return result == VESTRA_API_OK ? kMovedAsTheyWereAsked : result;
 }
 
 int exit_code(int result) {
@@ -48,6 +113,7 @@ int exit_code(int result) {
         case VESTRA_API_NO_DAEMON:
             return kExitNoDaemon;
         case VESTRA_API_TIMEOUT:
+        case kMovedAsTheyWereAsked:
             return kExitTimeout;
         case VESTRA_API_REFUSED:
             return kExitRefused;
@@ -66,7 +132,7 @@ int print_failed() {
 }
 
 std::string as_text(const Question &question, const Answer &answer) {
-    return question.json ? as_json(answer) : as_table(answer);
+    return question.format == Format::kJson ? as_json(answer) : as_table(answer);
 }
 
 // Overwrites what the terminal showed before, without flicker.
@@ -86,22 +152,36 @@ extern "C" void leave(int) {
 
 }  // namespace
 
-int ask_once(vestra_api_h client, const Question &question) {
-    Answer answer;
-    std::string problem;
-    const int result = ask(client, question, &answer, &problem);
-    if (result == VESTRA_API_OK) return print(as_text(question, answer)) ? kExitOk : print_failed();
-    say(problem);
+namespace {
+
+int report(int result, const Question &question) {
+    say(problem_text(result, question));
     if (result == VESTRA_API_NO_DAEMON && std::getenv("VESTRA_SET_INSIDE") == nullptr) {
         std::fputs("  To ask the daemon of a simulated set: vestra-set exec --name NAME -- vestra-stat ...\n", stderr);
     }
     return exit_code(result);
 }
 
+}  // namespace
+
+int ask_once(vestra_api_h client, const Question &question) {
+    Answer answer;
+    const int result = ask(client, question, &answer);
+    if (result != VESTRA_API_OK) return report(result, question);
+    return print(as_text(question, answer)) ? kExitOk : print_failed();
+}
+
+int show_history(vestra_api_h client, const Question &question) {
+    Past past;
+    const int result = ask_for_history(client, question, &past);
+    if (result != VESTRA_API_OK) return report(result, question);
+    return print(as_text(past, question.format)) ? kExitOk : print_failed();
+}
+
 int watch(vestra_api_h client, const Question &question, const Watch &how) {
     const char *term = std::getenv("TERM");
-    const bool redraw =
-        !question.json && isatty(STDOUT_FILENO) == 1 && term != nullptr && std::string_view(term) != "dumb";
+    const bool redraw = question.format != Format::kJson && isatty(STDOUT_FILENO) == 1 && term != nullptr &&
+                        std::string_view(term) != "dumb";
     on_terminal = isatty(STDOUT_FILENO);
     for (const int number : {SIGINT, SIGTERM}) std::signal(number, leave);
     if (redraw && !print("\x1b[2J")) return print_failed();
@@ -111,19 +191,19 @@ int watch(vestra_api_h client, const Question &question, const Watch &how) {
     int before = VESTRA_API_OK;
     for (long asked = 1;; ++asked) {
         Answer answer;
-        std::string problem;
-        const int result = ask(client, question, &answer, &problem);
+        const int result = ask(client, question, &answer);
         const bool changed = result != before;
         before = result;
         if (result == VESTRA_API_OK) {
             if (changed && !redraw) say("the daemon answers again");
             const std::string text = as_text(question, answer);
-            const std::string gap = asked > 1 && !question.json ? "\n" : "";
+            const std::string gap = asked > 1 && question.format != Format::kJson ? "\n" : "";
             if (!print(redraw ? overwriting(text) : gap + text)) return print_failed();
         } else if (redraw) {
-            if (!print(overwriting("vestra-stat: " + problem + "; still asking\n"))) return print_failed();
+            if (!print(overwriting("vestra-stat: " + problem_text(result, question) + "; still asking\n")))
+                return print_failed();
         } else if (changed) {
-            say(problem + "; still asking");
+            say(problem_text(result, question) + "; still asking");
         }
         // The library has logged the reason by now and need not repeat it with every question.
         if (result != VESTRA_API_OK) dlog_set_threshold(DLOG_ERROR);

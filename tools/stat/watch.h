@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/vestra_api.h"
+#include "tools/stat/output.h"
 
 namespace vestra_stat {
 
@@ -21,7 +22,7 @@ struct Question {
     std::vector<int> types;  // 1 to 17 packet types, in the order in which they are shown
     int window = 0;          // seconds
     int timeout_ms = 0;
-    bool json = false;
+    Format format = Format::kTable;
 };
 
 struct Watch {
@@ -31,6 +32,9 @@ struct Watch {
 
 // Asks once and prints the answer, or a message on standard error. Returns an exit code.
 int ask_once(vestra_api_h client, const Question &question);
+
+// Prints the last 180 s, second by second. Returns an exit code. The question's window is not used.
+int show_history(vestra_api_h client, const Question &question);
 
 // Asks again and again, and reports once when answers stop and once when they come back. On a terminal a new table
 // overwrites the old one. An interrupt or SIGTERM ends the program at any time, with exit code 0; other clients do not
