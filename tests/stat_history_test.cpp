@@ -1,6 +1,7 @@
 // Seconds recovered from the daemon's own answers, from rings with gaps, zeros and constant figures.
 
 #include "tools/stat/history.h"
+#include "tools/stat/sparkline.h"
 
 #include <cmath>
 #include <map>
@@ -126,6 +127,16 @@ TEST_F(StatHistory, FigureThatIsRepeatedMayBeZero) {
         }
         EXPECT_EQ(text, row.recovered) << row.name;
     }
+}
+
+TEST_F(StatHistory, SparklineShowsAveragesOnItsOwnScale) {
+    std::vector<Second> seconds;
+    for (const auto &[age, value] :
+         std::map<int, double>{{0, 30}, {18, 10}, {19, 70}, {90, NAN}, {120, 50}, {180, 20}}) {
+        seconds.emplace_back().age = age;
+        seconds.back().vitals[3] = value;
+    }
+    EXPECT_EQ(vestra_stat::sparkline(seconds, 3, 10, false), "_  =    #_");
 }
 
 TEST_F(StatHistory, EmptyRingHasNoSeconds) {

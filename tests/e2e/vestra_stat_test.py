@@ -95,8 +95,16 @@ class VestraStat(SetTest):
 
     def test_watch_on_a_terminal_stays_in_its_place(self):
         self.start_with_a_ring()
-        shown = run('script', '-qec', f'{STAT} --watch 0.1 --count 3', '/dev/null', env={'TERM': 'xterm'}).stdout
-        self.assertEqual([shown.count(text) for text in ('\x1b[2J', '\x1b[H', 'memory-available')], [1, 3, 3])
+        for locale, levels in ('C.UTF-8', '▁▂▃▄▅▆▇█'), ('C', '_.-~=+*#'):
+            for columns, titles in (70, 'average    variance\n'), (80, 'average  last 180 s'), (120, 'variance  last 180 s'):
+                with self.subTest(locale=locale, columns=columns):
+                    shown = run('script', '-qec', f'stty cols {columns}; {STAT} --watch 0.1 --count 3', '/dev/null',
+                                env={'TERM': 'xterm', 'LC_ALL': locale}).stdout
+                    self.assertEqual([shown.count(text) for text in ('\x1b[2J', '\x1b[H', 'memory-available')], [1, 3, 3])
+                    lines = re.sub(r'\x1b\[.', '', shown.replace('\x1b[2J', '')).splitlines(keepends=True)
+                    self.assertIn(titles, lines[0])
+                    self.assertLessEqual(max(map(len, lines)) - 1, max(columns, 77))
+                    self.assertEqual(lines[3].rstrip()[-1] in levels, columns > 70, lines[3])
 
     def test_completion_knows_every_option_and_vital(self):
         completed = lambda word: sorted(run(

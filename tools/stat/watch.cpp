@@ -1,10 +1,13 @@
 #include "tools/stat/watch.h"
 
+#include <langinfo.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -142,6 +145,32 @@ std::string overwriting(const std::string &text) {
     return screen + "\x1b[J";
 }
 
+int terminal_columns() {
+    winsize size = {};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+// What sparklines show, brought up to date once a second.
+class RecentPast {
+  public:
+    RecentPast() : known_{{}, 80, std::string_view(nl_langinfo(CODESET)) == "UTF-8"} {}
+
+    const Sparklines *get(vestra_api_h client, const Question &question) {
+        const auto asked = Clock::now();
+        if (known_.seconds.empty() || asked - asked_ >= std::chrono::seconds(1)) {
+            Past past;
+            if (ask_for_history(client, question, &past) == VESTRA_API_OK) known_.seconds = past.seconds;
+            asked_ = asked;
+        }
+        known_.columns = terminal_columns();
+        return &known_;
+    }
+
+  private:
+    Sparklines known_;
+    Clock::time_point asked_;
+};
+
 volatile sig_atomic_t on_terminal;
 
 extern "C" void leave(int) {
@@ -184,6 +213,8 @@ int watch(vestra_api_h client, const Question &question, const Watch &how) {
                         std::string_view(term) != "dumb";
     on_terminal = isatty(STDOUT_FILENO);
     for (const int number : {SIGINT, SIGTERM}) std::signal(number, leave);
+    if (redraw) std::setlocale(LC_CTYPE, "");
+    RecentPast past;
     if (redraw && !print("\x1b[2J")) return print_failed();
 
     const auto interval = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(how.seconds));
@@ -196,7 +227,7 @@ int watch(vestra_api_h client, const Question &question, const Watch &how) {
         before = result;
         if (result == VESTRA_API_OK) {
             if (changed && !redraw) say("the daemon answers again");
-            const std::string text = as_text(question, answer);
+            const std::string text = redraw ? as_table(answer, past.get(client, question)) : as_text(question, answer);
             const std::string gap = asked > 1 && question.format != Format::kJson ? "\n" : "";
             if (!print(redraw ? overwriting(text) : gap + text)) return print_failed();
         } else if (redraw) {
