@@ -3,13 +3,16 @@
 import csv
 import json
 import math
+import os
 import re
+import shutil
 import signal
 import struct
 import subprocess
 from pathlib import Path
 
-from set_env import (DUMP, NO_DAEMON, OK, ROOT, STAT, TIMEOUT, UNANSWERED, USAGE, Segment, SetTest, main, remote, run, text_of)
+from set_env import (DUMP, NO_DAEMON, OK, ROOT, STAT, STATE, TIMEOUT, UNANSWERED, USAGE, Segment, SetTest, main, remote,
+                     run, text_of)
 
 FIGURES = ('maximum', 'minimum', 'average', 'variance')
 
@@ -105,6 +108,35 @@ class VestraStat(SetTest):
                     self.assertIn(titles, lines[0])
                     self.assertLessEqual(max(map(len, lines)) - 1, max(columns, 77))
                     self.assertEqual(lines[3].rstrip()[-1] in levels, columns > 70, lines[3])
+
+    def check_metrics(self, text):
+        promtool = shutil.which('promtool') or ROOT / 'build/promtool'
+        if not os.access(promtool, os.X_OK):
+            self.skipTest('no promtool: "scripts/install-deps check" puts it into build/')
+        checked = run(promtool, 'check', 'metrics', input=text)
+        self.assertEqual((checked.returncode, checked.stdout, checked.stderr), (0, '', ''))
+
+    def test_metrics_are_current_values_in_base_units(self):
+        self.start_with_a_ring()
+        shown = stat('--openmetrics').stdout
+        metrics = dict(re.findall(r'(?m)^(vestra_\S+) (\S+)$', shown))
+        vitals = {name: vital['average'] for name, vital in json.loads(stat('--json', '--window', 0).stdout)['vitals'].items()}
+        for vital, metric, scale in (('context-switches', 'context_switches_per_second', 1), ('load', 'load', 1),
+                                     ('cpu-total', 'cpu_total_ratio', 0.01), ('memory-available', 'memory_available_bytes', 1024),
+                                     ('temperature-core2', 'temperature_core_celsius{core="2"}', 1)):
+            self.assertAlmostEqual(float(metrics[f'vestra_{metric}']), vitals[vital] * scale, msg=vital)
+        for family, count in ('temperature_core_celsius', 4), ('memory_free_bytes', 1):
+            lines = shown.split(f'# TYPE vestra_{family} gauge\n')[1].splitlines()
+            self.assertEqual(lines[0], f"# UNIT vestra_{family} {family.rsplit('_', 1)[1]}")
+            self.assertEqual([lines[1].split()[1], lines[1 + count].split()[0].split('{')[0]], ['HELP', f'vestra_{family}'])
+        self.assertTrue(shown.endswith('\n# EOF\n'))
+        self.check_metrics(shown)
+
+    def test_vitals_without_samples_are_no_metrics(self):
+        (STATE / 'module/inject').write_text('empty 1000000000\n')
+        self.start()
+        self.assertEqual(stat('--openmetrics').stdout, '# EOF\n')
+        self.assertEqual(stat('--history', '--csv', 'cpu-total').stdout, 'age,cpu_total\n')
 
     def test_completion_knows_every_option_and_vital(self):
         completed = lambda word: sorted(run(

@@ -36,6 +36,8 @@ constexpr const char *kFooter =
     "  vestra-stat --watch 2 --window 10 cpu memory-used\n"
     "  vestra-stat --json cpu | jq '.vitals[\"cpu-total\"].average'\n"
     "  vestra-stat --history --csv cpu      the last 180 s, a line for each second\n"
+    "  vestra-stat --openmetrics > vestra.prom.new && mv vestra.prom.new "
+    "/var/lib/prometheus/node-exporter/vestra.prom\n"
     "  vestra-set exec --name demo -- vestra-stat --watch     the daemon of a simulated set";
 
 struct Options {
@@ -46,6 +48,7 @@ struct Options {
     double timeout = 5;
     bool json = false, csv = false;
     bool history = false;
+    bool openmetrics = false;
     bool list = false;
 };
 
@@ -105,6 +108,12 @@ int run(int argc, char **argv) {
                                     .excludes(watching);
     const cli::Option json = program.add_flag("-j,--json", options.json, "One line of JSON for each answer");
     program.add_flag("--csv", options.csv, "The history as CSV").needs(history).excludes(json);
+    program
+        .add_flag("--openmetrics", options.openmetrics, "The current values for Prometheus, in the OpenMetrics format")
+        .excludes(window)
+        .excludes(watching)
+        .excludes(history)
+        .excludes(json);
     program.add("-t,--timeout", options.timeout, "Seconds to wait for an answer")
         .range(0.0, kLongestTimeout)
         .show_default()
@@ -129,6 +138,10 @@ int run(int argc, char **argv) {
     question.timeout_ms = static_cast<int>(std::lround(options.timeout * 1000));
     if (options.json) question.format = Format::kJson;
     if (options.csv) question.format = Format::kCsv;
+    if (options.openmetrics) {
+        question.format = Format::kOpenMetrics;
+        question.window = 0;
+    }
     if (!choose(options.words, &question.types)) return kExitUsage;
 
     const std::unique_ptr<vestra_api_client, void (*)(vestra_api_h)> client(vestra_api_open(), vestra_api_close);

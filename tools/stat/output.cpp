@@ -54,6 +54,34 @@ std::string exact(double value) {
     return {text.data(), std::to_chars(text.data(), text.data() + text.size(), value).ptr};
 }
 
+// The same quantity in a base unit.
+struct BaseUnit {
+    const char *short_unit;
+    const char *suffix;  // of the name
+    const char *unit;    // null: there is none
+    double factor, divisor;
+};
+constexpr BaseUnit kBaseUnits[] = {{"%", "_ratio", "ratio", 1, 100},
+                                   {"C", "_celsius", "celsius", 1, 1},
+                                   {"KiB", "_bytes", "bytes", 1024, 1},
+                                   {"1/s", "_per_second", nullptr, 1, 1},
+                                   {"", "", nullptr, 1, 1}};
+
+const BaseUnit &base_unit(const Vital &vital) {
+    return *std::find_if(std::begin(kBaseUnits), std::end(kBaseUnits) - 1,
+                         [&](const BaseUnit &unit) { return std::string_view(unit.short_unit) == vital.short_unit; });
+}
+
+// Vitals that the daemon gets together. Types 2 to 10 are missing together, too, before there are two seconds.
+size_t source_of(size_t type) {
+    return type < 2 ? 0 : type < 11 ? 1 : 2;
+}
+
+// What vitals of several cores have in common: their texts without the number.
+std::string without_number(std::string_view text) {
+    return std::string(text.substr(0, text.find_last_not_of("0123456789 ") + 1));
+}
+
 std::string history_as_json(const Past &past) {
     nlohmann::ordered_json seconds = nlohmann::ordered_json::array();
     for (auto second = past.seconds.rbegin(); second != past.seconds.rend(); ++second) {
@@ -172,6 +200,32 @@ std::string as_json(const Answer &answer) {
     }
     const nlohmann::ordered_json line = {{"time", answer.time}, {"window", answer.window}, {"vitals", vitals}};
     return line.dump() + "\n";
+}
+
+std::string as_openmetrics(const Answer &answer) {
+    std::array<bool, 3> known = {};
+    for (const vestra_api_data &entry : answer.vitals) {
+        bool &source = known[source_of(static_cast<size_t>(entry.packet_type))];
+        source = source || entry.average != 0;
+    }
+    std::string text, family_before;
+    for (const vestra_api_data &entry : answer.vitals) {
+        const Vital &vital = vital_of(entry);
+        if (!known[source_of(static_cast<size_t>(entry.packet_type))] || !std::isfinite(entry.average)) continue;
+        const BaseUnit &unit = base_unit(vital);
+        const std::string column = vital.column, stem = without_number(column), core = column.substr(stem.size());
+        const std::string family = "vestra_" + stem + unit.suffix;
+        if (family != family_before) {
+            text += "# TYPE " + family + " gauge\n";
+            if (unit.unit != nullptr) text += "# UNIT " + family + " " + unit.unit + "\n";
+            text += "# HELP " + family + " " + without_number(vital.label);
+            text += (core.empty() ? std::string(": ") + vital.meaning : "") + "\n";
+        }
+        family_before = family;
+        text += family + (core.empty() ? "" : "{core=\"" + core + "\"}") + " " +
+                exact(entry.average * unit.factor / unit.divisor) + "\n";
+    }
+    return text + "# EOF\n";
 }
 
 std::string list_of_vitals() {

@@ -9,7 +9,7 @@
 
 namespace vestra_stat {
 
-enum class Format { kTable, kJson, kCsv };
+enum class Format { kTable, kJson, kCsv, kOpenMetrics };
 
 // One answer of the daemon: the requested vitals, all with the same window.
 struct Answer {
@@ -29,6 +29,10 @@ std::string as_table(const Answer &answer, const Sparklines *past = nullptr);
 
 // One line; null stands for an unknown figure.
 std::string as_json(const Answer &answer);
+
+// The current values in the OpenMetrics text format, in base units. Unknown ones are left out: the daemon has 0 for all
+// vitals that it has no sample for.
+std::string as_openmetrics(const Answer &answer);
 
 // What is known of the last 180 s, oldest second first.
 struct Past {

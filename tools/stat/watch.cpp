@@ -135,7 +135,14 @@ int print_failed() {
 }
 
 std::string as_text(const Question &question, const Answer &answer) {
-    return question.format == Format::kJson ? as_json(answer) : as_table(answer);
+    switch (question.format) {
+        case Format::kJson:
+            return as_json(answer);
+        case Format::kOpenMetrics:
+            return as_openmetrics(answer);
+        default:
+            return as_table(answer);
+    }
 }
 
 // Overwrites what the terminal showed before, without flicker.
