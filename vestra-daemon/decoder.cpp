@@ -689,8 +689,8 @@ static void find_window(int window, int64_t end, Window *found) {
     }
 }
 
-// The statistics of several vitals are computed side by side, each vital in its own lane of a vector. Only the figures of
-// one vital are added up, and in the order of the slots: the results are those of each vital alone, bit for bit.
+// The statistics of several vitals are computed side by side, each vital in its own lane of a vector. A lane adds the
+// figures of its vital alone, in the order of the slots, so the results are the same, bit for bit, as one by one.
 static constexpr int kLanes = 2;
 using Lanes = double __attribute__((vector_size(kLanes * sizeof(double))));
 static constexpr int kVectors = 2;  // processors work on several at a time
