@@ -45,6 +45,10 @@ class Option {
     Option existing_file();
     Option check(const std::function<std::string(const std::string &)> &fault);  // has no fault: an empty text
 
+    // What shells complete. Without these: nothing, or the words of one_of, or files after existing_file.
+    Option suggest(const std::function<std::vector<std::string>()> &words);
+    Option suggest_files();  // after suggest: for all values but the first
+
     bool given() const;  // after parsing: was it on the command line?
 
   private:
@@ -86,6 +90,10 @@ class Command {
     CLI::App *app_;
 };
 
+// As a first word, it makes `parse` print what may be the last of the words after it, for shells: a line for each with a
+// tab and a description, and ":files" if it may be a file.
+constexpr const char *kComplete = "--complete";
+
 // A program's command line. --help and --version are there already.
 class Program : public Command {
   public:
@@ -95,7 +103,7 @@ class Program : public Command {
     Program &operator=(const Program &) = delete;
 
     // Parses the words after the program's name and sets the targets. An exit code when the program ends here: 0 after
-    // help or version, not 0 after an error, which is printed.
+    // help, version or completion, not 0 after an error, which is printed.
     std::optional<int> parse(const std::vector<std::string> &words);
     std::optional<int> parse(int argc, char **argv) { return parse({argv + (argc > 0 ? 1 : 0), argv + argc}); }
 

@@ -96,18 +96,29 @@ void add_set_options(cli::Command app, const std::string &rate_note) {
     app.section("Trace source");
     app.add("--source", take_source, "host (this machine's processes), synthetic, or replay FILE (a dump)")
         .values(1, 2)
-        .type("KIND [FILE]");
+        .type("KIND [FILE]")
+        .suggest([] {
+            return std::vector<std::string>{"host", "synthetic", "replay"};
+        })
+        .suggest_files();
     app.add("--rate", g_given.rate,
             "Blocks a second (host: samples a second); 0: a block with every read (host: 2). " + rate_note);
     app.add_flag("--every-process", source.every_process,
                  "host: each process in each sample, not only those that ran since the last");
     app.add("--block-size", source.block_size, "Bytes of a block, 64 to 131072; 0: as it comes");
     app.add("--profile", source.profile, "synthetic: steady, everyday, burst, stall or hostile (damaged frames)")
-        .show_default();
+        .show_default()
+        .suggest([] {
+            return std::vector<std::string>{"steady", "everyday", "burst", "stall", "hostile"};
+        });
     app.add("--fault", source.faults,
             "synthetic: something goes wrong at that second of the stream: memory-growth, cpu-hog, process-storm, "
             "memory-pressure, io-wait, overheating, vanished or gap; may be repeated")
-        .type("KIND[:PARAM]@SECOND");
+        .type("KIND[:PARAM]@SECOND")
+        .suggest([] {
+            return std::vector<std::string>{"memory-growth", "cpu-hog",     "process-storm", "memory-pressure",
+                                            "io-wait",       "overheating", "vanished",      "gap"};
+        });
     app.add("--processes", source.processes, "synthetic: number of processes, up to 32000; 0: 24");
     app.add("--step", g_given.step,
             "synthetic, with a rate of 0: seconds of the stream in a block, 0.0001 to 3600 (default 1)")
@@ -133,7 +144,9 @@ void add_set_options(cli::Command app, const std::string &rate_note) {
             "A USB stick that is a directory of this machine; plugged before --usb")
         .type("LABEL=DIR");
     app.add("--usb", take_sticks, "A USB stick from the start, empty, at /media/LABEL").type("LABEL[:SIZE]");
-    app.add("--bind", take_binds, "More of this machine's directories, at their own paths, writable").type("PATH");
+    app.add("--bind", take_binds, "More of this machine's directories, at their own paths, writable")
+        .type("PATH")
+        .suggest_files();
 }
 
 // What both commands finish in the same way.
@@ -239,11 +252,14 @@ void add_run_commands(cli::Command app) {
                                    "  vestra-set run --source host --usb-dir STICK=./stick --log-level debug\n"
                                    "  vestra-set run --name small --config max_file_size=1 --usb A:8M -- 1 4");
     add_name_option(run, g_given.run_name, "The set's name; sets with different names run side by side");
-    run.add("--vestrad", g_given.daemon, "The daemon; by default the one beside this program").type("PATH");
+    run.add("--vestrad", g_given.daemon, "The daemon; by default the one beside this program")
+        .type("PATH")
+        .suggest_files();
     run.add("--log", g_given.log,
             "The daemon's log, a file of this machine, or - for standard error; without it\n"
             "\"vestra-set log\" shows it while the set runs")
-        .type("FILE");
+        .type("FILE")
+        .suggest_files();
     run.add("--log-level", g_given.plan.options.log_level, "debug, info, warning or error")
         .one_of({"debug", "info", "warning", "error", "3", "4", "5", "6"});
     add_seconds_option(run, "--grace", g_given.plan.grace, "Seconds that the daemon has to end after Ctrl-C");

@@ -220,7 +220,9 @@ void add_trigger_commands(cli::Command app) {
     cli::Command command = add_command(
         app, Where::kInside, "robust", "Report a failed process: the daemon writes a dump for it at once", request_dump,
         "The dump is DIRECTORY/0000000000_PID_PROCESS_SECONDS, and a copy of it is on the stick.");
-    command.add("directory", g_robust.directory, "Directory inside the set that the dump goes to").required();
+    command.add("directory", g_robust.directory, "Directory inside the set that the dump goes to")
+        .required()
+        .suggest_files();
     command.add("process", g_robust.process, "Name of the process that failed").required();
     command.add("pid", g_robust.pid, "Its process id").required().range(0, INT_MAX);
 

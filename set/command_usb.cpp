@@ -109,7 +109,7 @@ void add_usb_commands(cli::Command app) {
     cli::Command command = add_command(usb, Where::kInside, "plug", "Plug a stick; it is at /media/LABEL then", plug);
     command.add("label", g_usb.label, "Label").required();
     command.add("--size", g_usb.size, "Size of a new stick").show_default();
-    command.add("--dir", g_usb.directory, "A directory that the set sees, used as a stick");
+    command.add("--dir", g_usb.directory, "A directory that the set sees, used as a stick").suggest_files();
     command.add_flag("--no-mount", g_usb.no_mount, "A stick that could not be mounted");
     command = add_command(usb, Where::kInside, "unplug", "Unplug a stick; its content stays for the next plug", unplug);
     command.add("label", g_usb.label, "Label").required();

@@ -1,6 +1,7 @@
 #include "set/commands.h"
 
 #include "set/layout.h"
+#include "set/set_directory.h"
 
 namespace vestra_set {
 
@@ -25,7 +26,11 @@ void add_name_option(cli::Command app, std::string &name, const std::string &tex
     const auto check = [](const std::string &value) {
         return valid_name(value) ? std::string() : "expected up to 32 letters, digits, '-', '_' and '.'";
     };
-    app.add("--name", name, text).check(check).type("NAME").show_default();
+    app.add("--name", name, text).check(check).type("NAME").show_default().suggest([] {
+        std::vector<std::string> names;
+        for (const RunningSet &set : running_sets()) names.push_back(set.name);
+        return names;
+    });
 }
 
 void add_seconds_option(cli::Command app, const std::string &option, double &seconds, const std::string &text) {

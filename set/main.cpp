@@ -54,7 +54,8 @@ int run_inner(const std::vector<std::string> &words) {
 }
 
 int run(const std::vector<std::string> &arguments) {
-    const auto dashes = std::find(arguments.begin(), arguments.end(), "--");
+    const bool completes = !arguments.empty() && arguments[0] == cli::kComplete;
+    const auto dashes = completes ? arguments.end() : std::find(arguments.begin(), arguments.end(), "--");
     const std::vector<std::string> words(arguments.begin(), dashes);
     if (dashes != arguments.end()) g_program.assign(dashes + 1, arguments.end());
     if (!words.empty() && words[0].rfind("inner-", 0) == 0) return run_inner(words);

@@ -26,7 +26,9 @@ mkdir -p "$root"/var/lib/dpkg/{info,updates}
 : >"$root/var/lib/dpkg/status"
 package --install "$deb"
 [ "$(state)" = "ii " ] || fail "installed, the state is '$(state)'"
-for file in bin/vestrad bin/vestra-set bin/vestra-stat bin/vestra-dump share/man/man8/vestrad.8 share/man/man1/vestra-set.1; do
+for file in bin/vestrad bin/vestra-set bin/vestra-stat bin/vestra-dump share/man/man8/vestrad.8 share/man/man1/vestra-set.1 \
+        share/bash-completion/completions/vestra-dump share/zsh/vendor-completions/_vestra \
+        share/fish/vendor_completions.d/vestra-stat.fish; do
     [ -e "$root/usr/$file" ] || [ -e "$root/usr/$file.gz" ] || fail "/usr/$file is not there"
 done
 [ "$(find "$root" -name vestrad.service | wc -l)" = 1 ] || fail "not one unit"

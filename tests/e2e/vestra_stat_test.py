@@ -11,7 +11,7 @@ import struct
 import subprocess
 from pathlib import Path
 
-from set_env import (DUMP, NO_DAEMON, OK, ROOT, STAT, STATE, TIMEOUT, UNANSWERED, USAGE, Segment, SetTest, main, remote,
+from set_env import (DUMP, NO_DAEMON, OK, ROOT, SET, STAT, STATE, TIMEOUT, UNANSWERED, USAGE, Segment, SetTest, main, remote,
                      run, text_of)
 
 FIGURES = ('maximum', 'minimum', 'average', 'variance')
@@ -138,14 +138,40 @@ class VestraStat(SetTest):
         self.assertEqual(stat('--openmetrics').stdout, '# EOF\n')
         self.assertEqual(stat('--history', '--csv', 'cpu-total').stdout, 'age,cpu_total\n')
 
-    def test_completion_knows_every_option_and_vital(self):
-        completed = lambda word: sorted(run(
-            'bash', '-c', f'source {ROOT}/packaging/completion/vestra-stat; COMP_WORDS=(vestra-stat {word}); COMP_CWORD=1; '
-            '_vestra_stat; echo ${COMPREPLY[@]}', env={'PATH': f'{STAT.parent}:/usr/bin:/bin'}).stdout.split())
-        self.assertEqual(completed('--'), sorted(re.findall(r'(?m)^  (?:-\w,)?(--\w+)', stat('--help').stdout)))
-        vitals = sorted(re.findall(r'(?m)^ *\d+\*? +(\S+)', stat('--list').stdout))
-        self.assertEqual((len(vitals), completed('""')), (17, vitals))
-        self.assertEqual(completed('cpu-t'), ['cpu-total'])
+    def completed(self, shell, *words):
+        """What the shell offers for the last word. zsh's functions that show it are replaced; they need a terminal."""
+        file, script = {
+            'bash': ('vestra.bash', 'source $0; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _vestra; printf "%s\\n" "${COMPREPLY[@]}"'),
+            'zsh': ('_vestra', '_describe() { print -l -- "${(@)found%%:*}"; }; _files() { print -l *(N); }; words=("$@"); '
+                               'CURRENT=$#; PREFIX=$words[-1]; source $0'),
+            'fish': ('vestra.fish', 'source $argv[1]; complete -C "$argv[2..-1]"')}[shell]
+        shown = run(shell, '-c', script, ROOT / 'packaging/completion' / file, *words, cwd='/tmp/fault',
+                    env={'PATH': f'{STAT.parent}:{SET.parent}:/usr/bin:/bin', 'HOME': '/tmp', 'XDG_RUNTIME_DIR': '/tmp'})
+        return sorted(line.split('\t')[0] for line in shown.stdout.splitlines())
+
+    def test_shells_complete_what_the_programs_know(self):
+        Path('/tmp/fault/a file').touch()
+        vitals = re.findall(r'(?m)^ *\d+\*? +(\S+)', stat('--list').stdout)
+        rows = (('vestra-stat --timeout 3 cpu-', ['cpu-system', 'cpu-total', 'cpu-user']), ('vestra-stat --window ', []),
+                ('vestra-stat ', sorted(vitals)), ('vestra-dump cs', ['csv']), ('vestra-dump info ', ['a file']),
+                ('vestra-dump csv --epoch n', ['name', 'none']), ('vestra-dump cut --from ', []),
+                ('vestra-set run --source ', ['host', 'replay', 'synthetic']), ('vestra-set run --source replay ', ['a file']),
+                ('vestra-set module stall o', ['off', 'on']), ('vestra-set usb plug --na', ['--name']),
+                ('vestra-set sandbox --node -- ', ['a file']))
+        for shell in 'bash', 'zsh', 'fish':
+            for line, words in rows:
+                with self.subTest(shell=shell, line=line):
+                    if not shutil.which(shell):
+                        self.skipTest(f'no {shell}: "scripts/install-deps check" installs it')
+                    offered = [word.replace('\\', '') for word in self.completed(shell, *line.split(' '))]
+                    self.assertEqual([word for word in offered if word], words)
+
+    def test_completion_offers_the_options_that_help_lists(self):
+        for command in ([STAT], [DUMP], [DUMP, 'csv'], [DUMP, 'cut'], [SET, 'run'], [SET, 'module', 'inject']):
+            helped = re.findall(r'(?m)^ +(?:-\w,)?(--[\w-]+)', run(*command, '--help').stdout)
+            offered = run(command[0], '--complete', *command[1:], '--').stdout
+            self.assertLessEqual(set(helped), {line.split('\t')[0] for line in offered.splitlines()}, command)
+            self.assertIn('--help', helped)
 
 
 class VestraStatHistory(SetTest):

@@ -42,8 +42,8 @@ std::string fault_of_name(const std::string &name) {
 
 Action setup_cut(cli::Command app) {
     auto options = std::make_shared<Options>();
-    app.add("file", options->path, "The dump; - is standard input").required().type("FILE");
-    app.add("output", options->output, "The smaller dump; - is standard output").required().type("OUT");
+    app.add("file", options->path, "The dump; - is standard input").required().type("FILE").suggest_files();
+    app.add("output", options->output, "The smaller dump; - is standard output").required().type("OUT").suggest_files();
     add_time_options(app, options->time);
     const cli::Option only = app.add("--only", options->only, "Hide all processes that have none of these names")
                                  .type("NAME")

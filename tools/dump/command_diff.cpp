@@ -70,8 +70,8 @@ int diff(const Options &options) {
 
 Action setup_diff(cli::Command app) {
     auto options = std::make_shared<Options>();
-    app.add("a", options->a, "The dump to compare with; - is standard input").required().type("A");
-    app.add("b", options->b, "The dump that is compared with it").required().type("B");
+    app.add("a", options->a, "The dump to compare with; - is standard input").required().type("A").suggest_files();
+    app.add("b", options->b, "The dump that is compared with it").required().type("B").suggest_files();
     app.add("--tolerance", options->tolerance, "Changes up to this part of a figure are no difference, 0 to 100 %")
         .type("PERCENT")
         .show_default()

@@ -47,10 +47,12 @@ int explain_dump(const Options &options) {
 
 Action setup_explain(cli::Command app) {
     auto options = std::make_shared<Options>();
-    app.add("file", options->path, "The dump").required().type("FILE");
+    app.add("file", options->path, "The dump").required().type("FILE").suggest_files();
     app.add("--at", options->time.to, "Explain this moment instead of the dump's end; times as in other commands")
         .type("TIME");
-    app.add("--epoch", options->time.epoch, "Time of the newest sample, as in other commands").type("TIME");
+    app.add("--epoch", options->time.epoch, "Time of the newest sample, as in other commands").type("TIME").suggest([] {
+        return std::vector<std::string>{"name", "none"};
+    });
     app.add_flag("--json", options->json, "One JSON object");
     return [options] { return explain_dump(*options); };
 }

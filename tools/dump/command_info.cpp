@@ -75,7 +75,7 @@ int info(const Options &options) {
 
 Action setup_info(cli::Command app) {
     auto options = std::make_shared<Options>();
-    app.add("file", options->paths, "The dumps; - is standard input").required().type("FILE");
+    app.add("file", options->paths, "The dumps; - is standard input").required().type("FILE").suggest_files();
     add_time_options(app, options->time);
     add_top_option(app, options->top, 0, 10000);
     app.add_flag("--json", options->json, "One JSON object for each dump");

@@ -75,8 +75,11 @@ int sqlite(const Options &options) {
 
 Action setup_sqlite(cli::Command app) {
     auto options = std::make_shared<Options>();
-    app.add("database", options->database, "The SQLite file, created if it does not exist").required().type("OUT.db");
-    app.add("file", options->paths, "The dumps; - is standard input").required().type("FILE");
+    app.add("database", options->database, "The SQLite file, created if it does not exist")
+        .required()
+        .type("OUT.db")
+        .suggest_files();
+    app.add("file", options->paths, "The dumps; - is standard input").required().type("FILE").suggest_files();
     add_time_options(app, options->time);
     return [options] { return sqlite(*options); };
 }

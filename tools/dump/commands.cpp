@@ -87,7 +87,10 @@ void add_time_options(cli::Command app, TimeOptions &options) {
     app.add("--epoch", options.epoch,
             "Time of the newest sample: seconds since 1970, a date and time, 'name' (the default: from the "
             "dump's name), or 'none'")
-        .type("TIME");
+        .type("TIME")
+        .suggest([] {
+            return std::vector<std::string>{"name", "none"};
+        });
 }
 
 void add_top_option(cli::Command app, unsigned &top, int least, int greatest) {
@@ -95,9 +98,11 @@ void add_top_option(cli::Command app, unsigned &top, int least, int greatest) {
 }
 
 void add_file_options(cli::Command app, FileOptions *options) {
-    app.add("file", options->path, "The dump; - is standard input").required().type("FILE");
+    app.add("file", options->path, "The dump; - is standard input").required().type("FILE").suggest_files();
     add_time_options(app, options->time);
-    app.add("-o,--output", options->output, "Write to this file instead of standard output").type("FILE");
+    app.add("-o,--output", options->output, "Write to this file instead of standard output")
+        .type("FILE")
+        .suggest_files();
 }
 
 void complain(const std::string &text) {

@@ -89,7 +89,11 @@ int run(int argc, char **argv) {
         "seconds, or the current values.",
         "vestra-stat", VESTRA_VERSION);
     program.footer(kFooter);
-    program.add("VITAL", options.words, "The vitals to show, in this order").type("");
+    program.add("VITAL", options.words, "The vitals to show, in this order").type("").suggest([] {
+        std::vector<std::string> names;
+        for (const Vital &vital : kVitals) names.emplace_back(vital.name);
+        return names;
+    });
     const cli::Option window =
         program.add("-w,--window", options.window, "Seconds to look back, up to 180; 0: the current values")
             .range(0, kVestraWindowMax)
