@@ -25,7 +25,7 @@ bool equal(double a, double b) {
 
 // The number with the fewest decimals among those that differ from `value` by at most `error`.
 double shortest(double value, double error) {
-    for (double scale = 1; scale < 1e10; scale *= 10) {
+    for (const double scale : {1.0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9}) {
         const double rounded = std::round(value * scale) / scale;
         if (std::fabs(rounded - value) <= error) return rounded;
     }
