@@ -187,8 +187,9 @@ class VestraStatHistory(SetTest):
         self.assertGreater(len(shown), 150)
         vitals = list(shown[0])[1:]
         most = {name: max(float(line[name] or 0) for line in recorded) for name in vitals}
-        # The daemon computes the shares of the two oldest seconds otherwise than of those before which there is one.
-        for second, line in zip(reversed(shown[2:]), reversed(recorded)):
+        # The daemon computes the shares of the two oldest seconds otherwise than of those before which there is one, and
+        # those of the newest again when it is over.
+        for second, line in list(zip(reversed(shown[2:]), reversed(recorded)))[1:]:
             for name in vitals:
                 # Without a sample, the daemon keeps what was there before.
                 if line[name]:
