@@ -115,11 +115,13 @@ class Comparing {
                                       : b == nullptr ? Difference::kVanished
                                                      : Difference::kProcess;
         const bool alone = kind != Difference::kProcess;
-        const bool stays = (a == nullptr ? b : a)->windows * 2 >= (a == nullptr ? b_ : a_).profile.windows();
+        const NameFigures &in_a = a != nullptr ? *a : kNone, &in_b = b != nullptr ? *b : kNone;
+        const bool stays =
+            a != nullptr ? in_a.windows * 2 >= a_.profile.windows() : in_b.windows * 2 >= b_.profile.windows();
         Difference most = {};
         for (const NameFigure &figure : kNameFigures) {
             const bool is_cpu = &figure == kNameFigures;
-            const double x = figure.of(a != nullptr ? *a : kNone, a_), y = figure.of(b != nullptr ? *b : kNone, b_);
+            const double x = figure.of(in_a, a_), y = figure.of(in_b, b_);
             const bool differs = differ(x, y, figure.floor);
             if (!(alone ? stays || (is_cpu && differs) : differs)) continue;
             Difference found = {kind,
