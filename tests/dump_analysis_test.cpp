@@ -18,7 +18,8 @@ namespace {
 struct Derived : vestra_dump::DumpSink {
     std::map<int64_t, SecondVitals> seconds;
     std::vector<ListEntry> list;  // of the processes that the daemon accounts for, oldest first
-    size_t samples = 0, astray = 0;
+    size_t samples = 0;
+    uint64_t astray = 0;
 
     void on_second(const SecondVitals &second) override { EXPECT_TRUE(seconds.emplace(second.second, second).second); }
     void on_process(const SwitchSample &sample, const vestra_dump::Process &process) override {

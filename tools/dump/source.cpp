@@ -32,7 +32,7 @@ int temporary_file() {
 
 int64_t MemorySource::read_at(uint64_t offset, uint8_t *out, size_t count) {
     if (offset >= bytes_.size()) return 0;
-    const std::string_view there = bytes_.substr(offset, count);
+    const std::string_view there = bytes_.substr(static_cast<size_t>(offset), count);
     std::memcpy(out, there.data(), there.size());
     return static_cast<int64_t>(there.size());
 }
