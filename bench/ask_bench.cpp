@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/vestra_api.h"
+#include "client/vestra_api.h"
 
 namespace {
 
@@ -60,7 +60,7 @@ class Row {
 };
 
 bool ask(vestra_api_h client, const Kind &kind) {
-    vestra_api_data requests[kVestraVitals] = {};
+    vestra_api_data requests[VESTRA_API_VITALS] = {};
     for (int type = 0; type < kind.vitals; ++type) {
         requests[type].packet_type = type;
         requests[type].window = kind.window;

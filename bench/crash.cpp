@@ -38,8 +38,8 @@ void ask_without_pause(uint64_t seed) {
     const vestra_api_h client = vestra_api_open();
     while (!asked.over) {
         vestra_api_data request = {};
-        request.packet_type = static_cast<int32_t>(random() % kVestraVitals);
-        request.window = static_cast<int32_t>(random() % (kVestraWindowMax + 1));
+        request.packet_type = static_cast<int32_t>(random() % VESTRA_API_VITALS);
+        request.window = static_cast<int32_t>(random() % (VESTRA_API_WINDOW_MAX + 1));
         const auto begin = Clock::now();
         const int result = vestra_api_ask(client, &request, 1, kTimeoutMs);
         if (ms_since(begin) > kTimeoutMs + kLateMs) ++asked.late;

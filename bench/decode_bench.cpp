@@ -319,8 +319,8 @@ void Answer(benchmark::State &state) {
     }
     for (auto unused : state) {
         (void)unused;
-        vestra_api_data requests[kVestraVitals] = {};
-        for (int type = 0; type < kVestraVitals; ++type) {
+        vestra_api_data requests[VESTRA_API_VITALS] = {};
+        for (int type = 0; type < VESTRA_API_VITALS; ++type) {
             requests[type].packet_type = type;
             requests[type].window = static_cast<int32_t>(state.range(0));
         }

@@ -20,9 +20,9 @@ constexpr size_t kKept = 1U << 17;  // waiting times that are kept for each clie
 // Range of each vital in the steady profile, at 45 degrees.
 constexpr struct Range {
     double least, most;
-} kRanges[kVestraVitals] = {{3900, 5700}, {3, 5},   {0, 100},         {0, 100},        {0, 100},        {45, 54},
-                            {45, 54},     {45, 54}, {45, 54},         {45, 54},        {0, 4},          {55, 85},
-                            {5, 25},      {2.8, 4}, {117964, 353895}, {94371, 283116}, {235929, 707789}};
+} kRanges[VESTRA_API_VITALS] = {{3900, 5700}, {3, 5},   {0, 100},         {0, 100},        {0, 100},        {45, 54},
+                                {45, 54},     {45, 54}, {45, 54},         {45, 54},        {0, 4},          {55, 85},
+                                {5, 25},      {2.8, 4}, {117964, 353895}, {94371, 283116}, {235929, 707789}};
 
 // The results of one client, in shared memory.
 struct Tally {
@@ -58,11 +58,11 @@ void ask_without_pause(Tally *tally, uint64_t seed, double seconds) {
     std::mt19937_64 random(seed);
     const vestra_api_h client = vestra_api_open();
     for (const auto begin = Clock::now(); ms_since(begin) < seconds * 1000;) {
-        vestra_api_data requests[kVestraVitals] = {};
-        const int count = random() % 4 == 0 ? kVestraVitals : 1;
+        vestra_api_data requests[VESTRA_API_VITALS] = {};
+        const int count = random() % 4 == 0 ? VESTRA_API_VITALS : 1;
         for (int i = 0; i < count; ++i) {
-            requests[i].packet_type = count == 1 ? static_cast<int32_t>(random() % kVestraVitals) : i;
-            requests[i].window = random() % 3 == 0 ? 0 : static_cast<int32_t>(random() % (kVestraWindowMax + 1));
+            requests[i].packet_type = count == 1 ? static_cast<int32_t>(random() % VESTRA_API_VITALS) : i;
+            requests[i].window = random() % 3 == 0 ? 0 : static_cast<int32_t>(random() % (VESTRA_API_WINDOW_MAX + 1));
         }
         const vestra_api_data asked = requests[0];
         const auto asking = Clock::now();

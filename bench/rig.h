@@ -24,10 +24,10 @@
 #include <string>
 #include <vector>
 
+#include "client/vestra_api.h"
 #include "platform/key_combination.h"
 #include "platform/state_dir.h"
 #include "platform/vconf.h"
-#include "platform/vestra_api.h"
 
 namespace rig {
 

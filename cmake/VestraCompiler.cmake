@@ -9,10 +9,10 @@ if(VESTRA_WERROR)
   target_compile_options(vestra_compile INTERFACE -Werror)
 endif()
 
-# We build no shared libraries, so everything is compiled for executables, with the same options: targets
-# can share precompiled headers.
-add_compile_options(-fPIE -pthread)
-add_link_options(-pie)
+# Everything but the shared library is compiled for executables, with the same options: targets can share precompiled
+# headers.
+add_compile_options($<$<NOT:$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>>:-fPIE> -pthread)
+add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>)
 # Release builds are hardened. Sanitizer builds are not: the sanitizers check more, and need the plain functions.
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)

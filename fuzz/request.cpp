@@ -23,9 +23,9 @@
 #include <memory>
 #include <thread>
 
+#include "client/vestra_api.h"
 #include "fuzz/decoder_state.h"
 #include "fuzz/fuzz_env.h"
-#include "platform/vestra_api.h"
 #include "vestra-daemon/decoder.h"
 #include "vestra-daemon/vestra_ipc.h"
 #include "vestra-daemon/vestrad.h"
@@ -45,7 +45,7 @@ int steps;
 bool last_request;  // the clean request after all entries was posted
 vestra_shm_record *record;
 _SYSDATA_ ring[kSlotCount];
-vestra_api_data expected[kVestraVitals];
+vestra_api_data expected[VESTRA_API_VITALS];
 
 // Writes the input over the requests until it is stopped. Not through the mapping: the compiler may assume that no other
 // thread writes there.
@@ -80,7 +80,8 @@ uint8_t *bytes() {
 
 // Posts the request of a well-behaved client.
 void post() {
-    for (int i = 0; i < kVestraVitals; ++i) record->request[i] = {i, 10 * (i % 3), 0, 0, 0, 0, kVestraUnused, 0};
+    for (int i = 0; i < VESTRA_API_VITALS; ++i)
+        record->request[i] = {i, 10 * (i % 3), 0, 0, 0, 0, VESTRA_API_UNUSED, 0};
     record->state = VESTRA_REQUEST_POSTED;
     memcpy(bytes() + kStage, &kPosted, sizeof(kPosted));
 }
@@ -177,7 +178,7 @@ void vestra_fuzz::prepare() {
         groupData(&sample, trace::kMeminfoFrame, 1);
     }
     memcpy(ring, collectedData, sizeof(ring));
-    for (int i = 0; i < kVestraVitals; ++i) {
+    for (int i = 0; i < VESTRA_API_VITALS; ++i) {
         expected[i] = {i, 10 * (i % 3), 0, 0, 0, 0, 0, 0};
         process_request(&expected[i], 1);
     }
@@ -205,7 +206,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     second_thread.stop();
     FUZZ_RULE(vestra_fuzz::open_descriptors() == descriptors, "no descriptor stays open");
     FUZZ_RULE(memcmp(ring, collectedData, sizeof(ring)) == 0, "a request changes nothing in the ring");
-    for (int i = 0; i < kVestraVitals; ++i) {
+    for (int i = 0; i < VESTRA_API_VITALS; ++i) {
         FUZZ_RULE(record->request[i].answer_type == i, "the next client is answered");
         FUZZ_RULE(same_figures(record->request[i], expected[i]), "with the ring's figures");
     }

@@ -189,10 +189,10 @@ class Stream {
             FUZZ_RULE(!(request.average <= 0), "an average counts only figures above 0");
         }
         FUZZ_RULE(std::memcmp(ring, collectedData, sizeof(ring)) == 0, "a request changes nothing");
-        std::array<vestra_api_data, kVestraVitals> all = {};
-        for (int32_t i = 0; i < kVestraVitals; ++i)
+        std::array<vestra_api_data, VESTRA_API_VITALS> all = {};
+        for (int32_t i = 0; i < VESTRA_API_VITALS; ++i)
             all[static_cast<size_t>(i)] = {i - entry[4] % 3, entry[5], 0, 0, 0, 0, 0, 0};
-        process_request(all.data(), kVestraVitals);
+        process_request(all.data(), VESTRA_API_VITALS);
     }
 
     std::vector<uint8_t> bytes_;

@@ -21,7 +21,7 @@ int dlog_threshold = DLOG_INFO;
 static int log_descriptor = STDERR_FILENO;  // constant after load
 
 static int threshold_from_environment() {
-    const char *level = getenv("VESTRA_DLOG_LEVEL");
+    const char *level = secure_getenv("VESTRA_DLOG_LEVEL");
     if (level == nullptr) return DLOG_INFO;
     static const struct {
         const char *name;
@@ -37,7 +37,7 @@ static int threshold_from_environment() {
 // When the program is loaded, not at the first line: threads and forked children find everything in place.
 [[gnu::constructor]] static void read_environment() {
     dlog_threshold = threshold_from_environment();
-    const char *path = getenv("VESTRA_DLOG_FILE");
+    const char *path = secure_getenv("VESTRA_DLOG_FILE");
     if (path == nullptr || *path == '\0') return;
     const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
     if (fd >= 0) log_descriptor = fd;

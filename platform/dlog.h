@@ -9,7 +9,7 @@
 // tag, 4096 for the whole line. Control characters are written as \xNN, so a text cannot forge a line. One line end at
 // the end of the text is dropped.
 //
-// Environment, read once when the program is loaded:
+// Environment, read once when the program is loaded, and ignored by set-user-ID programs:
 //     VESTRA_DLOG_LEVEL   3..6, or debug, info, warning, error; default info
 //     VESTRA_DLOG_FILE    a path; default standard error, also if the file cannot be opened
 //

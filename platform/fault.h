@@ -29,12 +29,6 @@ enum platform_operation {
     FAULT_RMMOD,
     FAULT_KEY_INITIALIZE,
     FAULT_KEY_ADD_HANDLER,
-    FAULT_GET_SHM,
-    FAULT_CHECK_SHM,  // reports that the segment is gone
-    FAULT_REQUEST_WAIT,
-    FAULT_READY_POST,
-    FAULT_API_OPEN,
-    FAULT_API_ASK,    // VESTRA_API_NO_DAEMON
     FAULT_OPERATIONS  // their number
 };
 

@@ -18,7 +18,7 @@ deb=$(echo "$work"/made/vestrad_*.deb)
 for library in libc6 libstdc++6 libglib2.0-0 libsqlite3-0 libtinyxml2-9; do
     dpkg-deb -f "$deb" Depends | grep -qF "$library" || fail "does not depend on $library"
 done
-if dpkg-deb -c "$deb" | awk '$2 != "root/root" || substr($1, 6, 1) == "w" || substr($1, 9, 1) == "w"' | grep .; then
+if dpkg-deb -c "$deb" | awk '$2 != "root/root" || ($1 !~ /^l/ && $1 ~ /^.....w|^........w/)' | grep .; then
     fail "these are not root's alone"
 fi
 
@@ -28,7 +28,7 @@ package --install "$deb"
 [ "$(state)" = "ii " ] || fail "installed, the state is '$(state)'"
 for file in bin/vestrad bin/vestra-set bin/vestra-stat bin/vestra-dump share/man/man8/vestrad.8 share/man/man1/vestra-set.1 \
         share/bash-completion/completions/vestra-dump share/zsh/vendor-completions/_vestra \
-        share/fish/vendor_completions.d/vestra-stat.fish; do
+        share/fish/vendor_completions.d/vestra-stat.fish share/man/man3/vestra_api.3 lib/python3/dist-packages/vestra.py; do
     [ -e "$root/usr/$file" ] || [ -e "$root/usr/$file.gz" ] || fail "/usr/$file is not there"
 done
 [ "$(find "$root" -name vestrad.service | wc -l)" = 1 ] || fail "not one unit"
@@ -36,6 +36,38 @@ exec_start=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' "$(find "$root" -name vestra
 [ -x "$root$exec_start" ] || fail "the unit starts $exec_start, which is not in the package"
 "$root/usr/bin/vestra-dump" info "$dump" >/dev/null || fail "the installed vestra-dump does not read a dump"
 "$root/usr/bin/vestra-set" sandbox -- true || fail "the installed vestra-set does not make a set"
+
+# The library: it promises what its version script says, the example needs no more than pkg-config, and what it links with is
+# answered by the installed daemon, as Python is.
+library=$(echo "$root"/usr/lib/libvestra-api.so.1)
+promised='check_if_valid_shm get_shm vestra_api_ask vestra_api_close vestra_api_open vestra_api_result_text
+    vestra_ready_sem_unlock_func vestra_request_sem_lock_func'
+exported=$(nm -D --defined-only "$library" | awk '$2 != "A" {sub("@.*", "", $3); print $3}' | sort)
+[ "$(echo $exported)" = "$(echo $promised)" ] || fail "the library exports" $exported
+export PKG_CONFIG_LIBDIR=$root/usr/lib/pkgconfig LD_LIBRARY_PATH=$root/usr/lib PYTHONPATH=$root/usr/lib/python3/dist-packages
+example=$root/usr/share/doc/vestrad/examples/ask.c
+flags=$(pkg-config --cflags --libs vestra-api)
+gcc -std=c99 -pedantic -Wall -Wextra -Werror "$example" $flags -o "$work/ask" || fail "the example is no C99"
+g++ -std=c++17 -pedantic -Wall -Wextra -Werror -x c++ "$example" $flags -o "$work/ask-c++" || fail "the example is no C++17"
+mkdir "$work/cmake"
+cat >"$work/cmake/CMakeLists.txt" <<EOF
+cmake_minimum_required(VERSION 3.25)
+project(ask C)
+find_package(vestra-api 1.0 REQUIRED)
+add_executable(ask $example)
+target_link_libraries(ask vestra::api)
+EOF
+{ cmake -S "$work/cmake" -B "$work/cmake/build" -DCMAKE_PREFIX_PATH="$root/usr" && cmake --build "$work/cmake/build"; } \
+    >"$work/cmake.log" 2>&1 || { cat "$work/cmake.log"; fail "CMake does not find the library"; }
+"$root/usr/bin/vestra-set" sandbox --node --source synthetic --bind "$work" -- bash -ec '
+    "$0/usr/bin/vestrad" >/dev/null 2>&1 &
+    trap "kill -KILL $!" EXIT
+    for _ in {1..300}; do ! "$1/ask" 2>&1 | grep -q "^CPU: [0-9]" || break; sleep 0.1; done
+    "$1/ask" | grep -q "^CPU: [0-9]"
+    "$1/cmake/build/ask" | grep -q "^memory available: [0-9]"
+    python3 -c "import vestra; assert vestra.ask(2, 10)[\"cpu_total\"].maximum > 0"
+' "$root" "$work" || fail "the installed daemon does not answer what was linked with the installed library"
+unset PKG_CONFIG_LIBDIR LD_LIBRARY_PATH PYTHONPATH
 
 config=$root/opt/data/vestraDir/orna_vestra_config.xml
 sed -i 's|<max_file_size>[0-9]*<|<max_file_size>3<|' "$config"

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kNewest = 777;  // second
 constexpr int64_t kEnd = kNewest * kSecond + kSecond / 10;
-using Row = std::array<double, kVestraVitals>;
+using Row = std::array<double, VESTRA_API_VITALS>;
 
 class StatHistory : public DecoderTest {
   protected:
@@ -33,7 +33,7 @@ class StatHistory : public DecoderTest {
 
     static std::vector<Second> recovered() {
         vestra_stat::WindowPairs pairs;
-        for (int type = 0; type < kVestraVitals; ++type) {
+        for (int type = 0; type < VESTRA_API_VITALS; ++type) {
             const auto asked = [&](int window) {
                 vestra_api_data request = {};
                 request.packet_type = type;
@@ -41,7 +41,7 @@ class StatHistory : public DecoderTest {
                 process_request(&request, 1);
                 return request;
             };
-            for (int age = 1; age <= kVestraWindowMax; ++age) {
+            for (int age = 1; age <= VESTRA_API_WINDOW_MAX; ++age) {
                 pairs[static_cast<size_t>(type)][static_cast<size_t>(age - 1)] = {asked(age - 1), asked(age)};
             }
         }
@@ -58,7 +58,7 @@ TEST_F(StatHistory, SecondsOfRandomRingsComeBack) {
         const auto uniform = [&](double most) { return std::uniform_real_distribution<double>(0, most)(random); };
         std::map<int, std::vector<Row>> planned;  // by age
         const double gaps = seed % 2 == 0 ? 0 : uniform(0.3), early = seed % 4 < 2 ? 0 : uniform(0.2);
-        for (int back = 0; back < kVestraWindowMax; ++back) {
+        for (int back = 0; back < VESTRA_API_WINDOW_MAX; ++back) {
             Row row;
             for (double &value : row) value = std::round(1 + uniform(9999)) / 100;
             row[5] = 45;
@@ -78,7 +78,7 @@ TEST_F(StatHistory, SecondsOfRandomRingsComeBack) {
         planned.erase(181);
         for (const Second &second : recovered()) {
             ASSERT_EQ(planned[second.age].size(), 1u) << second.age;
-            for (size_t type = 0; type < kVestraVitals; ++type) {
+            for (size_t type = 0; type < VESTRA_API_VITALS; ++type) {
                 const double value = second.vitals[type];
                 ++(std::isnan(value) ? unknown : known);
                 if (std::isnan(value) && early > 0) continue;  // after two seconds at once, counts are less certain

@@ -35,7 +35,7 @@ class VestraIpc : public DaemonTest {
     }
     // A new segment, all of whose entries are unused but carry figures.
     void prepare() {
-        platform_faults_reset();
+        world().segment_is_gone = false;
         drop();
         begin_transcript();
         record_ = static_cast<vestra_shm_record *>(get_shm());
@@ -70,7 +70,7 @@ TEST_F(VestraIpc, RequestIsAnsweredWaitedForOrGivenUp) {
         {"never posted, signal of another is pending", 3, 1, -1, nullptr},
         {"stopped", 3, 0, 2, [](auto *) { exit_flag = 1; }},
         {"segment lost", 3, 0, 2, [](auto *) { shm_unlink(kSegment); }},
-        {"segment invalid all along", 1, 0, 0, [](auto *) { platform_fail_always(FAULT_CHECK_SHM); }},
+        {"segment invalid all along", 1, 0, 0, [](auto *) { world().segment_is_gone = true; }},
     };
     std::string results;
     for (const auto &row : kRows) {
@@ -78,14 +78,14 @@ TEST_F(VestraIpc, RequestIsAnsweredWaitedForOrGivenUp) {
         record_->state = row.state;
         record_->request[0] = {17, INT_MIN, 1, 2, 3, 4, 99, 0};
         record_->request[16] = {0, 10, 1, 2, 3, 4, 99, 0};
-        if (row.pending > 0) sem_post(&record_->ready);
+        if (row.pending > 0) sem_post(&record_->ready.semaphore);
         world().on_wait = [&](int wait) {
             if (wait == row.wait) row.change(record_);
         };
         world().on_wait(0);
         serve();
         int signals = 0;
-        while (sem_trywait(&record_->ready) == 0) ++signals;
+        while (sem_trywait(&record_->ready.semaphore) == 0) ++signals;
         results += text("%s: state %d, %d signals\n", row.name, record_->state, signals) + seen_text("3456w");
         for (const int index : {0, 8, 16}) {
             const vestra_api_data &entry = record_->request[index];
@@ -98,9 +98,9 @@ TEST_F(VestraIpc, RequestIsAnsweredWaitedForOrGivenUp) {
 
 TEST_F(VestraIpc, SegmentThatIsNotReadyIsLookedForAgain) {
     record_->state = 1;
-    platform_fail_always(FAULT_GET_SHM);
+    world().no_segment = true;
     world().on_wait = [&](int wait) {
-        if (wait == 2) platform_faults_reset();
+        if (wait == 2) world().no_segment = false;
         record_->marker = wait == 4 ? 1 : 0;
     };
     const std::string notice = "Ves-Tra SHM has been removed or daemon init in progress!!!";

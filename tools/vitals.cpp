@@ -2,7 +2,7 @@
 
 namespace vestra_tools {
 
-const std::array<Vital, kVestraVitals> kVitals = {{
+const std::array<Vital, VESTRA_API_VITALS> kVitals = {{
     {"context-switches", "context_switches", "Context switches", "per second", "1/s", 0, true,
      "context switches of the whole machine"},
     {"running-processes", "running_processes", "Running", "processes", "", 2, true,

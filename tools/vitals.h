@@ -7,7 +7,7 @@
 
 #include <array>
 
-#include "platform/vestra_api.h"
+#include "client/vestra_api.h"
 
 namespace vestra_tools {
 
@@ -22,6 +22,6 @@ struct Vital {
     const char *meaning;
 };
 
-extern const std::array<Vital, kVestraVitals> kVitals;  // by packet type
+extern const std::array<Vital, VESTRA_API_VITALS> kVitals;  // by packet type
 
 }  // namespace vestra_tools

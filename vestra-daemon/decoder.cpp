@@ -823,14 +823,14 @@ void process_request(vestra_api_data *reqs, int count) {
     const int64_t end = maxTimeValue;
     const int slot = last_index;
     if (count <= 1) {
-        if (reqs[0].packet_type == kVestraUnused) return;
+        if (reqs[0].packet_type == VESTRA_API_UNUSED) return;
         getResult(&reqs[0], end, slot);
         log_answer(reqs[0]);
         return;
     }
     for (int i = 0; i < count; ++i) {
         const int type = reqs[i].packet_type;
-        if (type == kVestraUnused) continue;
+        if (type == VESTRA_API_UNUSED) continue;
         if (type < 0 || type >= count) {
             LOGE("ERR:vestra : Not a valid packetType\n");
             continue;
@@ -849,36 +849,36 @@ static bool needs_window(const vestra_api_data &request) {
 }
 
 // Answers request `first` and the later ones with the same window.
-static void answer_window(vestra_api_data (&reqs)[kVestraVitals], int first, int64_t end,
-                          bool (&answered)[kVestraVitals]) {
+static void answer_window(vestra_api_data (&reqs)[VESTRA_API_VITALS], int first, int64_t end,
+                          bool (&answered)[VESTRA_API_VITALS]) {
     Window window;
     find_window(reqs[first].window, end, &window);
-    int types[kVestraVitals], places[kVestraVitals];
+    int types[VESTRA_API_VITALS], places[VESTRA_API_VITALS];
     int count = 0;
-    for (int i = first; i < kVestraVitals; ++i) {
+    for (int i = first; i < VESTRA_API_VITALS; ++i) {
         if (!needs_window(reqs[i]) || reqs[i].window != reqs[first].window) continue;
         types[count] = reqs[i].packet_type;
         places[count++] = i;
         answered[i] = true;
     }
-    _VestraData_ results[kVestraVitals];
+    _VestraData_ results[VESTRA_API_VITALS];
     for (int i = 0; i < count; i += kTogether) {
         compute_together(window, &types[i], std::min(count - i, kTogether), &results[i]);
     }
     for (int i = 0; i < count; ++i) set_figures(&reqs[places[i]], results[i]);
 }
 
-void answer_requests(vestra_api_data (&reqs)[kVestraVitals]) {
+void answer_requests(vestra_api_data (&reqs)[VESTRA_API_VITALS]) {
     find_valid_index();
     const int64_t end = maxTimeValue;
     const int slot = last_index;
-    bool answered[kVestraVitals] = {};
-    for (int i = 0; i < kVestraVitals; ++i) {
+    bool answered[VESTRA_API_VITALS] = {};
+    for (int i = 0; i < VESTRA_API_VITALS; ++i) {
         if (needs_window(reqs[i]) && !answered[i]) answer_window(reqs, i, end, answered);
     }
     // What is logged stays in the order of the requests.
-    for (int i = 0; i < kVestraVitals; ++i) {
-        if (reqs[i].packet_type == kVestraUnused) continue;
+    for (int i = 0; i < VESTRA_API_VITALS; ++i) {
+        if (reqs[i].packet_type == VESTRA_API_UNUSED) continue;
         if (!answered[i]) getResult(&reqs[i], end, slot);
         log_answer(reqs[i]);
     }

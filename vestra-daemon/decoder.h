@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/vestra_api.h"
+#include "client/vestra_api.h"
 #include "trace/percentages.h"
 #include "trace/trace_format.h"
 
@@ -275,7 +275,7 @@ void process_request(vestra_api_data *reqs, int count);
 
 // Answers each request as process_request answers a single one, with the same log lines, but looks for the start of the
 // run only once and walks the ring only once for each window.
-void answer_requests(vestra_api_data (&reqs)[kVestraVitals]);
+void answer_requests(vestra_api_data (&reqs)[VESTRA_API_VITALS]);
 
 /* ------------------------------ Message decoders ------------------------------ */
 

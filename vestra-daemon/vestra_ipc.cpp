@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/vestra_api.h"
+#include "client/vestra_api.h"
 #include "vestra-daemon/decoder.h"
 #include "vestra-daemon/vestra_log.h"
 #include "vestra-daemon/vestrad.h"
@@ -33,7 +33,7 @@ static bool is_valid(vestra_shm_record *shm) {
 
 static int ready_value(vestra_shm_record *shm) {
     int value = 0;
-    if (is_valid(shm)) sem_getvalue(&shm->ready, &value);
+    if (is_valid(shm)) sem_getvalue(&shm->ready.semaphore, &value);
     return value;
 }
 
@@ -54,17 +54,17 @@ static void wait_for_post(vestra_shm_record *shm) {
 static void answer(vestra_shm_record *shm) {
     if (is_valid(shm)) store(&shm->state, VESTRA_REQUEST_ANSWERING);
     // All ones: type -1, unused, and the answer to a request of an unknown type (NaNs).
-    vestra_api_data local[kVestraVitals];
+    vestra_api_data local[VESTRA_API_VITALS];
     memset(local, 0xff, sizeof(local));
-    for (int i = 0; i < kVestraVitals && is_valid(shm); ++i) {
+    for (int i = 0; i < VESTRA_API_VITALS && is_valid(shm); ++i) {
         const int32_t type = load(&shm->request[i].packet_type);
-        if (type == kVestraUnused) continue;
+        if (type == VESTRA_API_UNUSED) continue;
         local[i].packet_type = type;
         local[i].window = load(&shm->request[i].window);
     }
     answer_requests(local);
-    for (int i = 0; i < kVestraVitals && is_valid(shm); ++i) {
-        if (local[i].packet_type == kVestraUnused) continue;
+    for (int i = 0; i < VESTRA_API_VITALS && is_valid(shm); ++i) {
+        if (local[i].packet_type == VESTRA_API_UNUSED) continue;
         log_request(local[i].packet_type, i, local[i]);
         // Copies the bytes of four adjacent doubles, so that all ones stay all ones.
         memcpy(&shm->request[i].maximum, &local[i].maximum, 4 * sizeof(double));

@@ -48,11 +48,11 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "client/vestra_api.h"
 #include "platform/notification.h"
 #include "platform/privileged_service.h"
 #include "platform/system_info.h"
 #include "platform/usb_device.h"
-#include "platform/vestra_api.h"
 #include "vestra-daemon/decoder.h"
 #include "vestra-daemon/vestra_ipc.h"
 #include "vestra-daemon/vestra_log.h"

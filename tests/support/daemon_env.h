@@ -18,11 +18,11 @@
 #include <tuple>
 #include <variant>
 
+#include "client/vestra_api.h"
 #include "gmock/gmock.h"
 #include "platform/fault.h"
 #include "platform/state_dir.h"
 #include "platform/usb_device.h"
-#include "platform/vestra_api.h"
 #include "support/files.h"
 #include "vestra-daemon/decoder.h"
 #include "vestra-daemon/vestrad.h"
@@ -63,6 +63,8 @@ struct World {
     int name_error = 0;                        // what naming a thread gives
     int nice_result = 0;                       // nice() never changes anything; errno is EPERM when this is -1
     std::function<int()> on_request;           // in place of the client library's wait for a request
+    bool no_segment = false;                   // the client library gives none
+    bool segment_is_gone = false;              // it says so of the one that it gave
     bool log_functions = false;                // log lines carry their function, and '$' for their line end
 };
 World &world();

@@ -252,6 +252,16 @@ int __wrap_vestra_request_sem_lock_func(const char *caller, int n) {
     return world().on_request ? world().on_request() : __real_vestra_request_sem_lock_func(caller, n);
 }
 
+decltype(get_shm) __real_get_shm;
+void *__wrap_get_shm() {
+    return world().no_segment ? nullptr : __real_get_shm();
+}
+
+decltype(check_if_valid_shm) __real_check_if_valid_shm;
+int __wrap_check_if_valid_shm(void **shm) {
+    return world().segment_is_gone ? 0 : __real_check_if_valid_shm(shm);
+}
+
 static void *allocate(size_t size) {
     if (fails_now(kNew, ENOMEM)) throw std::bad_alloc();
     void *memory = __real_malloc(size > 0 ? size : 1);

@@ -23,7 +23,7 @@
 
 namespace vestra_dump {
 
-constexpr int kVitalCount = kVestraVitals;
+constexpr int kVitalCount = VESTRA_API_VITALS;
 
 struct SecondVitals {
     int64_t second;                         // of stream time

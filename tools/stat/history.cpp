@@ -136,8 +136,8 @@ bool same(const WindowPair &pair) {
 }
 
 // How many seconds the longer windows, of `age` seconds, have more: 0, 1 or 2.
-int seconds_added(const std::array<Track, kVestraVitals> &tracks, const std::array<WindowPair, kVestraVitals> &pairs,
-                  int age) {
+int seconds_added(const std::array<Track, VESTRA_API_VITALS> &tracks,
+                  const std::array<WindowPair, VESTRA_API_VITALS> &pairs, int age) {
     int one = 0, two = 0;
     for (size_t type = 0; type < tracks.size(); ++type) {
         const Track &track = tracks[type];
@@ -152,9 +152,9 @@ int seconds_added(const std::array<Track, kVestraVitals> &tracks, const std::arr
 }  // namespace
 
 std::vector<Second> recover(const WindowPairs &pairs) {
-    std::array<Track, kVestraVitals> tracks;
+    std::array<Track, VESTRA_API_VITALS> tracks;
     std::vector<Second> seconds(1);
-    seconds.reserve(kVestraWindowMax + 1);
+    seconds.reserve(VESTRA_API_WINDOW_MAX + 1);
     for (size_t type = 0; type < tracks.size(); ++type) {
         seconds[0].vitals[type] = pairs[type][0].shorter.average;
         tracks[type].count = seconds[0].vitals[type] > 0 ? 1 : 0;
@@ -163,8 +163,8 @@ std::vector<Second> recover(const WindowPairs &pairs) {
     const auto &newest = seconds[0].vitals;
     if (std::all_of(newest.begin(), newest.end(), [](double value) { return value == 0; })) return {};
 
-    for (int age = 1; age <= kVestraWindowMax; ++age) {
-        std::array<WindowPair, kVestraVitals> step;
+    for (int age = 1; age <= VESTRA_API_WINDOW_MAX; ++age) {
+        std::array<WindowPair, VESTRA_API_VITALS> step;
         bool varied = false;  // some figures are different, so one more would be seen
         for (size_t type = 0; type < tracks.size(); ++type) {
             step[type] = pairs[type][static_cast<size_t>(age - 1)];

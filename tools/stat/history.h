@@ -14,7 +14,7 @@
 #include <array>
 #include <vector>
 
-#include "platform/vestra_api.h"
+#include "client/vestra_api.h"
 
 namespace vestra_stat {
 
@@ -25,13 +25,13 @@ struct WindowPair {
 };
 
 // By packet type, then by seconds of the longer window, less one.
-using WindowPairs = std::array<std::array<WindowPair, kVestraWindowMax>, kVestraVitals>;
+using WindowPairs = std::array<std::array<WindowPair, VESTRA_API_WINDOW_MAX>, VESTRA_API_VITALS>;
 
 struct Second {
     // 0: the newest second. Else its last sample is more than age - 1 s and at most age s older than the first sample of
     // the newest second.
     int age = 0;
-    std::array<double, kVestraVitals> vitals = {};  // NaN: unknown
+    std::array<double, VESTRA_API_VITALS> vitals = {};  // NaN: unknown
 };
 
 // The known seconds, newest first. None if the newest has no figures. What the windows cannot tell:

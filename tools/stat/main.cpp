@@ -78,7 +78,7 @@ bool choose(const std::vector<std::string> &words, std::vector<int> *types) {
             if (std::find(types->begin(), types->end(), type) == types->end()) types->push_back(type);
         }
     }
-    for (int type = 0; words.empty() && type < kVestraVitals; ++type) types->push_back(type);
+    for (int type = 0; words.empty() && type < VESTRA_API_VITALS; ++type) types->push_back(type);
     return true;
 }
 
@@ -96,7 +96,7 @@ int run(int argc, char **argv) {
     });
     const cli::Option window =
         program.add("-w,--window", options.window, "Seconds to look back, up to 180; 0: the current values")
-            .range(0, kVestraWindowMax)
+            .range(0, VESTRA_API_WINDOW_MAX)
             .show_default()
             .type("SECONDS");
     const cli::Option watching =

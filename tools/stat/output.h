@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/vestra_api.h"
+#include "client/vestra_api.h"
 #include "tools/stat/history.h"
 
 namespace vestra_stat {

@@ -15,7 +15,7 @@ constexpr const char *kAscii[kLevels] = {"_", ".", "-", "~", "=", "+", "*", "#"}
 }  // namespace
 
 std::string sparkline(const std::vector<Second> &seconds, size_t type, int width, bool utf8) {
-    const int each = (kVestraWindowMax + width) / width;  // ages 0 to 180
+    const int each = (VESTRA_API_WINDOW_MAX + width) / width;  // ages 0 to 180
     std::vector<double> sum(static_cast<size_t>(width)), count(sum.size());
     for (const Second &second : seconds) {
         const double value = second.vitals[type];

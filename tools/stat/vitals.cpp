@@ -9,10 +9,10 @@ std::vector<int> vitals_selected(std::string_view word) {
     int number = -1;
     const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
     if (error == std::errc() && end == word.data() + word.size()) {
-        if (number >= 0 && number < kVestraVitals) beginning.push_back(number);
+        if (number >= 0 && number < VESTRA_API_VITALS) beginning.push_back(number);
         return beginning;
     }
-    for (int type = 0; type < kVestraVitals; ++type) {
+    for (int type = 0; type < VESTRA_API_VITALS; ++type) {
         const std::string_view name = kVitals[static_cast<size_t>(type)].name;
         if (name == word) return {type};
         if (!word.empty() && name.substr(0, word.size()) == word) beginning.push_back(type);

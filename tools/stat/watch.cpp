@@ -16,7 +16,6 @@
 #include <string>
 #include <thread>
 
-#include "platform/dlog.h"
 #include "tools/stat/output.h"
 
 namespace vestra_stat {
@@ -65,7 +64,7 @@ int ask(vestra_api_h client, const Question &question, Answer *answer) {
 int ask_for_mark(vestra_api_h client, const Question &question, std::vector<vestra_api_data> *mark) {
     mark->clear();
     for (const int type : {2, 3, 4, 9, 10}) {
-        for (const int window : {0, 1, kVestraWindowMax}) mark->push_back(request_for(type, window));
+        for (const int window : {0, 1, VESTRA_API_WINDOW_MAX}) mark->push_back(request_for(type, window));
     }
     return ask(client, mark, question);
 }
@@ -73,10 +72,11 @@ int ask_for_mark(vestra_api_h client, const Question &question, std::vector<vest
 // Each question is for seventeen windows of a vital, the last of which is the first of the next question. So both
 // windows of a pair are always from one question.
 int ask_for_pairs(vestra_api_h client, const Question &question, WindowPairs *pairs) {
-    for (int type = 0; type < kVestraVitals; ++type) {
-        for (int first = 0; first < kVestraWindowMax; first += kVestraVitals - 1) {
+    for (int type = 0; type < VESTRA_API_VITALS; ++type) {
+        for (int first = 0; first < VESTRA_API_WINDOW_MAX; first += VESTRA_API_VITALS - 1) {
             std::vector<vestra_api_data> windows;
-            for (int window = first; window <= std::min(first + kVestraVitals - 1, kVestraWindowMax); ++window) {
+            for (int window = first; window <= std::min(first + VESTRA_API_VITALS - 1, VESTRA_API_WINDOW_MAX);
+                 ++window) {
                 windows.push_back(request_for(type, window));
             }
             if (const int result = ask(client, &windows, question); result != VESTRA_API_OK) return result;
@@ -243,8 +243,6 @@ int watch(vestra_api_h client, const Question &question, const Watch &how) {
         } else if (changed) {
             say(problem_text(result, question) + "; still asking");
         }
-        // The library has logged the reason by now and need not repeat it with every question.
-        if (result != VESTRA_API_OK) dlog_set_threshold(DLOG_ERROR);
         if (asked == how.count) return exit_code(result);
         // After a question that took long, the next ones are not asked early.
         next = std::max(next + interval, Clock::now());

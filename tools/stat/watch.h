@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "platform/vestra_api.h"
+#include "client/vestra_api.h"
 #include "tools/stat/output.h"
 
 namespace vestra_stat {

@@ -1,7 +1,7 @@
 // The client library's two sides without a whole daemon: what is refused, and whose segment it is. What happens to a
 // client when another client or the daemon dies is in e2e/clients_test.py.
 
-#include "platform/vestra_api.h"
+#include "client/vestra_api.h"
 
 #include <grp.h>
 #include <sys/mman.h>
@@ -39,7 +39,7 @@ static void serve(Play *play) {
         const bool give_up = play->give_up > 0;
         if (give_up) --play->give_up;
         for (vestra_api_data &entry : shm->request) {
-            if (give_up || entry.packet_type == kVestraUnused || entry.packet_type == play->unanswered) continue;
+            if (give_up || entry.packet_type == VESTRA_API_UNUSED || entry.packet_type == play->unanswered) continue;
             entry.maximum = entry.packet_type * 1000 + entry.window;
             entry.answer_type = entry.packet_type;
         }
@@ -92,8 +92,11 @@ class VestraApi : public PlatformTest {
         return result != VESTRA_API_OK ? result : static_cast<int>(request.maximum);
     }
     std::string file() const { return "/dev/shm" + name_; }
-    void expect_refused() const {
+    void expect_refused() {
+        vestra_api_close(client_);
+        client_ = vestra_api_open();
         EXPECT_THAT(logged([&] { EXPECT_EQ(ask(0, 0, 100), VESTRA_API_NO_DAEMON); }), HasSubstr(name_));
+        EXPECT_EQ(logged([&] { EXPECT_EQ(ask(0, 0, 100), VESTRA_API_NO_DAEMON); }), "") << "said once";
     }
     void expect_mode(mode_t mode) const {
         struct stat info;
@@ -176,8 +179,6 @@ TEST_F(VestraApi, SegmentOfADeadDaemonIsReplacedThatOfALivingOneIsNot) {
 TEST_F(VestraApi, SegmentOfAnotherUserIsRefusedAndReplacedByRootsDaemon) {
     start_daemon();
     if (geteuid() != 0 || chown(file().c_str(), 12345, 12345) != 0) GTEST_SKIP() << "no other users here";
-    vestra_api_close(client_);
-    client_ = vestra_api_open();
     expect_refused();
     start_daemon();
 }
@@ -209,8 +210,6 @@ TEST_F(VestraApi, ARemovedSegmentsAddressStaysMemory) {
     void *now = get_shm();
     EXPECT_EQ(check_if_valid_shm(&addresses.back()), 0);
     EXPECT_EQ(check_if_valid_shm(&now), 1);
-    platform_fail_nth(FAULT_CHECK_SHM, 1);
-    EXPECT_EQ(check_if_valid_shm(&now), 0);
     EXPECT_EQ(check_if_valid_shm(nullptr), 0);
     EXPECT_LT(vestra_request_sem_lock_func("client_request_process", 6), 0) << "returns without a request, too";
 }
