@@ -39,6 +39,16 @@ const std::vector<Command> &commands() {
          "  vestra-dump sqlite week.db /media/STICK/0000000000_*\n"
          "  sqlite3 -box week.db 'SELECT * FROM top_cpu LIMIT 10'",
          setup_sqlite},
+        {"parquet", "Convert dumps to Parquet files, in a directory tree that engines read as tables",
+         "The tree is LAKE/TABLE/model=MODEL/day=DAY/DUMP.parquet, with the tables dumps, vitals, processes and\n"
+         "damage. A dump that the lake has already is skipped. Any number of these commands may fill a lake at "
+         "once.\n\n"
+         "exit codes: 0 all read and clean, 1 damage, or some could not be read, 2 none could, 64 invalid arguments\n\n"
+         "examples:\n"
+         "  vestra-dump parquet /media/STICK/0000000000_* -o lake\n"
+         "  find incoming -type f -print0 | xargs -0 -n 20 -P 8 vestra-dump parquet -o lake --\n"
+         "  vestra-dump parquet --prefix set4711- DUMP -o lake",
+         setup_parquet},
         {"perfetto", "Make a trace for ui.perfetto.dev: counters for the vitals and for every process",
          "Times are stream time. A counter keeps its figure until the next one, so gaps are not visible.\n\n"
          "examples:\n"
@@ -84,6 +94,10 @@ void add_time_options(cli::Command app, TimeOptions &options) {
             "newest, or a date and time in UTC (2026-11-24T22:40:58)")
         .type("TIME");
     app.add("--to", options.to, "End here, this time included").type("TIME");
+    add_epoch_option(app, options);
+}
+
+void add_epoch_option(cli::Command app, TimeOptions &options) {
     app.add("--epoch", options.epoch,
             "Time of the newest sample: seconds since 1970, a date and time, 'name' (the default: from the "
             "dump's name), or 'none'")

@@ -39,14 +39,16 @@ Action setup_info(cli::Command app);
 Action setup_csv(cli::Command app);
 Action setup_json(cli::Command app);
 Action setup_sqlite(cli::Command app);
+Action setup_parquet(cli::Command app);
 Action setup_perfetto(cli::Command app);
 Action setup_report(cli::Command app);
 Action setup_cut(cli::Command app);
 Action setup_explain(cli::Command app);
 Action setup_diff(cli::Command app);
 
-// Adds --from, --to and --epoch.
+// Adds --from, --to and --epoch; only --epoch.
 void add_time_options(cli::Command app, TimeOptions &options);
+void add_epoch_option(cli::Command app, TimeOptions &options);
 
 // Adds --top.
 void add_top_option(cli::Command app, unsigned &top, int least, int greatest);

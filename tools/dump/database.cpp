@@ -11,19 +11,6 @@ constexpr int64_t kVersion = 2;
 
 constexpr const Table *kTables[] = {&kVitalsTable, &kProcessesTable, &kFramesTable, &kDamageTable};
 
-constexpr const char *kDumpsTable = R"(
-CREATE TABLE IF NOT EXISTS dumps(
-  dump_id INTEGER PRIMARY KEY,
-  file TEXT NOT NULL,
-  bytes INTEGER, payload_bytes INTEGER,
-  trailer INTEGER,           -- 1: there is one, which has
-  build TEXT, model TEXT, lite_mode INTEGER,
-  first_ns INTEGER, last_ns INTEGER,
-  epoch_ns INTEGER,          -- Unix time of stream time 0, ns
-  frames INTEGER, messages INTEGER, empty_records INTEGER,
-  damaged_spans INTEGER, damaged_bytes INTEGER, samples_astray INTEGER, counters_wrong INTEGER
-))";
-
 constexpr const char *kViews = R"(
 CREATE VIEW IF NOT EXISTS seconds AS
   SELECT d.file, d.model, d.build,
@@ -53,8 +40,9 @@ std::string quoted(const char *name) {
 }
 
 std::string create_table(const Table &table) {
-    std::string sql =
-        std::string("CREATE TABLE IF NOT EXISTS ") + table.name + "(dump_id INTEGER NOT NULL REFERENCES dumps(dump_id)";
+    const char *const key = &table == &kDumpsTable ? "(dump_id INTEGER PRIMARY KEY, file TEXT NOT NULL"
+                                                   : "(dump_id INTEGER NOT NULL REFERENCES dumps(dump_id)";
+    std::string sql = std::string("CREATE TABLE IF NOT EXISTS ") + table.name + key;
     for (const Column &column : table.columns) sql += ", " + quoted(column.name) + ' ' + column.type;
     return sql + ')';
 }
@@ -112,7 +100,7 @@ Database::Database(const std::string &path) {
     } else if (query("PRAGMA application_id") != kApplication || query("PRAGMA user_version") != kVersion) {
         throw DatabaseError("a database of another program, or of another version of this one");
     }
-    run_sql(kDumpsTable);
+    run_sql(create_table(kDumpsTable));
     for (const Table *table : kTables) run_sql(create_table(*table));
     run_sql(kViews);
     run_sql("COMMIT");
@@ -171,36 +159,14 @@ void Database::add(const Table &table, const Row &row) {
 }
 
 void Database::end_dump(const Overview &overview) {
-    const Summary &summary = overview.summary;
-    const DumpTotals &totals = summary.totals;
-    const Trailer trailer = totals.trailer.value_or(Trailer{});
-    const std::string build = printable(trailer.build), model = printable(trailer.model);
-    const auto text = [&](const std::string &value) {
-        return totals.trailer ? Value::of(std::string_view(value)) : Value{};
-    };
-    const auto time = [](const std::optional<int64_t> &ns) { return ns ? Value::of(*ns) : Value{}; };
-    const std::pair<const char *, Value> figures[] = {
-        {"bytes", Value::of_unsigned(totals.bytes)},
-        {"payload_bytes", Value::of_unsigned(totals.payload_bytes)},
-        {"trailer", Value::of(int64_t{totals.trailer ? 1 : 0})},
-        {"build", text(build)},
-        {"model", text(model)},
-        {"lite_mode", trailer.lite_mode ? Value::of(int64_t{*trailer.lite_mode}) : Value{}},
-        {"first_ns", time(summary.first_ns)},
-        {"last_ns", time(summary.last_ns)},
-        {"epoch_ns", time(overview.time.epoch_ns)},
-        {"frames", Value::of_unsigned(totals.all_frames())},
-        {"messages", Value::of_unsigned(totals.messages)},
-        {"empty_records", Value::of_unsigned(totals.empty_records)},
-        {"damaged_spans", Value::of_unsigned(totals.damaged_spans)},
-        {"damaged_bytes", Value::of_unsigned(totals.damaged_bytes)},
-        {"samples_astray", Value::of_unsigned(summary.samples_astray)},
-        {"counters_wrong", Value::of_unsigned(summary.counters_wrong)}};
+    VersionTexts texts;
+    Row row;
+    fill_row(overview, &texts, &row);
     std::string sql = "UPDATE dumps SET ";
-    for (const auto &[name, value] : figures) sql.append(quoted(name)).append(" = ?, ");
+    for (const Column &column : kDumpsTable.columns) sql.append(quoted(column.name)).append(" = ?, ");
     const Statement update = prepare(sql + "dump_id = dump_id WHERE dump_id = " + std::to_string(dump_));
     int place = 0;
-    for (const auto &[name, value] : figures) bind(update.get(), ++place, value);
+    for (const Value &value : row) bind(update.get(), ++place, value);
     step(update.get());
     run_sql("COMMIT");
 }

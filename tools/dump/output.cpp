@@ -29,7 +29,9 @@ std::unique_ptr<Output> Output::open(const std::string &path, std::string *error
         }
         full = std::filesystem::weakly_canonical(full, failed);
         out->target_ = failed ? path : full.string();
-        out->temporary_ = out->target_ + ".XXXXXX";
+        // Hidden, because an engine that reads a directory must not read what is not complete.
+        const std::filesystem::path target = out->target_;
+        out->temporary_ = (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
         out->fd_ = mkostemp(out->temporary_.data(), O_CLOEXEC);
         if (out->fd_ < 0) {
             out->temporary_.clear();

@@ -10,7 +10,7 @@ namespace vestra_dump {
 
 // One thread. What is written after a failure is dropped.
 //
-// A file is written under a temporary name beside it, which close() renames: an existing file is replaced by a complete
+// A file is written under a hidden temporary name beside it, which close() renames: an existing file is replaced by a complete
 // one or stays as it is. What is no regular file, such as a device, is written to directly.
 class Output {
   public:

@@ -1,8 +1,5 @@
 #include "tools/dump/row_text.h"
 
-#include <algorithm>
-#include <cstring>
-
 #include "tools/dump/text.h"
 #include "trace/percentages.h"
 
@@ -56,18 +53,6 @@ void append_json(const Value &value, std::string *out) {
     }
 }
 
-// Index of the column with the time; past the last if there is none.
-size_t time_column(const Table &table) {
-    static constexpr const char *kTimes[] = {"time_ns", "first_ns", "from_ns"};
-    size_t column = 0;
-    const auto is_time = [](const char *name) {
-        return std::any_of(std::begin(kTimes), std::end(kTimes),
-                           [name](const char *time) { return std::strcmp(name, time) == 0; });
-    };
-    while (column < table.columns.size() && !is_time(table.columns[column].name)) ++column;
-    return column;
-}
-
 }  // namespace
 
 bool WallText::append(const Row &row, size_t column, std::string *out) {
@@ -89,7 +74,7 @@ bool WallText::append(const Row &row, size_t column, std::string *out) {
 }
 
 CsvWriter::CsvWriter(const Table &table, const DumpTime &time, Output &out)
-    : wall_(time), out_(out), time_column_(time_column(table)) {
+    : wall_(time), out_(out), time_column_(table.time_column()) {
     std::string &text = out_.buffer();
     for (const Column &column : table.columns) {
         if (&column != table.columns.data()) text.append(1, ',');
@@ -123,7 +108,7 @@ void JsonWriter::add(const Table &table, const Row &row) {
     }
     const size_t before = text.size();
     text.append(",\"").append(kWallColumn).append("\":\"");
-    if (wall_.append(row, time_column(table), &text)) {
+    if (wall_.append(row, table.time_column(), &text)) {
         text.append(1, '"');
     } else {
         text.resize(before);

@@ -1,5 +1,6 @@
 #include "tools/dump/tables.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -9,7 +10,7 @@ namespace vestra_dump {
 
 const Table kVitalsTable = [] {
     Table table{"vitals", {{"second", "INTEGER"}, {"time_ns", "INTEGER"}}};
-    for (const VitalName &name : kVitalNames) table.columns.push_back({name.column, "REAL"});
+    for (const VitalName &name : kVitalNames) table.columns.push_back({name.column, "REAL", true});
     return table;
 }();
 
@@ -19,9 +20,9 @@ const Table kProcessesTable = {"processes",
                                 {"parent", "INTEGER"},
                                 {"name", "TEXT"},
                                 {"core", "INTEGER"},
-                                {"cpu_total", "REAL"},
-                                {"cpu_user", "REAL"},
-                                {"cpu_system", "REAL"},
+                                {"cpu_total", "REAL", true},
+                                {"cpu_user", "REAL", true},
+                                {"cpu_system", "REAL", true},
                                 {"user_ticks", "INTEGER"},
                                 {"system_ticks", "INTEGER"},
                                 {"rss_kib", "INTEGER"},
@@ -37,8 +38,8 @@ const Table kFramesTable = {"frames",
                              {"type", "INTEGER"},
                              {"core", "INTEGER"},
                              {"messages", "INTEGER"},
-                             {"first_ns", "INTEGER"},
-                             {"last_ns", "INTEGER"},
+                             {"first_ns", "INTEGER", true},
+                             {"last_ns", "INTEGER", true},
                              {"whole", "INTEGER"}}};
 
 const Table kDamageTable = {"damage",
@@ -46,8 +47,36 @@ const Table kDamageTable = {"damage",
                              {"bytes", "INTEGER"},
                              {"reason", "TEXT"},
                              {"messages", "INTEGER"},
-                             {"from_ns", "INTEGER"},
-                             {"to_ns", "INTEGER"}}};
+                             {"from_ns", "INTEGER", true},
+                             {"to_ns", "INTEGER", true}}};
+
+// trailer: 1: there is one, which has build and model. epoch_ns: Unix time of stream time 0, ns.
+const Table kDumpsTable = {"dumps",
+                           {{"bytes", "INTEGER"},
+                            {"payload_bytes", "INTEGER"},
+                            {"trailer", "INTEGER"},
+                            {"build", "TEXT", true},
+                            {"model", "TEXT", true},
+                            {"lite_mode", "INTEGER", true},
+                            {"first_ns", "INTEGER", true},
+                            {"last_ns", "INTEGER", true},
+                            {"epoch_ns", "INTEGER", true},
+                            {"frames", "INTEGER"},
+                            {"messages", "INTEGER"},
+                            {"empty_records", "INTEGER"},
+                            {"damaged_spans", "INTEGER"},
+                            {"damaged_bytes", "INTEGER"},
+                            {"samples_astray", "INTEGER"},
+                            {"counters_wrong", "INTEGER"}}};
+
+size_t Table::time_column() const {
+    static constexpr std::string_view kTimes[] = {"time_ns", "first_ns", "from_ns"};
+    if (this == &kDumpsTable) return columns.size();
+    const auto is_time = [](const Column &column) {
+        return std::find(std::begin(kTimes), std::end(kTimes), column.name) != std::end(kTimes);
+    };
+    return static_cast<size_t>(std::find_if(columns.begin(), columns.end(), is_time) - columns.begin());
+}
 
 Value Value::of_unsigned(uint64_t value) {
     constexpr auto kGreatest = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
@@ -101,14 +130,43 @@ void fill_row(const Frame &frame, size_t messages, Row *row) {
             Value::of(int64_t{frame.whole ? 1 : 0})};
 }
 
+static Value optional_time(const std::optional<int64_t> &ns) {
+    return ns ? Value::of(*ns) : Value{};
+}
+
 void fill_row(const DamagedSpan &span, Row *row) {
-    const auto time = [](const std::optional<int64_t> &ns) { return ns ? Value::of(*ns) : Value{}; };
     *row = {Value::of_unsigned(span.offset),
             Value::of_unsigned(span.bytes),
             Value::of(std::string_view(describe(span.reason))),
             Value::of_unsigned(span.messages),
-            time(span.from_ns),
-            time(span.to_ns)};
+            optional_time(span.from_ns),
+            optional_time(span.to_ns)};
+}
+
+void fill_row(const Overview &overview, VersionTexts *texts, Row *row) {
+    const Summary &summary = overview.summary;
+    const DumpTotals &totals = summary.totals;
+    const Trailer trailer = totals.trailer.value_or(Trailer{});
+    *texts = {printable(trailer.build), printable(trailer.model)};
+    const auto text = [&totals](const std::string &value) {
+        return totals.trailer ? Value::of(std::string_view(value)) : Value{};
+    };
+    *row = {Value::of_unsigned(totals.bytes),
+            Value::of_unsigned(totals.payload_bytes),
+            Value::of(int64_t{totals.trailer ? 1 : 0}),
+            text(texts->build),
+            text(texts->model),
+            trailer.lite_mode ? Value::of(int64_t{*trailer.lite_mode}) : Value{},
+            optional_time(summary.first_ns),
+            optional_time(summary.last_ns),
+            optional_time(overview.time.epoch_ns),
+            Value::of_unsigned(totals.all_frames()),
+            Value::of_unsigned(totals.messages),
+            Value::of_unsigned(totals.empty_records),
+            Value::of_unsigned(totals.damaged_spans),
+            Value::of_unsigned(totals.damaged_bytes),
+            Value::of_unsigned(summary.samples_astray),
+            Value::of_unsigned(summary.counters_wrong)};
 }
 
 void RowMaker::on_second(const SecondVitals &second) {

@@ -1,4 +1,4 @@
-// tables.h -- what a dump contains, as four tables that are the same in CSV, JSON and SQLite.
+// tables.h -- what a dump contains, as tables that are the same in CSV, JSON, SQLite and Parquet.
 #pragma once
 
 #include <cstdint>
@@ -24,12 +24,16 @@ struct Value {
 
 struct Column {
     const char *name;
-    const char *type;  // in SQL
+    const char *type;       // in SQL
+    bool nullable = false;  // may be unknown
 };
 
 struct Table {
     const char *name;
     std::vector<Column> columns;
+
+    // Index of the column with the row's time; past the last if there is none.
+    size_t time_column() const;
 };
 
 using Row = std::vector<Value>;
@@ -38,12 +42,19 @@ extern const Table kVitalsTable;     // one row for each second
 extern const Table kProcessesTable;  // one row for each sample of a process
 extern const Table kFramesTable;     // one row for each frame
 extern const Table kDamageTable;     // one row for each damaged span
+extern const Table kDumpsTable;      // one row for each dump; has no time
 
 // Fill *row. `name` holds the printable name for it.
 void fill_row(const SecondVitals &second, Row *row);
 void fill_row(const SwitchSample &sample, const Process &process, std::string *name, Row *row);
 void fill_row(const Frame &frame, size_t messages, Row *row);
 void fill_row(const DamagedSpan &span, Row *row);
+
+// Texts of a row that are made from a dump's.
+struct VersionTexts {
+    std::string build, model;
+};
+void fill_row(const Overview &overview, VersionTexts *texts, Row *row);
 
 // Where rows go.
 class RowSink {
