@@ -20,9 +20,13 @@ constexpr const char *kFingerprintKey = "vestra.fingerprint", *kOptionsKey = "ve
 class Fingerprint {
   public:
     void add(const uint8_t *bytes, size_t count) {
+        for (; in_word_ == 0 && count >= 8; count -= 8, bytes += 8) {
+            for (size_t i = 0; i < 8; ++i) word_ |= uint64_t{bytes[i]} << 8 * i;
+            mix();
+        }
         for (; count > 0; --count, ++bytes) {
-            word_ = word_ << 8 | *bytes;
-            if (++in_word_ % 8 == 0) mix();
+            word_ |= uint64_t{*bytes} << 8 * in_word_;
+            if (++in_word_ == 8) mix();
         }
     }
     std::string end(uint64_t bytes) {
@@ -38,7 +42,7 @@ class Fingerprint {
     void mix() {
         hash_ = (hash_ ^ word_) * 0x9e3779b97f4a7c15U;
         hash_ ^= hash_ >> 32;
-        word_ = 0;
+        word_ = in_word_ = 0;
     }
 
     uint64_t hash_ = 0, word_ = 0, in_word_ = 0;
@@ -110,7 +114,6 @@ parquet::Layout layout_of(const Table &table) {
             layout.sorted_by.push_back(static_cast<size_t>(found - layout.columns.begin()));
         }
     } else {
-        layout.rows_kept = layout.rows_in_group = size_t{1} << 15;
     }
     return layout;
 }

@@ -10,7 +10,15 @@ namespace {
 constexpr size_t kPacked = 8;  // values of a packed group; a run that is shorter is packed
 constexpr size_t kMini = 32, kMinisInBlock = 4;
 
-// Packs numbers, the lowest bit first. What is packed ends with a complete byte.
+// The lowest first.
+template <size_t count>
+void append_bytes(uint64_t value, std::string *out) {
+    char bytes[count];
+    for (size_t i = 0; i < count; ++i) bytes[i] = static_cast<char>(value >> 8 * i);
+    out->append(bytes, count);
+}
+
+// Packs numbers, the lowest bit first.
 class Packer {
   public:
     explicit Packer(std::string *out) : out_(*out) {}
@@ -22,13 +30,23 @@ class Packer {
             width -= 32;
         }
         kept_ |= value << bits_;
-        for (bits_ += width; bits_ >= 8; bits_ -= 8, kept_ >>= 8) out_.append(1, static_cast<char>(kept_));
+        bits_ += width;
+        if (bits_ < 32) return;
+        append_bytes<4>(kept_, &out_);
+        kept_ >>= 32;
+        bits_ -= 32;
+    }
+
+    // Fills the last byte with zeros.
+    void end() {
+        for (; bits_ > 0; bits_ -= 8, kept_ >>= 8) append_bytes<1>(kept_, &out_);
+        bits_ = 0;
     }
 
   private:
     std::string &out_;
     uint64_t kept_ = 0;
-    int bits_ = 0;  // of kept_, below 8
+    int bits_ = 0;  // of kept_, below 32
 };
 
 size_t run_at(const std::vector<uint32_t> &values, size_t at) {
@@ -52,9 +70,7 @@ int bits_for(uint64_t greatest) {
 }
 
 void append_plain(const std::vector<uint64_t> &values, std::string *out) {
-    for (const uint64_t value : values) {
-        for (int shift = 0; shift < 64; shift += 8) out->append(1, static_cast<char>(value >> shift));
-    }
+    for (const uint64_t value : values) append_bytes<8>(value, out);
 }
 
 void append_runs(const std::vector<uint32_t> &values, int width, std::string *out) {
@@ -71,6 +87,7 @@ void append_runs(const std::vector<uint32_t> &values, int width, std::string *ou
         append_varint(uint64_t{(end - at) / kPacked} << 1 | 1, out);
         Packer packer(out);
         for (; at < end; ++at) packer.put(at < values.size() ? values[at] : 0, width);
+        packer.end();
     }
 }
 
@@ -100,6 +117,7 @@ void append_delta(const std::vector<uint64_t> &values, std::string *out) {
         for (const int width : widths) out->append(1, static_cast<char>(width));
         Packer packer(out);
         for (size_t i = 0; i < deltas.size(); ++i) packer.put(deltas[i], widths[i / kMini]);
+        packer.end();
     }
 }
 

@@ -1,6 +1,7 @@
 #include "tools/parquet/writer.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <fstream>
 #include <numeric>
@@ -129,7 +130,7 @@ void Writer::add_cell(uint64_t value, uint8_t known) {
     if (layout_.columns[column_].nullable) cells.known.push_back(known);
     if (++column_ < cells_.size()) return;
     column_ = 0;
-    if (cells.values.size() >= layout_.rows_kept || text_bytes_ >= kTextMax) write_rows();
+    if (cells.values.size() >= layout_.rows_in_group || text_bytes_ >= kTextMax) write_group();
 }
 
 // Replaces the places of texts by those in the order of their bytes.
@@ -141,50 +142,59 @@ void Writer::sort_texts(Cells *cells) {
     for (uint64_t &value : cells->values) value = place.empty() ? 0 : place[static_cast<size_t>(value)];
 }
 
-void Writer::write_rows() {
-    const size_t count = cells_.front().values.size();
+// The rows in memory in the order of the file.
+std::vector<uint32_t> Writer::order() const {
+    struct Key {
+        std::array<int64_t, Layout::kSortedMax> cells;
+        uint32_t row;
+
+        bool operator<(const Key &other) const {
+            size_t i = 0;
+            while (i < cells.size() && cells[i] == other.cells[i]) ++i;
+            return i < cells.size() ? cells[i] < other.cells[i] : row < other.row;
+        }
+    };
+    std::vector<uint32_t> rows(cells_.front().values.size());
+    std::iota(rows.begin(), rows.end(), 0);
+    if (layout_.sorted_by.empty()) return rows;
+    std::vector<Key> keys(rows.size(), Key{});
+    for (size_t i = 0; i < layout_.sorted_by.size(); ++i) {
+        const std::vector<uint64_t> &values = cells_[layout_.sorted_by[i]].values;
+        for (const uint32_t row : rows) keys[row].cells[i] = static_cast<int64_t>(values[row]);
+    }
+    for (const uint32_t row : rows) keys[row].row = row;
+    std::sort(keys.begin(), keys.end());
+    std::transform(keys.begin(), keys.end(), rows.begin(), [](const Key &key) { return key.row; });
+    return rows;
+}
+
+void Writer::write_group() {
     for (size_t i = 0; i < cells_.size(); ++i) {
         if (layout_.columns[i].type == Type::kText) sort_texts(&cells_[i]);
     }
-    std::vector<uint32_t> rows(count);
-    std::iota(rows.begin(), rows.end(), 0);
-    std::sort(rows.begin(), rows.end(), [this](uint32_t a, uint32_t b) {
-        for (const size_t column : layout_.sorted_by) {
-            const std::vector<uint64_t> &values = cells_[column].values;
-            if (values[a] != values[b]) return static_cast<int64_t>(values[a]) < static_cast<int64_t>(values[b]);
+    const std::vector<uint32_t> rows = order();
+    std::vector<Chunk> chunks;
+    Values values;
+    for (size_t i = 0; i < cells_.size(); ++i) {
+        Cells &cells = cells_[i];
+        values.type = layout_.columns[i].type;
+        values.nullable = layout_.columns[i].nullable;
+        values.texts = &cells.sorted;
+        values.known.clear();
+        values.rows.clear();
+        for (const uint32_t row : rows) {
+            const bool known = !values.nullable || cells.known[row] != 0;
+            if (known) values.known.push_back(cells.values[row]);
+            if (values.nullable) values.rows.push_back(known ? 1 : 0);
         }
-        return a < b;
-    });
-    for (size_t at = 0; at < count; at += layout_.rows_in_group) {
-        write_group(rows.data() + at, std::min(layout_.rows_in_group, count - at));
-    }
-    for (Cells &cells : cells_) {
+        chunks.push_back(make_chunk(values, &compressor_));
         cells.values.clear();
         cells.known.clear();
         cells.places.clear();
         cells.texts.clear();
     }
     text_bytes_ = 0;
-}
-
-void Writer::write_group(const uint32_t *rows, size_t count) {
-    std::vector<Chunk> chunks;
-    Values values;
-    for (size_t i = 0; i < cells_.size(); ++i) {
-        const Cells &cells = cells_[i];
-        values.type = layout_.columns[i].type;
-        values.nullable = layout_.columns[i].nullable;
-        values.texts = &cells.sorted;
-        values.known.clear();
-        values.rows.clear();
-        for (const uint32_t *row = rows; row < rows + count; ++row) {
-            const bool known = !values.nullable || cells.known[*row] != 0;
-            if (known) values.known.push_back(cells.values[*row]);
-            if (values.nullable) values.rows.push_back(known ? 1 : 0);
-        }
-        chunks.push_back(make_chunk(values, &compressor_));
-    }
-    describe(chunks, count);
+    describe(chunks, rows.size());
     for (const Chunk &chunk : chunks) write(chunk.bytes);
 }
 
@@ -219,7 +229,7 @@ void Writer::describe(const std::vector<Chunk> &chunks, size_t rows) {
 }
 
 void Writer::finish(std::string_view program, const Metadata &metadata) {
-    if (!cells_.front().values.empty()) write_rows();
+    if (!cells_.front().values.empty()) write_group();
     std::string bytes;
     Thrift footer(&bytes);
     footer.number(1, 2);  // version of the format

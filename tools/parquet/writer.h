@@ -7,7 +7,7 @@
 //   ...
 //   writer.finish("program version 1", {{"key", "value"}});
 //
-// Memory is bounded by Layout::rows_kept. One thread. The same rows make the same bytes.
+// Memory is bounded by Layout::rows_in_group. One thread. The same rows make the same bytes.
 //
 // The file: "PAR1", for each row group a chunk of each column (chunk.h), then the footer, a Thrift structure that has the
 // schema, and the places and statistics of all chunks; its length, 4 bytes, the lowest first; and "PAR1".
@@ -33,9 +33,13 @@ struct Column {
 
 struct Layout {
     std::vector<Column> columns;
-    std::vector<size_t> sorted_by;       // columns, the first counts most; integers or texts that are never unknown
-    size_t rows_kept = size_t{1} << 17;  // that are sorted together, and are in memory: eight bytes for each cell
-    size_t rows_in_group = rows_kept;    // of a row group
+    // Up to kSortedMax columns, the first counts most; integers or texts that are never unknown.
+    std::vector<size_t> sorted_by;
+    // Rows of a row group, at most. They are sorted together, and in memory: eight bytes for each cell, and as many again
+    // for four columns while they are written.
+    size_t rows_in_group = size_t{1} << 17;
+
+    static constexpr size_t kSortedMax = 3;
 };
 
 using Metadata = std::vector<std::pair<std::string, std::string>>;
@@ -64,9 +68,9 @@ class Writer {
     };
 
     void add_cell(uint64_t value, uint8_t known);
-    void sort_texts(Cells *cells);
-    void write_rows();
-    void write_group(const uint32_t *rows, size_t count);
+    static void sort_texts(Cells *cells);
+    std::vector<uint32_t> order() const;
+    void write_group();
     void describe(const std::vector<Chunk> &chunks, size_t rows);
     void write(std::string_view bytes);
 
