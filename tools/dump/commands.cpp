@@ -49,6 +49,15 @@ const std::vector<Command> &commands() {
          "  find incoming -type f -print0 | xargs -0 -n 20 -P 8 vestra-dump parquet -o lake --\n"
          "  vestra-dump parquet --prefix set4711- DUMP -o lake",
          setup_parquet},
+        {"clickhouse", "Write one table of many dumps for clickhouse-client, or the statements that create the tables",
+         "Rows are TabSeparated; an unknown figure is \\N. A dump that is loaded again changes nothing: ask the\n"
+         "tables with FINAL, which leaves out what was loaded twice.\n\n"
+         "examples:\n"
+         "  vestra-dump clickhouse --schema | clickhouse-client --multiquery\n"
+         "  vestra-dump clickhouse --schema --cluster sets > schema.sql     for every server\n"
+         "  vestra-dump clickhouse --processes DUMP DUMP |\n"
+         "    clickhouse-client --query 'INSERT INTO vestra.processes FORMAT TabSeparated'",
+         setup_clickhouse},
         {"perfetto", "Make a trace for ui.perfetto.dev: counters for the vitals and for every process",
          "Times are stream time. A counter keeps its figure until the next one, so gaps are not visible.\n\n"
          "examples:\n"

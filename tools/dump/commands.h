@@ -40,6 +40,7 @@ Action setup_csv(cli::Command app);
 Action setup_json(cli::Command app);
 Action setup_sqlite(cli::Command app);
 Action setup_parquet(cli::Command app);
+Action setup_clickhouse(cli::Command app);
 Action setup_perfetto(cli::Command app);
 Action setup_report(cli::Command app);
 Action setup_cut(cli::Command app);
