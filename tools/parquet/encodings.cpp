@@ -24,17 +24,8 @@ class Packer {
     explicit Packer(std::string *out) : out_(*out) {}
 
     void put(uint64_t value, int width) {
-        if (width > 32) {
-            put(value & 0xffffffff, 32);
-            value >>= 32;
-            width -= 32;
-        }
-        kept_ |= value << bits_;
-        bits_ += width;
-        if (bits_ < 32) return;
-        append_bytes<4>(kept_, &out_);
-        kept_ >>= 32;
-        bits_ -= 32;
+        if (width > 32) put_part(value & 0xffffffff, 32);
+        put_part(width > 32 ? value >> 32 : value, width > 32 ? width - 32 : width);
     }
 
     // Fills the last byte with zeros.
@@ -44,6 +35,16 @@ class Packer {
     }
 
   private:
+    // Up to 32 bits.
+    void put_part(uint64_t value, int width) {
+        kept_ |= value << bits_;
+        bits_ += width;
+        if (bits_ < 32) return;
+        append_bytes<4>(kept_, &out_);
+        kept_ >>= 32;
+        bits_ -= 32;
+    }
+
     std::string &out_;
     uint64_t kept_ = 0;
     int bits_ = 0;  // of kept_, below 32
