@@ -167,7 +167,7 @@ class DumpTrace(DumpTest):
         super().setUp()
         write('dump', made('hostile'))
         self.tracks, self.counters, self.damage = {}, {}, []
-        for event in json.loads(output('perfetto', 'dump'))['traceEvents']:
+        for event in json.loads(output('perfetto', '--json', 'dump'))['traceEvents']:
             if event['ph'] == 'C':
                 self.assertEqual(len(event['args']), 1)
                 self.assertIn(event['pid'], self.tracks)

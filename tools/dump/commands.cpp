@@ -58,11 +58,13 @@ const std::vector<Command> &commands() {
          "  vestra-dump clickhouse --processes DUMP DUMP |\n"
          "    clickhouse-client --query 'INSERT INTO vestra.processes FORMAT TabSeparated'",
          setup_clickhouse},
-        {"perfetto", "Make a trace for ui.perfetto.dev: counters for the vitals and for every process",
-         "Times are stream time. A counter keeps its figure until the next one, so gaps are not visible.\n\n"
+        {"perfetto", "Make a trace for ui.perfetto.dev: vitals, processes, damage and findings",
+         "A native trace of Perfetto. A counter keeps its figure until the next one; seconds without samples have\n"
+         "a track of their own. Traces of several sets can be merged on one timeline: each has a machine's id.\n\n"
          "examples:\n"
-         "  vestra-dump perfetto DUMP -o dump.json     then open it in ui.perfetto.dev or chrome://tracing\n"
-         "  vestra-dump perfetto --from -60 DUMP | gzip > last-minute.json.gz",
+         "  vestra-dump perfetto DUMP -o dump.pftrace     then open it in ui.perfetto.dev\n"
+         "  vestra-dump perfetto --machine lab-7 --from -60 DUMP | gzip > last-minute.pftrace.gz\n"
+         "  vestra-dump perfetto --json DUMP -o dump.json     for chrome://tracing",
          setup_perfetto},
         {"report", "Make a page for the browser: findings, plots of all vitals and of the processes, damage",
          "One self-contained HTML file that needs no network. It has less than 1 MiB, however long the dump is,\n"
