@@ -40,10 +40,11 @@ protozero::data_view view(std::string_view text) {
     return {text.data(), text.size()};
 }
 
-uint64_t hash(std::string_view bytes) {  // FNV-1a
+// FNV-1a, and a step that mixes the last bytes into the upper bits.
+uint64_t hash(std::string_view bytes) {
     uint64_t sum = 0xcbf29ce484222325;
     for (const char c : bytes) sum = (sum ^ static_cast<uint8_t>(c)) * 0x100000001b3;
-    return sum;
+    return (sum ^ sum >> 32) * 0x9e3779b97f4a7c15;
 }
 
 std::string title(std::string_view name, const std::optional<int32_t> &pid) {
