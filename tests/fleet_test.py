@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """Many dumps in other people's engines: what docs/sql asks is answered as SQLite answers it."""
+import json
 import os
 import re
 import shutil
@@ -65,6 +66,21 @@ class FleetTest(unittest.TestCase):
             width = min(len(got[0]), len(expected[0]))
             order = sorted if 'ORDER BY' not in question.split(')')[-1] else list
             self.assertEqual(order(row[:width] for row in got), order(row[:width] for row in expected), question)
+
+
+READERS = BUILD.parent / 'parquet-readers'
+
+
+@unittest.skipUnless(shutil.which('node') and (READERS / 'installed.json').exists(), 'no DuckDB here')
+class DuckDb(FleetTest):
+    def test_lake_answers_as_sqlite_does(self):
+        subprocess.run([DUMP, 'parquet', '-o', self.place / 'lake', *self.dumps], check=False, stderr=subprocess.DEVNULL)
+        os.symlink(READERS / 'node_modules', self.place / 'node_modules')
+        reader = shutil.copy(ROOT / 'tests/parquet_readers/read.mjs', self.place)
+        questions = statements((ROOT / 'docs/sql/duckdb.sql').read_text())
+        asked = subprocess.run(['node', reader, 'query', *questions], cwd=self.place / 'lake', check=True, stdout=subprocess.PIPE)
+        self.check_answers(json.loads(asked.stdout))
+
 
 
 SERVER = shutil.which('clickhouse-server') or ROOT / 'build/clickhouse-server'
