@@ -1,5 +1,8 @@
 #include "platform/privileged_service.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,15 +19,37 @@ namespace {
 
 enum Result : int { kDone = 0, kRefused = -1, kNotLoaded = -2, kNoService = -3 };
 
-// Path of the state file of a loaded module. Empty if `name` names no module.
-std::string module_file(std::string name) {
+// The kernel's name of a module or of its file. Empty if `name` names no module.
+std::string module_name(std::string name) {
     name.erase(0, name.rfind('/') + 1);
     static constexpr std::string_view kExtension = ".ko";
     if (name.size() >= kExtension.size() && name.substr(name.size() - kExtension.size()) == kExtension) {
         name.resize(name.size() - kExtension.size());
     }
     std::replace(name.begin(), name.end(), '-', '_');
-    return name.empty() ? std::string() : state_path("modules/" + encode_name(name));
+    return name;
+}
+
+std::string module_file(const std::string &name) {
+    return state_path("modules/" + encode_name(name));
+}
+
+// The launcher of a simulated set makes the directory. Without it, this is a machine whose kernel loads modules.
+bool is_simulated_set() {
+    struct stat info;
+    return stat(state_path("modules").c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+Result load_into_kernel(const std::string &file) {
+    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    const bool loaded = fd >= 0 && (syscall(SYS_finit_module, fd, "", 0) == 0 || errno == EEXIST);
+    if (!loaded) PLATFORM_LOGW("cannot load %s (%d:%m)", file.c_str(), errno);
+    if (fd >= 0) close(fd);
+    return loaded ? kDone : kNoService;
+}
+
+int unload_from_kernel(const std::string &name) {
+    return static_cast<int>(syscall(SYS_delete_module, name.c_str(), O_NONBLOCK));
 }
 
 int report(int result, int *retValue) {
@@ -39,9 +64,10 @@ int PS_Insmod_Fast(const char *path, size_t length, int /*flags*/, int *retValue
     return report(guarded<int>(kNoService,
                                [&] {
                                    const std::string file(path, strnlen(path, length));
-                                   const std::string module = module_file(file);
-                                   if (module.empty()) return kRefused;
-                                   return replace_state_file(module, file) ? kDone : kNoService;
+                                   const std::string name = module_name(file);
+                                   if (name.empty()) return kRefused;
+                                   if (!is_simulated_set()) return load_into_kernel(file);
+                                   return replace_state_file(module_file(name), file) ? kDone : kNoService;
                                }),
                   retValue);
 }
@@ -50,9 +76,11 @@ int PS_Rmmod(const char *name, size_t length, int /*flags*/, int *retValue) {
     if (name == nullptr || platform_fault(FAULT_RMMOD)) return report(kRefused, retValue);
     return report(guarded<int>(kNoService,
                                [&] {
-                                   const std::string module = module_file(std::string(name, strnlen(name, length)));
+                                   const std::string module = module_name(std::string(name, strnlen(name, length)));
                                    if (module.empty()) return kRefused;
-                                   if (unlink(module.c_str()) == 0) return kDone;
+                                   const int result = is_simulated_set() ? unlink(module_file(module).c_str())
+                                                                         : unload_from_kernel(module);
+                                   if (result == 0) return kDone;
                                    PLATFORM_LOGW("cannot unload %s (%d:%m)", module.c_str(), errno);
                                    return errno == ENOENT ? kNotLoaded : kNoService;
                                }),
