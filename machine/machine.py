@@ -1,0 +1,125 @@
+"""A machine that qemu emulates, without KVM: boots a kernel with an initramfs and brings results out."""
+import json
+import queue
+import shutil
+import socket
+import subprocess
+import tarfile
+import threading
+import time
+from dataclasses import dataclass
+from pathlib import Path
+
+RESULTS_SIZE = 64 << 20  # bytes of the disk that brings the results out
+DONE = '== the results are on the disk'
+
+
+class MachineFailed(Exception):
+    pass
+
+
+@dataclass(frozen=True)
+class Kind:
+    """What depends on the architecture."""
+    preset: str  # the build of the programs
+    command: tuple
+    console: str
+    disk: str
+    library_directories: tuple
+
+
+KINDS = {
+    'amd64': Kind('release', ('qemu-system-x86_64', '-M', 'q35'), 'ttyS0', 'virtio-blk-pci',
+                  ('lib/x86_64-linux-gnu', 'usr/lib/x86_64-linux-gnu')),
+    'armhf': Kind('arm', ('qemu-system-arm', '-M', 'virt', '-cpu', 'cortex-a15'), 'ttyAMA0', 'virtio-blk-device',
+                  ('lib/arm-linux-gnueabihf', 'usr/lib/arm-linux-gnueabihf')),
+}
+
+
+class Machine:
+    """One run. `directory` gets serial.log and results/, both cleared first."""
+
+    def __init__(self, architecture, directory):
+        self.kind = KINDS[architecture]
+        self.directory = Path(directory)
+        self.results = self.directory / 'results'
+        self._disk = self.directory / 'results.disk'
+        self._qmp = self.directory / 'qmp'
+        self._process = None
+
+    def run(self, kernel, initramfs, scenario, limit, say, options=()):
+        """Boots and runs the scenario, for `limit` seconds at most. Calls say(line) for each step of the guest."""
+        if not shutil.which(self.kind.command[0]):
+            raise MachineFailed(f'{self.kind.command[0]} is missing (scripts/install-deps machine)')
+        shutil.rmtree(self.results, ignore_errors=True)
+        self.results.mkdir(parents=True)
+        self._qmp.unlink(missing_ok=True)
+        with open(self._disk, 'wb') as disk:
+            disk.truncate(RESULTS_SIZE)
+        # However this process ends, the machine ends with it.
+        command = ['setpriv', '--pdeathsig', 'KILL', *self.kind.command, '-accel', 'tcg', '-smp', '4',
+                   '-m', '512', '-nodefaults', '-display', 'none', '-no-reboot',
+                   '-kernel', str(kernel), '-initrd', str(initramfs),
+                   '-append', f'console={self.kind.console} quiet panic=-1 oops=panic vestra.scenario={scenario}',
+                   '-chardev', 'stdio,id=serial,signal=off', '-serial', 'chardev:serial',
+                   '-drive', f'if=none,id=results,format=raw,file={self._disk.name}',
+                   '-device', f'{self.kind.disk},drive=results',
+                   '-qmp', f'unix:{self._qmp.name},server=on,wait=off', *options]
+        with open(self.directory / 'qemu.log', 'wb') as log:
+            self._process = subprocess.Popen(command, cwd=self.directory, stdin=subprocess.DEVNULL,
+                                             stdout=subprocess.PIPE, stderr=log)
+        try:
+            done = self._follow(limit, say)
+        finally:
+            self._process.kill()
+            self._process.wait()
+        if not done:
+            raise MachineFailed(f'the guest ended before its end; see {self.directory}/serial.log and qemu.log')
+        with tarfile.open(self._disk) as archive:
+            archive.extractall(self.results)
+        self._disk.unlink()
+
+    def _follow(self, limit, say):
+        """Until the guest is off. True if it said that all was done."""
+        lines = queue.Queue()
+        threading.Thread(target=self._read_serial, args=(lines,), daemon=True).start()
+        end = time.monotonic() + limit
+        done = False
+        while True:
+            try:
+                line = lines.get(timeout=max(end - time.monotonic(), 0))
+            except queue.Empty:
+                state = self._ask('query-status')
+                self._ask('quit')
+                raise MachineFailed(f'not done after {limit} s, the machine is {state}; '
+                                    f'see {self.directory}/serial.log') from None
+            if line is None:
+                return done
+            if line.startswith('== '):
+                say(line[3:])
+            done = done or line == DONE
+
+    def _read_serial(self, lines):
+        with open(self.directory / 'serial.log', 'wb') as log:
+            for line in self._process.stdout:
+                log.write(line)
+                log.flush()
+                lines.put(line.decode('latin1').strip())
+        lines.put(None)
+
+    def _ask(self, command):
+        """One QMP command. Returns its answer as a text; a machine that does not answer is no failure here."""
+        try:
+            with socket.socket(socket.AF_UNIX) as connection:
+                connection.settimeout(5)
+                # A socket's path may have 107 bytes, which the directory's own may exceed.
+                connection.connect(f'/proc/{self._process.pid}/cwd/{self._qmp.name}')
+                stream = connection.makefile('rw')
+                stream.readline()  # the greeting
+                for execute in ('qmp_capabilities', command):
+                    stream.write(json.dumps({'execute': execute}) + '\n')
+                    stream.flush()
+                    answer = stream.readline()
+                return str(json.loads(answer).get('return', {}).get('status', 'answering'))
+        except (OSError, ValueError):
+            return 'not answering'

@@ -1,0 +1,125 @@
+"""the daemon loads the module, records, answers, dumps and stops; its figures are compared with /proc"""
+import json
+import re
+from pathlib import Path
+
+LIMIT = 240  # seconds until the guest must be off
+TICKS = 250  # a second on each core, in the trace
+USER_HZ = 100  # in /proc
+CORES = 4
+
+
+class Snapshot:
+    """What the guest's /proc said at one moment. CPU times are in ticks of the trace."""
+
+    def __init__(self, path):
+        lines = Path(path).read_text('latin1').splitlines()
+        uptimes = [float(lines[0].split()[0]), float(lines[-1].split()[0])]
+        self.moment, self.took = sum(uptimes) / 2, uptimes[1] - uptimes[0]
+        fields = {line.split()[0]: line.split()[1:] for line in lines if line.strip()}
+        user, nice, system, _, _, irq, softirq = (int(field) * TICKS / USER_HZ for field in fields['cpu'][:7])
+        self.system = system + irq + softirq
+        self.total = user + nice + self.system
+        self.switches = int(fields['ctxt'][0])
+        self.kib = {name[:-1]: int(values[0]) for name, values in fields.items() if name.endswith(':')}
+        self.ticks, self.resident = {}, {}  # by the name of a process
+        for line in lines:
+            process = re.match(r'\d+ \((.*)\) \S (.*)', line)
+            if process:
+                # utime, stime and resident pages are the fields 14, 15 and 24; these begin with field 4.
+                words = process[2].split()
+                self.ticks[process[1]] = (int(words[10]) + int(words[11])) * TICKS / USER_HZ
+                self.resident[process[1]] = int(words[20]) * 4
+
+
+def at(points, moment):
+    """The value of a line through (moment, value) points, which must begin and end around the moment."""
+    for (t0, v0), (t1, v1) in zip(points, points[1:]):
+        if t0 <= moment <= t1:
+            return v0 + (v1 - v0) * (moment - t0) / (t1 - t0) if t1 > t0 else v0
+    raise ValueError(f'nothing is known of {moment}')
+
+
+def grown(points, begin, end):
+    return at(points, end) - at(points, begin)
+
+
+def in_proc(snapshots, value):
+    return [(snapshot.moment, value(snapshot)) for snapshot in snapshots]
+
+
+def judge_processes(judge, rows, snapshots):
+    begin, end = snapshots[0].moment, snapshots[-1].moment
+    # A process may have run all the while that its figures were read.
+    slack = 6 + TICKS * (snapshots[0].took + snapshots[-1].took)
+    for name in ('tuner', 'grower', 'vestrad'):
+        samples = [(float(row['time_ns']) / 1e9, row) for row in rows if row['name'] == name]
+        judge.expect(samples, f'no sample of {name}')
+        if not samples:
+            continue
+        ticks = [(moment, int(row['user_ticks']) + int(row['system_ticks'])) for moment, row in samples]
+        resident = [(moment, int(row['rss_kib'])) for moment, row in samples]
+        growth = snapshots[-1].ticks[name] - snapshots[0].ticks[name]
+        judge.close(f'{name}: CPU ticks', grown(ticks, begin, end), growth, 0.01, slack)
+        judge.close(f'{name}: resident KiB', at(resident, end), snapshots[-1].resident[name], 0.01, 300)
+
+
+def judge_vitals(judge, rows, snapshots):
+    rows = [row for row in rows
+            if snapshots[0].moment + 1 < int(row['second']) < snapshots[-1].moment - 1 and row['cpu_total']]
+    judge.expect(len(rows) >= 3, 'fewer than three whole seconds of vitals')
+    if not rows:
+        return
+    # A second's percentages end with its last sample, and begin with that of the second before.
+    begin, end = int(rows[0]['second']) - 0.05, int(rows[-1]['second']) + 0.95
+    inside = [snapshot for snapshot in snapshots if begin <= snapshot.moment <= end]
+    percent = 100 / (TICKS * CORES * (end - begin))
+
+    def average(column):
+        return sum(float(row[column]) for row in rows) / len(rows)
+
+    for column in ('total', 'system'):
+        growth = grown(in_proc(snapshots, lambda s, column=column: getattr(s, column)), begin, end)
+        judge.close(f'CPU {column} %', average(f'cpu_{column}'), growth * percent, 0.01, 1.5)
+    switches = grown(in_proc(snapshots, lambda s: s.switches), begin, end) / (end - begin)
+    judge.close('context switches a second', average('context_switches'), switches, 0.1, 50)
+    for column, name in (('memory_free', 'MemFree'), ('memory_available', 'MemAvailable'), ('page_cache', 'Cached')):
+        in_kernel = sum(snapshot.kib[name] for snapshot in inside) / len(inside)
+        judge.close(f'{name} KiB', average(column), in_kernel, 0.01, 300)
+
+
+def judge_dump(judge, dump):
+    info = judge.dump('info', str(dump))
+    judge.expect(info.returncode == 0, f'the dump is not clean:\n{info.stdout}{info.stderr}')
+    rows = judge.table('processes', dump)
+    judge.expect(rows, 'the dump has no processes')
+    if not rows:
+        return
+    oldest, newest = (float(rows[i]['time_ns']) / 1e9 for i in (0, -1))
+    snapshots = [Snapshot(path) for path in sorted((judge.results / 'proc').iterdir())]
+    snapshots = [snapshot for snapshot in snapshots if oldest + 0.1 < snapshot.moment < newest - 0.1]
+    span = snapshots[-1].moment - snapshots[0].moment if snapshots else 0
+    judge.expect(span > 3, f'the recording and the looks at /proc have only {span:.1f} s in common')
+    if span > 3:
+        judge.say(f'compared over {span:.1f} s, {len(snapshots)} looks at /proc')
+        judge_processes(judge, rows, snapshots)
+        judge_vitals(judge, judge.table('vitals', dump), snapshots)
+
+
+def judge(judge):
+    log = judge.text('vestrad.log')
+    judge.expect('PS_Insmod command' in log and 'PS_Insmod error' not in log, 'the daemon did not load the module')
+    left = [name for name in judge.text('threads-left').split() if name.startswith('QX')]
+    judge.expect(left == ['QXProcess'], f'after SIGRTMIN+6 these threads were left: {" ".join(left)}')
+    judge.expect(judge.text('unloaded').strip() == '0', 'the module was not unloaded')
+    counts = judge.numbers('counts')
+    judge.say('module: ' + ', '.join(f'{name} {number:.0f}' for name, number in counts.items()))
+    judge.expect(counts.get('refused') == 0, 'the module refused a command of the daemon')
+    judge.frames_add_up(counts)
+    vitals = json.loads(judge.text('stat.json') or '{}').get('vitals', {})
+    judge.expect(vitals.get('cpu-total', {}).get('average', 0) > 0, 'the client got no figures')
+    judge.say('daemon: ' + ' '.join(judge.text('status').split()))
+    dumps = list(judge.results.glob('0*'))
+    judge.expect(len(dumps) == 1, f'{len(dumps)} dumps instead of one')
+    for dump in dumps:
+        judge_dump(judge, dump)
