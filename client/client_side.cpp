@@ -1,29 +1,51 @@
 // The clients' side: finds the daemon, waits for its turn, asks.
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <ctime>
+#include <csignal>
 #include <mutex>
 #include <new>
 #include <thread>
+#include <utility>
 
 #include "client/segment.h"
 #include "platform/guarded.h"
-
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define VESTRA_CLANG_TSAN
-#endif
-#endif
 
 using namespace vestra_client;
 
 constexpr milliseconds kLookForDaemon{100};  // how often a waiting client checks for the daemon
 constexpr milliseconds kLookForTurn{20};     // how often it tries again, because a holder may have died
+
+// One question at a time for each handle. Holds the id of the process whose thread holds it, or 0. Not a mutex: a child
+// that was forked while another thread held that could never lock it.
+class HandleLock {
+  public:
+    bool lock_until(Clock::time_point deadline) {
+        const auto self = static_cast<uint32_t>(getpid());
+        for (;;) {
+            uint32_t holder = __atomic_load_n(&holder_, __ATOMIC_RELAXED);
+            if (holder != self) {  // free, or the holder stayed in the parent
+                if (__atomic_compare_exchange_n(&holder_, &holder, self, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+                    return true;
+                }
+            } else if (!sleep_on(&holder_, self, deadline)) {
+                return false;
+            }
+        }
+    }
+    void unlock() {
+        __atomic_store_n(&holder_, 0U, __ATOMIC_RELEASE);
+        wake(&holder_, 1);
+    }
+
+  private:
+    uint32_t holder_ = 0;
+};
 
 struct vestra_api_client {
     vestra_api_client() = default;
@@ -33,11 +55,14 @@ struct vestra_api_client {
 
     void drop() {
         unmap_segment(&mapped);
-        if (daemon_fd >= 0) close(daemon_fd);
-        daemon_fd = -1;
+        close_lock_file();
+    }
+    void close_lock_file() {
+        const int old = std::exchange(daemon_fd, -1);
+        if (old >= 0) close(old);
     }
 
-    std::mutex lock;     // one question at a time for each handle
+    HandleLock lock;     // guards what follows
     Mapped mapped{};     // the segment that was used last
     int daemon_fd = -1;  // its daemon's lock file
     pid_t process = 0;   // that opened them: a child would share the locks of its parent
@@ -46,18 +71,28 @@ struct vestra_api_client {
 
 namespace {
 
-// Locks until a deadline. Returns 0 or an error number.
-int lock_until(pthread_mutex_t *mutex, Clock::time_point deadline) {
-#if defined(__SANITIZE_THREAD__) || defined(VESTRA_CLANG_TSAN)
-    // ThreadSanitizer does not know pthread_mutex_clocklock and would take what follows for unlocked.
-    int result;
-    while ((result = pthread_mutex_trylock(mutex)) == EBUSY && Clock::now() < deadline) usleep(200);
-    return result;
-#else
-    const timespec when = to_timespec(deadline.time_since_epoch());
-    return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &when);
-#endif
-}
+// Keeps the calling thread from being ended in the middle of a call: by cancellation, which would leave the handle
+// locked, and by SIGBUS, which ends the process where it is blocked.
+class Shelter {
+  public:
+    Shelter() {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
+        sigset_t bus_error;
+        sigemptyset(&bus_error);
+        sigaddset(&bus_error, SIGBUS);
+        pthread_sigmask(SIG_UNBLOCK, &bus_error, &mask_);
+    }
+    Shelter(const Shelter &) = delete;
+    Shelter &operator=(const Shelter &) = delete;
+    ~Shelter() {
+        if (sigismember(&mask_, SIGBUS) == 1) pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
+        pthread_setcancelstate(cancel_state_, nullptr);
+    }
+
+  private:
+    int cancel_state_;
+    sigset_t mask_;
+};
 
 bool is_trusted(const struct stat &info) {
     gid_t group = 0;
@@ -68,14 +103,16 @@ bool is_trusted(const struct stat &info) {
 
 // True if the owner of the segment runs a daemon.
 bool daemon_lives(vestra_api_client *client) {
-    if (client->daemon_fd >= 0) {
-        if (write_locked(client->daemon_fd)) return true;
-        close(client->daemon_fd);
-    }
+    if (client->daemon_fd >= 0 && write_locked(client->daemon_fd)) return true;
+    client->close_lock_file();
     client->daemon_fd = open_file(lock_path(), O_RDONLY);  // there may be a new one
     struct stat info;
-    return client->daemon_fd >= 0 && fstat(client->daemon_fd, &info) == 0 && S_ISREG(info.st_mode) &&
-           info.st_uid == client->mapped.owner && write_locked(client->daemon_fd);
+    if (client->daemon_fd >= 0 && fstat(client->daemon_fd, &info) == 0 && S_ISREG(info.st_mode) &&
+        info.st_uid == client->mapped.owner && write_locked(client->daemon_fd)) {
+        return true;
+    }
+    client->close_lock_file();  // the next look must check the owner, too
+    return false;
 }
 
 // True if the mapped segment is still the one that a daemon serves.
@@ -258,8 +295,8 @@ int ask_once(vestra_api_client *client, vestra_api_data *requests, int count, Cl
 
 int ask(vestra_api_client *client, vestra_api_data *requests, int count, int timeout_ms) {
     const auto deadline = Clock::now() + milliseconds(std::max(timeout_ms, 0));
-    if (lock_until(client->lock.native_handle(), deadline) != 0) return VESTRA_API_TIMEOUT;
-    const std::lock_guard<std::mutex> hold(client->lock, std::adopt_lock);
+    if (!client->lock.lock_until(deadline)) return VESTRA_API_TIMEOUT;
+    const std::lock_guard<HandleLock> hold(client->lock, std::adopt_lock);
     do {
         if (!connect_until(client, deadline)) return VESTRA_API_NO_DAEMON;
         const int result = ask_once(client, requests, count, deadline);
@@ -277,10 +314,12 @@ vestra_api_h vestra_api_open(void) {
 
 int vestra_api_ask(vestra_api_h client, vestra_api_data *requests, int count, int timeout_ms) {
     if (client == nullptr || !valid(requests, count)) return VESTRA_API_REFUSED;
+    const Shelter shelter;
     return guarded<int>(VESTRA_API_NO_MEMORY, [&] { return ask(client, requests, count, timeout_ms); });
 }
 
 void vestra_api_close(vestra_api_h client) {
+    const Shelter shelter;
     delete client;
 }
 
@@ -293,7 +332,7 @@ const char *vestra_api_result_text(int result) {
         case VESTRA_API_TIMEOUT:
             return "the daemon did not answer in time";
         case VESTRA_API_REFUSED:
-            return "a request is out of range";
+            return "a request is out of range or was left unanswered";
         case VESTRA_API_NO_MEMORY:
             return "out of memory";
         default:

@@ -78,7 +78,7 @@ class NewFile {
     explicit NewFile(Path place) : place_(place), path_(place) {
         const size_t length = strlen(path_.text);
         snprintf(path_.text + length, sizeof(path_.text) - length, ".XXXXXX");
-        fd_ = mkostemp(path_.text, O_CLOEXEC);
+        fd_ = above_standard(mkostemp(path_.text, O_CLOEXEC));
     }
     NewFile(const NewFile &) = delete;
     NewFile &operator=(const NewFile &) = delete;

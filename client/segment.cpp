@@ -27,7 +27,7 @@ constexpr char kDefaultName[] = "/vestra_api";
 
 // Whoever may write to the segment may also truncate it. The kernel then answers an access with SIGBUS, which ends the
 // process. The handler below puts a private page of zeros at the address, and the access is repeated there.
-std::mutex mappings_lock;
+// No lock guards the list: a child may be forked at any moment, and another thread of the parent would hold it.
 std::atomic<Mapping *> mappings{nullptr};  // nodes are reused and never freed, because the handler reads them
 struct sigaction previous_handler;         // constant once ours is installed
 
@@ -67,18 +67,16 @@ Mapping *new_mapping() {
         struct sigaction action = {};
         action.sa_sigaction = on_bus_error;
         action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART;
-        sigaction(SIGBUS, &action, &previous_handler);
+        sigaction(SIGBUS, nullptr, &previous_handler);  // known before ours may run
+        sigaction(SIGBUS, &action, nullptr);
     });
-    const std::lock_guard<std::mutex> hold(mappings_lock);
-    Mapping *mapping = mappings;
-    while (mapping != nullptr && mapping->used) mapping = mapping->next;
-    if (mapping == nullptr) {
-        mapping = new (std::nothrow) Mapping;
-        if (mapping == nullptr) return nullptr;
-        mapping->next = mappings;
-        mappings = mapping;
+    for (Mapping *mapping = mappings; mapping != nullptr; mapping = mapping->next) {
+        if (!mapping->used.exchange(true)) return mapping;
     }
-    mapping->used = true;
+    auto *mapping = new (std::nothrow) Mapping;
+    if (mapping == nullptr) return nullptr;
+    mapping->next = mappings;
+    while (!mappings.compare_exchange_weak(mapping->next, mapping)) continue;
     return mapping;
 }
 
@@ -98,15 +96,15 @@ bool map_segment(int fd, const struct stat &info, Mapped *mapped) {
 }
 
 void unmap_segment(Mapped *mapped) {
-    if (mapped->mapping == nullptr) return;
-    mapped->mapping->address = 0;
-    if (mapped->segment != nullptr) {
-        munmap(mapped->segment, sizeof(Segment));
-        close(mapped->fd);
+    const Mapped old = *mapped;
+    *mapped = {};  // first: a child that is forked meanwhile must not close the descriptor again
+    if (old.mapping == nullptr) return;
+    old.mapping->address = 0;
+    if (old.segment != nullptr) {
+        munmap(old.segment, sizeof(Segment));
+        close(old.fd);
     }
-    const std::lock_guard<std::mutex> hold(mappings_lock);
-    mapped->mapping->used = false;
-    *mapped = {};
+    old.mapping->used = false;
 }
 
 /* ------------------------------ The two files ------------------------------ */
@@ -131,7 +129,14 @@ bool stat_file(const Path &path, struct stat *info) {
 }
 
 int open_file(const Path &path, int mode) {
-    return open(path.text, mode | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    return above_standard(open(path.text, mode | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+}
+
+int above_standard(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) return fd;
+    const int higher = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(fd);
+    return higher;
 }
 
 bool group_from_environment(gid_t *group) {
@@ -165,7 +170,7 @@ bool write_locked(int fd) {
     return fcntl(fd, F_OFD_GETLK, &range) == 0 && range.l_type == F_WRLCK;
 }
 
-timespec to_timespec(Clock::duration duration) {
+static timespec to_timespec(Clock::duration duration) {
     const int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(duration).count();
     timespec when = {};
     when.tv_sec = static_cast<time_t>(ns / 1000000000);

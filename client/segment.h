@@ -56,7 +56,7 @@ static_assert(sizeof(Segment) == 928, "32-bit and 64-bit processes share it");
 struct Mapping {
     std::atomic<uintptr_t> address{0};  // of the segment; 0: nothing is mapped
     std::atomic<bool> lost{false};      // the private page is at the address
-    bool used = false;                  // guarded by mappings_lock
+    std::atomic<bool> used{true};       // belongs to a Mapped
     Mapping *next = nullptr;            // constant once the node is in the list
 };
 
@@ -105,6 +105,9 @@ bool stat_file(const Path &path, struct stat *info);  // not of a link's target
 // Opens one of the files. Neither follows a link nor waits for the other end of a pipe.
 int open_file(const Path &path, int mode);
 
+// Moves a descriptor away from 0 to 2. A program that has closed those would write its output into the segment.
+int above_standard(int fd);
+
 // The group that may use the segment, besides its owner. False if none is named, or there is no such group.
 bool group_from_environment(gid_t *group);
 
@@ -132,8 +135,6 @@ inline bool move_stage(Segment *segment, uint32_t from, uint32_t to) {
 
 // Overwrites the record's semaphore with a new one of that value.
 void set_ready(vestra_shm_record *record, unsigned value);
-
-timespec to_timespec(Clock::duration duration);
 
 // Sleeps while the word is `value`: until woken, or until the deadline. Returns false at the deadline.
 bool sleep_on(const uint32_t *word, uint32_t value, Clock::time_point deadline);

@@ -28,7 +28,7 @@
  * SIGBUS. The first segment that a process maps installs a handler for the whole process, which stays until the process
  * ends (so the library is never unloaded, either). Only an access to the segment is handled; every other SIGBUS goes to
  * the handler that was there before, or ends the process as it would have. A program that sets its own handler later
- * loses this protection, unless that handler passes on what it does not know.
+ * loses this protection, unless that handler passes on what it does not know. A question unblocks SIGBUS in its thread.
  *
  * Messages. Why a segment is refused, and what the daemon's side has to repair, goes to the set's log service with the
  * tag "PLATFORM"; the stand-in writes to standard error (environment VESTRA_DLOG_FILE: to that file; VESTRA_DLOG_LEVEL
@@ -167,7 +167,8 @@ vestra_api_h vestra_api_open(void);
  *
  * Waits at most `timeout_ms` in all, including for other clients' turns; a negative value counts as 0. Any thread. Calls
  * with one handle are serialised, and so are processes: a client that is stopped during its turn makes the others time
- * out, until it goes on or ends. A child process may go on with a handle of its parent. */
+ * out, until it goes on or ends. A child process may go on with a handle of its parent, whenever it was forked. A thread
+ * that is cancelled during a question ends after it. */
 int vestra_api_ask(vestra_api_h client, vestra_api_data *requests, int count, int timeout_ms);
 
 /* Frees the handle. Null is allowed. No other thread may still use it. */

@@ -91,6 +91,8 @@ class VestraApi : public PlatformTest {
         EXPECT_EQ(request.maximum == -77, result != VESTRA_API_OK) << "touched on failure";
         return result != VESTRA_API_OK ? result : static_cast<int>(request.maximum);
     }
+    // A client waits for the answer to its question.
+    static bool posted() { return __atomic_load_n(&record()->state, __ATOMIC_ACQUIRE) == VESTRA_REQUEST_POSTED; }
     std::string file() const { return "/dev/shm" + name_; }
     void expect_refused() {
         vestra_api_close(client_);
@@ -142,18 +144,64 @@ TEST_F(VestraApi, RequestOutOfRangeIsRefused) {
 }
 
 TEST_F(VestraApi, RequestOfADeadClientIsWithdrawnByTheNext) {
-    vestra_shm_record *shm = record();
-    shm->marker = 1;
+    record()->marker = 1;
     const pid_t victim = fork();
     if (victim == 0) _exit(ask(3, 33, kLong));
-    EXPECT_TRUE(
-        run_loop_until([&] { return __atomic_load_n(&shm->state, __ATOMIC_ACQUIRE) == VESTRA_REQUEST_POSTED; }));
+    EXPECT_TRUE(run_loop_until([&] { return posted(); }));
     kill(victim, SIGKILL);
     waitpid(victim, nullptr, 0);
     EXPECT_EQ(ask(8, 1, 50), VESTRA_API_TIMEOUT);
     thread_ = std::thread(serve, &play_);
     EXPECT_EQ(ask(8, 2, kLong), 8002);
     EXPECT_EQ(play_.taken, 1) << "nobody waits for the others any more";
+}
+
+TEST_F(VestraApi, TruncationEndsNoClientThatBlocksEverySignal) {
+    record()->marker = 1;
+    const pid_t client = fork();
+    if (client == 0) {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        _exit(ask(3, 33, 500) == 3033 ? 1 : 0);
+    }
+    EXPECT_TRUE(run_loop_until([&] { return posted(); }));
+    fs::resize_file(file(), 0);
+    int status = -1;
+    waitpid(client, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(VestraApi, ChildIsAnsweredThatWasForkedDuringAnotherThreadsQuestion) {
+    record()->marker = 1;
+    std::thread other([&] { EXPECT_EQ(ask(3, 33, kLong), 3033); });
+    EXPECT_TRUE(run_loop_until([&] { return posted(); }));
+    const pid_t child = fork();
+    if (child == 0) _exit(ask(8, 2, kLong) == 8002 ? 0 : 1);
+    thread_ = std::thread(serve, &play_);
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    other.join();
+}
+
+TEST_F(VestraApi, CancellationWaitsForTheEndOfAQuestion) {
+    record();  // not ready: the question sleeps, where a thread can be cancelled
+    std::atomic<bool> ended{false};
+    std::thread asks([&] {
+        ended = ask(0, 0, 300) == VESTRA_API_NO_DAEMON;
+        pthread_testcancel();
+    });
+    pthread_cancel(asks.native_handle());
+    asks.join();
+    EXPECT_TRUE(ended);
+}
+
+TEST_F(VestraApi, ProgramWithoutStandardErrorWritesNoMessageIntoTheSegment) {
+    const std::string refused(912, '\xff');
+    write_file(file(), refused);
+    EXPECT_EQ(in_child([this] { return close(STDERR_FILENO) + (ask(0, 0, 0) == VESTRA_API_NO_DAEMON ? 0 : 1); }), 0);
+    EXPECT_EQ(read_file(file()), refused);
 }
 
 TEST_F(VestraApi, SegmentOfAnotherSizeAndLinkAreRefusedAndReplaced) {
