@@ -11,7 +11,6 @@ This is libvestra-api.so.1 through ctypes; vestra_api(3) tells what the figures 
 from __future__ import annotations
 
 import ctypes
-import threading
 import time
 from collections.abc import Iterable, Iterator
 from typing import NamedTuple
@@ -85,17 +84,29 @@ def _packet_type(vital: Vital) -> int:
     return vital
 
 
+class _Handle:
+    """A handle of the library, which is closed when no client and no question refers to it any more."""
+    value: int | None = None
+
+    def __init__(self) -> None:
+        self.value = _library.vestra_api_open()
+        if not self.value:
+            raise MemoryError('out of memory')
+
+    def __del__(self, close=_library.vestra_api_close) -> None:
+        close(self.value)
+
+
 class Client:
     """A connection to the recorder. It may be opened before the recorder runs, and outlives its restarts.
 
-    Any thread may ask; questions of one client wait for each other. Use it in a `with` statement, or call close()."""
+    Any thread may ask, and a child process, too; questions of one client wait for each other. Use it in a `with`
+    statement, or call close()."""
 
+    # No lock: one that an interrupt (Ctrl-C) or a fork leaves locked would block every later call.
     def __init__(self) -> None:
-        self._handle: int | None = _library.vestra_api_open()
-        self._lock = threading.Lock()
-        self._questions: dict[tuple[tuple[int, ...], int], ctypes.Array] = {}
-        if not self._handle:
-            raise MemoryError('out of memory')
+        self._handle: _Handle | None = _Handle()
+        self._questions: dict[tuple[tuple[int, ...], int], ctypes.Array] = {}  # that nobody is asking now
 
     def __enter__(self) -> Client:
         return self
@@ -103,56 +114,41 @@ class Client:
     def __exit__(self, *_: object) -> None:
         self.close()
 
-    def __del__(self) -> None:
-        if getattr(self, '_handle', None):
-            self.close()
-
     def close(self) -> None:
-        """Ends the connection; a second call does nothing."""
-        with self._lock:
-            if self._handle:
-                _library.vestra_api_close(self._handle)
-            self._handle = None
+        """Ends the connection, once the questions of other threads are answered; a second call does nothing."""
+        self._handle = None
 
     def ask(self, vitals: Vital | Iterable[Vital] = VITALS, window: int = 60,
             timeout: float = 1.0) -> dict[str, Figures]:
         """Asks for one or more vitals, by name or packet type, over the last `window` seconds (0 to 180; 0: the current
-        values), and waits at most `timeout` seconds. Returns the figures by name, in the order asked, each name once.
+        values), and waits at most `timeout` seconds; an interrupt (Ctrl-C) takes effect afterwards. Returns the figures
+        by name, in the order asked, each name once.
 
         Raises ValueError (no such vital, a window out of range, a closed client), NoDaemon, Timeout or Error."""
         wanted = (vitals,) if isinstance(vitals, (str, int)) else vitals
         types = tuple(dict.fromkeys(map(_packet_type, wanted)))
         if not types or not 0 <= window <= WINDOW_MAX:
             raise ValueError(f'at least one vital, and a window of 0 to {WINDOW_MAX} s')
-        patience = min(max(timeout, 0), 0x7fffffff / 1000)
-        begin = time.monotonic()
-        if not self._lock.acquire(timeout=patience):
-            raise Timeout(_TIMEOUT, 'another thread waits for its answer')
-        try:
-            if not self._handle:
-                raise ValueError('the client is closed')
-            question = self._question(types, window)
-            left = max(patience - (time.monotonic() - begin), 0)
-            result = _library.vestra_api_ask(self._handle, question, len(types), int(left * 1000))
-            if result == 0:
-                return {VITALS[kind]: Figures(entry.maximum, entry.minimum, entry.average, entry.variance)
-                        for kind, entry in zip(types, question)}
-        finally:
-            self._lock.release()
-        text = _library.vestra_api_result_text(result).decode()
-        if result == _NO_MEMORY:
-            raise MemoryError(text)
-        raise {_NO_DAEMON: NoDaemon, _TIMEOUT: Timeout}.get(result, Error)(result, text)
-
-    def _question(self, types: tuple[int, ...], window: int) -> ctypes.Array:
-        """The entries of a question. They are made once: that takes longer than to ask."""
-        question = self._questions.get((types, window))
+        handle = self._handle
+        if handle is None:
+            raise ValueError('the client is closed')
+        # The entries of a question are kept: making them takes longer than to ask.
+        question = self._questions.pop((types, window), None)
         if question is None:
-            if len(self._questions) >= _QUESTIONS_KEPT:
-                self._questions.clear()
             question = (_Request * len(types))(*((kind, window) for kind in types))
-            self._questions[types, window] = question
-        return question
+        milliseconds = int(min(max(timeout, 0), 0x7fffffff / 1000) * 1000)
+        result = _library.vestra_api_ask(handle.value, question, len(types), milliseconds)
+        if result != 0:
+            text = _library.vestra_api_result_text(result).decode()
+            if result == _NO_MEMORY:
+                raise MemoryError(text)
+            raise {_NO_DAEMON: NoDaemon, _TIMEOUT: Timeout}.get(result, Error)(result, text)
+        figures = {VITALS[kind]: Figures(entry.maximum, entry.minimum, entry.average, entry.variance)
+                   for kind, entry in zip(types, question)}
+        if len(self._questions) >= _QUESTIONS_KEPT:
+            self._questions.clear()
+        self._questions[types, window] = question
+        return figures
 
     def watch(self, vitals: Vital | Iterable[Vital] = VITALS, window: int = 60, interval: float = 1.0,
               timeout: float = 1.0) -> Iterator[dict[str, Figures]]:

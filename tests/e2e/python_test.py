@@ -3,7 +3,10 @@
 import ctypes
 import itertools
 import json
+import os
+import random
 import re
+import signal
 import sys
 import threading
 import time
@@ -54,6 +57,28 @@ class PythonModule(SetTest):
             self.end()
             self.start()
             self.assertEqual([list(answer) for answer in itertools.islice(answers, 2)], [['load']] * 2)
+
+    def test_interrupts_and_forks_leave_a_client_usable(self):
+        self.start()
+        interrupted, until = 0, time.monotonic() + 2
+        signal.signal(signal.SIGALRM, signal.default_int_handler)
+        with vestra.Client() as client:
+            while time.monotonic() < until:
+                try:
+                    signal.setitimer(signal.ITIMER_REAL, random.uniform(1e-5, 3e-4))
+                    client.ask('load', timeout=15)
+                    time.sleep(1)  # the interrupt comes now, at the latest
+                except KeyboardInterrupt:
+                    interrupted += 1
+            self.assertGreater(interrupted, 100)
+            asks = threading.Thread(target=lambda: [client.ask(timeout=15) for _ in range(3000)])
+            asks.start()
+            for _ in range(20):
+                child = os.fork()
+                if child == 0:
+                    os._exit(list(client.ask('load', timeout=15)) != ['load'])
+                self.assertEqual(os.waitpid(child, 0)[1], 0)
+            asks.join()
 
 
 if __name__ == '__main__':
