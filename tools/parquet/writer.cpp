@@ -180,12 +180,19 @@ void Writer::write_group() {
         values.type = layout_.columns[i].type;
         values.nullable = layout_.columns[i].nullable;
         values.texts = &cells.sorted;
-        values.known.clear();
+        values.known.resize(rows.size());
         values.rows.clear();
-        for (const uint32_t row : rows) {
-            const bool known = !values.nullable || cells.known[row] != 0;
-            if (known) values.known.push_back(cells.values[row]);
-            if (values.nullable) values.rows.push_back(known ? 1 : 0);
+        if (values.nullable) {
+            size_t known = 0;
+            for (const uint32_t row : rows) {
+                values.known[known] = cells.values[row];
+                known += cells.known[row];
+                values.rows.push_back(cells.known[row]);
+            }
+            values.known.resize(known);
+        } else {
+            std::transform(rows.begin(), rows.end(), values.known.begin(),
+                           [&cells](uint32_t row) { return cells.values[row]; });
         }
         chunks.push_back(make_chunk(values, &compressor_));
         cells.values.clear();
