@@ -240,6 +240,10 @@ int wait_until_free(vestra_api_client *client, Clock::time_point deadline) {
     }
 }
 
+void set_posted(Segment *segment) {
+    __atomic_store_n(&segment->record.state, static_cast<int32_t>(VESTRA_REQUEST_POSTED), __ATOMIC_RELEASE);
+}
+
 // Writes the entries and posts the request. The daemon is idle and has no other request to take.
 void post(Segment *segment, const vestra_api_data *requests, int count) {
     set_ready(&segment->record, 0);
@@ -250,7 +254,7 @@ void post(Segment *segment, const vestra_api_data *requests, int count) {
         entry.answer_type = VESTRA_API_UNUSED;
         segment->record.request[i] = entry;
     }
-    __atomic_store_n(&segment->record.state, static_cast<int32_t>(VESTRA_REQUEST_POSTED), __ATOMIC_RELEASE);
+    set_posted(segment);
     move_stage(segment, kFree, kPosted);
     wake(&segment->stage);
 }
@@ -284,6 +288,8 @@ int ask_once(vestra_api_client *client, vestra_api_data *requests, int count, Cl
     if (!turn.taken()) return is_served(client) ? VESTRA_API_TIMEOUT : kNotServed;
 
     move_stage(mapped.segment, kPosted, kFree);  // withdraws the request of a client that has gone
+    // If somebody has overwritten its state, the daemon would wait four seconds for it to be posted.
+    if (stage_of(mapped.segment) == kTaken) set_posted(mapped.segment);
     int result = wait_until_free(client, deadline);
     if (result != VESTRA_API_OK) return result;
     post(mapped.segment, requests, count);

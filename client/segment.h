@@ -11,7 +11,7 @@
 //
 // Both sides sleep on `stage`, and clients that wait for their turn on `waiting`. The semaphore in the record is kept
 // up to date because the daemon reads its value, but it wakes nobody. A client that dies or gives up leaves the
-// record's state unchanged, so the daemon finishes at once.
+// record's state unchanged, so the daemon finishes at once; the next one repairs a state that somebody has overwritten.
 //
 // Is a daemon running? A running daemon holds a write lock on the lock file, which no client can hold: clients may
 // only read that file, and the daemon locks it before it gets its name. The kernel releases the lock however the

@@ -11,6 +11,7 @@ This is libvestra-api.so.1 through ctypes; vestra_api(3) tells what the figures 
 from __future__ import annotations
 
 import ctypes
+import operator
 import time
 from collections.abc import Iterable, Iterator
 from typing import NamedTuple
@@ -79,6 +80,7 @@ _QUESTIONS_KEPT = 64
 def _packet_type(vital: Vital) -> int:
     if isinstance(vital, str):
         vital = VITALS.index(vital.replace('-', '_')) if vital.replace('-', '_') in VITALS else -1
+    vital = operator.index(vital)
     if not 0 <= vital < len(VITALS):
         raise ValueError(f'no such vital: there are {", ".join(VITALS)}')
     return vital
@@ -124,9 +126,11 @@ class Client:
         values), and waits at most `timeout` seconds; an interrupt (Ctrl-C) takes effect afterwards. Returns the figures
         by name, in the order asked, each name once.
 
-        Raises ValueError (no such vital, a window out of range, a closed client), NoDaemon, Timeout or Error."""
+        Raises TypeError, ValueError (no such vital, a window out of range, a closed client), NoDaemon, Timeout or Error
+        (the daemon left a vital unanswered)."""
         wanted = (vitals,) if isinstance(vitals, (str, int)) else vitals
         types = tuple(dict.fromkeys(map(_packet_type, wanted)))
+        window = operator.index(window)
         if not types or not 0 <= window <= WINDOW_MAX:
             raise ValueError(f'at least one vital, and a window of 0 to {WINDOW_MAX} s')
         handle = self._handle

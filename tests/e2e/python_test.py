@@ -39,6 +39,8 @@ class PythonModule(SetTest):
             self.assertEqual(list(client.ask(['load', 2, 'load'])), ['load', 'cpu_total'])
             for vitals, window in (('lead', 0), (17, 0), (-1, 0), ([], 0), ('load', -1), ('load', 181)):
                 self.assertRaises(ValueError, client.ask, vitals, window)
+            self.assertRaises(TypeError, client.ask, [2.0])
+            self.assertRaises(TypeError, client.ask, 'load', 1.0)
             self.pause()
             waits = threading.Thread(target=lambda: self.assertRaises(vestra.Timeout, client.ask, timeout=1))
             waits.start()
