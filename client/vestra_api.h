@@ -34,7 +34,7 @@
  * tag "PLATFORM"; the stand-in writes to standard error (environment VESTRA_DLOG_FILE: to that file; VESTRA_DLOG_LEVEL
  * "error": not at all).
  *
- * How the two sides find and await each other is told in client/segment.h.
+ * client/segment.h describes how the two sides find and await each other.
  */
 #ifndef VESTRA_API_H
 #define VESTRA_API_H

@@ -21,7 +21,7 @@ struct Options {
 
 constexpr const Table *kTables[] = {&kVitalsTable, &kProcessesTable, &kDamageTable, &kDumpsTable};
 
-// What may stand in a statement as it is.
+// Only names that need no quotes in a statement.
 std::string fault_of_name(const std::string &name) {
     const bool plain =
         !name.empty() && std::isdigit(static_cast<unsigned char>(name[0])) == 0 &&
