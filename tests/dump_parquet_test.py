@@ -101,13 +101,19 @@ class DumpLake(DumpTest):
         self.assertEqual(len(files()), 2 * 4)
         self.convert('text', 'empty', code=2)
         self.convert('-', code=64)
+        self.convert('--epoch', 'never', NAMED, code=64)
 
     def test_no_half_file_gets_its_name_on_a_full_disk(self):
         def limit():
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-            resource.setrlimit(resource.RLIMIT_FSIZE, (2000, 2000))
+            resource.setrlimit(resource.RLIMIT_FSIZE, (3500, 3500))  # vitals fit, processes do not
         self.assertIn('File too large', self.convert(NAMED, code=2, preexec_fn=limit))
-        self.assertEqual([file for file in files() if not file.startswith('damage/')], [])
+        self.assertEqual(files(), [])
+        self.convert(NAMED)
+        before = contents('lake')
+        write(NAMED, self.payload)
+        self.convert('--replace', NAMED, code=2, preexec_fn=limit)
+        self.assertEqual(contents('lake'), before)
 
     def test_lake_that_cannot_be_one_is_refused(self):
         write('lake', b'a file')
@@ -122,6 +128,18 @@ class DumpLake(DumpTest):
         running = [subprocess.Popen([*command, *names[turn:], *names[:turn]]) for turn in range(4)]
         self.assertEqual([process.wait() for process in running], [1] * 4)
         self.assertEqual(contents('lake'), contents('alone'))
+
+    def test_only_one_of_different_dumps_of_the_same_name_gets_into_the_lake(self):
+        for seed in range(4):  # one of them in another partition
+            os.mkdir(f'set{seed}')
+            write(f'set{seed}/{NAMED}', made('steady', 30, 9000, 30, seed), TRAILER if seed else b'')
+            dump_tool('parquet', '-o', f'alone{seed}', f'set{seed}/{NAMED}')
+        for _ in range(5):
+            running = [subprocess.Popen([BUILD / 'tools/vestra-dump', 'parquet', '-o', 'lake', f'set{seed}/{NAMED}'],
+                                        stderr=subprocess.DEVNULL) for seed in range(4)]
+            self.assertEqual([process.wait() for process in running].count(2), 3)
+            self.assertIn(contents('lake'), [contents(f'alone{seed}') for seed in range(4)])
+            shutil.rmtree('lake')
 
 
 def milliseconds(wall_time):

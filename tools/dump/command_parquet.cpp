@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 
 #include "tools/dump/commands.h"
 #include "tools/dump/lake.h"
@@ -28,35 +29,48 @@ struct Tally {
     std::vector<std::string> bad;  // paths
 };
 
+// The arguments are invalid, which was said.
+struct UsageError {};
+
 constexpr TableSelection kLakeTables = {true, true, false, true};
+
+// What convert() returns, if the lake is to stay as it is.
+std::optional<bool> settle(const Options &options, const std::string &path, const Existing &existing, Tally *tally) {
+    if (options.replace) return std::nullopt;
+    if (existing.presence == Presence::kSame) {
+        ++tally->skipped;
+        tally->damaged = tally->damaged || !existing.clean;
+        return true;
+    }
+    if (existing.presence != Presence::kOther) return std::nullopt;
+    complain(printable(path) + ": the lake has another dump of this name; --prefix keeps the dumps of sets apart, " +
+             "--replace replaces it");
+    return false;
+}
 
 // False if the dump cannot be read or is not to be converted, which was said.
 bool convert(const Options &options, const std::string &path, Tally *tally) {
     Dump dump;
     int code = kExitClean;
-    if (!open_dump(path, options.time, &dump, &code)) return false;
+    if (!open_dump(path, options.time, &dump, &code)) {
+        if (code == kExitUsage) throw UsageError();
+        return false;
+    }
     dump.file->show_progress(false);
     const std::string name = options.prefix + fs::path(path).filename().string();
     const LakeEntry entry = make_entry(name, dump.time, dump.survey, *dump.file, VESTRA_VERSION);
     dump.file->show_progress(true);
-    const Existing existing = find_existing(options.lake, entry);
-    if (existing.presence == Presence::kSame && !options.replace) {
-        ++tally->skipped;
-        tally->damaged = tally->damaged || !existing.clean;
-        return true;
-    }
-    if (existing.presence == Presence::kOther && !options.replace) {
-        complain(printable(path) +
-                 ": the lake has another dump of this name; --prefix keeps the dumps of sets apart, " +
-                 "--replace replaces it");
-        return false;
-    }
+    if (const auto settled = settle(options, path, find_existing(options.lake, entry), tally)) return *settled;
     LakeWriter writer(options.lake, entry, dump.time);
     RowMaker maker(kLakeTables, writer);
     const Overview overview = read(&dump, 0, maker);
     code = report_result(overview, true);
     if (code == kExitUnreadable) return false;
-    writer.finish(overview, existing.misplaced);
+    writer.complete(overview);
+    const LakeLock lock(options.lake);
+    const Existing existing = find_existing(options.lake, entry);  // another converter may have been faster
+    if (const auto settled = settle(options, path, existing, tally)) return *settled;
+    writer.finish(existing.misplaced);
     ++tally->converted;
     tally->damaged = tally->damaged || code == kExitDamaged;
     return true;
@@ -104,6 +118,9 @@ int parquet(const Options &options) {
         show_progress(1, 1);
         complain(problem.what());
         return kExitUnreadable;
+    } catch (const UsageError & /*said*/) {
+        show_progress(1, 1);
+        return kExitUsage;
     }
     show_progress(paths.size(), paths.size());
     print_tally(tally, paths.size());

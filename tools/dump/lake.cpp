@@ -1,7 +1,12 @@
 #include "tools/dump/lake.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <filesystem>
 
 #include "tools/dump/text.h"
@@ -113,7 +118,6 @@ parquet::Layout layout_of(const Table &table) {
                                             [key](const parquet::Column &column) { return column.name == key; });
             layout.sorted_by.push_back(static_cast<size_t>(found - layout.columns.begin()));
         }
-    } else {
     }
     return layout;
 }
@@ -178,6 +182,15 @@ Existing find_existing(const std::string &lake, const LakeEntry &entry) {
     return found;
 }
 
+LakeLock::LakeLock(const std::string &lake) : fd_(open(lake.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    while (fd_ >= 0 && flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+    }
+}
+
+LakeLock::~LakeLock() {
+    if (fd_ >= 0) close(fd_);
+}
+
 // One of the files of a dump.
 class LakeWriter::File {
   public:
@@ -216,9 +229,13 @@ class LakeWriter::File {
         }
     }
 
-    void finish(const std::string &version, const parquet::Metadata &metadata) { writer_->finish(version, metadata); }
+    void complete(const std::string &version, const parquet::Metadata &metadata) {
+        writer_->finish(version, metadata);
+        std::string error;
+        if (!out_->complete(&error)) throw LakeError(printable(path_.string()) + ": " + error);
+    }
 
-    void close() {
+    void finish() {
         std::string error;
         if (!out_->close(&error)) throw LakeError(printable(path_.string()) + ": " + error);
     }
@@ -248,20 +265,28 @@ void LakeWriter::add(const Table &table, const Row &row) {
     }
 }
 
-void LakeWriter::finish(const Overview &overview, const std::vector<std::string> &misplaced) {
+void LakeWriter::complete(const Overview &overview) {
     VersionTexts texts;
     Row row;
     fill_row(overview, &texts, &row);
     add(kDumpsTable, row);
     const parquet::Metadata metadata = metadata_of(entry_, overview);
     const std::string program = entry_.options.substr(0, entry_.options.find(','));
-    for (const auto &file : files_) file->finish(program, metadata);
-    for (const auto &file : files_) file->close();
-    std::error_code failed;
+    for (const auto &file : files_) file->complete(program, metadata);
+}
+
+void LakeWriter::finish(const std::vector<std::string> &misplaced) {
+    const auto remove = [this](const Table &table, const std::string &place) {
+        std::error_code failed;
+        const fs::path path = file_of(lake_, table, place, entry_.file);
+        fs::remove(path, failed);
+        if (failed) throw LakeError(printable(path.string()) + ": " + failed.message());
+    };
+    remove(kDumpsTable, entry_.place);
+    for (const std::string &place : misplaced) remove(kDumpsTable, place);
+    for (const auto &file : files_) file->finish();
     for (const std::string &place : misplaced) {
-        for (auto table = kTables.rbegin(); table != kTables.rend(); ++table) {
-            fs::remove(file_of(lake_, **table, place, entry_.file), failed);
-        }
+        for (const Table *table : kTables) remove(*table, place);
     }
 }
 

@@ -48,6 +48,19 @@ struct Existing {
 };
 Existing find_existing(const std::string &lake, const LakeEntry &entry);
 
+// While it exists, no other converter changes which dumps the lake has. Waits for its turn. Does nothing where the file
+// system cannot lock a directory.
+class LakeLock {
+  public:
+    explicit LakeLock(const std::string &lake);
+    ~LakeLock();
+    LakeLock(const LakeLock &) = delete;
+    LakeLock &operator=(const LakeLock &) = delete;
+
+  private:
+    int fd_;
+};
+
 // Writes the files of one dump. Without finish(), the lake does not change. All operations throw LakeError.
 class LakeWriter : public RowSink {
   public:
@@ -55,8 +68,11 @@ class LakeWriter : public RowSink {
     ~LakeWriter() override;
     void add(const Table &table, const Row &row) override;
 
-    // Puts the files in place, and takes away those at the places `misplaced`.
-    void finish(const Overview &overview, const std::vector<std::string> &misplaced);
+    // Writes everything that is left, under temporary names.
+    void complete(const Overview &overview);
+    // Then puts the files in place, and takes away those at the places `misplaced`. What is replaced is not listed in
+    // `dumps` meanwhile.
+    void finish(const std::vector<std::string> &misplaced);
 
   private:
     class File;

@@ -67,11 +67,16 @@ void Output::flush() {
     buffer_.clear();
 }
 
-bool Output::close(std::string *error) {
+bool Output::complete(std::string *error) {
     flush();
-    if (::close(fd_) != 0 && error_ == 0) error_ = errno;
+    if (fd_ >= 0 && ::close(fd_) != 0 && error_ == 0) error_ = errno;
     fd_ = -1;
-    if (error_ == 0 && !temporary_.empty()) {
+    if (error_ != 0) *error = std::strerror(error_);
+    return error_ == 0;
+}
+
+bool Output::close(std::string *error) {
+    if (complete(error) && !temporary_.empty()) {
         if (rename(temporary_.c_str(), target_.c_str()) == 0) {
             temporary_.clear();
         } else {

@@ -27,6 +27,9 @@ class Output {
 
     // Writes the rest and closes. False with the reason in *error if not everything was written.
     bool close(std::string *error);
+    // The same without the rename, which close() does later.
+    bool complete(std::string *error);
+    bool has_failed() const { return error_ != 0; }
 
     // The buffer itself, for writers that append in small parts; they call done() after each complete piece.
     std::string &buffer() { return buffer_; }
