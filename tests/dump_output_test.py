@@ -157,6 +157,9 @@ class DumpOutput(DumpTest):
             self.assertEqual(dump_tool(*words.split()).returncode, code, words)
         for words, code in ('info -', 0), ('csv --from -5 -', 0), ('sqlite clean clean', 64), ('sqlite empty clean', 64):
             self.assertEqual(dump_tool(*words.split(), input=Path('clean').read_bytes()).returncode, code, words)
+        for words, code in ('clickhouse clean', 2), ('clickhouse --schema', 2), ('clickhouse clean -', 64), ('csv clean', 2):
+            result = dump_tool(*words.split(), preexec_fn=lambda: os.close(1))
+            self.assertEqual((result.returncode, result.stderr.count(b'\n')), (code, 1), words)
         self.assertEqual(dump_tool('csv', 'damaged').stderr, b'vestra-dump: damaged: 77 bytes are damaged, in 1 place\n')
 
 

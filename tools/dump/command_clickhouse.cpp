@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
-#include <iostream>
+#include <sstream>
 
 #include "tools/dump/commands.h"
 #include "tools/dump/tables.h"
@@ -36,27 +36,26 @@ std::string type_of(const Column &column) {
 }
 
 // Rows have a number within their dump, so that two equal samples stay two, but a dump that is loaded again adds nothing.
-void print_table(const Options &options, const Table &table) {
+void print_table(const Options &options, const Table &table, std::ostream &out) {
     const std::string name = options.database + '.' + table.name;
     const std::string stored = options.cluster.empty() ? name : name + "_local";
-    std::cout << "CREATE TABLE IF NOT EXISTS " << stored << "\n(\n    dump String,\n    row UInt64";
-    for (const Column &column : table.columns) std::cout << ",\n    " << column.name << ' ' << type_of(column);
+    out << "CREATE TABLE IF NOT EXISTS " << stored << "\n(\n    dump String,\n    row UInt64";
+    for (const Column &column : table.columns) out << ",\n    " << column.name << ' ' << type_of(column);
     const bool timed = table.time_column() < table.columns.size();
-    if (timed) std::cout << ",\n    wall_time Nullable(DateTime('UTC'))";
+    if (timed) out << ",\n    wall_time Nullable(DateTime('UTC'))";
     const bool by_time = timed && !table.columns[table.time_column()].nullable;  // a key has no unknown values
-    std::cout << "\n)\nENGINE = ReplacingMergeTree\nORDER BY (dump, "
-              << (by_time ? table.columns[table.time_column()].name + std::string(", ") : "") << "row);\n\n";
+    out << "\n)\nENGINE = ReplacingMergeTree\nORDER BY (dump, "
+        << (by_time ? table.columns[table.time_column()].name + std::string(", ") : "") << "row);\n\n";
     if (options.cluster.empty()) return;
-    std::cout << "CREATE TABLE IF NOT EXISTS " << name << " AS " << stored << "\nENGINE = Distributed("
-              << options.cluster << ", " << options.database << ", " << table.name << "_local, cityHash64(dump));\n\n";
+    out << "CREATE TABLE IF NOT EXISTS " << name << " AS " << stored << "\nENGINE = Distributed(" << options.cluster
+        << ", " << options.database << ", " << table.name << "_local, cityHash64(dump));\n\n";
 }
 
-int print_schema(const Options &options) {
-    std::cout << "-- The tables of vestra-dump clickhouse"
-              << (options.cluster.empty() ? "" : ", for every server of the cluster")
-              << ".\nCREATE DATABASE IF NOT EXISTS " << options.database << ";\n\n";
-    for (const Table *table : kTables) print_table(options, *table);
-    return std::cout.flush() ? kExitClean : kExitUnreadable;
+void print_schema(const Options &options, std::ostream &out) {
+    out << "-- The tables of vestra-dump clickhouse"
+        << (options.cluster.empty() ? "" : ", for every server of the cluster") << ".\nCREATE DATABASE IF NOT EXISTS "
+        << options.database << ";\n\n";
+    for (const Table *table : kTables) print_table(options, *table, out);
 }
 
 // Values end with a tab or a line end. Texts have no other control characters; see Value.
@@ -136,15 +135,27 @@ int clickhouse(Options options) {
         complain(options.schema ? "--schema needs no dumps and no table" : "no dumps; --schema prints the tables");
         return kExitUsage;
     }
-    if (options.schema) return print_schema(options);
+    if (std::find(options.paths.begin(), options.paths.end(), "-") != options.paths.end()) {
+        complain("standard input has no name, which a row needs");
+        return kExitUsage;
+    }
     if (!tables) options.vitals = true;
     std::string error;
     const auto out = Output::open("-", &error);
+    if (out == nullptr) {
+        complain("standard output: " + error);
+        return kExitUnreadable;
+    }
     size_t bad = 0;
     int worst = kExitClean;
+    if (options.schema) {
+        std::ostringstream schema;
+        print_schema(options, schema);
+        out->write(schema.str());
+    }
     for (const std::string &path : options.paths) {
-        const int code = path == "-" ? kExitUsage : write_dump(options, path, *out);
-        if (path == "-") complain("standard input has no name, which a row needs");
+        if (out->has_failed()) break;
+        const int code = write_dump(options, path, *out);
         if (code == kExitUsage) return code;
         if (code == kExitUnreadable) ++bad;
         if (code != kExitClean) worst = kExitDamaged;
@@ -153,7 +164,7 @@ int clickhouse(Options options) {
         complain("standard output: " + error);
         return kExitUnreadable;
     }
-    return bad == options.paths.size() ? kExitUnreadable : worst;
+    return bad > 0 && bad == options.paths.size() ? kExitUnreadable : worst;
 }
 
 }  // namespace
