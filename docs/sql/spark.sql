@@ -1,4 +1,4 @@
--- The five questions of docs/reading-dumps.md for Spark 3 (spark-sql), in the lake's directory. Not tested here.
+-- The five questions of docs/reading-dumps.md for Spark 3.3 or newer (spark-sql), in the lake's directory. Not tested here.
 CREATE OR REPLACE TEMPORARY VIEW vitals USING parquet OPTIONS (path 'vitals');
 CREATE OR REPLACE TEMPORARY VIEW processes USING parquet OPTIONS (path 'processes');
 CREATE OR REPLACE TEMPORARY VIEW dumps AS SELECT * FROM parquet.`dumps/*/*/*.parquet`;
