@@ -35,6 +35,13 @@ class Analysis : public DumpVisitor {
         return std::move(summary_);
     }
 
+    std::string replay(ByteSource &source, const Checkpoint &from, uint64_t stop, uint64_t payload) {
+        processes_.restore(from.processes);
+        const std::string error = read_part(source, from.place, stop, payload, *this);
+        hand_on_damage(std::nullopt);
+        return error;
+    }
+
     void on_frame(const Frame &found, FrameMessages &messages) override {
         Frame frame = found;
         const bool timed = messages.count() > 0;
@@ -56,6 +63,13 @@ class Analysis : public DumpVisitor {
     void on_empty_record(uint64_t offset) override {
         if (learn_) timeline_.add_block_end();
         sink_.on_empty_record(offset);
+    }
+
+    void on_block_end(const Place &next) override {
+        const bool forgot = processes_.times_forgotten() != times_forgotten_;
+        times_forgotten_ = processes_.times_forgotten();
+        sink_.on_block_end(next.offset, forgot,
+                           [&] { return Checkpoint{next, timeline_.position(), processes_.save()}; });
     }
 
     void on_damage(const DamagedSpan &span) override {
@@ -179,6 +193,7 @@ class Analysis : public DumpVisitor {
     std::vector<DamagedSpan> waiting_;
     std::map<int, uint64_t> not_whole_;  // frames by type that are intact but not believed
     uint64_t bytes_not_whole_ = 0, spans_found_ = 0;
+    uint64_t times_forgotten_ = 0;
     std::optional<uint64_t> last_counter_;  // offset of the frame with the last wrong counter
 };
 
@@ -208,6 +223,12 @@ Survey survey(ByteSource &source) {
 Summary analyse(ByteSource &source, Timeline *timeline, const TimeRange &range, size_t top, DumpSink &sink) {
     timeline->rewind();
     return Analysis(timeline, false, range, sink).read(source, top, true);
+}
+
+std::string replay(ByteSource &source, Timeline *timeline, const Checkpoint &from, uint64_t stop, uint64_t payload,
+                   DumpSink &sink) {
+    timeline->go_to(from.timeline);
+    return Analysis(timeline, false, {}, sink).replay(source, from, stop, payload);
 }
 
 std::optional<Summary> analyse_at_once(ByteSource &source, size_t top, DumpSink &sink, Survey *survey) {

@@ -8,7 +8,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "tools/dump/dump_reader.h"
@@ -25,6 +27,13 @@ struct TimeRange {
 
     bool holds(int64_t time_ns) const { return time_ns >= from && time_ns <= to; }
     bool is_all() const { return from == INT64_MIN && to == INT64_MAX; }
+};
+
+// Where an analysis was: a replay can go on from here.
+struct Checkpoint {
+    Place place;
+    Timeline::Position timeline;
+    std::vector<Processes::State> processes;
 };
 
 // Gets what is in the range. Arguments are valid until the call returns.
@@ -46,6 +55,9 @@ class DumpSink {
     // These do not depend on the range. Damage comes when the time after it is known: with the next sample.
     virtual void on_damage(const DamagedSpan & /*span*/) {}
     virtual void on_empty_record(uint64_t /*offset*/) {}
+
+    // At `offset` a block begins. `forgot`: processes were forgotten in the block before, which a replay does not do.
+    virtual void on_block_end(uint64_t /*offset*/, bool /*forgot*/, const std::function<Checkpoint()> & /*make*/) {}
 };
 
 // What a dump is, at a glance.
@@ -77,6 +89,12 @@ Survey survey(ByteSource &source);
 
 // The second pass. `top`: number of processes in each list.
 Summary analyse(ByteSource &source, Timeline *timeline, const TimeRange &range, size_t top, DumpSink &sink);
+
+// The second pass once more, from a checkpoint of it to the first frame at or after offset `stop`. `sink` gets frames,
+// damage, and the same samples of processes with the same usage, but totals of processes begin anew, and its seconds mean
+// nothing. Returns the reason if the source could not be read, or "".
+std::string replay(ByteSource &source, Timeline *timeline, const Checkpoint &from, uint64_t stop, uint64_t payload,
+                   DumpSink &sink);
 
 // Both in one, without a range, for a dump whose samples can all be believed. Nothing if that is not so; then *survey is
 // what survey() returns.

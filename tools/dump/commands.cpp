@@ -22,6 +22,13 @@ const std::vector<Command> &commands() {
          "  vestra-dump explain --at -60 DUMP     as of a minute before the end\n"
          "  vestra-dump explain --json DUMP | jq -r '.findings[0].evidence.command' | sh",
          setup_explain},
+        {"view", "Look at a dump in the terminal, second by second: vitals, processes, findings; ? shows the keys",
+         "The processes of a second are those with a sample in it, with the figures of their last one.\n\n"
+         "examples:\n"
+         "  vestra-dump view DUMP\n"
+         "  vestra-dump view --at +60 DUMP               begin a minute after the oldest sample\n"
+         "  ssh set cat DUMP | vestra-dump view -",
+         setup_view},
         {"csv", "Write one table as CSV: vitals by second, samples of processes, frames, or damaged spans",
          "examples:\n"
          "  vestra-dump csv DUMP > vitals.csv\n"

@@ -46,6 +46,7 @@ Action setup_report(cli::Command app);
 Action setup_cut(cli::Command app);
 Action setup_explain(cli::Command app);
 Action setup_diff(cli::Command app);
+Action setup_view(cli::Command app);
 
 // Adds --from, --to and --epoch; only --epoch.
 void add_time_options(cli::Command app, TimeOptions &options);

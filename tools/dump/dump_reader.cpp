@@ -17,6 +17,11 @@ class Window {
   public:
     explicit Window(ByteSource &source) : source_(source), buffer_(kSizeFirst) {}
 
+    // Of a part of the payload. `bytes` of it are read at once, if that is possible.
+    Window(ByteSource &source, uint64_t begin, uint64_t bytes, uint64_t end)
+        : source_(source), size_max_(std::clamp<uint64_t>(bytes + kHeldMin, 2 * kHeldMin, kSizeMax)),
+          buffer_(size_max_), bytes_read_(begin), last_(end) {}
+
     const uint8_t *data() const { return buffer_.data() + begin_; }
     size_t size() const { return end_ - begin_; }
     bool ended() const { return ended_; }
@@ -30,9 +35,11 @@ class Window {
         std::memmove(buffer_.data(), data(), size());
         end_ = size();
         begin_ = 0;
-        while (!ended_ && end_ < kSizeMax) {
-            if (end_ == buffer_.size()) buffer_.resize(std::min(4 * end_, kSizeMax));
-            const int64_t got = read(buffer_.data() + end_, buffer_.size() - end_);
+        while (!ended_ && end_ < size_max_) {
+            if (end_ == buffer_.size()) buffer_.resize(std::min(4 * end_, size_max_));
+            const uint64_t left = last_ - std::min(bytes_read_, last_);
+            const auto count = static_cast<size_t>(std::min<uint64_t>(buffer_.size() - end_, left));
+            const int64_t got = count > 0 ? read(buffer_.data() + end_, count) : 0;
             ended_ = got <= 0;
             end_ += static_cast<size_t>(std::max<int64_t>(got, 0));
             bytes_read_ += static_cast<uint64_t>(std::max<int64_t>(got, 0));
@@ -72,9 +79,11 @@ class Window {
     static constexpr uint64_t kSector = 512;
 
     ByteSource &source_;
+    size_t size_max_ = kSizeMax;
     std::vector<uint8_t> buffer_;
     size_t begin_ = 0, end_ = 0;
-    uint64_t bytes_read_ = 0;
+    uint64_t bytes_read_ = 0;      // offset in the file
+    uint64_t last_ = UINT64_MAX;   // offset at which it ends
     uint64_t careful_until_ = 0;       // offset up to which sectors are read one by one
     std::deque<uint64_t> unreadable_;  // offsets of the sectors in view
     bool ended_ = false;
@@ -86,8 +95,12 @@ class Reader {
     Reader(ByteSource &source, DumpVisitor &visitor, bool figures)
         : window_(source), visitor_(visitor), messages_(figures) {}
 
+    Reader(ByteSource &source, const Place &from, uint64_t stop, uint64_t payload, DumpVisitor &visitor)
+        : window_(source, from.offset, stop - std::min(from.offset, stop), payload), visitor_(visitor),
+          messages_(true), stretches_(from.stretches), trailer_known_(true), offset_(from.offset), stop_(stop) {}
+
     DumpTotals run() {
-        for (;;) {
+        while (offset_ < stop_) {
             window_.fill();
             if (window_.ended() && !trailer_known_) find_trailer();
             const size_t left = window_.size() - (window_.ended() ? trailer_size() : trace::kTrailerMax);
@@ -111,6 +124,7 @@ class Reader {
             if (stretch.reason != Reason::kNone || span_.bytes == 0) stretch.reason = Reason::kUnreadable;
         }
         if (stretch.kind != Stretch::kDamaged || stretch.reason != Reason::kNone) end_span();
+        const bool block_ends = stretch.kind == Stretch::kEmpty;
         switch (stretch.kind) {
             case Stretch::kEmpty:
                 ++totals_.empty_records;
@@ -131,6 +145,7 @@ class Reader {
         last_kind_ = stretch.kind;
         offset_ += stretch.size;
         window_.advance(stretch.size);
+        if (block_ends) visitor_.on_block_end({offset_, stretches_});
     }
 
     void hand_on(const Stretch &stretch) {
@@ -213,6 +228,7 @@ class Reader {
     bool trailer_known_ = false;
     uint64_t offset_ = 0;      // in the file, of what is in view
     uint64_t next_block_ = 0;  // offset after the last empty record
+    uint64_t stop_ = UINT64_MAX;
     DamagedSpan span_ = {};    // the damage before this place; no bytes: there is none
     DumpTotals totals_;
 };
@@ -227,6 +243,10 @@ uint64_t DumpTotals::all_frames() const {
 
 DumpTotals read_dump(ByteSource &source, DumpVisitor &visitor, bool figures) {
     return Reader(source, visitor, figures).run();
+}
+
+std::string read_part(ByteSource &source, const Place &from, uint64_t stop, uint64_t payload, DumpVisitor &visitor) {
+    return Reader(source, from, stop, payload, visitor).run().error;
 }
 
 }  // namespace vestra_dump

@@ -69,6 +69,12 @@ struct DumpTotals {
     bool end_is_whole() const { return trailer && trailer->bytes.size() != 2 && last_damage_end <= last_block; }
 };
 
+// Where a reader is. One that begins here reads on as the first one did.
+struct Place {
+    uint64_t offset = 0;  // of the next byte in the file
+    StretchReader stretches;
+};
+
 // Arguments are valid until the call returns. Calls come in the order of the file. A damaged span comes after the
 // messages that were read from it.
 class DumpVisitor {
@@ -77,9 +83,15 @@ class DumpVisitor {
     virtual void on_frame(const Frame & /*frame*/, FrameMessages & /*messages*/) {}
     virtual void on_empty_record(uint64_t /*offset*/) {}
     virtual void on_damage(const DamagedSpan & /*span*/) {}
+    // After an empty record; nothing is left over from before it.
+    virtual void on_block_end(const Place & /*next*/) {}
 };
 
 // Reads the whole source. Without `figures`, messages have only stamps, which is faster.
 DumpTotals read_dump(ByteSource &source, DumpVisitor &visitor, bool figures = true);
+
+// Reads from a place that on_block_end got up to the first frame at or after `stop`. `payload`: DumpTotals::payload_bytes.
+// Returns DumpTotals::error.
+std::string read_part(ByteSource &source, const Place &from, uint64_t stop, uint64_t payload, DumpVisitor &visitor);
 
 }  // namespace vestra_dump

@@ -172,8 +172,31 @@ std::vector<uint64_t> Processes::left_over() const {
     return offsets;
 }
 
+std::vector<Processes::State> Processes::save() const {
+    std::vector<State> states;
+    states.reserve(current_.size());
+    for (const auto &[pid, entry] : current_) {
+        states.push_back(
+            {pid, entry.named, entry.process.usage, entry.time_ns, entry.user, entry.system, entry.counter});
+    }
+    return states;
+}
+
+void Processes::restore(const std::vector<State> &states) {
+    for (const State &state : states) {
+        Entry &entry = current_[state.pid];  // number 0: with its next sample it becomes a process
+        entry.named = state.named;
+        entry.process.usage = state.usage;
+        entry.time_ns = state.time_ns;
+        entry.user = state.user;
+        entry.system = state.system;
+        entry.counter = state.counter;
+    }
+}
+
 // Keeps the quarter that used most CPU time and the quarter that had most memory.
 void Processes::make_room() {
+    ++times_forgotten_;
     std::unordered_set<const Process *> kept;
     for (const Before before : {more_cpu, more_memory}) {
         for (const Process *process : top(kMax / 4, before)) kept.insert(process);

@@ -91,6 +91,20 @@ class Processes {
 
     uint64_t seen() const { return seen_; }  // that have a sample which counts
 
+    // What the usage of a process id after its next samples depends on. Restored, it makes the same percentages, but
+    // totals begin anew.
+    struct State {
+        int32_t pid;
+        bool named;
+        Usage usage;
+        int64_t time_ns, user, system;
+        TickCounter counter;
+    };
+    std::vector<State> save() const;
+    void restore(const std::vector<State> &states);
+
+    uint64_t times_forgotten() const { return times_forgotten_; }  // how often it was full
+
     static constexpr size_t kMax = 32768;  // as in the daemon's table
 
   private:
@@ -107,7 +121,7 @@ class Processes {
 
     std::unordered_map<int32_t, Entry> current_;  // by process id
     std::vector<Process> past_;                   // whose id has got another name since
-    uint64_t seen_ = 0, numbers_ = 0;
+    uint64_t seen_ = 0, numbers_ = 0, times_forgotten_ = 0;
 };
 
 }  // namespace vestra_dump

@@ -18,7 +18,8 @@ namespace {
 
 constexpr uint64_t kLongFile = uint64_t{16} << 20;  // bytes; a shorter one is read at once
 
-// An unlinked file, or -1 with errno.
+}  // namespace
+
 int temporary_file() {
     const char *directory = std::getenv("TMPDIR");
     std::string path =
@@ -27,8 +28,6 @@ int temporary_file() {
     if (fd >= 0) unlink(path.c_str());
     return fd;
 }
-
-}  // namespace
 
 int64_t MemorySource::read_at(uint64_t offset, uint8_t *out, size_t count) {
     if (offset >= bytes_.size()) return 0;

@@ -62,4 +62,7 @@ class FileSource : public ByteSource {
     int shown_percent_ = -1;
 };
 
+// A descriptor of an unlinked file in TMPDIR or /var/tmp, or -1 with errno.
+int temporary_file();
+
 }  // namespace vestra_dump

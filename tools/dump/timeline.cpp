@@ -257,9 +257,19 @@ bool Timeline::believes(int core) {
 }
 
 void Timeline::rewind() {
-    for (Stream &stream : streams_) {
-        stream.next_run = 0;
-        stream.next_ordinal = 0;
+    go_to({});
+}
+
+Timeline::Position Timeline::position() const {
+    Position position = {};
+    for (size_t i = 0; i < streams_.size(); ++i) position.cores[i] = {streams_[i].next_run, streams_[i].next_ordinal};
+    return position;
+}
+
+void Timeline::go_to(const Position &position) {
+    for (size_t i = 0; i < streams_.size(); ++i) {
+        streams_[i].next_run = position.cores[i].run;
+        streams_[i].next_ordinal = position.cores[i].ordinal;
     }
 }
 

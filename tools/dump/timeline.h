@@ -42,6 +42,16 @@ class Timeline {
     bool believes(int core);
     void rewind();
 
+    // Which sample is next, by core: so that a reader can go back to a place. After finish().
+    struct Position {
+        struct {
+            size_t run;
+            uint64_t ordinal;
+        } cores[trace::kCoreCount];
+    };
+    Position position() const;
+    void go_to(const Position &position);
+
     // Of the samples that are believed; nothing if there are none.
     const std::optional<TimeSpan> &span() const { return span_; }
     uint64_t astray() const { return astray_; }  // samples
