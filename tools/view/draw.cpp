@@ -59,7 +59,8 @@ const Column kColumns[] = {
     {"GROWTH", 9, 4, [](const ProcessRow &row) {
          return !row.growth ? "-" : (*row.growth > 0 ? "+" : "") + std::to_string(*row.growth);
      }}};
-constexpr int kName = 1;  // takes what the others leave
+constexpr int kName = 1;      // takes what the others leave, up to
+constexpr int kNameMost = 48;
 
 // The columns that fit, and how wide the name is.
 std::vector<const Column *> columns_in(int width, int *name_width) {
@@ -73,7 +74,7 @@ std::vector<const Column *> columns_in(int width, int *name_width) {
         }
     }
     std::sort(shown.begin(), shown.end());
-    *name_width = kColumns[kName].width + std::max(width - used, 0);
+    *name_width = std::min(kColumns[kName].width + std::max(width - used, 0), kNameMost);
     return shown;
 }
 

@@ -126,9 +126,11 @@ void DumpIndex::on_second(const vestra_dump::SecondVitals &second) {
     for (size_t vital = 0; vital < kVitalCount; ++vital) {
         const double value = second.knows(vital) ? second.vital[vital] : kUnknown;
         record.vitals[vital] = value;
-        if (!std::isfinite(value)) continue;
         Extremes &extremes = extremes_[vital];
+        if (seconds_.size() % kPiece == 0) extremes.tops.push_back(-std::numeric_limits<double>::infinity());
+        if (!std::isfinite(value)) continue;
         const double signed_value = low_tells(vital) ? -value : value;
+        extremes.tops.back() = std::max(extremes.tops.back(), signed_value);
         extremes.top = extremes.count > 0 ? std::max(extremes.top, signed_value) : signed_value;
         extremes.sum += signed_value;
         ++extremes.count;

@@ -40,8 +40,10 @@ class DumpIndex : public vestra_dump::DumpSink {
         };
         std::vector<Point> points;
     };
+    static constexpr size_t kPiece = 256;  // seconds
     struct Extremes {  // of a vital, upside down where low figures tell
         double sum = 0, count = 0, top = 0;
+        std::vector<double> tops;  // of every kPiece seconds; -infinity if none is known
     };
 
     const Spill<SecondRecord> &seconds() const { return seconds_; }

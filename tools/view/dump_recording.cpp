@@ -57,10 +57,12 @@ class Collector : public vestra_dump::DumpSink {
 // A vital of seconds, read in large pieces.
 class Column {
   public:
-    Column(const Spill<DumpIndex::SecondRecord> &seconds, size_t vital) : seconds_(seconds), vital_(vital) {}
+    Column(const DumpIndex &index, size_t vital)
+        : seconds_(index.seconds()), tops_(index.extremes(vital).tops), vital_(vital) {}
 
-    // Upside down where low figures tell.
-    double at(size_t index) {
+    // Upside down where low figures tell. Any figure up to `middle` may stand for all up to it.
+    double at(size_t index, double middle) {
+        if (tops_[index / kPiece] <= middle) return middle;
         if (index / kPiece != piece_) {
             piece_ = index / kPiece;
             records_.resize(std::min<size_t>(kPiece, static_cast<size_t>(seconds_.size()) - piece_ * kPiece));
@@ -71,8 +73,9 @@ class Column {
     }
 
   private:
-    static constexpr size_t kPiece = 256;
+    static constexpr size_t kPiece = DumpIndex::kPiece;
     const Spill<DumpIndex::SecondRecord> &seconds_;
+    const std::vector<double> &tops_;
     const size_t vital_;
     size_t piece_ = SIZE_MAX;
     std::vector<DumpIndex::SecondRecord> records_;
@@ -127,9 +130,9 @@ std::optional<size_t> DumpRecording::peak(size_t vital, size_t index, bool forwa
     if (extremes.count == 0) return std::nullopt;
     const double middle = (extremes.sum / extremes.count + extremes.top) / 2;
     if (!(extremes.top > middle)) return std::nullopt;
-    Column column(index_.seconds(), vital);
+    Column column(index_, vital);
     const size_t end = size();
-    const auto is_high = [&](size_t at) { return column.at(at) > middle; };
+    const auto is_high = [&](size_t at) { return column.at(at, middle) > middle; };
     // From the beginning of the stretch that the second is in, or its end.
     size_t at = index;
     if (forward) {
@@ -142,7 +145,8 @@ std::optional<size_t> DumpRecording::peak(size_t vital, size_t index, bool forwa
             size_t top = at;
             for (;; forward ? ++at : --at) {
                 if (!is_high(at)) break;
-                if (forward ? column.at(at) > column.at(top) : column.at(at) >= column.at(top)) top = at;
+                const double here = column.at(at, middle), best = column.at(top, middle);
+                if (forward ? here > best : here >= best) top = at;
                 if (at == (forward ? end - 1 : 0)) break;
             }
             if (forward ? top > index : top < index) return top;

@@ -143,6 +143,10 @@ std::unique_ptr<Terminal> Terminal::open(FILE *keyboard, std::string *error) {
 
 Terminal::~Terminal() {
     if (saved_->screen == nullptr) return;
+    // What the program prints next begins on an empty line, also on a terminal that keeps the screen.
+    move(LINES - 1, 0);
+    clrtoeol();
+    refresh();
     endwin();
     delscreen(saved_->screen);
     for (size_t i = 0; i < kEndings.size(); ++i) sigaction(kEndings[i], &saved_->actions[i], nullptr);
