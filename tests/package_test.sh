@@ -15,7 +15,7 @@ state() { dpkg-query --root="$root" -W -f='${db:Status-Abbrev}' vestrad 2>/dev/n
 (cd "$build" && cpack -G DEB -B "$work/made" >"$work/cpack.log" 2>&1) || { cat "$work/cpack.log"; fail "cpack"; }
 deb=$(echo "$work"/made/vestrad_*.deb)
 [ "$(dpkg-deb -f "$deb" Package)" = vestrad ] || fail "no package in $work/made"
-for library in libc6 libstdc++6 libglib2.0-0 libsqlite3-0 libtinyxml2-9 libzstd1; do
+for library in libc6 libstdc++6 libglib2.0-0 libsqlite3-0 libtinyxml2-9 libzstd1 libncursesw6; do
     dpkg-deb -f "$deb" Depends | grep -qF "$library" || fail "does not depend on $library"
 done
 if dpkg-deb -c "$deb" | awk '$2 != "root/root" || ($1 !~ /^l/ && $1 ~ /^.....w|^........w/)' | grep .; then

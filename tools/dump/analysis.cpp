@@ -68,8 +68,9 @@ class Analysis : public DumpVisitor {
     void on_block_end(const Place &next) override {
         const bool forgot = processes_.times_forgotten() != times_forgotten_;
         times_forgotten_ = processes_.times_forgotten();
-        sink_.on_block_end(next.offset, forgot,
-                           [&] { return Checkpoint{next, timeline_.position(), processes_.save()}; });
+        sink_.on_block_end(next.offset, forgot, [&] {
+            return Checkpoint{next, timeline_.position(), processes_.save()};
+        });
     }
 
     void on_damage(const DamagedSpan &span) override {

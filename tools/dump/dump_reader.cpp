@@ -19,8 +19,11 @@ class Window {
 
     // Of a part of the payload. `bytes` of it are read at once, if that is possible.
     Window(ByteSource &source, uint64_t begin, uint64_t bytes, uint64_t end)
-        : source_(source), size_max_(std::clamp<uint64_t>(bytes + kHeldMin, 2 * kHeldMin, kSizeMax)),
-          buffer_(size_max_), bytes_read_(begin), last_(end) {}
+        : source_(source),
+          size_max_(std::clamp<uint64_t>(bytes + kHeldMin, 2 * kHeldMin, kSizeMax)),
+          buffer_(size_max_),
+          bytes_read_(begin),
+          last_(end) {}
 
     const uint8_t *data() const { return buffer_.data() + begin_; }
     size_t size() const { return end_ - begin_; }
@@ -82,8 +85,8 @@ class Window {
     size_t size_max_ = kSizeMax;
     std::vector<uint8_t> buffer_;
     size_t begin_ = 0, end_ = 0;
-    uint64_t bytes_read_ = 0;      // offset in the file
-    uint64_t last_ = UINT64_MAX;   // offset at which it ends
+    uint64_t bytes_read_ = 0;          // offset in the file
+    uint64_t last_ = UINT64_MAX;       // offset at which it ends
     uint64_t careful_until_ = 0;       // offset up to which sectors are read one by one
     std::deque<uint64_t> unreadable_;  // offsets of the sectors in view
     bool ended_ = false;
@@ -96,8 +99,13 @@ class Reader {
         : window_(source), visitor_(visitor), messages_(figures) {}
 
     Reader(ByteSource &source, const Place &from, uint64_t stop, uint64_t payload, DumpVisitor &visitor)
-        : window_(source, from.offset, stop - std::min(from.offset, stop), payload), visitor_(visitor),
-          messages_(true), stretches_(from.stretches), trailer_known_(true), offset_(from.offset), stop_(stop) {}
+        : window_(source, from.offset, stop - std::min(from.offset, stop), payload),
+          visitor_(visitor),
+          messages_(true),
+          stretches_(from.stretches),
+          trailer_known_(true),
+          offset_(from.offset),
+          stop_(stop) {}
 
     DumpTotals run() {
         while (offset_ < stop_) {
@@ -229,7 +237,7 @@ class Reader {
     uint64_t offset_ = 0;      // in the file, of what is in view
     uint64_t next_block_ = 0;  // offset after the last empty record
     uint64_t stop_ = UINT64_MAX;
-    DamagedSpan span_ = {};    // the damage before this place; no bytes: there is none
+    DamagedSpan span_ = {};  // the damage before this place; no bytes: there is none
     DumpTotals totals_;
 };
 
@@ -246,7 +254,8 @@ DumpTotals read_dump(ByteSource &source, DumpVisitor &visitor, bool figures) {
 }
 
 std::string read_part(ByteSource &source, const Place &from, uint64_t stop, uint64_t payload, DumpVisitor &visitor) {
-    return Reader(source, from, stop, payload, visitor).run().error;
+    const DumpTotals totals = Reader(source, from, stop, payload, visitor).run();
+    return totals.error.empty() && totals.payload_bytes < stop ? "it has become shorter" : totals.error;
 }
 
 }  // namespace vestra_dump

@@ -33,7 +33,9 @@ Glyph next_glyph(std::string_view text, bool utf8) {
 }  // namespace
 
 Canvas::Canvas(int rows, int columns, bool utf8)
-    : rows_(std::max(rows, 0)), columns_(std::max(columns, 0)), utf8_(utf8),
+    : rows_(std::max(rows, 0)),
+      columns_(std::max(columns, 0)),
+      utf8_(utf8),
       cells_(static_cast<size_t>(rows_) * static_cast<size_t>(columns_)) {}
 
 int Canvas::put(int row, int column, std::string_view text, Style style, int width) {
@@ -57,7 +59,8 @@ void Canvas::put_right(int row, int column, int width, std::string_view text, St
 
 void Canvas::paint(int row, int column, int width, Style style) {
     if (row < 0 || row >= rows_) return;
-    for (int at = std::max(column, 0); at < std::min(columns_, column + width); ++at) cells_[index(row, at)].style = style;
+    for (int at = std::max(column, 0); at < std::min(columns_, column + width); ++at)
+        cells_[index(row, at)].style = style;
 }
 
 int Canvas::width_of(std::string_view text, bool utf8) {

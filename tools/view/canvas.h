@@ -36,7 +36,9 @@ class Canvas {
     static int width_of(std::string_view text, bool utf8);
 
   private:
-    size_t index(int row, int column) const { return static_cast<size_t>(row) * static_cast<size_t>(columns_) + static_cast<size_t>(column); }
+    size_t index(int row, int column) const {
+        return static_cast<size_t>(row) * static_cast<size_t>(columns_) + static_cast<size_t>(column);
+    }
 
     int rows_, columns_;
     bool utf8_;

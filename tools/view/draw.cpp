@@ -48,18 +48,17 @@ struct Column {
     int rank;  // the columns of the smallest ranks are shown where not all fit
     std::string (*text)(const ProcessRow &row);
 };
-const Column kColumns[] = {
-    {"PID", 7, 2, [](const ProcessRow &row) { return std::to_string(row.pid); }},
-    {"NAME", 15, 0, [](const ProcessRow &row) { return row.name; }},
-    {"CPU %", 7, 1, [](const ProcessRow &row) { return number(row.cpu, 2, 7); }},
-    {"USER", 7, 5, [](const ProcessRow &row) { return number(row.user, 2, 7); }},
-    {"SYSTEM", 7, 6, [](const ProcessRow &row) { return number(row.system, 2, 7); }},
-    {"RSS KiB", 9, 3, [](const ProcessRow &row) { return std::to_string(row.rss); }},
-    {"SWAP", 8, 7, [](const ProcessRow &row) { return std::to_string(row.swap); }},
-    {"GROWTH", 9, 4, [](const ProcessRow &row) {
-         return !row.growth ? "-" : (*row.growth > 0 ? "+" : "") + std::to_string(*row.growth);
-     }}};
-constexpr int kName = 1;      // takes what the others leave, up to
+const Column kColumns[] = {{"PID", 7, 2, [](const ProcessRow &row) { return std::to_string(row.pid); }},
+                           {"NAME", 15, 0, [](const ProcessRow &row) { return row.name; }},
+                           {"CPU %", 7, 1, [](const ProcessRow &row) { return number(row.cpu, 2, 7); }},
+                           {"USER", 7, 5, [](const ProcessRow &row) { return number(row.user, 2, 7); }},
+                           {"SYSTEM", 7, 6, [](const ProcessRow &row) { return number(row.system, 2, 7); }},
+                           {"RSS KiB", 9, 3, [](const ProcessRow &row) { return std::to_string(row.rss); }},
+                           {"SWAP", 8, 7, [](const ProcessRow &row) { return std::to_string(row.swap); }},
+                           {"GROWTH", 9, 4, [](const ProcessRow &row) {
+                                return !row.growth ? "-" : (*row.growth > 0 ? "+" : "") + std::to_string(*row.growth);
+                            }}};
+constexpr int kName = 1;  // takes what the others leave, up to
 constexpr int kNameMost = 48;
 
 // The columns that fit, and how wide the name is.
@@ -124,7 +123,8 @@ View::Layout View::layout(const Canvas &canvas) const {
     at.lines.resize(std::min<size_t>(at.lines.size(), canvas.rows() > 12 ? kMessageMost : canvas.rows() > 3 ? 1 : 0));
     at.message = at.status - static_cast<int>(at.lines.size());
     at.vitals = at.line + 2;
-    const int room = std::max(at.message - at.vitals, 0), count = static_cast<int>(vitals_.size());
+    // A message covers processes, so that nothing moves when it comes.
+    const int room = std::max(at.status - at.vitals, 0), count = static_cast<int>(vitals_.size());
     const int least = recording_.has_processes() ? kProcessesLeast : 0, half = (count + 1) / 2;
     at.vital_rows = count;
     if (room < count + least) {
@@ -132,6 +132,7 @@ View::Layout View::layout(const Canvas &canvas) const {
         at.vital_columns = two ? 2 : 1;
         at.vital_rows = std::min(two ? half : count, least > 0 ? std::max(room - kProcessesLeast, room / 3) : room);
     }
+    at.vital_rows = std::clamp(at.message - at.vitals, 0, at.vital_rows);
     const int shown = at.vital_rows * at.vital_columns;
     at.first_vital = std::clamp(static_cast<int>(chosen_) - shown / 2, 0, std::max(count - shown, 0));
     at.followed = at.vitals + at.vital_rows;
@@ -177,7 +178,8 @@ void View::draw_title(Canvas *canvas) const {
 
 void View::draw_line(Canvas *canvas, int row, int column, int width, const Line &line) const {
     canvas->put(row, column, vestra_stat::sparkline(line, canvas->utf8()), Style::kPlain, width);
-    canvas->paint(row, column + static_cast<int>(recording_.axis(line.size()).column_of(now_.second)), 1, Style::kCursor);
+    canvas->paint(row, column + static_cast<int>(recording_.axis(line.size()).column_of(now_.second)), 1,
+                  Style::kCursor);
 }
 
 // The chosen vital over the whole recording, and what there is to jump to below it.
@@ -195,7 +197,8 @@ void View::draw_time_line(Canvas *canvas, const Layout &at) const {
     };
     for (const Mark &damage : recording_.damage()) {
         const bool gap = damage.text.rfind("Nothing", 0) == 0;
-        for (size_t column = axis.column_of(damage.from_ns / kNs); gap && column <= axis.column_of(damage.to_ns / kNs); ++column) {
+        for (size_t column = axis.column_of(damage.from_ns / kNs); gap && column <= axis.column_of(damage.to_ns / kNs);
+             ++column) {
             canvas->put(row, at.left + static_cast<int>(column), "~", Style::kAlarm);
         }
     }
@@ -216,7 +219,8 @@ void View::draw_vital(Canvas *canvas, int row, int column, int width, size_t vit
     const int figure = std::min(11, width - name_width);
     canvas->put_right(row, column + name_width, figure, number(now_.vitals[vital], about.decimals, figure), style);
     if (width > name_width + figure + 1) {
-        canvas->put(row, column + name_width + figure + 1, about.short_unit, Style::kFaint, width - name_width - figure - 1);
+        canvas->put(row, column + name_width + figure + 1, about.short_unit, Style::kFaint,
+                    width - name_width - figure - 1);
     }
 }
 
@@ -265,7 +269,8 @@ void View::draw_processes(Canvas *canvas, const Layout &at) {
             const bool is_name = column == &kColumns[kName];
             const int width = is_name ? name_width : column->width;
             const std::string text = process != nullptr ? column->text(*process) : column->title;
-            const bool sorted = process == nullptr && std::string_view(column->title) == kSorted[static_cast<size_t>(sort_)];
+            const bool sorted =
+                process == nullptr && std::string_view(column->title) == kSorted[static_cast<size_t>(sort_)];
             const Style shown = sorted ? Style::kTitle : style;
             if (is_name) {
                 canvas->put(row, place, text, shown, width);

@@ -16,15 +16,15 @@ using vestra_dump::Checkpoint;
 using vestra_dump::Processes;
 
 constexpr int64_t kNs = trace::kNsPerSecond;
-constexpr size_t kInMemory = size_t{4} << 20;     // bytes of each of the two large lists
-constexpr uint64_t kPlaceDistance = 512 * 1024;   // bytes of the dump, at least
-constexpr uint64_t kPlaceShare = 16;              // and this many times the bytes of a place
+constexpr size_t kInMemory = size_t{4} << 20;    // bytes of each of the two large lists
+constexpr uint64_t kPlaceDistance = 512 * 1024;  // bytes of the dump, at least
+constexpr uint64_t kPlaceShare = 16;             // and this many times the bytes of a place
 constexpr size_t kBinsMax = 2048;
 constexpr size_t kPointsMax = 300'000;  // of all processes
 constexpr size_t kTracksMax = 32768;
 constexpr size_t kMarksMax = 4096;
-constexpr int64_t kGap = 2 * kNs;         // less is no gap: a set that is busy samples late
-constexpr int64_t kGapIntervals = 3;      // nor is what is usual
+constexpr int64_t kGap = 2 * kNs;     // less is no gap: a set that is busy samples late
+constexpr int64_t kGapIntervals = 3;  // nor is what is usual
 
 float greater(float a, float b) {
     return std::isnan(a) || b > a ? b : a;
@@ -78,7 +78,8 @@ void DumpIndex::on_process(const vestra_dump::SwitchSample &sample, const vestra
     track.last_ns = std::max(track.last_ns, sample.time_ns);
     const int64_t slots = (std::max(sample.time_ns, first_ns_) / kNs - first_ns_ / kNs) / slot_seconds_;
     const auto slot = static_cast<uint32_t>(std::min<int64_t>(slots, UINT32_MAX));
-    const float cpu = process.usage.known ? static_cast<float>(process.usage.total) : std::numeric_limits<float>::quiet_NaN();
+    const float cpu =
+        process.usage.known ? static_cast<float>(process.usage.total) : std::numeric_limits<float>::quiet_NaN();
     const auto rss = static_cast<uint32_t>(std::min<uint64_t>(sample.rss, UINT32_MAX));
     if (!track.points.empty() && track.points.back().slot >= slot) {
         Track::Point &point = track.points.back();
@@ -203,8 +204,9 @@ Checkpoint DumpIndex::checkpoint_before(uint64_t offset) const {
 }
 
 std::string DumpIndex::problem() const {
-    return !seconds_.problem().empty() ? seconds_.problem()
-                                       : !places_.problem().empty() ? places_.problem() : states_.problem();
+    return !seconds_.problem().empty()  ? seconds_.problem()
+           : !places_.problem().empty() ? places_.problem()
+                                        : states_.problem();
 }
 
 void DumpIndex::finish(const std::string &path, int64_t first_ns) {

@@ -41,7 +41,7 @@ class DumpIndex : public vestra_dump::DumpSink {
         std::vector<Point> points;
     };
     static constexpr size_t kPiece = 256;  // seconds
-    struct Extremes {  // of a vital, upside down where low figures tell
+    struct Extremes {                      // of a vital, upside down where low figures tell
         double sum = 0, count = 0, top = 0;
         std::vector<double> tops;  // of every kPiece seconds; -infinity if none is known
     };
@@ -67,8 +67,7 @@ class DumpIndex : public vestra_dump::DumpSink {
     void on_process(const vestra_dump::SwitchSample &sample, const vestra_dump::Process &process) override;
     void on_second(const vestra_dump::SecondVitals &second) override;
     void on_damage(const vestra_dump::DamagedSpan &span) override;
-    void on_block_end(uint64_t offset, bool forgot,
-                      const std::function<vestra_dump::Checkpoint()> &make) override;
+    void on_block_end(uint64_t offset, bool forgot, const std::function<vestra_dump::Checkpoint()> &make) override;
 
   private:
     struct Extent {
@@ -88,7 +87,7 @@ class DumpIndex : public vestra_dump::DumpSink {
     Spill<SecondRecord> seconds_;
     Spill<PlaceRecord> places_;
     Spill<vestra_dump::Processes::State> states_;
-    uint64_t next_place_ = 0;  // offset
+    uint64_t next_place_ = 0;         // offset
     std::map<int64_t, Extent> open_;  // of seconds that are not in seconds_ yet
     Extent *extent_ = nullptr;        // of second_
     int64_t second_ = -1;

@@ -89,7 +89,10 @@ void raise(double *figure, double value) {
 
 DumpRecording::DumpRecording(vestra_dump::ByteSource &source, vestra_dump::Survey &survey,
                              const vestra_dump::DumpTime &time, const std::string &path)
-    : source_(source), survey_(survey), time_(time), path_(path),
+    : source_(source),
+      survey_(survey),
+      time_(time),
+      path_(path),
       index_(survey.timeline.span().value_or(vestra_dump::TimeSpan{}).newest_ns) {
     summary_ = analyse(source, &survey.timeline, {}, 0, index_);
     index_.finish(path, survey.timeline.span().value_or(vestra_dump::TimeSpan{}).first_ns);

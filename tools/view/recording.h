@@ -17,16 +17,16 @@ constexpr size_t kVitalCount = VESTRA_API_VITALS;
 constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 
 struct Second {
-    int64_t second = 0;   // its number. Of a dump: of stream time
-    int64_t time_ns = 0;  // of its last sample, on the same clock
+    int64_t second = 0;                           // its number. Of a dump: of stream time
+    int64_t time_ns = 0;                          // of its last sample, on the same clock
     std::array<double, kVitalCount> vitals = {};  // kUnknown: not known
 };
 
 // A process in a second.
 struct ProcessRow {
     int32_t pid = 0, parent = 0;
-    std::string name;        // printable
-    int64_t time_ns = 0;     // of the sample
+    std::string name;                                           // printable
+    int64_t time_ns = 0;                                        // of the sample
     double cpu = kUnknown, user = kUnknown, system = kUnknown;  // percent of all cores
     uint64_t rss = 0, swap = 0;                                 // KiB
     std::optional<int64_t> growth;  // KiB of resident memory more than in its first sample of the recording
@@ -70,8 +70,8 @@ class Recording {
 
     virtual size_t size() const = 0;  // seconds
     virtual Second second(size_t index) const = 0;
-    virtual std::string title() const = 0;    // printable
-    virtual std::string problem() const = 0;  // why figures are missing or old; "": none. Printable
+    virtual std::string title() const = 0;                     // printable
+    virtual std::string problem() const = 0;                   // why figures are missing or old; "": none. Printable
     virtual std::string wall_time(int64_t time_ns) const = 0;  // "2026-11-25T15:23:15.544Z"; "": not known
 
     // Of the whole recording, in that many columns (1 and more). Where the low figures tell, such as free memory, a

@@ -28,9 +28,9 @@ void Bytes::move_to_file() {
         limit_ = kPiece;
     }
     for (size_t done = 0; done < kept_.size();) {
-        const ssize_t now = file_ < 0 ? -1
-                                      : pwrite(file_, kept_.data() + done, kept_.size() - done,
-                                               static_cast<off_t>(written_ + done));
+        const ssize_t now =
+            file_ < 0 ? -1
+                      : pwrite(file_, kept_.data() + done, kept_.size() - done, static_cast<off_t>(written_ + done));
         if (now < 0 && file_ >= 0 && errno == EINTR) continue;
         if (now <= 0) {
             if (problem_.empty()) problem_ = std::string("no temporary file for the index: ") + std::strerror(errno);

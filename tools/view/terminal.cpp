@@ -98,7 +98,9 @@ struct Terminal::Saved {
 };
 
 Terminal::Terminal(FILE *keyboard)
-    : saved_(std::make_unique<Saved>()), keyboard_(keyboard), utf8_(std::string_view(nl_langinfo(CODESET)) == "UTF-8") {}
+    : saved_(std::make_unique<Saved>()),
+      keyboard_(keyboard),
+      utf8_(std::string_view(nl_langinfo(CODESET)) == "UTF-8") {}
 
 bool can_show(FILE *keyboard) {
     return keyboard != nullptr && isatty(STDOUT_FILENO) == 1 && isatty(fileno(keyboard)) == 1;
@@ -110,7 +112,8 @@ std::unique_ptr<Terminal> Terminal::open(FILE *keyboard, std::string *error) {
     const char *type = std::getenv("TERM");
     terminal->saved_->screen = newterm(nullptr, stdout, keyboard);
     if (terminal->saved_->screen == nullptr || tigetstr("cup") == nullptr) {
-        *error = "the terminal type '" + std::string(type != nullptr ? type : "") + "' (TERM) is not known or cannot be used";
+        *error = "the terminal type '" + std::string(type != nullptr ? type : "") +
+                 "' (TERM) is not known or cannot be used";
         return nullptr;
     }
     cbreak();

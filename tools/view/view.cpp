@@ -247,9 +247,12 @@ void View::jump_to_mark(const std::vector<Mark> &marks, std::optional<size_t> *l
         next = forward ? **last + 1 : **last;
     } else {
         const int64_t here = now_.second;
-        next = static_cast<size_t>(std::partition_point(marks.begin(), marks.end(), [&](const Mark &mark) {
-                                       return forward ? mark.from_ns / kNs <= here : mark.from_ns / kNs < here;
-                                   }) - marks.begin());
+        next = static_cast<size_t>(std::partition_point(marks.begin(), marks.end(),
+                                                        [&](const Mark &mark) {
+                                                            return forward ? mark.from_ns / kNs <= here
+                                                                           : mark.from_ns / kNs < here;
+                                                        }) -
+                                   marks.begin());
     }
     if (forward ? next >= marks.size() : next == 0) {
         message_ = std::string("No ") + (forward ? "later " : "earlier ") + what;

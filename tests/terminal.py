@@ -1,0 +1,66 @@
+"""A program on a terminal, as a person uses it: tmux keeps the screen."""
+import re
+import shlex
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+PATIENCE = 30  # seconds; the machine may be busy
+
+
+class Terminal:
+    def __init__(self, *words, columns=80, rows=24, term='xterm', locale='C.UTF-8', stdin=None):
+        """Runs the words in a terminal. Afterwards the screen has the exit code, and whether the terminal is as it was."""
+        self.directory = tempfile.TemporaryDirectory()
+        self.socket = Path(self.directory.name) / 'tmux'
+        command = shlex.join(map(str, words)) + (f' <{stdin}' if stdin and ' ' not in stdin else '')
+        if stdin and ' ' in stdin:
+            command = f'{stdin} | {command}'
+        script = (f'export TERM={term} LC_ALL={locale}; before=$(stty -g); {command}; code=$?; '
+                  'test "$before" = "$(stty -g)" && echo "ended $code, terminal as before"; sleep 600')
+        self.tmux('-u', '-f', '/dev/null', 'new-session', '-d', '-x', columns, '-y', rows, script)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.tmux('kill-server')
+        self.directory.cleanup()
+
+    def tmux(self, *words):
+        return subprocess.run(['tmux', '-S', self.socket, *map(str, words)], capture_output=True, check=True, text=True,
+                              env={'PATH': '/usr/bin:/bin', 'LC_ALL': 'C.UTF-8', 'TERM': 'xterm', 'HOME': '/tmp'}).stdout
+
+    def press(self, *keys):
+        """Types keys; those of several letters are tmux's names, such as Enter."""
+        self.tmux('send-keys', *keys)
+
+    def type(self, text):
+        self.tmux('send-keys', '-l', '--', text)
+
+    def screen(self):
+        return self.tmux('capture-pane', '-p')
+
+    def line(self, row):
+        return self.screen().split('\n')[row]
+
+    def styled(self):
+        """The screen with the escape sequences of its colours and attributes."""
+        return self.tmux('capture-pane', '-pe')
+
+    def shows(self, pattern):
+        """Waits until the screen matches, and returns the match."""
+        end = time.monotonic() + PATIENCE
+        while not (found := re.search(pattern, screen := self.screen(), re.MULTILINE)):
+            assert time.monotonic() < end, f'no {pattern!r} in\n{screen}'
+            time.sleep(0.02)
+        return found
+
+    def resize(self, columns, rows):
+        self.tmux('resize-window', '-x', columns, '-y', rows)
+
+    def pid_of(self, name):
+        """The process that runs in the terminal."""
+        shell = self.tmux('display-message', '-p', '#{pane_pid}').strip()
+        return int(subprocess.run(['pgrep', '-P', shell, name], capture_output=True, check=True, text=True).stdout)
