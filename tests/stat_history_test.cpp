@@ -129,14 +129,10 @@ TEST_F(StatHistory, FigureThatIsRepeatedMayBeZero) {
     }
 }
 
-TEST_F(StatHistory, SparklineShowsAveragesOnItsOwnScale) {
-    std::vector<Second> seconds;
-    for (const auto &[age, value] :
-         std::map<int, double>{{0, 30}, {18, 10}, {19, 70}, {90, NAN}, {120, 50}, {180, 20}}) {
-        seconds.emplace_back().age = age;
-        seconds.back().vitals[3] = value;
-    }
-    EXPECT_EQ(vestra_stat::sparkline(seconds, 3, 10, false), "_  =    #_");
+TEST_F(StatHistory, SparklineShowsFiguresOnTheirOwnScale) {
+    EXPECT_EQ(vestra_stat::sparkline({20, NAN, 50, 10, INFINITY, 70, 30}, false), ". +_ #-");
+    EXPECT_EQ(vestra_stat::sparkline({1e308, -1e308}, true), "\u2588\u2581");
+    EXPECT_EQ(vestra_stat::sparkline({5, 5 + 1e-9}, false), "__");
 }
 
 TEST_F(StatHistory, EmptyRingHasNoSeconds) {

@@ -63,4 +63,5 @@ class Terminal:
     def pid_of(self, name):
         """The process that runs in the terminal."""
         shell = self.tmux('display-message', '-p', '#{pane_pid}').strip()
-        return int(subprocess.run(['pgrep', '-P', shell, name], capture_output=True, check=True, text=True).stdout)
+        found = subprocess.run(['pgrep', '-P', shell, name], capture_output=True, check=True, text=True).stdout
+        return min(map(int, found.split()))  # a set lists its threads, too

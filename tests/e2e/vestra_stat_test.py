@@ -9,10 +9,14 @@ import shutil
 import signal
 import struct
 import subprocess
+import sys
 from pathlib import Path
 
 from set_env import (DUMP, NO_DAEMON, OK, ROOT, SET, STAT, STATE, TIMEOUT, UNANSWERED, USAGE, Segment, SetTest, main, remote,
                      run, text_of)
+
+sys.path.insert(0, str(ROOT / 'tests'))
+from terminal import Terminal  # noqa: E402
 
 FIGURES = ('maximum', 'minimum', 'average', 'variance')
 
@@ -96,18 +100,61 @@ class VestraStat(SetTest):
         twice = stat('--watch', 'cpu', '--count', 2)
         self.assertEqual((twice.returncode, twice.stdout.count('cpu-total')), (OK, 2))
 
-    def test_watch_on_a_terminal_stays_in_its_place(self):
+    def watch(self, *words, **more):
+        terminal = Terminal(STAT, '--watch', *words, **more)
+        self.addCleanup(terminal.__exit__)
+        return terminal
+
+    def test_watch_on_a_terminal_has_the_history_and_pauses(self):
         self.start_with_a_ring()
-        for locale, levels in ('C.UTF-8', '▁▂▃▄▅▆▇█'), ('C', '_.-~=+*#'):
-            for columns, titles in (70, 'average    variance\n'), (80, 'average  last 180 s'), (120, 'variance  last 180 s'):
-                with self.subTest(locale=locale, columns=columns):
-                    shown = run('script', '-qec', f'stty cols {columns}; {STAT} --watch 0.1 --count 3', '/dev/null',
-                                env={'TERM': 'xterm', 'LC_ALL': locale}).stdout
-                    self.assertEqual([shown.count(text) for text in ('\x1b[2J', '\x1b[H', 'memory-available')], [1, 3, 3])
-                    lines = re.sub(r'\x1b\[.', '', shown.replace('\x1b[2J', '')).splitlines(keepends=True)
-                    self.assertIn(titles, lines[0])
-                    self.assertLessEqual(max(map(len, lines)) - 1, max(columns, 77))
-                    self.assertEqual(lines[3].rstrip()[-1] in levels, columns > 70, lines[3])
+        history = list(csv.DictReader(stat('--history', '--csv').stdout.splitlines()))
+        table = {line.split()[1]: line.split()[-4:-1] for line in stat().stdout.splitlines()[1:]}
+        close = lambda shown, exact: self.assertAlmostEqual(float(shown), float(exact), delta=0.005 + 0.001 * abs(float(exact)))
+        for term, locale, levels in ('xterm', 'C.UTF-8', '[▁▂▃▄▅▆▇█]'), ('vt100', 'C', '[-_.~=+*#]'):
+            with self.subTest(term=term):
+                terminal = self.watch(columns=100, term=term, locale=locale)
+                line = terminal.shows(rf'^ memory-used +([\d.]+) % +([\d.]+) +([\d.]+) +([\d.]+)  .*{levels}')
+                close(line[1], history[-1]['memory_used'])
+                for shown, exact in zip(line.groups()[1:], table['memory-used']):
+                    close(shown, exact)
+                terminal.shows('^[-0-9]{10} [:0-9]{8}  live')
+                terminal.press('h', 'h')
+                terminal.shows(r'paused, \d+ s before the newest')
+                close(re.search(r' memory-used +([\d.]+)', terminal.screen())[1], history[-3]['memory_used'])
+                terminal.press('p')
+                terminal.shows('  live  ')
+                terminal.press('q')
+                terminal.shows('ended 0, terminal as before')
+
+    def test_watch_on_a_terminal_keeps_the_past_of_a_daemon_that_is_killed(self):
+        self.start_with_a_ring()
+        terminal = self.watch('0.1', 'memory', 'cpu', '--window', 0)
+        shown = terminal.shows(r'^>cpu-total +[\d.]+ %')[0]
+        self.end()
+        terminal.shows('no daemon is running; still asking')
+        self.assertIn(shown, terminal.screen())
+        terminal.press('p', 'G')
+        self.start()
+        terminal.shows('the daemon has no figures yet')
+        terminal.press('G', 'h', 'n', 'p')
+        os.kill(terminal.pid_of('vestra-stat'), signal.SIGTERM)
+        terminal.shows('ended 0, terminal as before')
+
+    def test_watch_on_a_terminal_quits_while_the_daemon_does_not_answer(self):
+        self.start_with_a_ring()
+        self.pause()
+        terminal = self.watch('--timeout', 60)
+        terminal.shows('asking the daemon')
+        terminal.press('C-c')
+        terminal.shows('ended 0, terminal as before')
+
+    def test_watch_counts_questions_on_any_terminal(self):
+        self.watch('0.1', '--count', 3).shows(f'ended {NO_DAEMON}, terminal as before')
+        self.start_with_a_ring()
+        self.watch('0.1', '--count', 3).shows('ended 0, terminal as before')
+        plain = self.watch('0.1', '--count', 2, 'load', term='dumb')
+        plain.shows('ended 0')
+        self.assertEqual(len(re.findall(r'(?m)^13  load', plain.screen())), 2)
 
     def check_metrics(self, text):
         promtool = shutil.which('promtool') or ROOT / 'build/promtool'

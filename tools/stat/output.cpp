@@ -9,21 +9,12 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
-#include "tools/stat/sparkline.h"
 #include "tools/stat/vitals.h"
 
 namespace vestra_stat {
 namespace {
 
 constexpr int kColumn = 11;  // width of a figure
-
-constexpr int kSparkGap = 2, kSparkShortest = 8, kSparkLongest = 61;  // columns
-constexpr int kSparkRoom = 12;                                        // what the variance leaves, at least
-
-// Number, name, unit and figures.
-int table_width(size_t figures) {
-    return 29 + static_cast<int>(figures) * (1 + kColumn);
-}
 
 const Vital &vital_of(const vestra_api_data &answer) {
     return kVitals[static_cast<size_t>(answer.packet_type)];
@@ -143,34 +134,22 @@ std::string as_text(const Past &past, Format format) {
     }
 }
 
-std::string as_table(const Answer &answer, const Sparklines *past) {
+std::string as_table(const Answer &answer) {
     char line[160];
     char clock[16] = "";
     const auto seconds = static_cast<time_t>(answer.time);
     struct tm local {};
     if (localtime_r(&seconds, &local) != nullptr) std::strftime(clock, sizeof clock, "%H:%M:%S", &local);
     // With window 0 all figures are the same.
-    size_t figures = answer.window == 0 ? 1 : 4;
-    const auto room = [&] { return past == nullptr ? 0 : past->columns - table_width(figures) - kSparkGap; };
-    if (past != nullptr && figures == 4 && room() < kSparkRoom) figures = 3;
-    const int width = std::min(room(), kSparkLongest);
-    const bool sparks = width >= kSparkShortest;
-    if (!sparks && answer.window != 0) figures = 4;
-
+    const size_t figures = answer.window == 0 ? 1 : 4;
     std::string text = clock;
     if (answer.window == 0) {
-        std::snprintf(line, sizeof line, "  now%*s", 17 + kColumn, "value");
+        std::snprintf(line, sizeof line, "  now%*s\n", 17 + kColumn, "value");
     } else {
-        std::snprintf(line, sizeof line, "  last %3d s%*s %*s %*s", answer.window, 10 + kColumn, "maximum", kColumn,
-                      "minimum", kColumn, "average");
+        std::snprintf(line, sizeof line, "  last %3d s%*s %*s %*s %*s\n", answer.window, 10 + kColumn, "maximum",
+                      kColumn, "minimum", kColumn, "average", kColumn, "variance");
     }
     text += line;
-    if (figures == 4) {
-        std::snprintf(line, sizeof line, " %*s", kColumn, "variance");
-        text += line;
-    }
-    if (sparks) text += "  " + std::string("last 180 s").substr(0, static_cast<size_t>(width));
-    text += '\n';
     for (const vestra_api_data &entry : answer.vitals) {
         const Vital &vital = vital_of(entry);
         const vestra_api_data shown = without_markers(entry);
@@ -180,9 +159,6 @@ std::string as_table(const Answer &answer, const Sparklines *past) {
         for (size_t i = 0; i < figures; ++i) {
             std::snprintf(line, sizeof line, " %*s", kColumn, figure(values[i], vital.decimals).c_str());
             text += line;
-        }
-        if (sparks) {
-            text += "  " + sparkline(past->seconds, static_cast<size_t>(entry.packet_type), width, past->utf8);
         }
         text += '\n';
     }

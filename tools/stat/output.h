@@ -19,13 +19,7 @@ struct Answer {
 };
 
 // A heading and a line for each vital. "-" stands for an unknown figure, and for all figures of a window without data.
-// With `past`, its sparklines on the right, in `columns` columns. The variance gives way to them if there is little room.
-struct Sparklines {
-    std::vector<Second> seconds;
-    int columns = 80;
-    bool utf8 = false;
-};
-std::string as_table(const Answer &answer, const Sparklines *past = nullptr);
+std::string as_table(const Answer &answer);
 
 // One line; null stands for an unknown figure.
 std::string as_json(const Answer &answer);

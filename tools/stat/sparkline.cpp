@@ -34,18 +34,4 @@ std::string sparkline(const std::vector<double> &figures, bool utf8) {
     return text;
 }
 
-std::string sparkline(const std::vector<Second> &seconds, size_t type, int width, bool utf8) {
-    const int each = (VESTRA_API_WINDOW_MAX + width) / width;  // ages 0 to 180
-    std::vector<double> sum(static_cast<size_t>(width)), count(sum.size());
-    for (const Second &second : seconds) {
-        const double value = second.vitals[type];
-        if (!std::isfinite(value)) continue;
-        const size_t place = sum.size() - 1 - static_cast<size_t>(second.age / each);
-        sum[place] += value / each;  // the sum of all cannot overflow
-        count[place] += 1.0 / each;
-    }
-    for (size_t place = 0; place < sum.size(); ++place) sum[place] /= count[place];
-    return sparkline(sum, utf8);
-}
-
 }  // namespace vestra_stat

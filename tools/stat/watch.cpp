@@ -1,13 +1,10 @@
 #include "tools/stat/watch.h"
 
-#include <langinfo.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +14,8 @@
 #include <thread>
 
 #include "tools/stat/output.h"
+#include "tools/view/live_recording.h"
+#include "tools/view/terminal.h"
 
 namespace vestra_stat {
 namespace {
@@ -145,38 +144,60 @@ std::string as_text(const Question &question, const Answer &answer) {
     }
 }
 
-// Overwrites what the terminal showed before, without flicker.
-std::string overwriting(const std::string &text) {
-    std::string screen = "\x1b[H";
-    for (const char byte : text) screen += byte == '\n' ? std::string("\x1b[K\n") : std::string(1, byte);
-    return screen + "\x1b[J";
-}
-
-int terminal_columns() {
-    winsize size = {};
-    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
-}
-
-// What sparklines show, brought up to date once a second.
-class RecentPast {
+// Brings what the screen shows up to date: the window's figures, and once a second the past.
+class Asker {
   public:
-    RecentPast() : known_{{}, 80, std::string_view(nl_langinfo(CODESET)) == "UTF-8"} {}
+    Asker(vestra_api_h client, const Question &question) : client_(client), question_(question) {}
 
-    const Sparklines *get(vestra_api_h client, const Question &question) {
+    void operator()(vestra_view::Snapshot *snapshot) {
+        Answer answer;
+        Past past;
+        int result = ask(client_, question_, &answer);
         const auto asked = Clock::now();
-        if (known_.seconds.empty() || asked - asked_ >= std::chrono::seconds(1)) {
-            Past past;
-            if (ask_for_history(client, question, &past) == VESTRA_API_OK) known_.seconds = past.seconds;
+        const bool ask_past = snapshot->seconds.empty() || asked - asked_ >= std::chrono::milliseconds(900);
+        if (result == VESTRA_API_OK && ask_past) {
+            result = ask_for_history(client_, question_, &past);
             asked_ = asked;
         }
-        known_.columns = terminal_columns();
-        return &known_;
+        snapshot->code = exit_code(result);
+        snapshot->problem = result == VESTRA_API_OK ? "" : problem_text(result, question_) + "; still asking";
+        if (result != VESTRA_API_OK) return;
+        if (ask_past && past.seconds.empty()) snapshot->problem = "the daemon has no figures yet";
+        if (ask_past) {
+            snapshot->time = past.time;
+            snapshot->seconds = past.seconds;
+        }
+        snapshot->window = answer.vitals;
     }
 
   private:
-    Sparklines known_;
+    vestra_api_h client_;
+    Question question_;
     Clock::time_point asked_;
 };
+
+// The screen, until the person or a signal ends the program. Returns only if the terminal cannot show it.
+void watch_on_screen(vestra_api_h client, const Question &question, const Watch &how) {
+    std::string error;
+    auto terminal = vestra_view::Terminal::open(stdin, &error);
+    if (terminal == nullptr) return;
+    // Never destroyed: that would wait for an answer.
+    auto &recording = *new vestra_view::LiveRecording(Asker(client, question),
+                                                      std::chrono::duration<double>(how.seconds), question.window);
+    vestra_view::View view(recording, {question.types.begin(), question.types.end()});
+    int code = kExitOk;
+    vestra_view::run(terminal.get(), &view, recording.wake(), [&] {
+        recording.take();
+        view.go_on();
+        const bool ends = how.count > 0 && recording.asked() >= how.count;
+        if (ends) code = recording.code();
+        return !ends;
+    });
+    terminal.reset();
+    // A question may be under way. Other clients do not have to wait for one that ends during its turn.
+    std::fflush(nullptr);
+    _exit(code);
+}
 
 volatile sig_atomic_t on_terminal;
 
@@ -216,13 +237,12 @@ int show_history(vestra_api_h client, const Question &question) {
 
 int watch(vestra_api_h client, const Question &question, const Watch &how) {
     const char *term = std::getenv("TERM");
-    const bool redraw = question.format != Format::kJson && isatty(STDOUT_FILENO) == 1 && term != nullptr &&
-                        std::string_view(term) != "dumb";
+    if (question.format == Format::kTable && vestra_view::can_show(stdin) && term != nullptr &&
+        std::string_view(term) != "dumb") {
+        watch_on_screen(client, question, how);
+    }
     on_terminal = isatty(STDOUT_FILENO);
     for (const int number : {SIGINT, SIGTERM}) std::signal(number, leave);
-    if (redraw) std::setlocale(LC_CTYPE, "");
-    RecentPast past;
-    if (redraw && !print("\x1b[2J")) return print_failed();
 
     const auto interval = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(how.seconds));
     auto next = Clock::now();
@@ -233,13 +253,9 @@ int watch(vestra_api_h client, const Question &question, const Watch &how) {
         const bool changed = result != before;
         before = result;
         if (result == VESTRA_API_OK) {
-            if (changed && !redraw) say("the daemon answers again");
-            const std::string text = redraw ? as_table(answer, past.get(client, question)) : as_text(question, answer);
+            if (changed) say("the daemon answers again");
             const std::string gap = asked > 1 && question.format != Format::kJson ? "\n" : "";
-            if (!print(redraw ? overwriting(text) : gap + text)) return print_failed();
-        } else if (redraw) {
-            if (!print(overwriting("vestra-stat: " + problem_text(result, question) + "; still asking\n")))
-                return print_failed();
+            if (!print(gap + as_text(question, answer))) return print_failed();
         } else if (changed) {
             say(problem_text(result, question) + "; still asking");
         }

@@ -12,6 +12,7 @@ namespace {
 
 constexpr int64_t kNs = 1'000'000'000;
 constexpr int kVitalWidth = 37;      // name, figure, unit and a gap
+constexpr int kWindowColumn = 10;    // each of maximum, minimum and average of a window
 constexpr int kLineLeast = 12;       // columns of a line over time
 constexpr int kProcessesLeast = 11;  // rows, if the vitals are to have one column
 constexpr int kMessageMost = 3;      // rows
@@ -105,7 +106,8 @@ constexpr HelpLine kHelp[] = {
 
 // Rows. A part of no height is not shown.
 struct View::Layout {
-    int width = 0, left = 0;  // left: where lines over time begin
+    int width = 0;
+    int label = 0, left = 0;  // what a vital needs without its line; where lines over time begin, 0: without labels
     int line = 1;
     int vitals = 0, vital_rows = 0, vital_columns = 1, first_vital = 0;
     int followed = 0, followed_rows = 0;
@@ -117,7 +119,9 @@ struct View::Layout {
 View::Layout View::layout(const Canvas &canvas) const {
     Layout at;
     at.width = canvas.columns();
-    at.left = at.width >= kVitalWidth + kLineLeast ? kVitalWidth : 0;
+    const int with_window = kVitalWidth + 3 * kWindowColumn;
+    at.label = recording_.window() > 0 && at.width >= with_window + kLineLeast ? with_window : kVitalWidth;
+    at.left = at.width >= at.label + kLineLeast ? at.label : 0;
     at.status = canvas.rows() > 1 ? canvas.rows() - 1 : canvas.rows();
     at.lines = wrap(message_.empty() ? recording_.problem() : message_, at.width, canvas.utf8());
     at.lines.resize(std::min<size_t>(at.lines.size(), canvas.rows() > 12 ? kMessageMost : canvas.rows() > 3 ? 1 : 0));
@@ -128,7 +132,7 @@ View::Layout View::layout(const Canvas &canvas) const {
     const int least = recording_.has_processes() ? kProcessesLeast : 0, half = (count + 1) / 2;
     at.vital_rows = count;
     if (room < count + least) {
-        const bool two = at.width >= 2 * kVitalWidth;
+        const bool two = at.width >= 2 * kVitalWidth && at.label == kVitalWidth;
         at.vital_columns = two ? 2 : 1;
         at.vital_rows = std::min(two ? half : count, least > 0 ? std::max(room - kProcessesLeast, room / 3) : room);
     }
@@ -167,9 +171,11 @@ void View::draw_title(Canvas *canvas) const {
         if (!recording_.is_live()) {
             std::snprintf(place, sizeof place, "%s%.3f s  %zu/%zu  ", text.empty() ? "" : "  ",
                           static_cast<double>(now_.time_ns) / kNs, cursor_ + 1, recording_.size());
-        } else {
-            std::snprintf(place, sizeof place, "  %s%lld s  ", recording_.paused() ? "paused at -" : "live, -",
+        } else if (recording_.paused()) {
+            std::snprintf(place, sizeof place, "  paused, %lld s before the newest  ",
                           static_cast<long long>(recording_.second(recording_.size() - 1).second - now_.second));
+        } else {
+            std::snprintf(place, sizeof place, "  live  ");
         }
         text += place;
     }
@@ -190,6 +196,10 @@ void View::draw_time_line(Canvas *canvas, const Layout &at) const {
     if (at.left > 0) draw_vital(canvas, at.line, 0, at.left, chosen_vital());
     draw_line(canvas, at.line, at.left, width, recording_.line(chosen_vital(), columns));
     if (at.message <= at.line + 1) return;
+    if (at.left > kVitalWidth) {
+        const std::string window = std::to_string(recording_.window()) + " s:   maximum   minimum   average";
+        canvas->put_right(at.line + 1, 0, at.left - 2, window, Style::kFaint);
+    }
     const Axis axis = recording_.axis(columns);
     const int row = at.line + 1;
     const auto mark = [&](int64_t ns, const char *sign, Style style) {
@@ -222,6 +232,13 @@ void View::draw_vital(Canvas *canvas, int row, int column, int width, size_t vit
         canvas->put(row, column + name_width + figure + 1, about.short_unit, Style::kFaint,
                     width - name_width - figure - 1);
     }
+    if (width <= kVitalWidth) return;
+    const auto [maximum, minimum, average] = recording_.window_figures(vital);
+    int place = column + kVitalWidth - 2;
+    for (const double value : {maximum, minimum, average}) {
+        canvas->put_right(row, place, kWindowColumn, number(value, about.decimals, kWindowColumn - 1), style);
+        place += kWindowColumn;
+    }
 }
 
 void View::draw_vitals(Canvas *canvas, const Layout &at) const {
@@ -230,11 +247,11 @@ void View::draw_vitals(Canvas *canvas, const Layout &at) const {
         const auto place = static_cast<size_t>(at.first_vital + i);
         if (place >= vitals_.size()) break;
         const int row = at.vitals + i % std::max(at.vital_rows, 1), column = i / std::max(at.vital_rows, 1) * width;
-        const bool with_line = width >= kVitalWidth + kLineLeast;
-        draw_vital(canvas, row, column, with_line ? kVitalWidth : width, vitals_[place]);
+        const bool with_line = width >= at.label + kLineLeast;
+        draw_vital(canvas, row, column, with_line ? at.label : width, vitals_[place]);
         if (!with_line) continue;
-        const int line = width - kVitalWidth - (at.vital_columns > 1 ? 2 : 0);
-        draw_line(canvas, row, column + kVitalWidth, line, recording_.line(vitals_[place], static_cast<size_t>(line)));
+        const int line = width - at.label - (at.vital_columns > 1 ? 2 : 0);
+        draw_line(canvas, row, column + at.label, line, recording_.line(vitals_[place], static_cast<size_t>(line)));
     }
 }
 

@@ -134,28 +134,8 @@ std::optional<size_t> DumpRecording::peak(size_t vital, size_t index, bool forwa
     const double middle = (extremes.sum / extremes.count + extremes.top) / 2;
     if (!(extremes.top > middle)) return std::nullopt;
     Column column(index_, vital);
-    const size_t end = size();
-    const auto is_high = [&](size_t at) { return column.at(at, middle) > middle; };
-    // From the beginning of the stretch that the second is in, or its end.
-    size_t at = index;
-    if (forward) {
-        while (at > 0 && is_high(at - 1) && is_high(index)) --at;
-    } else {
-        while (at + 1 < end && is_high(at + 1) && is_high(index)) ++at;
-    }
-    for (;; forward ? ++at : --at) {
-        if (is_high(at)) {
-            size_t top = at;
-            for (;; forward ? ++at : --at) {
-                if (!is_high(at)) break;
-                const double here = column.at(at, middle), best = column.at(top, middle);
-                if (forward ? here > best : here >= best) top = at;
-                if (at == (forward ? end - 1 : 0)) break;
-            }
-            if (forward ? top > index : top < index) return top;
-        }
-        if (at == (forward ? end - 1 : 0)) return std::nullopt;
-    }
+    return find_peak(
+        size(), [&](size_t at) { return column.at(at, middle); }, middle, index, forward);
 }
 
 std::vector<ProcessRow> DumpRecording::processes(size_t index) {

@@ -41,6 +41,28 @@ Axis::Part Axis::part(size_t column) const {
     return {divided_up(place, all), divided_up(place + seconds, all)};
 }
 
+std::optional<size_t> find_peak(size_t size, const std::function<double(size_t)> &value, double middle, size_t index,
+                                bool forward) {
+    const auto is_high = [&](size_t at) { return value(at) > middle; };
+    const size_t last = forward ? size - 1 : 0;
+    // From the beginning of the stretch that the place is in, or its end.
+    size_t at = index;
+    if (is_high(index)) {
+        while (forward ? at > 0 && is_high(at - 1) : at + 1 < size && is_high(at + 1)) forward ? --at : ++at;
+    }
+    for (;; forward ? ++at : --at) {
+        if (is_high(at)) {
+            size_t top = at;
+            for (; is_high(at); forward ? ++at : --at) {
+                if (forward ? value(at) > value(top) : value(at) >= value(top)) top = at;
+                if (at == last) break;
+            }
+            if (forward ? top > index : top < index) return top;
+        }
+        if (at == last) return std::nullopt;
+    }
+}
+
 bool low_tells(size_t vital) {
     const std::string_view column = vestra_tools::kVitals[vital].column;
     return column == "memory_free" || column == "page_cache" || column == "memory_available";

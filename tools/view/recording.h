@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
@@ -102,10 +103,22 @@ class Recording {
     virtual bool paused() const { return false; }
     virtual void pause(bool /*pause*/) {}
 
+    // Statistics of the newest seconds, if there are any: of how many, and of a vital.
+    struct WindowFigures {
+        double maximum = kUnknown, minimum = kUnknown, average = kUnknown;
+    };
+    virtual int window() const { return 0; }
+    virtual WindowFigures window_figures(size_t /*vital*/) const { return {}; }
+
     // The last second that begins at or before that time; the first if there is none.
     size_t index_of(int64_t time_ns) const;
     Axis axis(size_t columns) const;
 };
+
+// The next top of a stretch of figures above `middle` that is after that place, or before it. `value`: of each place up to
+// `size`. The top is the first of the highest.
+std::optional<size_t> find_peak(size_t size, const std::function<double(size_t)> &value, double middle, size_t index,
+                                bool forward);
 
 // Whether the low figures of a vital are those that tell.
 bool low_tells(size_t vital);

@@ -179,13 +179,15 @@ void Terminal::show(const Canvas &canvas) {
     refresh();
 }
 
-void run(Terminal *terminal, View *view) {
+void run(Terminal *terminal, View *view, int wake, const std::function<bool()> &on_wake) {
     for (bool goes_on = true; goes_on;) {
         Canvas canvas = terminal->canvas();
         view->draw(&canvas);
         terminal->show(canvas);
         Key key = kNoKey;
-        goes_on = terminal->wait(-1, &key) == Terminal::Event::kKey && view->handle(key);
+        const Terminal::Event event = terminal->wait(wake, &key);
+        if (event == Terminal::Event::kEnd) return;
+        goes_on = event == Terminal::Event::kWake ? on_wake() : view->handle(key);
     }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -36,8 +37,8 @@ class Terminal {
     bool utf8_;
 };
 
-// Shows the view until it ends.
-void run(Terminal *terminal, View *view);
+// Shows the view until it ends. After a byte can be read at `wake`, calls on_wake, which returns whether to go on.
+void run(Terminal *terminal, View *view, int wake = -1, const std::function<bool()> &on_wake = {});
 
 // Whether there is a terminal to show something on: standard output is one, and the keyboard too.
 bool can_show(FILE *keyboard);

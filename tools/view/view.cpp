@@ -215,6 +215,7 @@ bool View::go_to_time(const std::string &text, std::string *error) {
 }
 
 void View::go_to(size_t index) {
+    if (recording_.size() == 0) return;  // a live one may begin anew
     cursor_ = std::min(index, recording_.size() - 1);
     now_ = recording_.second(cursor_);
     load_rows();
