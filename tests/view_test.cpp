@@ -63,7 +63,7 @@ std::string many_processes() {
         for (uint64_t i = 0; i < 1200; ++i) {
             trace::SwitchMessage message;
             message.time_ns = second * 1'000'000'000 + i * 500'000;
-            message.pid = static_cast<int32_t>(i < 200 ? 1 + i : second * 1000 + i);
+            message.pid = i < 200 ? 1 + i : second * 1000 + i;
             message.name = "p" + std::to_string(i);
             message.cpu_a = second * i % 50;
             message.rss = 1000 + i;
