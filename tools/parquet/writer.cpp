@@ -118,7 +118,7 @@ void Writer::add_text(std::string_view value) {
     auto found = cells.places.find(value);
     if (found == cells.places.end()) {
         cells.texts.emplace_back(value);
-        text_bytes_ += value.size();
+        text_bytes_ += value.size() + kTextCost;
         found = cells.places.emplace(cells.texts.back(), cells.texts.size() - 1).first;
     }
     add_cell(found->second, 1);

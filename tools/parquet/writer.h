@@ -75,6 +75,7 @@ class Writer {
     void write(std::string_view bytes);
 
     static constexpr size_t kTextMax = size_t{4} << 20;  // bytes of different texts in memory
+    static constexpr size_t kTextCost = 128;             // bytes of one of them, apart from its characters
 
     const Layout layout_;
     std::function<void(std::string_view)> sink_;
