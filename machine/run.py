@@ -6,14 +6,16 @@ import time
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-import record  # noqa: E402  (the path comes first)
+import cost  # noqa: E402  (the path comes first)
+import module  # noqa: E402
+import record  # noqa: E402
 from initramfs import Initramfs  # noqa: E402
 from judge import Judge  # noqa: E402
 from machine import KINDS, Machine, MachineFailed  # noqa: E402
 
 ROOT = Path(__file__).resolve().parents[1]
 GUEST = ROOT / 'machine/guest'
-SCENARIOS = {'record': record}
+SCENARIOS = {'record': record, 'module': module, 'cost': cost}
 
 
 def make_initramfs(architecture, target):
@@ -24,7 +26,8 @@ def make_initramfs(architecture, target):
     files.program('/init', GUEST / 'init')
     files.program('/bin/busybox', kernel / 'busybox')
     programs = {'/usr/bin/vestrad': build / 'vestra-daemon/vestrad',
-                '/usr/bin/vestra-stat': build / 'tools/vestra-stat'}
+                '/usr/bin/vestra-stat': build / 'tools/vestra-stat',
+                '/bin/strain': build / 'machine/strain'}
     for path, source in programs.items():
         files.program(path, source)
     files.libraries(programs.values(), root, [*kind.library_directories, build / 'client'])
@@ -54,7 +57,8 @@ def run(architecture, name):
     make_initramfs(architecture, initramfs)
     machine = Machine(architecture, directory)
     scenario = SCENARIOS[name]
-    machine.run(directory.parent / 'kernel/vmlinuz', initramfs, name, scenario.LIMIT, say)
+    machine.run(directory.parent / 'kernel/vmlinuz', initramfs, name, scenario.LIMIT, say,
+                getattr(scenario, 'PROCESSORS', 4), getattr(scenario, 'OPTIONS', ()))
     judge = Judge(machine.results, ROOT / 'build/release/tools/vestra-dump', say)
     scenario.judge(judge)
     for failure in judge.failures:
