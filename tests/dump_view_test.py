@@ -190,6 +190,7 @@ class DumpView(DumpTest):
         terminal.press('f', 'F', 'Enter')
         terminal.shows('% CPU')
         self.assertTrue(terminal.screen().isascii())
+        self.assertRegex(terminal.line(3), r'^ context-switches +\d+ 1/s +temperature-average +[\d.]+ C$')
         self.assertRegex(terminal.line(1), r'^>cpu-total +[\d.]+ %    [_.~=+*# -]{20}')
         self.assertNotRegex(terminal.styled(), '\x1b\\[[0-9;]*3[0-7]m')
         self.assertRegex(self.view().line(1), '[▁▂▃▄▅▆▇█]{20}')

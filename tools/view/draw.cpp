@@ -232,7 +232,7 @@ void View::draw_vital(Canvas *canvas, int row, int column, int width, size_t vit
         canvas->put(row, column + name_width + figure + 1, about.short_unit, Style::kFaint,
                     width - name_width - figure - 1);
     }
-    if (width <= kVitalWidth) return;
+    if (recording_.window() == 0 || width < kVitalWidth + 3 * kWindowColumn) return;
     const auto [maximum, minimum, average] = recording_.window_figures(vital);
     int place = column + kVitalWidth - 2;
     for (const double value : {maximum, minimum, average}) {
