@@ -49,13 +49,17 @@ class Terminal:
         """The screen with the escape sequences of its colours and attributes."""
         return self.tmux('capture-pane', '-pe')
 
-    def shows(self, pattern):
-        """Waits until the screen matches, and returns the match."""
+    def becomes(self, condition, wanted):
+        """Waits until a condition of the screen is true, and returns what it gives."""
         end = time.monotonic() + PATIENCE
-        while not (found := re.search(pattern, screen := self.screen(), re.MULTILINE)):
-            assert time.monotonic() < end, f'no {pattern!r} in\n{screen}'
+        while not (found := condition(screen := self.screen())):
+            assert time.monotonic() < end, f'no {wanted!r} in\n{screen}'
             time.sleep(0.02)
         return found
+
+    def shows(self, pattern):
+        """Waits until the screen matches, and returns the match."""
+        return self.becomes(lambda screen: re.search(pattern, screen, re.MULTILINE), pattern)
 
     def resize(self, columns, rows):
         self.tmux('resize-window', '-x', columns, '-y', rows)

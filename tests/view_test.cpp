@@ -64,7 +64,8 @@ std::string many_processes() {
             trace::SwitchMessage message;
             message.time_ns = second * 1'000'000'000 + i * 500'000;
             message.pid = i < 200 ? 1 + i : second * 1000 + i;
-            message.name = "p" + std::to_string(i);
+            const std::string name = "p" + std::to_string(i);
+            message.name = name;
             message.cpu_a = second * i % 50;
             message.rss = 1000 + i;
             if (i % 100 == 0) writer.begin_frame(trace::kSwitchFrame, 1);

@@ -14,6 +14,10 @@
 #include <cwchar>
 #include <string>
 
+#include <term.h>  // after the others: its macros have names of two letters and more
+#undef columns
+#undef lines
+
 namespace vestra_view {
 namespace {
 
@@ -110,7 +114,11 @@ std::unique_ptr<Terminal> Terminal::open(FILE *keyboard, std::string *error) {
     std::setlocale(LC_CTYPE, "");
     std::unique_ptr<Terminal> terminal(new Terminal(keyboard));
     const char *type = std::getenv("TERM");
-    terminal->saved_->screen = newterm(nullptr, stdout, keyboard);
+    int known = 0;  // asked first, because newterm() does not give its memory back if it fails
+    if (setupterm(nullptr, STDOUT_FILENO, &known) == OK) {
+        del_curterm(cur_term);
+        terminal->saved_->screen = newterm(nullptr, stdout, keyboard);
+    }
     if (terminal->saved_->screen == nullptr || tigetstr("cup") == nullptr) {
         *error = "the terminal type '" + std::string(type != nullptr ? type : "") +
                  "' (TERM) is not known or cannot be used";
