@@ -188,7 +188,7 @@ void write_everything() {
     for (uint64_t left = random() % 10000; left > 0; --left) {
         const uint64_t chance = random();
         write_at(fd, chance % 9 == 8 ? static_cast<uint32_t>(random()) : kValues[chance % 8],
-                 chance / 16 % (sizeof(Segment) / 4) * 4);
+                 static_cast<size_t>(chance / 16) % (sizeof(Segment) / 4) * 4);
     }
     if (ftruncate(fd, random() % 2 == 0 ? 0 : sizeof(Segment)) != 0 || ftruncate(fd, sizeof(Segment)) != 0) usleep(1);
     close(fd);
@@ -254,7 +254,8 @@ bool undisturbed(Triggers &triggers) {
 
 bool killed(Triggers &triggers) {
     Scenario scene("64 clients, one killed in 10 ms", kMostClients, triggers);
-    for (const auto begin = Clock::now(); !over(begin); pause_ms(10)) scene.replace(triggers.below(kMostClients));
+    for (const auto begin = Clock::now(); !over(begin); pause_ms(10))
+        scene.replace(static_cast<size_t>(triggers.below(kMostClients)));
     scene.expect_service(kAgainMs);
     return scene.judge(true);
 }
@@ -264,7 +265,7 @@ bool stopped(Triggers &triggers) {
     Scenario scene("one of 8 stopped in its turn", 8, triggers);
     int turns = 0;
     for (const auto begin = Clock::now(); !over(begin);) {
-        const size_t slot = triggers.below(scene.clients());
+        const auto slot = static_cast<size_t>(triggers.below(scene.clients()));
         kill(scene.pid(slot), SIGSTOP);
         waitpid(scene.pid(slot), nullptr, WUNTRACED);
         const uint64_t answered = shared->answered;

@@ -140,7 +140,7 @@ TEST(ViewedDump, ReadsRecordsBackFromMemoryAndFile) {
     vestra_view::Spill<uint64_t> spill(1000);
     for (uint64_t i = 0; i < 100'000; ++i) spill.add(i * i);
     for (const uint64_t i : {0U, 1U, 124U, 125U, 50'000U, 99'999U}) EXPECT_EQ(spill.at(i), i * i);
-    std::vector<uint64_t> all(spill.size());
+    std::vector<uint64_t> all(static_cast<size_t>(spill.size()));
     spill.read(0, all.data(), all.size());
     EXPECT_EQ(all[99'998], uint64_t{99'998} * 99'998);
 }

@@ -20,7 +20,7 @@ class Window {
     // Of a part of the payload. `bytes` of it are read at once, if that is possible.
     Window(ByteSource &source, uint64_t begin, uint64_t bytes, uint64_t end)
         : source_(source),
-          size_max_(std::clamp<uint64_t>(bytes + kHeldMin, 2 * kHeldMin, kSizeMax)),
+          size_max_(static_cast<size_t>(std::clamp<uint64_t>(bytes + kHeldMin, 2 * kHeldMin, kSizeMax))),
           buffer_(size_max_),
           bytes_read_(begin),
           last_(end) {}
