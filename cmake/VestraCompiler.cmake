@@ -9,9 +9,9 @@ if(VESTRA_WERROR)
   target_compile_options(vestra_compile INTERFACE -Werror)
 endif()
 
-# Everything but the shared library is compiled for executables, with the same options: targets can share precompiled
+# Everything but the shared library is compiled for executables, with the same options, so that targets can share precompiled
 # headers.
-add_compile_options($<$<NOT:$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>>:-fPIE> -pthread)
+add_compile_options($<IF:$<BOOL:$<TARGET_PROPERTY:POSITION_INDEPENDENT_CODE>>,-fPIC,-fPIE> -pthread)
 add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>)
 # Release builds are hardened. Sanitizer builds are not: the sanitizers check more, and need the plain functions.
 if(CMAKE_BUILD_TYPE STREQUAL "Release")

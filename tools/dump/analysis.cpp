@@ -37,7 +37,7 @@ class Analysis : public DumpVisitor {
 
     std::string replay(ByteSource &source, const Checkpoint &from, uint64_t stop, uint64_t payload) {
         processes_.restore(from.processes);
-        const std::string error = read_part(source, from.place, stop, payload, *this);
+        std::string error = read_part(source, from.place, stop, payload, *this);
         hand_on_damage(std::nullopt);
         return error;
     }

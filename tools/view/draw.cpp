@@ -244,7 +244,7 @@ void View::draw_vital(Canvas *canvas, int row, int column, int width, size_t vit
 void View::draw_vitals(Canvas *canvas, const Layout &at) const {
     const int width = at.width / at.vital_columns;
     for (int i = 0; i < at.vital_rows * at.vital_columns; ++i) {
-        const auto place = static_cast<size_t>(at.first_vital + i);
+        const size_t place = static_cast<size_t>(at.first_vital) + static_cast<size_t>(i);
         if (place >= vitals_.size()) break;
         const int row = at.vitals + i % std::max(at.vital_rows, 1), column = i / std::max(at.vital_rows, 1) * width;
         const bool with_line = width >= at.label + kLineLeast;
