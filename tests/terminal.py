@@ -39,20 +39,28 @@ class Terminal:
     def type(self, text):
         self.tmux('send-keys', '-l', '--', text)
 
+    def settled(self, options):
+        """What tmux has once that no longer changes: in the middle of drawing it has lines of two screens."""
+        before, end = None, time.monotonic() + PATIENCE
+        while (now := self.tmux('capture-pane', options)) != before and time.monotonic() < end:
+            before = now
+            time.sleep(0.05)
+        return now
+
     def screen(self):
-        return self.tmux('capture-pane', '-p')
+        return self.settled('-p')
 
     def line(self, row):
         return self.screen().split('\n')[row]
 
     def styled(self):
         """The screen with the escape sequences of its colours and attributes."""
-        return self.tmux('capture-pane', '-pe')
+        return self.settled('-pe')
 
     def becomes(self, condition, wanted):
         """Waits until a condition of the screen is true, and returns what it gives."""
         end = time.monotonic() + PATIENCE
-        while not (found := condition(screen := self.screen())):
+        while not (found := condition(screen := self.tmux('capture-pane', '-p'))):
             assert time.monotonic() < end, f'no {wanted!r} in\n{screen}'
             time.sleep(0.02)
         return found
