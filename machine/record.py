@@ -117,7 +117,7 @@ def judge(judge):
     judge.expect(counts.get('refused') == 0, 'the module refused a command of the daemon')
     judge.frames_add_up(counts)
     vitals = json.loads(judge.text('stat.json') or '{}').get('vitals', {})
-    judge.expect(vitals.get('cpu-total', {}).get('average', 0) > 0, 'the client got no figures')
+    judge.expect((vitals.get('cpu-total', {}).get('average') or 0) > 0, 'the client got no figures')
     judge.say('daemon: ' + ' '.join(judge.text('status').split()))
     dumps = list(judge.results.glob('0*'))
     judge.expect(len(dumps) == 1, f'{len(dumps)} dumps instead of one')
