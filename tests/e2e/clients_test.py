@@ -68,7 +68,7 @@ class Clients(SetTest):
         waits_for_its_turn = client('4')
         begin = time.monotonic()
         self.assertEqual(ask(timeout=0.2)[0], TIMEOUT)
-        self.assertLess(time.monotonic() - begin, 2)
+        self.assertLess(time.monotonic() - begin, 3.5)
         end(waits_for_its_turn)
         end(victim)
         self.check_service('the death')

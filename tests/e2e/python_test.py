@@ -42,13 +42,12 @@ class PythonModule(SetTest):
             self.assertRaises(TypeError, client.ask, [2.0])
             self.assertRaises(TypeError, client.ask, 'load', 1.0)
             self.pause()
-            waits = threading.Thread(target=lambda: self.assertRaises(vestra.Timeout, client.ask, timeout=1))
+            waits = threading.Thread(target=client.ask, kwargs={'timeout': 30})
             waits.start()
-            begin = time.monotonic()
             self.assertRaises(vestra.Timeout, client.ask, timeout=0.2)
-            self.assertLess(time.monotonic() - begin, 0.9, 'another thread keeps the handle longer than that')
-            waits.join()
+            self.assertTrue(waits.is_alive(), 'another thread keeps the handle longer than that')
             self.resume()
+            waits.join()
         self.assertRaises(ValueError, client.ask)
 
     def test_watch_goes_on_when_the_daemon_comes_back(self):
@@ -62,17 +61,16 @@ class PythonModule(SetTest):
 
     def test_interrupts_and_forks_leave_a_client_usable(self):
         self.start()
-        interrupted, until = 0, time.monotonic() + 2
+        interrupted = 0
         signal.signal(signal.SIGALRM, signal.default_int_handler)
         with vestra.Client() as client:
-            while time.monotonic() < until:
+            while interrupted < 1000:
                 try:
                     signal.setitimer(signal.ITIMER_REAL, random.uniform(1e-5, 3e-4))
                     client.ask('load', timeout=15)
-                    time.sleep(1)  # the interrupt comes now, at the latest
+                    time.sleep(0.01)  # the interrupt comes now at the latest; where it hit a destructor, Python drops it
                 except KeyboardInterrupt:
                     interrupted += 1
-            self.assertGreater(interrupted, 100)
             asks = threading.Thread(target=lambda: [client.ask(timeout=15) for _ in range(3000)])
             asks.start()
             for _ in range(20):
