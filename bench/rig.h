@@ -25,8 +25,8 @@
 #include <vector>
 
 #include "client/vestra_api.h"
-#include "platform/key_combination.h"
-#include "platform/state_dir.h"
+#include "platform/simulated/remote.h"
+#include "platform/simulated/state_dir.h"
 #include "platform/vconf.h"
 
 namespace rig {

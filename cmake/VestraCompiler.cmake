@@ -9,10 +9,12 @@ if(VESTRA_WERROR)
   target_compile_options(vestra_compile INTERFACE -Werror)
 endif()
 
-# Everything but the shared library is compiled for executables, with the same options, so that targets can share precompiled
+# Everything but the shared libraries is compiled for executables, with the same options, so that targets can share precompiled
 # headers.
 add_compile_options($<IF:$<BOOL:$<TARGET_PROPERTY:POSITION_INDEPENDENT_CODE>>,-fPIC,-fPIE> -pthread)
 add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>)
+# Paths of the build tree come after LD_LIBRARY_PATH: a simulated set has its own platform library.
+add_link_options(-Wl,--enable-new-dtags)
 # Release builds are hardened. Sanitizer builds are not: the sanitizers check more, and need the plain functions.
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)

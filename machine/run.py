@@ -30,7 +30,7 @@ def make_initramfs(architecture, target):
                 '/bin/strain': build / 'machine/strain'}
     for path, source in programs.items():
         files.program(path, source)
-    files.libraries(programs.values(), root, [*kind.library_directories, build / 'client'])
+    files.libraries(programs.values(), root, [build / 'platform/simulated', *kind.library_directories, build / 'client'])
     files.file('/lib/modules/linux/kernel/orna-vestra-kmod.ko', kernel.parent / 'kmod/orna_vestra_kmod.ko')
     for driver in (kernel / 'modules').iterdir():
         files.file(f'/drivers/{driver.name}', driver)

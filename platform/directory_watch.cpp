@@ -7,7 +7,6 @@
 #include <mutex>
 
 #include "platform/guarded.h"
-#include "platform/state_dir.h"
 
 namespace {
 
@@ -20,8 +19,8 @@ struct Watch {
     GFileMonitor *monitor = nullptr;
 };
 
-std::mutex watches_lock;               // guards the next
-std::map<std::string, Watch> watches;  // by the directory's relative name
+std::mutex watches_lock;           // guards the next
+std::map<Handler, Watch> watches;  // by what is called
 
 void on_event(GFileMonitor * /*monitor*/, GFile *file, GFile *other, GFileMonitorEvent event, gpointer handler) {
     GFile *changed = nullptr;
@@ -55,15 +54,14 @@ GFileMonitor *start_monitor(const std::string &path, Handler changed) {
 
 }  // namespace
 
-bool watch_state_directory(const char *relative, Handler changed) {
-    const std::string path = state_path(relative);
+bool watch_directory(const std::string &path, Handler changed) {
     struct stat info;
     if (stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
         PLATFORM_LOGW("no directory %s", path.c_str());
         return false;
     }
     const std::lock_guard<std::mutex> hold(watches_lock);
-    Watch &watch = watches[relative];
+    Watch &watch = watches[changed];
     const bool same = watch.path == path && watch.device == info.st_dev && watch.inode == info.st_ino;
     if (same && watch.monitor != nullptr) return true;
     GFileMonitor *monitor = start_monitor(path, changed);

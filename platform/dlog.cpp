@@ -1,6 +1,7 @@
 #include "platform/dlog.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -18,7 +19,8 @@ static constexpr size_t kLineSize = 4096;  // a whole line with control characte
 static constexpr size_t kTagKept = 64;     // bytes of a tag that are written
 
 int dlog_threshold = DLOG_INFO;
-static int log_descriptor = STDERR_FILENO;  // constant after load
+static int log_descriptor = STDERR_FILENO;  // constant after load, as the next
+static bool to_journal;                     // systemd's journal reads the descriptor
 
 static int threshold_from_environment() {
     const char *level = secure_getenv("VESTRA_DLOG_LEVEL");
@@ -34,13 +36,28 @@ static int threshold_from_environment() {
     return DLOG_INFO;
 }
 
+// systemd names the device and inode of the stream that it gave to the service; a stream that took its place is
+// another.
+static bool is_journal(int descriptor) {
+    const char *stream = secure_getenv("JOURNAL_STREAM");
+    if (stream == nullptr) return false;
+    char *end = nullptr;
+    const uint64_t device = strtoull(stream, &end, 10);
+    if (*end != ':') return false;
+    const uint64_t inode = strtoull(end + 1, &end, 10);
+    struct stat info;
+    return *end == '\0' && fstat(descriptor, &info) == 0 && info.st_dev == device && info.st_ino == inode;
+}
+
 // When the program is loaded, not at the first line: threads and forked children find everything in place.
 [[gnu::constructor]] static void read_environment() {
     dlog_threshold = threshold_from_environment();
     const char *path = secure_getenv("VESTRA_DLOG_FILE");
-    if (path == nullptr || *path == '\0') return;
-    const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
-    if (fd >= 0) log_descriptor = fd;
+    if (path != nullptr && *path != '\0') {
+        const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
+        if (fd >= 0) log_descriptor = fd;
+    }
+    to_journal = is_journal(log_descriptor);
 }
 
 void dlog_set_threshold(int prio) {
@@ -89,6 +106,25 @@ static UtcTime utc_time(time_t seconds) {
     return utc;
 }
 
+// Writes what comes before the tag. Returns its length.
+static size_t begin_line(char (&line)[kLineSize], int prio) {
+    const int known = prio >= DLOG_DEBUG && prio <= DLOG_ERROR ? prio - DLOG_DEBUG : -1;
+    int head = 0;
+    if (to_journal) {
+        // syslog's debug, info, warning and error; the journal has time and process itself.
+        head = snprintf(line, sizeof(line), "<%c>", known < 0 ? '5' : "7643"[known]);
+    } else {
+        timespec now = {};
+        clock_gettime(CLOCK_REALTIME, &now);
+        const UtcTime utc = utc_time(now.tv_sec);
+        head = snprintf(line, sizeof(line), "%04d-%02d-%02d %02d:%02d:%02d.%03dZ %c %d:%d ", utc.year, utc.month,
+                        utc.day, utc.hour, utc.minute, utc.second, static_cast<int>(now.tv_nsec / 1000000),
+                        known < 0 ? '?' : "DIWE"[known], static_cast<int>(getpid()),
+                        static_cast<int>(syscall(SYS_gettid)));
+    }
+    return static_cast<size_t>(std::max(head, 0));
+}
+
 int __dlog_print(log_id_t /*id*/, int prio, const char *tag, const char *fmt, ...) {
     if (!dlog_wants(prio)) return 0;
     const int saved = errno;
@@ -105,15 +141,8 @@ int __dlog_print(log_id_t /*id*/, int prio, const char *tag, const char *fmt, ..
     size_t length = std::min(static_cast<size_t>(formatted), sizeof(text) - 1);
     if (length > 0 && text[length - 1] == '\n') --length;
 
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const UtcTime utc = utc_time(now.tv_sec);
-    const char letter = prio >= DLOG_DEBUG && prio <= DLOG_ERROR ? "DIWE"[prio - DLOG_DEBUG] : '?';
     char line[kLineSize];
-    const int head = snprintf(line, sizeof(line), "%04d-%02d-%02d %02d:%02d:%02d.%03dZ %c %d:%d ", utc.year, utc.month,
-                              utc.day, utc.hour, utc.minute, utc.second, static_cast<int>(now.tv_nsec / 1000000),
-                              letter, static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)));
-    size_t used = static_cast<size_t>(std::max(head, 0));
+    size_t used = begin_line(line, prio);
     if (tag != nullptr) used = append_escaped(line, used, tag, strnlen(tag, kTagKept));
     line[used++] = ':';
     line[used++] = ' ';

@@ -3,12 +3,15 @@
 // The set promises: a handler is called on the main loop's thread when its combination is
 // pressed on the remote control.
 //
-// The stand-in: a press is a file *.press in the state directory's keys/; its text is the number of the combination.
+// linux: /etc/vestrad/keys.conf says which keys are which combination (linux/key_sequences.h). Input devices that have
+// one of these keys are read, also those that are plugged later. Initialising succeeds without a device and without the
+// file.
+//
+// simulated: a press is a file *.press in the state directory's keys/; its text is the number of the combination.
 // Each press is removed and delivered once, in the order of the file names, on the thread of GLib's default main
 // context. Presses that arrive while a handler runs are delivered after it returns. A file that does not hold a
 // number is removed with a log line. A press without a handler is removed silently.
-//
-// Differs from the set: presses from before the first handler was registered are delivered too.
+// There, presses from before the first handler was registered are delivered too.
 #pragma once
 
 extern "C" {
@@ -23,11 +26,5 @@ int KeyCombination_Initialize(void);
 // the same pair again has no effect. Returns non-zero for success and 0 for failure, including a library that is not
 // initialised. Any thread, also from inside a handler.
 int KeyCombination_Add_Handler(_KeyComb combination, KeyCombination_Handler handler);
-
-/* ------------------------------ The stand-in's remote side ------------------------------ */
-
-// For the launcher and for tests; a real set does not have it. Presses `combination`. Returns 0, or -1 with a log line
-// and errno. Any process.
-int key_combination_drop(_KeyComb combination);
 
 }  // extern "C"

@@ -1,4 +1,4 @@
-// key_file.h -- reads GLib key files from the state directory.
+// key_file.h -- reads GLib key files of the services.
 #pragma once
 
 #include <glib.h>
@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "platform/files.h"
 #include "platform/platform_log.h"
-#include "platform/state_dir.h"
 
 struct KeyFileFree {
     void operator()(GKeyFile *file) const { g_key_file_free(file); }

@@ -1,25 +1,10 @@
 #include "platform/notification.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <ctime>
 #include <new>
-#include <nlohmann/json.hpp>
-#include <string>
 
 #include "platform/fault.h"
 #include "platform/guarded.h"
-#include "platform/state_dir.h"
-
-struct notification_s {
-    int type = 0;
-    int hide_timeout = 0;
-    bool auto_remove = true;
-    int applist = 0;
-    std::string text;
-};
+#include "platform/notice.h"
 
 static constexpr int kContentText = 1;
 
@@ -59,22 +44,7 @@ int notification_set_display_applist(notification_h notification, int applist) {
 
 int notification_post(notification_h notification) {
     if (notification == nullptr || platform_fault(FAULT_NOTIFICATION_POST)) return -1;
-    return guarded(-1, [&] {
-        using nlohmann::json;
-        const json notice = {{"time", static_cast<int64_t>(time(nullptr))},
-                             {"type", notification->type},
-                             {"text", notification->text},
-                             {"hide_timeout", notification->hide_timeout},
-                             {"auto_remove", notification->auto_remove},
-                             {"applist", notification->applist}};
-        const std::string line = notice.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
-        const std::string path = state_path("notifications.jsonl");
-        const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
-        const bool written = fd >= 0 && write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
-        if (!written) PLATFORM_LOGW("cannot write %s (%d:%m)", path.c_str(), errno);
-        if (fd >= 0) close(fd);
-        return written ? 0 : -1;
-    });
+    return guarded(-1, [&] { return show_notice(*notification) ? 0 : -1; });
 }
 
 int notification_free(notification_h notification) {

@@ -2,10 +2,14 @@
 //
 // The set promises: a posted notice is shown on the screen.
 //
-// The stand-in: each posted notice becomes one line of JSON in the state directory's notifications.jsonl: {"text",
+// linux: org.freedesktop.Notifications on the D-Bus bus that system.conf names, or on the session bus; posting waits up
+// to 3 s and fails if that service does not answer. Where there is no bus, a notice is a line in the log, and that is
+// success. Invalid UTF-8 is replaced.
+//
+// simulated: each posted notice becomes one line of JSON in the state directory's notifications.jsonl: {"text",
 // "hide_timeout", "auto_remove", "applist", "type", "time"}. Invalid UTF-8 is replaced.
 //
-// Differs from the set: nothing is shown on a screen or removed after a time. The launcher shows the file.
+// Nothing is shown on a screen or removed after a time. The launcher shows the file.
 //
 // Unless noted otherwise, functions return 0 for success and a negative value for failure; a null handle is a failure.
 // A handle belongs to one thread.

@@ -2,12 +2,15 @@
 //
 // The set promises: a module is loaded from its file and unloaded by its name.
 //
-// The stand-in: in a simulated set, whose state directory has a directory modules/, module NAME is loaded while the file
+// linux: the machine's own kernel loads and unloads it, which needs CAP_SYS_MODULE.
+//
+// simulated: in a simulated set, whose state directory has a directory modules/, module NAME is loaded while the file
 // modules/NAME exists. The simulated kernel module watches for that file; its control node appears and disappears with
 // it. NAME is the base name of the module's file without ".ko", with '-' replaced by '_', as the kernel does. Where
-// there is no modules/, the machine's own kernel loads and unloads the module, which needs CAP_SYS_MODULE.
+// there is no modules/, as linux.
 //
-// Differs from the set: in a simulated set the module's file need not exist. Loading a loaded module succeeds.
+// In both, loading a loaded module succeeds, and its file need not exist then; in a simulated set it need not exist at
+// all.
 #pragma once
 
 #include <cstddef>

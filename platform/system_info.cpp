@@ -6,6 +6,7 @@
 #include "platform/fault.h"
 #include "platform/guarded.h"
 #include "platform/key_file.h"
+#include "platform/places.h"
 
 static constexpr size_t kFileLimit = size_t{64} * 1024;
 
@@ -18,7 +19,7 @@ int system_info_get_custom_string(const char *key, char **value) {
             PLATFORM_LOGW("a key without a group: %s", key);
             return -1;
         }
-        const KeyFile file = read_key_file(state_path("system_info.ini"), kFileLimit);
+        const KeyFile file = read_key_file(system_info_file(), kFileLimit);
         if (file == nullptr) return -1;
         std::string problem;
         const auto text = key_file_text(file.get(), name.substr(0, slash).c_str(), name.c_str() + slash + 1, &problem);

@@ -2,10 +2,8 @@
 //
 // The set promises: texts about the product under keys like "com.vendor/group/name".
 //
-// The stand-in: system_info.ini in the state directory, in GLib's key-file format. The group is the key up to its last
-// '/'; the name is the rest.
-//
-// Differs from the set: nothing known.
+// linux: /etc/vestrad/system.conf; simulated: system_info.ini in the state directory. Both in GLib's key-file format:
+// the group is the key up to its last '/'; the name is the rest.
 #pragma once
 
 extern "C" {

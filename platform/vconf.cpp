@@ -11,8 +11,9 @@
 
 #include "platform/directory_watch.h"
 #include "platform/fault.h"
+#include "platform/files.h"
 #include "platform/guarded.h"
-#include "platform/state_dir.h"
+#include "platform/places.h"
 
 struct keynode_t {
     std::string name;
@@ -39,7 +40,7 @@ std::vector<Registration> registrations;
 unsigned last_id;
 
 std::string key_path(const char *key) {
-    return state_path("vconf/" + encode_name(key));
+    return keys_directory() + "/" + encode_name(key);
 }
 
 // The value of `key`. The node has type VCONF_TYPE_NONE if there is no readable value.
@@ -101,7 +102,7 @@ int vconf_notify_key_changed(const char *key, vconf_callback_fn cb, void *user_d
     if (key == nullptr || cb == nullptr || platform_fault(FAULT_VCONF_NOTIFY)) return -1;
     return guarded(-1, [&] {
         const std::lock_guard<std::mutex> hold(registrations_lock);
-        if (!watch_state_directory("vconf", on_changed)) return -1;
+        if (!watch_directory(keys_directory(), on_changed)) return -1;
         for (const Registration &known : registrations) {
             if (known.key == key && known.callback == cb) return -1;
         }

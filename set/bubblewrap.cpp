@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "set/complain.h"
 #include "set/files.h"
 #include "set/layout.h"
 
@@ -13,6 +14,8 @@ namespace vestra_set {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr const char *kPlatformLibrary = "libvestra-platform.so.1";
 
 // Directories that a set has itself: never replaced by the host's, but what is below them may be bound.
 constexpr const char *kOwnDirectories[] = {"/",    "/tmp",  "/opt",   "/run", "/dev/shm", "/tv",
@@ -50,6 +53,17 @@ std::string search_path() {
     const fs::path tools = fs::path(own_program()).parent_path().parent_path() / "tools";
     return std::string(path != nullptr ? path : "/usr/bin:/bin") +
            (fs::is_directory(tools, ignored) ? ":" + tools.string() : "");
+}
+
+// The host's directory with the simulated platform's library: of the build tree that this program lies in, or installed.
+std::string platform_directory() {
+    const fs::path here = fs::path(own_program()).parent_path();
+    for (const fs::path &candidate : {here / "../platform/simulated", here / VESTRA_PLATFORM_DIRECTORY}) {
+        std::error_code ignored;
+        if (fs::exists(candidate / kPlatformLibrary, ignored)) return candidate.lexically_normal();
+    }
+    fail(std::string("the simulated platform's library, ") + kPlatformLibrary + ", was not installed with vestra-set",
+         kExitNoSet);
 }
 
 // What is bound writable at its own path, outer directories first and without those that lie below another.
@@ -107,6 +121,7 @@ std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std:
     for (const char *path : {"/opt", "/tmp", "/run", "/sys"}) add({"--tmpfs", path});
 
     add({"--ro-bind", own_program(), kLauncher});
+    add({"--ro-bind", platform_directory(), kPlatformDir});
     if (plan.directory != nullptr) add({"--bind", plan.directory->path(), kStateDir});
     if (!plan.log_file.empty()) add({"--bind", plan.log_file, kLogFile});
     for (const auto &[label, directory] : plan.stick_dirs) add({"--bind", directory, "/media/" + label});
@@ -128,6 +143,10 @@ std::vector<std::string> bubblewrap_arguments(const LaunchPlan &plan, const std:
 
 void set_environment_inside() {
     setenv("PATH", search_path().c_str(), 1);
+    // The daemon is linked with the platform of the machine; the loader finds the set's first.
+    const char *libraries = std::getenv("LD_LIBRARY_PATH");
+    const std::string others = libraries != nullptr && *libraries != '\0' ? std::string(":") + libraries : "";
+    setenv("LD_LIBRARY_PATH", (kPlatformDir + others).c_str(), 1);
     setenv("HOME", "/root", 1);
     setenv("VESTRA_SET_INSIDE", "1", 1);
     for (const char *name : {"VESTRA_SET_DIR", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "TMPDIR"}) unsetenv(name);

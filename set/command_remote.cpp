@@ -12,9 +12,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "platform/key_combination.h"
 #include "platform/privileged_service.h"
-#include "platform/state_dir.h"
+#include "platform/simulated/remote.h"
+#include "platform/simulated/state_dir.h"
 #include "platform/vconf.h"
 #include "set/commands.h"
 #include "set/complain.h"

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/state_dir.h"
-#include "platform/usb_device.h"
+#include "platform/simulated/remote.h"
+#include "platform/simulated/state_dir.h"
 #include "set/commands.h"
 #include "set/complain.h"
 #include "set/layout.h"

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "platform/usb_device.h"
+#include "platform/simulated/remote.h"
 #include "platform/vconf.h"
 #include "set/complain.h"
 #include "set/config_file.h"

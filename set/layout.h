@@ -14,6 +14,7 @@ constexpr const char *kRealProc = "/tv/proc";                     // procfs
 constexpr const char *kHostDir = "/tv/host";                      // the host's /proc and /sys; see show_host
 constexpr const char *kNodeDir = "/tv/node";                      // the control node's file system
 constexpr const char *kLauncher = "/tv/bin/vestra-set";           // this program
+constexpr const char *kPlatformDir = "/tv/platform";              // the simulated platform, for the loader
 constexpr const char *kLogFile = "/tv/log/vestrad.log";           // a file of the host, where the log goes to one
 constexpr const char *kStateLog = "/run/vestra-set/vestrad.log";  // where it goes otherwise
 constexpr const char *kTemperatureFile = "/sys/devices/platform/soc/thermal/temperature";

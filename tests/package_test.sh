@@ -15,7 +15,7 @@ state() { dpkg-query --root="$root" -W -f='${db:Status-Abbrev}' vestrad 2>/dev/n
 (cd "$build" && cpack -G DEB -B "$work/made" >"$work/cpack.log" 2>&1) || { cat "$work/cpack.log"; fail "cpack"; }
 deb=$(echo "$work"/made/vestrad_*.deb)
 [ "$(dpkg-deb -f "$deb" Package)" = vestrad ] || fail "no package in $work/made"
-for library in libc6 libstdc++6 libglib2.0-0 libsqlite3-0 libtinyxml2-9 libzstd1 libncursesw6; do
+for library in libc6 libstdc++6 libglib2.0-0 libsqlite3-0 libtinyxml2-9 libzstd1 libncursesw6 libudev1 libmount1 libevdev2; do
     dpkg-deb -f "$deb" Depends | grep -qF "$library" || fail "does not depend on $library"
 done
 if dpkg-deb -c "$deb" | awk '$2 != "root/root" || ($1 !~ /^l/ && $1 ~ /^.....w|^........w/)' | grep .; then
@@ -26,7 +26,8 @@ mkdir -p "$root"/var/lib/dpkg/{info,updates}
 : >"$root/var/lib/dpkg/status"
 package --install "$deb"
 [ "$(state)" = "ii " ] || fail "installed, the state is '$(state)'"
-for file in bin/vestrad bin/vestra-set bin/vestra-stat bin/vestra-dump share/man/man8/vestrad.8 share/man/man1/vestra-set.1 \
+for file in bin/vestrad bin/vestra-set bin/vestra-stat bin/vestra-dump share/man/man8/vestrad.8 \
+        share/man/man1/vestra-set.1 lib/libvestra-platform.so.1 lib/vestra-set/libvestra-platform.so.1 \
         share/bash-completion/completions/vestra-dump share/zsh/vendor-completions/_vestra \
         share/fish/vendor_completions.d/vestra-stat.fish share/man/man3/vestra_api.3 lib/python3/dist-packages/vestra.py; do
     [ -e "$root/usr/$file" ] || [ -e "$root/usr/$file.gz" ] || fail "/usr/$file is not there"

@@ -11,7 +11,7 @@
 #include "gmock/gmock.h"
 #include "platform/dlog.h"
 #include "platform/fault.h"
-#include "platform/state_dir.h"
+#include "platform/simulated/state_dir.h"
 #include "support/files.h"
 
 namespace vestra_test {

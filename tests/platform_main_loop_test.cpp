@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "platform/key_combination.h"
+#include "platform/simulated/remote.h"
 #include "platform/vconf.h"
 #include "platform_env.h"
 

@@ -7,11 +7,10 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "platform/key_combination.h"
 #include "platform/notification.h"
 #include "platform/privileged_service.h"
+#include "platform/simulated/remote.h"
 #include "platform/system_info.h"
-#include "platform/usb_device.h"
 #include "platform/vconf.h"
 #include "platform_env.h"
 

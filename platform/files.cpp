@@ -1,4 +1,4 @@
-#include "platform/state_dir.h"
+#include "platform/files.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -13,8 +13,6 @@
 
 #include "platform/platform_log.h"
 
-static constexpr char kDefaultDirectory[] = "/run/vestra-set";
-
 namespace {
 struct Descriptor {
     int fd;
@@ -23,14 +21,6 @@ struct Descriptor {
     }
 };
 }  // namespace
-
-std::string state_path(std::string_view relative) {
-    const char *directory = getenv("VESTRA_SET_DIR");
-    std::string path = directory != nullptr && *directory != '\0' ? directory : kDefaultDirectory;
-    path += '/';
-    path += relative;
-    return path;
-}
 
 std::optional<std::string> read_state_file(const std::string &path, size_t limit, bool quiet_when_missing) {
     // O_NONBLOCK: do not wait if someone put a pipe in the file's place.
@@ -65,8 +55,7 @@ std::optional<std::string> read_state_file(const std::string &path, size_t limit
 }
 
 // Does not use the standard library's directory iterator, which ends the process when memory runs out.
-std::optional<std::vector<std::string>> list_state_directory(std::string_view relative) {
-    const std::string path = state_path(relative);
+std::optional<std::vector<std::string>> list_directory(const std::string &path) {
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
     if (directory == nullptr) {
         PLATFORM_LOGW("cannot list %s (%d:%m)", path.c_str(), errno);

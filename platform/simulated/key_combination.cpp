@@ -3,22 +3,21 @@
 #include <glib.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/directory_watch.h"
 #include "platform/fault.h"
 #include "platform/guarded.h"
-#include "platform/state_dir.h"
+#include "platform/key_handlers.h"
+#include "platform/simulated/remote.h"
+#include "platform/simulated/state_dir.h"
 
 namespace {
 
@@ -26,21 +25,10 @@ constexpr char kDirectory[] = "keys";
 constexpr char kSuffix[] = ".press";
 constexpr size_t kPressLimit = 32;  // bytes
 
-using Registration = std::pair<_KeyComb, KeyCombination_Handler>;
-
-std::mutex handlers_lock;  // guards the two below; not held while a handler runs
-std::vector<Registration> handlers;
-bool connected;
-
-std::vector<Registration> current_handlers() {
-    const std::lock_guard<std::mutex> hold(handlers_lock);
-    return handlers;
-}
-
 std::vector<std::string> waiting_presses() {
     constexpr size_t kSuffixSize = sizeof(kSuffix) - 1;
     std::vector<std::string> paths;
-    for (const std::string &name : list_state_directory(kDirectory).value_or(std::vector<std::string>())) {
+    for (const std::string &name : list_directory(state_path(kDirectory)).value_or(std::vector<std::string>())) {
         const bool press =
             name.size() > kSuffixSize && name.compare(name.size() - kSuffixSize, kSuffixSize, kSuffix) == 0;
         if (press) paths.push_back(state_path(std::string(kDirectory) + "/" + name));
@@ -69,13 +57,9 @@ std::optional<_KeyComb> consume(const std::string &path) {
 
 // Main loop's thread.
 void deliver_presses(const std::string & /*name*/) {
-    if (current_handlers().empty()) return;
+    if (!any_key_handlers()) return;
     for (const std::string &path : waiting_presses()) {
-        const auto combination = consume(path);
-        if (!combination) continue;
-        for (const auto &[key, handler] : current_handlers()) {
-            if (key == *combination) handler(*combination, nullptr);
-        }
+        if (const auto combination = consume(path)) call_key_handlers(*combination);
     }
 }
 
@@ -92,22 +76,16 @@ gboolean deliver_early_presses(gpointer /*unused*/) {
 int KeyCombination_Initialize(void) {
     if (platform_fault(FAULT_KEY_INITIALIZE)) return 0;
     return guarded(0, [] {
-        const std::lock_guard<std::mutex> hold(handlers_lock);
-        connected = watch_state_directory(kDirectory, deliver_presses);
-        return connected ? 1 : 0;
+        if (!watch_directory(state_path(kDirectory), deliver_presses)) return 0;
+        accept_key_handlers();
+        return 1;
     });
 }
 
 int KeyCombination_Add_Handler(_KeyComb combination, KeyCombination_Handler handler) {
     if (handler == nullptr || platform_fault(FAULT_KEY_ADD_HANDLER)) return 0;
     return guarded(0, [&] {
-        const std::lock_guard<std::mutex> hold(handlers_lock);
-        if (!connected) {
-            PLATFORM_LOGW("no handler for %d: not initialised", combination);
-            return 0;
-        }
-        const Registration entry(combination, handler);
-        if (std::find(handlers.begin(), handlers.end(), entry) == handlers.end()) handlers.push_back(entry);
+        if (!add_key_handler(combination, handler)) return 0;
         g_idle_add(deliver_early_presses, nullptr);
         return 1;
     });

@@ -1,0 +1,5 @@
+#include "platform/fault.h"
+
+bool platform_fault(platform_operation /*operation*/) {
+    return false;
+}
