@@ -26,8 +26,8 @@ mkdir -p "$root"/var/lib/dpkg/{info,updates}
 : >"$root/var/lib/dpkg/status"
 package --install "$deb"
 [ "$(state)" = "ii " ] || fail "installed, the state is '$(state)'"
-for file in bin/vestrad bin/vestra-set bin/vestra-stat bin/vestra-dump share/man/man8/vestrad.8 \
-        share/man/man1/vestra-set.1 lib/libvestra-platform.so.1 lib/vestra-set/libvestra-platform.so.1 \
+for file in bin/vestrad bin/vestra-set bin/vestra-stat bin/vestra-dump bin/vestra-key share/man/man8/vestrad.8 \
+        share/man/man1/vestra-set.1 share/man/man1/vestra-key.1 lib/libvestra-platform.so.1 lib/vestra-set/libvestra-platform.so.1 \
         share/bash-completion/completions/vestra-dump share/zsh/vendor-completions/_vestra \
         share/fish/vendor_completions.d/vestra-stat.fish share/man/man3/vestra_api.3 lib/python3/dist-packages/vestra.py; do
     [ -e "$root/usr/$file" ] || [ -e "$root/usr/$file.gz" ] || fail "/usr/$file is not there"

@@ -1,4 +1,4 @@
-# bash completion for vestra-stat, vestra-dump and vestra-set: the programs know what may come next.
+# bash completion for vestra-stat, vestra-dump, vestra-set and vestra-key: the programs know what may come next.
 
 _vestra() {
     local current=${COMP_WORDS[COMP_CWORD]} line
@@ -12,4 +12,4 @@ _vestra() {
         fi
     done < <("${COMP_WORDS[0]}" --complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
 }
-complete -F _vestra vestra-stat vestra-dump vestra-set
+complete -F _vestra vestra-stat vestra-dump vestra-set vestra-key

@@ -1,4 +1,4 @@
-# fish completion for vestra-stat, vestra-dump and vestra-set: the programs know what may come next.
+# fish completion for vestra-stat, vestra-dump, vestra-set and vestra-key: the programs know what may come next.
 
 function __vestra_complete
     set -l words (commandline -opc) (commandline -ct)
@@ -11,6 +11,6 @@ function __vestra_complete
     end
 end
 
-for program in vestra-stat vestra-dump vestra-set
+for program in vestra-stat vestra-dump vestra-set vestra-key
     complete -c $program -f -a '(__vestra_complete)'
 end
