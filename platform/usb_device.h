@@ -3,7 +3,7 @@
 // The set promises: a list of the plugged devices, in the order in which they were plugged, with class and mount path.
 //
 // linux: the disks with an interface of the class mass storage and a size, by the kernel's number of the disk, without
-// the one that / is on. The path is where the disk or its first mounted partition is mounted. Devices of other classes
+// the one that / or /boot is on. The path is where the disk or its first mounted partition is mounted. Devices of other classes
 // are not listed.
 //
 // simulated: a device is a file NNNN-LABEL in the state directory's usb/, in GLib's key-file format.

@@ -66,7 +66,13 @@ bool is_usb_storage(udev_device *disk) {
     return interface != nullptr && attribute(interface, "bInterfaceClass") == "08" && number(disk, "size") > 0;
 }
 
-// Where a volume is mounted first, by its number.
+// Where the machine's own volumes are. The root of a machine that runs from a stick may be encrypted or in a volume group:
+// then only what it boots from is directly on the stick.
+bool is_own(std::string_view target) {
+    return target == "/" || target == "/boot" || target == "/efi" || target.substr(0, 6) == "/boot/";
+}
+
+// Where a volume is mounted, by its number: the first place, but one of the machine's own before all others.
 using Mounts = std::map<dev_t, std::string>;
 
 std::optional<Mounts> read_mounts() {
@@ -82,7 +88,7 @@ std::optional<Mounts> read_mounts() {
         const char *target = mnt_fs_get_target(system);
         if (target == nullptr) continue;
         const auto known = mounts.emplace(mnt_fs_get_devno(system), target).first;
-        if (std::string_view(target) == "/") known->second = target;
+        if (is_own(target)) known->second = target;
     }
     return mounts;
 }
@@ -132,7 +138,7 @@ std::optional<std::vector<usb_device_s>> plugged_devices(int device_class) {
         for (const dev_t volume : disk.volumes) {
             const auto found = mounts->find(volume);
             if (found == mounts->end()) continue;
-            system = system || found->second == "/";
+            system = system || is_own(found->second);
             if (device.mount.empty()) device.mount = found->second;
         }
         // A machine that runs from a stick does not dump into its own root.
