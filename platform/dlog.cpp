@@ -19,7 +19,7 @@ static constexpr size_t kLineSize = 4096;  // a whole line with control characte
 static constexpr size_t kTagKept = 64;     // bytes of a tag that are written
 
 int dlog_threshold = DLOG_INFO;
-static int log_descriptor = STDERR_FILENO;  // constant after load, as the next
+static int log_descriptor = STDERR_FILENO;  // -1 for none; constant after load, as the next
 static bool to_journal;                     // systemd's journal reads the descriptor
 
 static int threshold_from_environment() {
@@ -57,6 +57,8 @@ static bool is_journal(int descriptor) {
         const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
         if (fd >= 0) log_descriptor = fd;
     }
+    // Without standard error its number goes to another file, which must not get the log.
+    if (log_descriptor == STDERR_FILENO && fcntl(STDERR_FILENO, F_GETFD) < 0) log_descriptor = -1;
     to_journal = is_journal(log_descriptor);
 }
 

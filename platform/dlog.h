@@ -15,6 +15,7 @@
 // programs:
 //     VESTRA_DLOG_LEVEL   3..6, or debug, info, warning, error; default info
 //     VESTRA_DLOG_FILE    a path; default standard error, also if the file cannot be opened
+// Without either, nothing is written.
 //
 // Differs from the set: there the service sets the threshold.
 #pragma once
