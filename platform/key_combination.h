@@ -5,7 +5,7 @@
 //
 // linux: /etc/vestrad/keys.conf says which keys are which combination (linux/key_sequences.h). Input devices that have
 // one of these keys are read, also those that are plugged later. Initialising succeeds without a device and without the
-// file.
+// file. While a handler runs, the kernel keeps the newest 64 events or more of each device; presses beyond are lost.
 //
 // simulated: a press is a file *.press in the state directory's keys/; its text is the number of the combination.
 // Each press is removed and delivered once, in the order of the file names, on the thread of GLib's default main

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -31,6 +32,7 @@ struct Keyboard {
     int fd = -1;
     libevdev *device = nullptr;
     guint source = 0;
+    std::set<int> down;  // keys as of the newest event that was taken: while it catches up, libevdev knows more
 
     Keyboard() = default;
     Keyboard(const Keyboard &) = delete;
@@ -71,13 +73,15 @@ void read_combinations(KeySequences *sequences) {
 }
 
 bool is_held(int code) {
-    return std::any_of(service->keyboards.begin(), service->keyboards.end(), [&](const auto &keyboard) {
-        return libevdev_get_event_value(keyboard.second->device, EV_KEY, static_cast<unsigned>(code)) != 0;
-    });
+    return std::any_of(service->keyboards.begin(), service->keyboards.end(),
+                       [&](const auto &keyboard) { return keyboard.second->down.count(code) != 0; });
 }
 
-void take(const input_event &event) {
-    if (event.type != EV_KEY || event.value != 1) return;
+void take(Keyboard *keyboard, const input_event &event) {
+    if (event.type != EV_KEY) return;
+    if (event.value == 0) keyboard->down.erase(event.code);
+    if (event.value != 1) return;
+    keyboard->down.insert(event.code);
     const int64_t time_us = static_cast<int64_t>(event.input_event_sec) * 1'000'000 + event.input_event_usec;
     for (const int combination : service->sequences.press(event.code, time_us, is_held)) {
         call_key_handlers(combination);
@@ -100,7 +104,7 @@ gboolean on_input(gint /*fd*/, GIOCondition /*condition*/, gpointer data) {
             break;
         } else {
             guarded(0, [&] {
-                take(event);
+                take(keyboard, event);
                 return 0;
             });
         }
@@ -123,12 +127,14 @@ void add_keyboard(const char *node) {
         return;
     }
     if (libevdev_new_from_fd(keyboard->fd, &keyboard->device) < 0) return;  // it has just been pulled
-    const auto &codes = service->sequences.codes();
-    if (std::none_of(codes.begin(), codes.end(), [&](int code) {
-            return libevdev_has_event_code(keyboard->device, EV_KEY, static_cast<unsigned>(code)) != 0;
-        })) {
-        return;  // a mouse would wake us with every movement
+    bool needed = false;
+    for (const int code : service->sequences.codes()) {
+        int value = 0;
+        if (libevdev_fetch_event_value(keyboard->device, EV_KEY, static_cast<unsigned>(code), &value) == 0) continue;
+        needed = true;
+        if (value != 0) keyboard->down.insert(code);
     }
+    if (!needed) return;  // a mouse would wake us with every movement
     libevdev_set_clock_id(keyboard->device, CLOCK_MONOTONIC);
     keyboard->source =
         g_unix_fd_add(keyboard->fd, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR), on_input, keyboard.get());
