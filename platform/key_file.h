@@ -16,8 +16,9 @@ struct KeyFileFree {
 using KeyFile = std::unique_ptr<GKeyFile, KeyFileFree>;
 
 // Reads the key file at `path`, at most `limit` bytes. Returns null, with a log line, if it cannot be read.
-inline KeyFile read_key_file(const std::string &path, size_t limit) {
-    const auto text = read_state_file(path, limit);
+// With `quiet_when_missing`, a missing file is not logged.
+inline KeyFile read_key_file(const std::string &path, size_t limit, bool quiet_when_missing = false) {
+    const auto text = read_state_file(path, limit, quiet_when_missing);
     if (!text) return nullptr;
     KeyFile file(g_key_file_new());
     GError *error = nullptr;
