@@ -3,7 +3,16 @@
 
 #include <string>
 
-enum ModuleResult : int { kModuleDone = 0, kModuleRefused = -1, kModuleNotLoaded = -2, kModuleNoService = -3 };
+enum ModuleResult : int {
+    kModuleDone = 0,
+    kModuleRefused = -1,
+    kModuleNotLoaded = -2,
+    kModuleNoService = -3,
+    kModuleNoFile = -4,
+    kModuleWrongFile = -5,
+    kModuleNotPermitted = -6,
+    kModuleInUse = -7
+};
 
 // `file` is the module's file, `name` its name in the kernel, which is not empty. Failures have a log line. Any thread.
 ModuleResult load_module(const std::string &file, const std::string &name);

@@ -60,6 +60,14 @@ const char *PS_ErrorToString(int result) {
             return "module not loaded";
         case kModuleNoService:
             return "service not available";
+        case kModuleNoFile:
+            return "no such file";
+        case kModuleWrongFile:
+            return "not a module of this kernel";
+        case kModuleNotPermitted:
+            return "not permitted";
+        case kModuleInUse:
+            return "module in use";
         default:
             return "unknown error";
     }

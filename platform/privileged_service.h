@@ -9,6 +9,9 @@
 // it. NAME is the base name of the module's file without ".ko", with '-' replaced by '_', as the kernel does. Where
 // there is no modules/, as linux.
 //
+// PS_ErrorToString tells a file that is missing, a module of another kernel, one in use, and a missing permission apart; the
+// log has the kernel's own error.
+//
 // In both, loading a loaded module succeeds, and its file need not exist then; in a simulated set it need not exist at
 // all.
 #pragma once

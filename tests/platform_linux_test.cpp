@@ -179,6 +179,13 @@ TEST(LinuxPlatform, AServiceThatIsMissingIsOneLine) {
     }
 }
 
+TEST(LinuxPlatform, AModuleThatCannotBeLoadedSaysWhy) {
+    ASSERT_EQ(mkfifo("/tmp/pipe.ko", 0600), 0);
+    const auto why = [](const char *file) { return PS_ErrorToString(PS_Insmod_Fast(file, 99, 0, nullptr)); };
+    EXPECT_STREQ(why("/tmp/none.ko"), "no such file");
+    EXPECT_THAT(why("/tmp/pipe.ko"), AnyOf("not a module of this kernel", "not permitted", "service not available"));
+}
+
 TEST(LinuxPlatform, ANoticeWithoutABusIsALineOfTheLogAndFailsWithABusThatIsNotThereOrNeverAnswers) {
     const int mute = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_un address = {AF_UNIX, "/tmp/mute"};
