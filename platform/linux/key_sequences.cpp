@@ -47,7 +47,7 @@ std::string KeySequences::add(int combination, std::string_view text) {
     for (const std::string &alternative : split(text, ';')) {
         Sequence sequence;
         sequence.combination = combination;
-        const std::string problem = parse(alternative, &sequence);
+        std::string problem = parse(alternative, &sequence);
         if (!problem.empty()) return problem;
         if (!sequence.steps.empty()) added.push_back(std::move(sequence));
     }
