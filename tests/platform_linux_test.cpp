@@ -128,9 +128,11 @@ static std::string first_stick() {
     usb_device_list_h list = nullptr;
     EXPECT_EQ(usb_device_init() + usb_device_get_device_list(USB_DEVICE_CLASS_MASS_STORAGE, &list), 0);
     usb_device_h device = nullptr;
-    if (usb_device_list_get_first(list, &device) != 0) return "none";
-    const char *path = usb_device_get_mountpath(device);
-    const std::string result = path == nullptr ? "-" : path;
+    std::string result = "none";
+    if (usb_device_list_get_first(list, &device) == 0) {
+        const char *path = usb_device_get_mountpath(device);
+        result = path == nullptr ? "-" : path;
+    }
     free_usb_device_h(device);
     usb_device_free_device_list(list);
     return result;
