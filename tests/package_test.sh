@@ -98,8 +98,11 @@ dpkg_root --install "${installed[@]}"
 dpkg_root --remove "${packages[@]}"
 [ "$(kept)" = "$changed" ] || fail "removal took the changed configuration away"
 [ ! -e "$root/usr/bin/vestrad" ] || fail "removal left the daemon"
-rm "$root/etc/prd_info.ini"  # the set's own is not the package's to remove
+mkdir -p "$root/var/lib/vestrad/keys" "$root/opt/usr/home/owner/share"
+touch "$root/var/lib/vestrad/keys/a-key" "$root/opt/usr/home/owner/share/tvhistory.db"  # what the daemon leaves
 dpkg_root --purge "${packages[@]}"
-left=$(find "$root" -path "$root/var/lib/dpkg" -prune -o ! -type d -print)
+[ "$(cat "$root/etc/prd_info.ini")" = $'Model=SET-1\r\nBuild=1000.1\r' ] || fail "purging took the set's own file away"
+rm "$root/etc/prd_info.ini"
+left=$(find "$root" -path "$root/var/lib/dpkg" -prune -o ! -type d -print; find "$root/opt" -mindepth 1 2>/dev/null)
 [ -z "$left" ] || fail "purged, these are left: $left"
 echo "ok: installed, upgraded, removed and purged"
