@@ -1,14 +1,14 @@
 """A machine that qemu emulates, without KVM: boots a kernel with an initramfs and brings results out."""
-import json
 import queue
 import shutil
-import socket
 import subprocess
 import tarfile
 import threading
 import time
 from dataclasses import dataclass
 from pathlib import Path
+
+from qmp import Qmp, QmpFailed
 
 RESULTS_SIZE = 64 << 20  # bytes of the disk that brings the results out
 DONE = '== the results are on the disk'
@@ -116,16 +116,8 @@ class Machine:
     def _ask(self, command):
         """One QMP command. Returns its answer as a text; a machine that does not answer is no failure here."""
         try:
-            with socket.socket(socket.AF_UNIX) as connection:
-                connection.settimeout(5)
-                # A socket's path may have 107 bytes, which the directory's own may exceed.
-                connection.connect(f'/proc/{self._process.pid}/cwd/{self._qmp.name}')
-                stream = connection.makefile('rw')
-                stream.readline()  # the greeting
-                for execute in ('qmp_capabilities', command):
-                    stream.write(json.dumps({'execute': execute}) + '\n')
-                    stream.flush()
-                    answer = stream.readline()
-                return str(json.loads(answer).get('return', {}).get('status', 'answering'))
-        except (OSError, ValueError):
+            # A socket's path may have 107 bytes, which the directory's own may exceed.
+            with Qmp(f'/proc/{self._process.pid}/cwd/{self._qmp.name}', timeout=5) as qmp:
+                return str(qmp.ask(command).get('status', 'answering'))
+        except (OSError, ValueError, QmpFailed):
             return 'not answering'
