@@ -10,7 +10,10 @@ TROUBLE = r'WARNING:|BUG:|Oops|Call Trace|refcount_t|leaked|circular locking|sof
 class Judge:
     def __init__(self, results, vestra_dump, say):
         self.results, self.vestra_dump, self.say, self.failures = Path(results), vestra_dump, say, []
-        for line in self.text('kernel.log').splitlines():
+        self.kernel_log(self.text('kernel.log'))
+
+    def kernel_log(self, text):
+        for line in text.splitlines():
             self.expect(not re.search(TROUBLE, line), f'the kernel complains: {line}')
 
     def expect(self, holds, text):

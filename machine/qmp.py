@@ -36,8 +36,11 @@ class Qmp:
             if 'error' in answer:
                 raise QmpFailed(f'{command}: {answer["error"].get("desc")}')
 
+    def close(self):
+        self._connection.close()
+
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
-        self._connection.close()
+        self.close()
