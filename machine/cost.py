@@ -6,6 +6,7 @@ LIMIT = 1500  # seconds until the guest must be off
 # With more processors they would take turns, and each would count the others' instructions.
 PROCESSORS = 1
 OPTIONS = ('-icount', 'shift=0,sleep=off')
+CHAIN_MIB = 10
 SWITCHES = 10000  # a second
 
 
@@ -34,4 +35,5 @@ def judge(judge):
         say(f'daemon, {phase} input: {cost[f"{phase}_daemon_ns"] / cost[f"{phase}_ns"] * 100:.2f} % of a core, '
             f'{cost[f"{phase}_daemon_ns"] / read:.0f} instructions a message, '
             f'{read / cost[f"{phase}_ns"] * 1e9:.0f} messages a second, {cost[f"{phase}_dropped"]:.0f} frames dropped')
-    say(f'daemon: {cost["VmHWM"] / 1024:.1f} MiB resident with a chain of 1 MiB')
+    say(f'daemon: {cost["VmRSS"] / 1024:.1f} MiB resident with a full chain of {CHAIN_MIB} MiB, '
+        f'{cost["RssAnon"] / 1024:.1f} of them not backed by a file')

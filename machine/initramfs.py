@@ -6,16 +6,26 @@ import subprocess
 from pathlib import Path
 
 ALIGNMENT = 4
+MERGED = ('bin', 'sbin', 'lib')
 
 
 class Initramfs:
-    """Files are added by their path in the guest; directories that lead to them are made."""
+    """Files are added by their path in the guest; directories that lead to them are made. As in Debian, /bin, /sbin and /lib are
+    links into /usr."""
 
     def __init__(self):
         self._entries = {}  # path without leading slash: (mode, contents)
+        for name in MERGED:
+            self.directory(f'/usr/{name}')
+            self._entries[name] = (stat.S_IFLNK | 0o777, f'usr/{name}'.encode())
+
+    @staticmethod
+    def _merged(path):
+        path = str(path).strip('/')
+        return f'usr/{path}' if path.split('/')[0] in MERGED and '/' in path else path
 
     def directory(self, path):
-        path = path.strip('/')
+        path = self._merged(path)
         if path and path not in self._entries:
             self.directory(os.path.dirname(path))
             self._entries[path] = (stat.S_IFDIR | 0o755, b'')
@@ -23,7 +33,7 @@ class Initramfs:
     def text(self, path, contents, mode=0o644):
         self.directory(os.path.dirname(path))
         data = contents.encode() if isinstance(contents, str) else contents
-        self._entries[path.strip('/')] = (stat.S_IFREG | mode, data)
+        self._entries[self._merged(path)] = (stat.S_IFREG | mode, data)
 
     def file(self, path, source, mode=0o644):
         self.text(path, Path(source).read_bytes(), mode)
@@ -33,7 +43,18 @@ class Initramfs:
 
     def link(self, path, target):
         self.directory(os.path.dirname(path))
-        self._entries[path.strip('/')] = (stat.S_IFLNK | 0o777, target.encode())
+        self._entries[self._merged(path)] = (stat.S_IFLNK | 0o777, target.encode())
+
+    def tree(self, path, source):
+        """A directory with all that is in it: files, directories and links."""
+        for entry in Path(source).rglob('*'):
+            target = f'{path}/{entry.relative_to(source)}'
+            if entry.is_symlink():
+                self.link(target, os.readlink(entry))
+            elif entry.is_dir():
+                self.directory(target)
+            elif entry.is_file():
+                self.file(target, entry, stat.S_IMODE(entry.stat().st_mode))
 
     def libraries(self, programs, root, directories):
         """Adds what the programs are linked with. `directories` are those of `root` that have libraries."""

@@ -12,6 +12,7 @@ from qmp import Qmp, QmpFailed
 
 RESULTS_SIZE = 64 << 20  # bytes of the disk that brings the results out
 DONE = '== the results are on the disk'
+YOURS = '== the console is yours'  # from here on, until the guest's next step
 
 
 class MachineFailed(Exception):
@@ -52,9 +53,11 @@ class Machine:
         self._disk = self.directory / 'results.disk'
         self._qmp = self.directory / 'qmp'
         self._process = None
+        self._terminal = None  # a socket that gets what the serial line brings
 
-    def run(self, kernel, initramfs, scenario, limit, say, processors=4, options=()):
-        """Boots and runs the scenario, for `limit` seconds at most. Calls say(line) for each step of the guest."""
+    def run(self, kernel, initramfs, parameters, limit, say, *, processors=4, memory=512, options=(), drive=None):
+        """Boots and runs a scenario, for `limit` seconds at most. Calls say(line) for each step of the guest, and drive()
+        when the guest leaves its console to a person. `memory` is in MiB."""
         if not shutil.which(self.kind.command[0]):
             raise MachineFailed(f'{self.kind.command[0]} is missing (scripts/install-deps machine)')
         shutil.rmtree(self.results, ignore_errors=True)
@@ -64,18 +67,18 @@ class Machine:
             disk.truncate(RESULTS_SIZE)
         # However this process ends, the machine ends with it.
         command = ['setpriv', '--pdeathsig', 'KILL', *self.kind.command, '-accel', self.kind.accelerator,
-                   '-smp', str(processors), '-m', '512', '-nodefaults', '-display', 'none', '-no-reboot',
+                   '-smp', str(processors), '-m', str(memory), '-nodefaults', '-display', 'none', '-no-reboot',
                    '-kernel', str(kernel), '-initrd', str(initramfs),
-                   '-append', f'{self.kind.parameters} quiet panic=-1 oops=panic vestra.scenario={scenario}',
+                   '-append', f'{self.kind.parameters} quiet panic=-1 oops=panic {parameters}',
                    '-chardev', 'stdio,id=serial,signal=off', '-serial', 'chardev:serial',
                    '-drive', f'if=none,id=results,format=raw,file={self._disk.name}',
                    '-device', f'{self.kind.disk},drive=results',
                    '-qmp', f'unix:{self._qmp.name},server=on,wait=off', *options]
         with open(self.directory / 'qemu.log', 'wb') as log:
-            self._process = subprocess.Popen(command, cwd=self.directory, stdin=subprocess.DEVNULL,
+            self._process = subprocess.Popen(command, cwd=self.directory, stdin=subprocess.PIPE,
                                              stdout=subprocess.PIPE, stderr=log)
         try:
-            done = self._follow(limit, say)
+            done = self._follow(limit, say, drive)
         finally:
             self._process.kill()
             self._process.wait()
@@ -85,7 +88,18 @@ class Machine:
             archive.extractall(self.results)
         self._disk.unlink()
 
-    def _follow(self, limit, say):
+    def connect(self, terminal):
+        """Connects a socket with the serial line, both ways."""
+        self._terminal = terminal
+
+        def type_keys():
+            while keys := terminal.recv(4096):
+                self._process.stdin.write(keys)
+                self._process.stdin.flush()
+
+        threading.Thread(target=type_keys, daemon=True).start()
+
+    def _follow(self, limit, say, drive):
         """Until the guest is off. True if it said that all was done."""
         lines = queue.Queue()
         threading.Thread(target=self._read_serial, args=(lines,), daemon=True).start()
@@ -104,13 +118,24 @@ class Machine:
             if line.startswith('== '):
                 say(line[3:])
             done = done or line == DONE
+            if line == YOURS and drive:
+                try:
+                    drive()
+                except (AssertionError, subprocess.CalledProcessError) as failure:
+                    raise MachineFailed(f'at the console: {failure}') from failure
+                self._terminal = None
 
     def _read_serial(self, lines):
+        rest = b''
         with open(self.directory / 'serial.log', 'wb') as log:
-            for line in self._process.stdout:
-                log.write(line)
+            while chunk := self._process.stdout.read1():
+                log.write(chunk)
                 log.flush()
-                lines.put(line.decode('latin1').strip())
+                if terminal := self._terminal:
+                    terminal.sendall(chunk)
+                *whole, rest = (rest + chunk).split(b'\n')
+                for line in whole:
+                    lines.put(line.decode('latin1').strip())
         lines.put(None)
 
     def _ask(self, command):

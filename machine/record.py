@@ -10,26 +10,35 @@ CORES = 4
 
 
 class Snapshot:
-    """What the guest's /proc said at one moment. CPU times are in ticks of the trace."""
+    """What the guest's /proc said, each file at its own moment, in seconds. CPU times are in ticks of the trace."""
 
     def __init__(self, path):
-        lines = Path(path).read_text('latin1').splitlines()
-        uptimes = [float(lines[0].split()[0]), float(lines[-1].split()[0])]
-        self.moment, self.took = sum(uptimes) / 2, uptimes[1] - uptimes[0]
-        fields = {line.split()[0]: line.split()[1:] for line in lines if line.strip()}
-        user, nice, system, _, _, irq, softirq = (int(field) * TICKS / USER_HZ for field in fields['cpu'][:7])
-        self.system = system + irq + softirq
-        self.total = user + nice + self.system
-        self.switches = int(fields['ctxt'][0])
-        self.kib = {name[:-1]: int(values[0]) for name, values in fields.items() if name.endswith(':')}
-        self.ticks, self.resident = {}, {}  # by the name of a process
-        for line in lines:
-            process = re.match(r'\d+ \((.*)\) \S (.*)', line)
+        self.moments, self.took = {}, {}  # by the name of the file in /proc, for a process by its id
+        self.names, self.ticks, self.resident = {}, {}, {}  # by the process's id
+        pieces = re.split(r'(?m)^(/proc/\S+) (\d+)\n', Path(path).read_text('latin1'))[1:]
+        for name, before, text, _, after, _ in zip(*(pieces[i::6] for i in range(6))):
+            name = name.removeprefix('/proc/')
+            process = re.match(r'(\d+) \((.*)\) \S (.*)', text)
             if process:
+                name = process[1]
+                self.names[name] = process[2]
                 # utime, stime and resident pages are the fields 14, 15 and 24; these begin with field 4.
-                words = process[2].split()
-                self.ticks[process[1]] = (int(words[10]) + int(words[11])) * TICKS / USER_HZ
-                self.resident[process[1]] = int(words[20]) * 4
+                words = process[3].split()
+                self.ticks[name] = (int(words[10]) + int(words[11])) * TICKS / USER_HZ
+                self.resident[name] = int(words[20]) * 4
+            else:
+                self._read(name, {line.split()[0]: line.split()[1:] for line in text.splitlines()})
+            self.moments[name] = (int(before) + int(after)) / 2e9
+            self.took[name] = (int(after) - int(before)) / 1e9
+
+    def _read(self, name, fields):
+        if name == 'stat':
+            user, nice, system, _, _, irq, softirq = (int(field) * TICKS / USER_HZ for field in fields['cpu'][:7])
+            self.system = system + irq + softirq
+            self.total = user + nice + self.system
+            self.switches = int(fields['ctxt'][0])
+        else:
+            self.kib = {name[:-1]: int(values[0]) for name, values in fields.items()}
 
 
 def at(points, moment):
@@ -44,44 +53,45 @@ def grown(points, begin, end):
     return at(points, end) - at(points, begin)
 
 
-def in_proc(snapshots, value):
-    return [(snapshot.moment, value(snapshot)) for snapshot in snapshots]
+def in_stat(snapshots, value):
+    return [(snapshot.moments['stat'], value(snapshot)) for snapshot in snapshots]
 
 
 def judge_processes(judge, rows, snapshots):
-    begin, end = snapshots[0].moment, snapshots[-1].moment
-    # A process may have run all the while that its figures were read.
-    slack = 6 + TICKS * (snapshots[0].took + snapshots[-1].took)
-    for name in ('tuner', 'grower', 'vestrad'):
-        samples = [(float(row['time_ns']) / 1e9, row) for row in rows if row['name'] == name]
+    first, last = snapshots[0], snapshots[-1]
+    for pid, name in last.names.items():
+        begin, end = first.moments[pid], last.moments[pid]
+        # Both times in /proc are rounded down, and a process may have run all the while that they were read.
+        slack = 2 * TICKS / USER_HZ + 1 + TICKS * (first.took[pid] + last.took[pid]) / 2
+        samples = [(float(row['time_ns']) / 1e9, row) for row in rows if row['pid'] == pid]
         judge.expect(samples, f'no sample of {name}')
         if not samples:
             continue
         ticks = [(moment, int(row['user_ticks']) + int(row['system_ticks'])) for moment, row in samples]
         resident = [(moment, int(row['rss_kib'])) for moment, row in samples]
-        growth = snapshots[-1].ticks[name] - snapshots[0].ticks[name]
+        growth = last.ticks[pid] - first.ticks[pid]
         judge.close(f'{name}: CPU ticks', grown(ticks, begin, end), growth, 0.01, slack)
-        judge.close(f'{name}: resident KiB', at(resident, end), snapshots[-1].resident[name], 0.01, 300)
+        judge.close(f'{name}: resident KiB', at(resident, end), last.resident[pid], 0.01, 300)
 
 
 def judge_vitals(judge, rows, snapshots):
     rows = [row for row in rows
-            if snapshots[0].moment + 1 < int(row['second']) < snapshots[-1].moment - 1 and row['cpu_total']]
+            if snapshots[0].moments['stat'] + 1 < int(row['second']) < snapshots[-1].moments['stat'] - 1 and row['cpu_total']]
     judge.expect(len(rows) >= 3, 'fewer than three whole seconds of vitals')
     if not rows:
         return
     # A second's percentages end with its last sample, and begin with that of the second before.
     begin, end = int(rows[0]['second']) - 0.05, int(rows[-1]['second']) + 0.95
-    inside = [snapshot for snapshot in snapshots if begin <= snapshot.moment <= end]
+    inside = [snapshot for snapshot in snapshots if begin <= snapshot.moments['meminfo'] <= end]
     percent = 100 / (TICKS * CORES * (end - begin))
 
     def average(column):
         return sum(float(row[column]) for row in rows) / len(rows)
 
     for column in ('total', 'system'):
-        growth = grown(in_proc(snapshots, lambda s, column=column: getattr(s, column)), begin, end)
+        growth = grown(in_stat(snapshots, lambda s, column=column: getattr(s, column)), begin, end)
         judge.close(f'CPU {column} %', average(f'cpu_{column}'), growth * percent, 0.01, 1.5)
-    switches = grown(in_proc(snapshots, lambda s: s.switches), begin, end) / (end - begin)
+    switches = grown(in_stat(snapshots, lambda s: s.switches), begin, end) / (end - begin)
     judge.close('context switches a second', average('context_switches'), switches, 0.1, 50)
     for column, name in (('memory_free', 'MemFree'), ('memory_available', 'MemAvailable'), ('page_cache', 'Cached')):
         in_kernel = sum(snapshot.kib[name] for snapshot in inside) / len(inside)
@@ -97,8 +107,8 @@ def judge_dump(judge, dump):
         return
     oldest, newest = (float(rows[i]['time_ns']) / 1e9 for i in (0, -1))
     snapshots = [Snapshot(path) for path in sorted((judge.results / 'proc').iterdir())]
-    snapshots = [snapshot for snapshot in snapshots if oldest + 0.1 < snapshot.moment < newest - 0.1]
-    span = snapshots[-1].moment - snapshots[0].moment if snapshots else 0
+    snapshots = [snapshot for snapshot in snapshots if all(oldest + 0.1 < moment < newest - 0.1 for moment in snapshot.moments.values())]
+    span = snapshots[-1].moments['stat'] - snapshots[0].moments['stat'] if snapshots else 0
     judge.expect(span > 3, f'the recording and the looks at /proc have only {span:.1f} s in common')
     if span > 3:
         judge.say(f'compared over {span:.1f} s, {len(snapshots)} looks at /proc')

@@ -3,34 +3,59 @@
 import argparse
 import sys
 import time
+from dataclasses import dataclass
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 import cost  # noqa: E402  (the path comes first)
 import module  # noqa: E402
 import record  # noqa: E402
+import view  # noqa: E402
 from initramfs import Initramfs  # noqa: E402
 from judge import Judge  # noqa: E402
 from machine import KINDS, Machine, MachineFailed  # noqa: E402
 
 ROOT = Path(__file__).resolve().parents[1]
 GUEST = ROOT / 'machine/guest'
-SCENARIOS = {'record': record, 'module': module, 'cost': cost}
+# A scenario is a module with judge(judge), a docstring, LIMIT in seconds, and, where they differ from those below,
+# PROCESSORS, MEMORY in MiB, OPTIONS of qemu, PARAMETERS of the kernel and CHAIN_MIB, the size of the daemon's chain. It may
+# also have
+#   ARCHITECTURES                the only ones that it is for
+#   add_files(files, place)      puts more into the guest's file system
+#   drive(machine)               works at the guest's console
+SCENARIOS = {'record': record, 'module': module, 'cost': cost, 'view': view}
 
 
-def make_initramfs(architecture, target):
-    kind, kernel = KINDS[architecture], ROOT / 'build/machine' / architecture / 'kernel'
-    build = ROOT / 'build' / kind.preset
-    root = Path('/') if architecture == 'amd64' else ROOT / 'build/arm-sysroot'
+@dataclass(frozen=True)
+class Place:
+    """Where things are on this machine."""
+    root: Path  # of the repository
+    build: Path  # the programs for the guest
+    kernel: Path
+    libraries: Path  # a root that has the guest's libraries
+    library_directories: tuple
+
+
+def place_of(machine):
+    architecture = machine.split('-')[0]
+    kind = KINDS[architecture]
+    return Place(ROOT, ROOT / 'build' / kind.preset, ROOT / 'build/machine' / machine / 'kernel',
+                 Path('/') if architecture == 'amd64' else ROOT / 'build/arm-sysroot', kind.library_directories)
+
+
+def make_initramfs(scenario, place, target):
+    build, kernel = place.build, place.kernel
     files = Initramfs()
     files.program('/init', GUEST / 'init')
     files.program('/bin/busybox', kernel / 'busybox')
     programs = {'/usr/bin/vestrad': build / 'vestra-daemon/vestrad',
                 '/usr/bin/vestra-stat': build / 'tools/vestra-stat',
+                '/usr/bin/vestra-dump': build / 'tools/vestra-dump',
                 '/bin/strain': build / 'machine/strain'}
     for path, source in programs.items():
         files.program(path, source)
-    files.libraries(programs.values(), root, [build / 'platform/simulated', *kind.library_directories, build / 'client'])
+    files.libraries(programs.values(), place.libraries,
+                    [build / 'platform/simulated', *place.library_directories, build / 'client'])
     files.file('/lib/modules/linux/kernel/orna-vestra-kmod.ko', kernel.parent / 'kmod/orna_vestra_kmod.ko')
     for driver in (kernel / 'modules').iterdir():
         files.file(f'/drivers/{driver.name}', driver)
@@ -39,26 +64,37 @@ def make_initramfs(architecture, target):
             files.program(f'/guest/{script.name}', script)
     configuration = (ROOT / 'packaging/orna_vestra_config.xml').read_text()
     # The smallest chain is the first to be full.
-    configuration = configuration.replace('<max_file_size>10<', '<max_file_size>1<')
+    chain = getattr(scenario, 'CHAIN_MIB', 1)
+    configuration = configuration.replace('<max_file_size>10<', f'<max_file_size>{chain}<')
     files.text('/opt/data/vestraDir/orna_vestra_config.xml', configuration)
     files.text('/etc/passwd', 'root::0:0::/:/bin/sh\n')
+    if hasattr(scenario, 'add_files'):
+        scenario.add_files(files, place)
     files.write(target)
 
 
-def run(architecture, name):
-    directory = ROOT / 'build/machine' / architecture / name
-    directory.mkdir(parents=True, exist_ok=True)
+def run(guest, name):
+    scenario = SCENARIOS[name]
+    architecture = guest.split('-')[0]
     begin = time.monotonic()
 
     def say(line):
-        print(f'{architecture} {time.monotonic() - begin:5.1f} s  {line}', flush=True)
+        print(f'{guest} {time.monotonic() - begin:5.1f} s  {line}', flush=True)
 
+    if architecture not in getattr(scenario, 'ARCHITECTURES', KINDS):
+        say(f'{name}: not for this architecture')
+        return True
+    directory = ROOT / 'build/machine' / guest / name
+    directory.mkdir(parents=True, exist_ok=True)
+    place = place_of(guest)
     initramfs = directory / 'initramfs'
-    make_initramfs(architecture, initramfs)
+    make_initramfs(scenario, place, initramfs)
     machine = Machine(architecture, directory)
-    scenario = SCENARIOS[name]
-    machine.run(directory.parent / 'kernel/vmlinuz', initramfs, name, scenario.LIMIT, say,
-                getattr(scenario, 'PROCESSORS', 4), getattr(scenario, 'OPTIONS', ()))
+    drive = (lambda: scenario.drive(machine)) if hasattr(scenario, 'drive') else None
+    parameters = f'vestra.scenario={name} {getattr(scenario, "PARAMETERS", "")}'
+    machine.run(place.kernel / 'vmlinuz', initramfs, parameters, scenario.LIMIT, say,
+                processors=getattr(scenario, 'PROCESSORS', 4), memory=getattr(scenario, 'MEMORY', 512),
+                options=getattr(scenario, 'OPTIONS', ()), drive=drive)
     judge = Judge(machine.results, ROOT / 'build/release/tools/vestra-dump', say)
     scenario.judge(judge)
     for failure in judge.failures:
@@ -68,16 +104,19 @@ def run(architecture, name):
 
 
 def main():
-    parser = argparse.ArgumentParser(prog='scripts/machine')
-    parser.add_argument('architecture', choices=sorted(KINDS))
-    texts = (f'{name}: {scenario.__doc__}' for name, scenario in SCENARIOS.items())
-    parser.add_argument('scenario', nargs='*', help='; '.join(texts))
+    parser = argparse.ArgumentParser(prog='scripts/machine', formatter_class=argparse.RawDescriptionHelpFormatter,
+                                     epilog='\n'.join(f'  {name:8} {scenario.__doc__}' for name, scenario in SCENARIOS.items()))
+    parser.add_argument('machine', help='amd64, armhf, or amd64-SUITE with the kernel of another Debian release')
+    parser.add_argument('scenario', nargs='*', help='without one: all')
     options = parser.parse_args()
+    if options.machine.split('-')[0] not in KINDS:
+        parser.error(f'no machine {options.machine}; there are: {" ".join(sorted(KINDS))}')
     unknown = set(options.scenario) - set(SCENARIOS)
     if unknown:
         parser.error(f'no scenario {" ".join(sorted(unknown))}; there are: {" ".join(SCENARIOS)}')
+    names = options.scenario or list(SCENARIOS)
     try:
-        results = [run(options.architecture, name) for name in options.scenario or SCENARIOS]
+        results = [run(options.machine, name) for name in names]
     except MachineFailed as failure:
         print(f'machine: {failure}', file=sys.stderr)
         return 1

@@ -3,12 +3,18 @@
 //   strain pingpong N [PER_TURN PAUSE_US]  N round trips between two processes on CPU 0, which are 2 N context switches,
 //                                          with a pause after each PER_TURN; prints the ns of a switch
 //   strain crowd N                         N processes that wait until this one is killed; prints how many there are
+//   strain swarm N SPARE                   the same, with the memory of this one, so that there is room for more. Ends SPARE of
+//                                          them again if there is no room for all; prints how many are left, and why
 //   strain names SECONDS                   a process that changes its name all the time, to any bytes
+//   strain spin MS                         works that long
+//   strain look FILE...                    prints files, each between two lines of its name and the clock's nanoseconds
+//   strain measured FILE COMMAND...        runs a command; writes its largest memory and its CPU time into the file
 //   strain fuzz SECONDS SEED               writes commands, nearly commands and noise into the node; prints how many
 //                                          were taken and refused; fails if an answer is neither
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +29,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace {
 
@@ -86,6 +93,75 @@ int crowd(long count) {
     for (;;) pause();
 }
 
+int wait_in_swarm(void * /*unused*/) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (;;) pause();
+}
+
+int swarm(long count, long spare) {
+    constexpr size_t kStack = 2048;  // bytes; nothing but pause runs there
+    std::vector<char> stacks(static_cast<size_t>(count) * kStack);
+    std::vector<pid_t> made;
+    std::signal(SIGCHLD, SIG_IGN);  // those that are ended leave nothing
+    while (static_cast<long>(made.size()) < count) {
+        char *end = stacks.data() + (made.size() + 1) * kStack;
+        end -= reinterpret_cast<uintptr_t>(end) % 16;
+        const pid_t child =
+            clone(wait_in_swarm, end, CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | SIGCHLD, nullptr);
+        if (child < 0) break;
+        made.push_back(child);
+    }
+    const char *reason = static_cast<long>(made.size()) < count ? std::strerror(errno) : "all";
+    for (; spare > 0 && !made.empty(); --spare, made.pop_back()) kill(made.back(), SIGKILL);
+    std::printf("%zu %s\n", made.size(), reason);
+    std::fflush(stdout);
+    for (;;) pause();
+}
+
+int spin(int64_t milliseconds) {
+    const int64_t end = now_ns() + milliseconds * 1'000'000;
+    while (now_ns() < end) {
+    }
+    return 0;
+}
+
+int look(int count, char **paths) {
+    std::array<char, 16384> text{};  // more than any of the files has here
+    for (int i = 0; i < count; ++i) {
+        const int64_t before = now_ns();
+        const int file = open(paths[i], O_RDONLY | O_CLOEXEC);
+        const ssize_t size = file < 0 ? -1 : read(file, text.data(), text.size());
+        const int64_t after = now_ns();
+        if (size < 0) return fail(paths[i]);
+        close(file);
+        std::printf("%s %lld\n", paths[i], static_cast<long long>(before));
+        std::fwrite(text.data(), 1, static_cast<size_t>(size), stdout);
+        std::printf("%s %lld\n", paths[i], static_cast<long long>(after));
+    }
+    return 0;
+}
+
+int measured(const char *path, char **command) {
+    const pid_t child = fork();
+    if (child < 0) return fail("fork");
+    if (child == 0) {
+        execvp(command[0], command);
+        _exit(127);
+    }
+    int status = 0;
+    rusage used{};
+    if (wait4(child, &status, 0, &used) != child) return fail(command[0]);
+    std::FILE *file = std::fopen(path, "we");
+    if (file == nullptr) return fail(path);
+    const auto microseconds = [](const timeval &time) {
+        return static_cast<long long>(time.tv_sec) * 1'000'000 + time.tv_usec;
+    };
+    std::fprintf(file, "resident_kib %ld\ncpu_us %lld\n", used.ru_maxrss,
+                 microseconds(used.ru_utime) + microseconds(used.ru_stime));
+    std::fclose(file);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 int names(int64_t seconds) {
     std::mt19937 random(static_cast<unsigned>(now_ns()));
     const int64_t end = now_ns() + seconds * 1'000'000'000;
@@ -99,11 +175,13 @@ int names(int64_t seconds) {
 
 // A command, possibly with something wrong.
 std::string command(std::mt19937 *random) {
-    static constexpr std::string_view kCommands[] = {"0",         "1",       "c-0-4-57", "c-1-4-1",
-                                                     "c-2-4-2",   "c-3-4-3", "c-4-4-4",  "c-5-9-1|0|3|0|5",
-                                                     "c-6-3-cat", "c-6-0-",  "c-0-4--5", "c-5-15-1|2|3|4|99999"};
+    // Tracing is switched seldom, because that takes as long as a thousand of the others.
+    static constexpr std::string_view kSwitches[] = {"0", "1"};
+    static constexpr std::string_view kCommands[] = {
+        "c-0-4-57",        "c-1-4-1",   "c-2-4-2", "c-3-4-3",  "c-4-4-4",
+        "c-5-9-1|0|3|0|5", "c-6-3-cat", "c-6-0-",  "c-0-4--5", "c-5-15-1|2|3|4|99999"};
     const auto below = [&](size_t limit) { return static_cast<size_t>((*random)() % limit); };
-    std::string text(kCommands[below(std::size(kCommands))]);
+    std::string text(below(50) == 0 ? kSwitches[below(std::size(kSwitches))] : kCommands[below(std::size(kCommands))]);
     const size_t changes = below(4);
     for (size_t i = 0; i < changes; ++i) {
         const size_t place = below(text.size() + 1);
@@ -155,8 +233,12 @@ int main(int argc, char **argv) {
     const auto number = [&](int i, long otherwise) { return argc > i ? std::strtol(argv[i], nullptr, 10) : otherwise; };
     if (what == "pingpong") return pingpong(number(2, 1), number(3, number(2, 1)), number(4, 0));
     if (what == "crowd") return crowd(number(2, 1));
+    if (what == "swarm") return swarm(number(2, 1), number(3, 0));
+    if (what == "spin") return spin(number(2, 1));
+    if (what == "look") return look(argc - 2, argv + 2);
+    if (what == "measured" && argc > 3) return measured(argv[2], argv + 3);
     if (what == "names") return names(number(2, 1));
     if (what == "fuzz") return fuzz(number(2, 1), static_cast<unsigned>(number(3, 1)));
-    std::fputs("usage: strain pingpong|crowd|names|fuzz NUMBER...\n", stderr);
+    std::fputs("usage: strain pingpong|crowd|swarm|spin|look|measured|names|fuzz ARGUMENT...\n", stderr);
     return 2;
 }
