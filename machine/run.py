@@ -6,10 +6,12 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
+sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 import cost  # noqa: E402  (the path comes first)
 import module  # noqa: E402
 import record  # noqa: E402
+import tests  # noqa: E402
 import view  # noqa: E402
 from initramfs import Initramfs  # noqa: E402
 from judge import Judge  # noqa: E402
@@ -23,7 +25,8 @@ GUEST = ROOT / 'machine/guest'
 #   ARCHITECTURES                the only ones that it is for
 #   add_files(files, place)      puts more into the guest's file system
 #   drive(machine)               works at the guest's console
-SCENARIOS = {'record': record, 'module': module, 'cost': cost, 'view': view}
+SCENARIOS = {'record': record, 'module': module, 'cost': cost, 'view': view, 'tests': tests}
+NAMED_ONLY = ('tests',)  # takes long
 
 
 @dataclass(frozen=True)
@@ -107,14 +110,16 @@ def main():
     parser = argparse.ArgumentParser(prog='scripts/machine', formatter_class=argparse.RawDescriptionHelpFormatter,
                                      epilog='\n'.join(f'  {name:8} {scenario.__doc__}' for name, scenario in SCENARIOS.items()))
     parser.add_argument('machine', help='amd64, armhf, or amd64-SUITE with the kernel of another Debian release')
-    parser.add_argument('scenario', nargs='*', help='without one: all')
+    parser.add_argument('scenario', nargs='*', help=f'without one: all but {" ".join(NAMED_ONLY)}')
+    parser.add_argument('--only', default='', help='for tests: a part of the names of the test programs to run')
     options = parser.parse_args()
+    tests.only = options.only
     if options.machine.split('-')[0] not in KINDS:
         parser.error(f'no machine {options.machine}; there are: {" ".join(sorted(KINDS))}')
     unknown = set(options.scenario) - set(SCENARIOS)
     if unknown:
         parser.error(f'no scenario {" ".join(sorted(unknown))}; there are: {" ".join(SCENARIOS)}')
-    names = options.scenario or list(SCENARIOS)
+    names = options.scenario or [name for name in SCENARIOS if name not in NAMED_ONLY]
     try:
         results = [run(options.machine, name) for name in names]
     except MachineFailed as failure:
