@@ -11,6 +11,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent))
 import cost  # noqa: E402  (the path comes first)
 import module  # noqa: E402
 import record  # noqa: E402
+import soak  # noqa: E402
 import tests  # noqa: E402
 import view  # noqa: E402
 from initramfs import Initramfs  # noqa: E402
@@ -25,8 +26,8 @@ GUEST = ROOT / 'machine/guest'
 #   ARCHITECTURES                the only ones that it is for
 #   add_files(files, place)      puts more into the guest's file system
 #   drive(machine)               works at the guest's console
-SCENARIOS = {'record': record, 'module': module, 'cost': cost, 'view': view, 'tests': tests}
-NAMED_ONLY = ('tests',)  # takes long
+SCENARIOS = {'record': record, 'module': module, 'cost': cost, 'view': view, 'tests': tests, 'soak': soak}
+NAMED_ONLY = ('tests', 'soak')  # take long
 
 
 @dataclass(frozen=True)
@@ -76,7 +77,7 @@ def make_initramfs(scenario, place, target):
     files.write(target)
 
 
-def run(guest, name):
+def run(guest, name, minutes):
     scenario = SCENARIOS[name]
     architecture = guest.split('-')[0]
     begin = time.monotonic()
@@ -94,7 +95,7 @@ def run(guest, name):
     make_initramfs(scenario, place, initramfs)
     machine = Machine(architecture, directory)
     drive = (lambda: scenario.drive(machine)) if hasattr(scenario, 'drive') else None
-    parameters = f'vestra.scenario={name} {getattr(scenario, "PARAMETERS", "")}'
+    parameters = f'vestra.scenario={name} vestra.minutes={minutes} {getattr(scenario, "PARAMETERS", "")}'
     machine.run(place.kernel / 'vmlinuz', initramfs, parameters, scenario.LIMIT, say,
                 processors=getattr(scenario, 'PROCESSORS', 4), memory=getattr(scenario, 'MEMORY', 512),
                 options=getattr(scenario, 'OPTIONS', ()), drive=drive)
@@ -111,6 +112,7 @@ def main():
                                      epilog='\n'.join(f'  {name:8} {scenario.__doc__}' for name, scenario in SCENARIOS.items()))
     parser.add_argument('machine', help='amd64, armhf, or amd64-SUITE with the kernel of another Debian release')
     parser.add_argument('scenario', nargs='*', help=f'without one: all but {" ".join(NAMED_ONLY)}')
+    parser.add_argument('--minutes', type=int, default=60, help='of guest time, for soak (%(default)s)')
     parser.add_argument('--only', default='', help='for tests: a part of the names of the test programs to run')
     options = parser.parse_args()
     tests.only = options.only
@@ -121,7 +123,7 @@ def main():
         parser.error(f'no scenario {" ".join(sorted(unknown))}; there are: {" ".join(SCENARIOS)}')
     names = options.scenario or [name for name in SCENARIOS if name not in NAMED_ONLY]
     try:
-        results = [run(options.machine, name) for name in names]
+        results = [run(options.machine, name, options.minutes) for name in names]
     except MachineFailed as failure:
         print(f'machine: {failure}', file=sys.stderr)
         return 1
