@@ -12,6 +12,7 @@ import cost  # noqa: E402  (the path comes first)
 import module  # noqa: E402
 import record  # noqa: E402
 import soak  # noqa: E402
+import swarm  # noqa: E402
 import tests  # noqa: E402
 import view  # noqa: E402
 from initramfs import Initramfs  # noqa: E402
@@ -26,7 +27,7 @@ GUEST = ROOT / 'machine/guest'
 #   ARCHITECTURES                the only ones that it is for
 #   add_files(files, place)      puts more into the guest's file system
 #   drive(machine)               works at the guest's console
-SCENARIOS = {'record': record, 'module': module, 'cost': cost, 'view': view, 'tests': tests, 'soak': soak}
+SCENARIOS = {'record': record, 'module': module, 'swarm': swarm, 'cost': cost, 'view': view, 'tests': tests, 'soak': soak}
 NAMED_ONLY = ('tests', 'soak')  # take long
 
 
