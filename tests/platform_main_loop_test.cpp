@@ -88,7 +88,8 @@ TEST_F(MainLoop, VconfLastOfManyChangesComes) {
     for (int i = 1; i <= 200; ++i) ASSERT_EQ(vconf_set_int("many", i), 0);
     came("many 41 200 (none);");
     put("vconf/many", "int\nfive");
-    EXPECT_EQ(came("(none);"), "many 0 0 (none);") << "written in place, and cannot be read";
+    // A slow machine tells of the earlier changes only now, each with the value that is there now.
+    EXPECT_THAT(came("(none);"), EndsWith("many 0 0 (none);")) << "written in place, and cannot be read";
 }
 
 TEST_F(MainLoop, VconfCallbackMayRemoveItselfAndTheNext) {
