@@ -26,7 +26,7 @@ def robustness(recorder, name, directory):
 def history(recorder):
     box, judge = recorder.box, recorder.judge
     box.run('vestra-key set memory/SHM/trigger_db_write 1')
-    done = box.wait_for('[ "$(vestra-key get memory/SHM/trigger_db_write)" = 0 ]')
+    done = box.wait_for('[ "$(vestra-key get memory/SHM/trigger_db_write)" = 0 ]', 600)  # fifty transactions
     judge.expect(done, f'the fill did not end:\n{recorder.journal("-n 20")}')
     answer = box.output(HISTORY).split('\n')
     judge.expect(answer[0] == 'ok' and answer[-1].split('|')[0] not in ('', '0'), f'the history: {answer}')
