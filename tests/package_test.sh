@@ -103,6 +103,6 @@ touch "$root/var/lib/vestrad/keys/a-key" "$root/opt/usr/home/owner/share/tvhisto
 dpkg_root --purge "${packages[@]}"
 [ "$(cat "$root/etc/prd_info.ini")" = $'Model=SET-1\r\nBuild=1000.1\r' ] || fail "purging took the set's own file away"
 rm "$root/etc/prd_info.ini"
-left=$(find "$root" -path "$root/var/lib/dpkg" -prune -o ! -type d -print; find "$root/opt" -mindepth 1 2>/dev/null)
+left=$(find "$root" -path "$root/var/lib/dpkg" -prune -o ! -type d -print; [ ! -e "$root/opt" ] || find "$root/opt" -mindepth 1)
 [ -z "$left" ] || fail "purged, these are left: $left"
 echo "ok: installed, upgraded, removed and purged"
