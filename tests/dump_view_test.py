@@ -221,6 +221,14 @@ class DumpView(DumpTest):
                     os.kill(terminal.pid_of('vestra-dump'), way)
                 terminal.shows(f'ended {code}, terminal as before')
 
+    def test_signals_end_it_while_keys_are_typed_without_a_pause(self):
+        terminal = self.view()
+        pid = terminal.pid_of('vestra-dump')
+        terminal.tmux('pipe-pane', '-I', f'while kill -0 {pid}; do echo hhhhhhhhHHHHHGGGGGGGnnnnnn; done')
+        terminal.shows('earlier peak|later peak|Peak of')
+        os.kill(pid, signal.SIGTERM)
+        terminal.shows('ended 0, terminal as before')
+
     def test_dump_that_became_shorter_says_so(self):
         terminal = self.view()
         os.truncate(self.dump, 1000)

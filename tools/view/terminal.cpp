@@ -137,7 +137,7 @@ std::unique_ptr<Terminal> Terminal::open(FILE *keyboard, std::string *error) {
         init_pair(1, COLOR_YELLOW, -1);
         init_pair(2, COLOR_RED, -1);
     }
-    // Signals arrive only while a key is waited for, so none is missed between a look at `ended` and the wait.
+    // Signals arrive only in wait(), so none is missed between a look at `ended` and the wait.
     ended = 0;
     sigset_t blocked;
     sigemptyset(&blocked);
@@ -201,6 +201,9 @@ void run(Terminal *terminal, View *view, int wake, const std::function<bool()> &
 
 Terminal::Event Terminal::wait(int wake, Key *key) {
     for (;;) {
+        // Signals come here, too: keys may be typed without a pause, and then none is waited for.
+        const timespec at_once = {};
+        ppoll(nullptr, 0, &at_once, &saved_->signals);
         if (ended != 0) return Event::kEnd;
         wint_t code = 0;
         const int status = get_wch(&code);
