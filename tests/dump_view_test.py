@@ -250,6 +250,10 @@ class DumpView(DumpTest):
             result = dump_tool('view', path, stdin=subprocess.DEVNULL, start_new_session=True)
             self.assertEqual((result.returncode, result.stdout), (64, b''))
             self.assertIn(b'needs a terminal', result.stderr)
+        for closed in f'<{self.dump} >&-', '<&-':
+            terminal = Terminal('sh', '-c', f'{TOOL} view - {closed}')
+            self.addCleanup(terminal.__exit__)
+            terminal.shows('needs a terminal[^$]*ended 64, terminal as before')
         terminal = Terminal(TOOL, 'view', self.dump, term='none-such')
         self.addCleanup(terminal.__exit__)
         terminal.shows("'none-such'[^$]*ended 64, terminal as before")

@@ -1,5 +1,8 @@
 // view: a dump second by second, in a terminal.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <numeric>
 
 #include "tools/dump/commands.h"
@@ -20,11 +23,13 @@ struct Closer {
 };
 
 int view(const Options &options) {
-    // Where the dump comes from standard input, keys come from the terminal itself.
+    // Where the dump comes from standard input, keys come from the terminal itself. That must not become standard output,
+    // or the dump, where one of them is closed.
     std::unique_ptr<FILE, Closer> terminal_file;
     FILE *keyboard = stdin;
     if (options.path == "-") {
-        terminal_file.reset(std::fopen("/dev/tty", "re"));
+        const bool both_open = fcntl(STDIN_FILENO, F_GETFD) >= 0 && isatty(STDOUT_FILENO) == 1;
+        if (both_open) terminal_file.reset(std::fopen("/dev/tty", "re"));
         keyboard = terminal_file.get();
     }
     if (!vestra_view::can_show(keyboard)) {
