@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <sstream>
 #include <tuple>
 
 #include "dump_support.h"
@@ -76,6 +77,14 @@ std::string many_processes() {
     return {bytes.begin(), bytes.end()};
 }
 
+std::string line_of(const vestra_view::Canvas &canvas, int row) {
+    std::string line;
+    for (int column = 0; column < canvas.columns(); ++column) {
+        line += static_cast<char>(canvas.at(row, column).character);
+    }
+    return line;
+}
+
 }  // namespace
 
 TEST(ViewedDump, HasTheProcessesOfEverySecondAsTheWholeAnalysisHasThem) {
@@ -124,9 +133,7 @@ TEST(ViewedDump, WhoseStickWasPulledSaysSoAndKeepsItsVitals) {
         vestra_view::Canvas canvas(24, 80, false);
         view.draw(&canvas);
         std::string shown;
-        for (int row = 0; row < 24; ++row) {
-            for (int column = 0; column < 80; ++column) shown += static_cast<char>(canvas.at(row, column).character);
-        }
+        for (int row = 0; row < 24; ++row) shown += line_of(canvas, row);
         EXPECT_NE(shown.find(says), std::string::npos) << shown;
         EXPECT_NE(shown.find(vestra_dump::fixed(opened.recording.second(view.cursor()).vitals[2], 2)),
                   std::string::npos);
@@ -180,4 +187,43 @@ TEST(ViewedDump, PeaksAreTheSameForwardAndBackward) {
         found += peaks.size();
     }
     EXPECT_GT(found, 10U);
+}
+
+TEST(ViewedDump, HasNoFigureWithoutItsLastDigits) {
+    std::vector<uint8_t> bytes;
+    trace::FrameWriter writer(&bytes);
+    for (uint64_t second = 1; second < 4; ++second) {
+        trace::SwitchMessage message;
+        message.time_ns = second * 1'000'000'000;
+        message.pid = 2147483647;
+        message.name = "large";
+        message.rss = message.swap = second * 98'765'432'101;
+        writer.begin_frame(trace::kSwitchFrame, 1);
+        writer.add(message);
+        writer.end_block();
+    }
+    const std::string large(bytes.begin(), bytes.end()), everyday = synthetic("everyday", 40, 20'000, 30);
+    vestra_dump::MemorySource large_source(large), source(everyday);
+    Opened of_large(large_source), opened(source);
+    const auto expect_near = [](const std::string &shown, double figure) {
+        if (shown == "#") return;
+        EXPECT_NEAR(std::stod(shown), figure, 0.06 * figure) << shown;
+    };
+    vestra_view::View processes(of_large.recording, {2});
+    vestra_view::Canvas canvas(24, 100, false);
+    processes.draw(&canvas);
+    std::istringstream row(line_of(canvas, 5));
+    std::string pid, name, cpu, user, system, rss, swap, growth;
+    row >> pid >> name >> cpu >> user >> system >> rss >> swap >> growth;
+    expect_near(pid, 2147483647);
+    expect_near(rss, 3 * 98'765'432'101.0);
+    expect_near(swap, 3 * 98'765'432'101.0);
+    expect_near(growth, 2 * 98'765'432'101.0);
+    vestra_view::View view(opened.recording, {2});
+    for (int width = 2; width <= 13; ++width) {
+        vestra_view::Canvas narrow(10, width, false);
+        view.draw(&narrow);
+        const std::string line = line_of(narrow, 3);
+        expect_near(line.substr(line.find_first_not_of("> ")), opened.recording.second(view.cursor()).vitals[2]);
+    }
 }

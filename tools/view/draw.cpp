@@ -17,14 +17,19 @@ constexpr int kLineLeast = 12;       // columns of a line over time
 constexpr int kProcessesLeast = 11;  // rows, if the vitals are to have one column
 constexpr int kMessageMost = 3;      // rows
 
-// In at most `width` characters, if that is possible.
+// In at most `width` characters: with fewer decimals, or an exponent, or "#" where no figure fits. Cut off, it would be
+// another figure.
 std::string number(double value, int decimals, int width) {
     if (std::isnan(value)) return "-";
     char text[352];  // the greatest double has 309 digits before the point
-    if (std::snprintf(text, sizeof text, "%.*f", decimals, value) > width) {
-        std::snprintf(text, sizeof text, "%.2e", value);
+    for (const bool exponent : {false, true}) {
+        for (int digits = exponent ? 2 : decimals; digits >= 0; --digits) {
+            const int size = exponent ? std::snprintf(text, sizeof text, "%.*e", digits, value)
+                                      : std::snprintf(text, sizeof text, "%.*f", digits, value);
+            if (size <= width) return text;
+        }
     }
-    return text;
+    return "#";
 }
 
 // In lines of that width, broken between words.
@@ -49,16 +54,17 @@ struct Column {
     int rank;  // the columns of the smallest ranks are shown where not all fit
     std::string (*text)(const ProcessRow &row);
 };
-const Column kColumns[] = {{"PID", 7, 2, [](const ProcessRow &row) { return std::to_string(row.pid); }},
-                           {"NAME", 15, 0, [](const ProcessRow &row) { return row.name; }},
-                           {"CPU %", 7, 1, [](const ProcessRow &row) { return number(row.cpu, 2, 7); }},
-                           {"USER", 7, 5, [](const ProcessRow &row) { return number(row.user, 2, 7); }},
-                           {"SYSTEM", 7, 6, [](const ProcessRow &row) { return number(row.system, 2, 7); }},
-                           {"RSS KiB", 9, 3, [](const ProcessRow &row) { return std::to_string(row.rss); }},
-                           {"SWAP", 8, 7, [](const ProcessRow &row) { return std::to_string(row.swap); }},
-                           {"GROWTH", 9, 4, [](const ProcessRow &row) {
-                                return !row.growth ? "-" : (*row.growth > 0 ? "+" : "") + std::to_string(*row.growth);
-                            }}};
+const Column kColumns[] = {
+    {"PID", 7, 2, [](const ProcessRow &row) { return number(row.pid, 0, 7); }},
+    {"NAME", 15, 0, [](const ProcessRow &row) { return row.name; }},
+    {"CPU %", 7, 1, [](const ProcessRow &row) { return number(row.cpu, 2, 7); }},
+    {"USER", 7, 5, [](const ProcessRow &row) { return number(row.user, 2, 7); }},
+    {"SYSTEM", 7, 6, [](const ProcessRow &row) { return number(row.system, 2, 7); }},
+    {"RSS KiB", 9, 3, [](const ProcessRow &row) { return number(static_cast<double>(row.rss), 0, 9); }},
+    {"SWAP", 8, 7, [](const ProcessRow &row) { return number(static_cast<double>(row.swap), 0, 8); }},
+    {"GROWTH", 9, 4, [](const ProcessRow &row) {
+         return !row.growth ? "-" : (*row.growth > 0 ? "+" : "") + number(static_cast<double>(*row.growth), 0, 8);
+     }}};
 constexpr int kName = 1;  // takes what the others leave, up to
 constexpr int kNameMost = 48;
 
@@ -329,15 +335,17 @@ void View::draw_bottom(Canvas *canvas, const Layout &at) const {
     canvas->put(at.status, 0, text, mode_ == Mode::kLooking ? Style::kFaint : Style::kTitle);
 }
 
-void View::draw_help(Canvas *canvas) const {
-    const int most = std::max(static_cast<int>(std::size(kHelp)) - canvas->rows() + 2, 0);
+void View::draw_help(Canvas *canvas) {
+    const int most = std::max(static_cast<int>(std::size(kHelp)) - canvas->rows() + 1, 0);
+    help_row_ = std::min(help_row_, most);
     for (int i = 0; i < canvas->rows() - 1; ++i) {
-        const int line = std::min(help_row_, most) + i;
+        const int line = help_row_ + i;
         if (line >= static_cast<int>(std::size(kHelp))) break;
         const int taken = canvas->put(i, 0, kHelp[line].keys, Style::kTitle);
         canvas->put(i, std::max(taken + 1, 17), kHelp[line].what);
     }
-    canvas->put(canvas->rows() - 1, 0, "Any key: back", Style::kFaint);
+    canvas->put(canvas->rows() - 1, 0, most > 0 ? "up down: more  Any other key: back" : "Any key: back",
+                Style::kFaint);
 }
 
 }  // namespace vestra_view

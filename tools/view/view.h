@@ -75,7 +75,7 @@ class View {
     void draw_followed(Canvas *canvas, const Layout &at) const;
     void draw_processes(Canvas *canvas, const Layout &at);
     void draw_bottom(Canvas *canvas, const Layout &at) const;
-    void draw_help(Canvas *canvas) const;
+    void draw_help(Canvas *canvas);
     void draw_line(Canvas *canvas, int row, int column, int width, const Line &line) const;
 
     Recording &recording_;
