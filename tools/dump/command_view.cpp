@@ -46,6 +46,11 @@ int view(const Options &options) {
         return report_result({options.path, dump.time, recording.summary()}, true) == kExitClean ? kExitUnreadable
                                                                                                  : kExitDamaged;
     }
+    // Seconds would be shown as if all their figures were 0.
+    if (!recording.problem().empty()) {
+        complain(recording.problem() + "; TMPDIR says where it is made");
+        return kExitUnreadable;
+    }
     std::vector<size_t> vitals(vestra_view::kVitalCount);
     std::iota(vitals.begin(), vitals.end(), size_t{0});
     vestra_view::View screen(recording, std::move(vitals));

@@ -22,7 +22,8 @@ size_t Recording::index_of(int64_t time_ns) const {
 
 Axis Recording::axis(size_t columns) const {
     const int64_t first = second(0).second;
-    return {first, second(size() - 1).second - first + 1, columns};
+    // Not below 1, even if the file of the index can no longer be read.
+    return {first, std::max<int64_t>(second(size() - 1).second - first + 1, 1), columns};
 }
 
 static int64_t divided_up(int64_t a, int64_t b) {
