@@ -10,6 +10,7 @@
 #include "hostile_dump.h"
 #include "tools/dump/text.h"
 #include "tools/view/dump_recording.h"
+#include "tools/view/live_recording.h"
 #include "tools/view/view.h"
 
 using namespace dump_test;
@@ -225,5 +226,22 @@ TEST(ViewedDump, HasNoFigureWithoutItsLastDigits) {
         view.draw(&narrow);
         const std::string line = line_of(narrow, 3);
         expect_near(line.substr(line.find_first_not_of("> ")), opened.recording.second(view.cursor()).vitals[2]);
+    }
+}
+
+TEST(ViewedDaemon, FindsATimeOfDayOnBothSidesOfMidnight) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    const auto answer = [](vestra_view::Snapshot *snapshot) {
+        snapshot->time = 1795651210;  // 2026-11-26T00:00:10Z
+        for (int age = 0; age < 100; ++age) snapshot->seconds.push_back({age, {}});
+    };
+    vestra_view::LiveRecording live(answer, std::chrono::hours(1), 0);
+    while (live.size() == 0) live.take();
+    const std::pair<const char *, size_t> times[] = {
+        {"00:00:05", 94}, {"23:59:50", 79}, {"23:59", 29}, {"12:00", 99}, {"00:00:20", 99}};
+    for (const auto &[text, index] : times) {
+        std::string error;
+        EXPECT_EQ(live.find_time(text, 0, &error), index) << text;
     }
 }

@@ -36,9 +36,10 @@ int ask_once(vestra_api_h client, const Question &question);
 // Prints the last 180 s, second by second. Returns an exit code. The question's window is not used.
 int show_history(vestra_api_h client, const Question &question);
 
-// Asks again and again, and reports once when answers stop and once when they come back. On a terminal that
-// can show it, it is the screen of tools/view/, until the person ends it. An interrupt or SIGTERM ends the program at any time, with exit code 0; other clients do not
-// have to wait for a client that ends during its turn. Returns the exit code of the last question.
+// Asks again and again, and reports once when answers stop and once when they come back. On a terminal that can show it,
+// it is the screen of tools/view/, until the person ends it. An interrupt or SIGTERM ends the program at any time, with
+// exit code 0; other clients do not have to wait for a client that ends during its turn. Returns the exit code of the last
+// question.
 int watch(vestra_api_h client, const Question &question, const Watch &how);
 
 }  // namespace vestra_stat

@@ -121,10 +121,15 @@ std::optional<size_t> LiveRecording::find_time(const std::string &text, size_t /
             return index_of((second(size() - 1).second - std::clamp<int64_t>(seconds, 0, 1000)) * kNs);
         }
     }
-    // A time of day: the first second that is not before it.
+    // A time of day: the first second that is not before it. At midnight some seconds are of the day before.
     if (text.size() >= 5 && text[2] == ':') {
+        constexpr size_t kDay = 11;  // "2026-11-25 "
+        const std::string oldest = wall_time(second(0).time_ns), newest = wall_time(second(size() - 1).time_ns);
+        std::string wanted = newest.substr(0, kDay) + text;
+        const std::string before = oldest.substr(0, kDay) + text;
+        if (wanted > newest && before >= oldest) wanted = before;
         for (size_t i = 0; i < size(); ++i) {
-            if (wall_time(second(i).time_ns).substr(11) >= text) return i;
+            if (wall_time(second(i).time_ns) >= wanted) return i;
         }
         return size() - 1;
     }
