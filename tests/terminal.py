@@ -40,12 +40,14 @@ class Terminal:
         self.tmux('send-keys', '-l', '--', text)
 
     def settled(self, options):
-        """What tmux has once that no longer changes: in the middle of drawing it has lines of two screens."""
-        before, end = None, time.monotonic() + PATIENCE
-        while (now := self.tmux('capture-pane', options)) != before and time.monotonic() < end:
+        """What tmux has once that no longer changes: in the middle of drawing it has lines of two screens, on a busy machine for long."""
+        before, same, end = None, 0, time.monotonic() + PATIENCE
+        while same < 3 and time.monotonic() < end:
+            now = self.tmux('capture-pane', options)
+            same = same + 1 if now == before else 0
             before = now
-            time.sleep(0.05)
-        return now
+            time.sleep(0.07)
+        return before
 
     def screen(self):
         return self.settled('-p')
