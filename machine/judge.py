@@ -4,7 +4,7 @@ import re
 import subprocess
 from pathlib import Path
 
-TROUBLE = r'WARNING:|BUG:|Oops|Call Trace|refcount_t|leaked|circular locking|soft lockup|rcu.*stall'
+TROUBLE = r'WARNING:|BUG:|Oops|Call Trace|refcount_t|leaked|circular locking|soft lockup|detected stall'
 
 
 class Judge:
