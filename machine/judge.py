@@ -13,6 +13,8 @@ class Judge:
         self.kernel_log(self.text('kernel.log'))
 
     def kernel_log(self, text):
+        # FAT writes to a stick that was pulled, and the kernel warns of that itself.
+        text = re.sub(r'WARNING: [^\n]* at fs/buffer\.c.*?---\[ end trace', '', text, flags=re.DOTALL)
         for line in text.splitlines():
             self.expect(not re.search(TROUBLE, line), f'the kernel complains: {line}')
 
