@@ -62,6 +62,7 @@ exec_start=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' "$unit")
 "$root/usr/bin/vestra-set" sandbox -- true || fail "the installed vestra-set does not make a set"
 
 # The library: the example needs no more than pkg-config or CMake, and what it links with is answered by the installed daemon, as Python is.
+# -B: with py3clean as a stand-in, nobody would take compiled Python away.
 library=$root/usr/lib/$multiarch
 export PKG_CONFIG_LIBDIR=$library/pkgconfig LD_LIBRARY_PATH=$library PYTHONPATH=$root/usr/lib/python3/dist-packages
 example=$root/usr/share/doc/libvestra-api-dev/examples/ask.c
@@ -84,7 +85,7 @@ EOF
     for _ in {1..300}; do ! "$1/ask" 2>&1 | grep -q "^CPU: [0-9]" || break; sleep 0.1; done
     "$1/ask" | grep -q "^CPU: [0-9]"
     "$1/cmake/build/ask" | grep -q "^memory available: [0-9]"
-    python3 -c "import vestra; assert vestra.ask(2, 10)[\"cpu_total\"].maximum > 0"
+    python3 -B -c "import vestra; assert vestra.ask(2, 10)[\"cpu_total\"].maximum > 0"
 ' "$root" "$work" || fail "the installed daemon does not answer what was linked with the installed library"
 unset PKG_CONFIG_LIBDIR LD_LIBRARY_PATH PYTHONPATH
 
