@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Clients and the daemon, each a process: what they are answered, and what the next one is answered after a client was
 killed or wrote where it should not. The last one compares the figures with this machine's."""
+import contextlib
 import fcntl
 import grp
 import json
@@ -253,15 +254,21 @@ class HostFigures(SetTest):
     def test_agree_with_the_machine(self):
         """From the kernel's counters through the sampler, the node, the daemon's ring and list, to a client and the
         database."""
-        name, seconds = f'busy-{random.SystemRandom().randrange(1000000)}', 10
+        name = f'busy-{random.SystemRandom().randrange(1000000)}'
         busy = subprocess.Popen([sys.executable, '-c', f'open("/proc/self/comm", "w").write("{name}"); '
                                  'memory = b"x" * (64 << 20)\nwhile True: pass'])
         self.addCleanup(lambda: end(busy))
-        counters = lambda: (time.monotonic(), busy_seconds('/proc/stat', 1, (0, 1, 2, 5, 6)),
-                            busy_seconds(f'/proc/{busy.pid}/stat', 0, (11, 12)), figure('/proc/stat', 'ctxt'))
         self.start()
         self.becomes(lambda: (ask(2)[1] or {}).get('maximum', 0) > 0)
         time.sleep(1.5)  # the first step of a run is not to scale
+        # A machine that does other things in jumps may spoil a stretch of time. A wrong scale spoils all three.
+        for spoilt in (AssertionError, AssertionError, ()):
+            with contextlib.suppress(spoilt):
+                return self.check_stretch(name, busy, 10)
+
+    def check_stretch(self, name, busy, seconds):
+        counters = lambda: (time.monotonic(), busy_seconds('/proc/stat', 1, (0, 1, 2, 5, 6)),
+                            busy_seconds(f'/proc/{busy.pid}/stat', 0, (11, 12)), figure('/proc/stat', 'ctxt'))
         before = counters()
         time.sleep(seconds)
         passed, machine, share, switches = (now - then for now, then in zip(counters(), before))

@@ -101,12 +101,14 @@ class Recorder(RecorderTest):
 
     def test_stick_that_is_pulled_out_costs_one_dump(self):
         mount('-t', 'tmpfs', 'stick', STICK)
+        (STATE / 'module/inject').write_text('empty 1000000000\n')
         self.start()
         self.assertEqual(remote('key', 87).returncode, 0)
-        self.logs('INFO: Waiting for buffer to fill..')  # which takes seconds
+        self.logs('INFO: Waiting for buffer to fill..')
         (STATE / 'usb/0001-stick').unlink()
         subprocess.run(['umount', '-l', STICK], check=True)
         shutil.rmtree(STICK)
+        (STATE / 'module/inject').unlink()  # only now it can fill
         self.logs('INFO:key handler 87 exited')
         self.assertTrue(list(Path('/tmp').glob('temp-vestra-user_*')))
         Path('/media/other').mkdir(exist_ok=True)
