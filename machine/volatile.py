@@ -45,7 +45,7 @@ class VolatileDisk:
     def end(self):
         """After the machine has ended. Returns the sectors in the cache and those of them that reached the disk."""
         end = time.monotonic() + 30
-        while (report := self._report.read_text() if self._report.exists() else '0 0') == 'in use':
+        while not (report := self._report.read_text() if self._report.exists() else '0 0\n').endswith('\n'):
             if time.monotonic() > end or self._process.poll() is not None:
                 raise OSError(f'nbdkit has not ended {self.image}; see {self._log.name}')
             time.sleep(0.05)
