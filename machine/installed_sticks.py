@@ -1,5 +1,7 @@
-"""sticks that are full, read-only, or two at a time"""
+"""sticks that are full, read-only, made to mislead, or two at a time"""
 from stick import Stick
+
+DOD = 'issue_report_agent_DOD/Vestra'
 
 
 def dump_to(recorder, stick, what):
@@ -25,6 +27,21 @@ def goes_on(recorder, what, message):
     recorder.say(f'{what}: {said.splitlines()[0] if said else ""}')
 
 
+def links_lead_nowhere(recorder, directory):
+    box, judge, tree = recorder.box, recorder.judge, directory / 'tree'
+    (tree / DOD).parent.mkdir(parents=True)
+    (tree / DOD).symlink_to('/var/lib/elsewhere')
+    stick = Stick(directory / 'links.img', 'LINKS', 16, tree=tree)
+    box.run('mkdir /var/lib/elsewhere')
+    box.plug(stick)
+    place = recorder.mounted()
+    judge.expect(box.run(f'test -L {place}/{DOD} && touch {place}/beside').status == 0, 'the stick with a link is not there')
+    written = box.run(f'touch {place}/{DOD}/dump; ls /var/lib/elsewhere').output
+    judge.expect(not written, f'a link on a stick leads to other places of the machine: {written}')
+    pull(recorder, stick, place)
+    recorder.say('a link on a stick leads nowhere')
+
+
 def play(recorder, setting):
     setting.boot(recorder.box)
     recorder.judge.expect(recorder.answers(), 'the daemon does not answer')
@@ -36,7 +53,9 @@ def play(recorder, setting):
     place = dump_to(recorder, full, 'a full stick')
     goes_on(recorder, 'a full stick', 'No space left on device')
     pull(recorder, full, place)
-    cut = [path for path in full.read_all(directory / 'full') if path.name != 'other.bin']
+    files = full.read_all(directory / 'full')
+    cut = [path for path in files if path.name != 'other.bin']
+    judge.expect(len(files) == len(cut) + 1, f'the full stick has lost its file: {files}')
     judge.expect(not any(recorder.whole(path) for path in cut), 'a dump on a full stick is taken for whole')
     box.run('rm -f /tmp/temp-vestra*')
 
@@ -46,6 +65,8 @@ def play(recorder, setting):
     place = dump_to(recorder, locked, 'a read-only stick')
     goes_on(recorder, 'a read-only stick', 'Read-only file system')
     pull(recorder, locked, place)
+
+    links_lead_nowhere(recorder, directory)
 
     box.run('systemctl restart vestrad')
     first = Stick(directory / 'first.img', 'FIRST', 16)

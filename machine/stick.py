@@ -1,4 +1,4 @@
-"""USB sticks: images with a FAT file system, made and read without mounting them."""
+"""USB sticks: images with a FAT file system, made and read without mounting them, or with ext4."""
 import copy
 import os
 import shutil
@@ -15,7 +15,8 @@ def _run(*words, **options):
 
 
 class Stick:
-    def __init__(self, path, label, mib, partitioned=True, read_only=False):
+    def __init__(self, path, label, mib, partitioned=True, read_only=False, tree=None):
+        """With a directory `tree`: ext4 that has what is in there. `write`, `read_all` and `check` are for FAT."""
         self.path, self.label, self.read_only = Path(path).resolve(), label, read_only
         self.offset = PARTITION if partitioned else 0
         size = (mib << 20) + self.offset
@@ -29,9 +30,12 @@ class Stick:
             with open(self.path, 'r+b') as image:
                 image.seek(446)
                 image.write(entry + bytes(48) + b'\x55\xaa')
-        made = _run('mkfs.vfat', '-n', label, '--offset', self.offset // SECTOR, self.path, mib << 10)
+        if tree is None:
+            made = _run('mkfs.vfat', '-n', label, '--offset', self.offset // SECTOR, self.path, mib << 10)
+        else:
+            made = _run('mke2fs', '-q', '-t', 'ext4', '-L', label, '-d', tree, '-E', f'offset={self.offset}', self.path, f'{mib}M')
         if made.returncode != 0:
-            raise OSError(f'mkfs.vfat: {made.stderr.decode()}')
+            raise OSError(f'no file system on {self.path}: {made.stderr.decode()}')
 
     @property
     def _image(self):
