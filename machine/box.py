@@ -30,7 +30,7 @@ class Box:
         # However this process ends, the machine ends with it. A PS/2 keyboard would get the keys that are sent.
         command = ['setpriv', '--pdeathsig', 'KILL', *self.kind.command, '-machine', 'i8042=off',
                    '-accel', self.kind.accelerator, '-smp', str(self._processors), '-m', str(self._memory),
-                   '-nodefaults', '-display', 'none',
+                   '-nodefaults', '-display', 'none', '-no-reboot',  # a kernel that panics would boot as if nothing had been
                    '-kernel', str(kernel), '-initrd', str(initramfs),
                    '-append', f'{self.kind.parameters} {PARAMETERS}',
                    '-serial', 'file:serial.log', '-drive', f'if=none,id=system,{drive}',
@@ -77,10 +77,9 @@ class Box:
         return self._process is not None and self._process.poll() is None
 
     def wait_until_off(self, limit=180):
-        """After a command that powers off. True if it did."""
+        """After a command that powers off. True if it did; a machine that broke down did not."""
         try:
-            self._process.wait(limit)
-            return True
+            return self._process.wait(limit) == 0
         except subprocess.TimeoutExpired:
             return False
 
