@@ -11,7 +11,6 @@
 #include <linux/fs.h>
 #include <linux/module.h>
 #include <linux/mutex.h>
-#include <linux/poll.h>
 #include <linux/proc_fs.h>
 #include <linux/sysfs.h>
 #include <linux/uaccess.h>
@@ -56,12 +55,6 @@ static ssize_t node_read(struct file *file, char __user *out, size_t count, loff
 	if (READ_ONCE(leaving))
 		return -ENODEV;
 	return vestra_ring_read(out, count);
-}
-
-static __poll_t node_poll(struct file *file, struct poll_table_struct *table)
-{
-	poll_wait(file, &vestra_readers, table);
-	return EPOLLOUT | EPOLLWRNORM | (vestra_ring_empty() ? 0 : EPOLLIN | EPOLLRDNORM);
 }
 
 static int switch_tracing(bool on)
@@ -110,11 +103,14 @@ static ssize_t node_write(struct file *file, const char __user *in, size_t count
 	return result == 0 ? (ssize_t)count : result;
 }
 
+/*
+ * No poll: one that waits would leave its entry in vestra_readers, and remove_proc_entry waits for
+ * calls only. When the poll ended after the module, it would write into memory that is gone.
+ */
 static const struct proc_ops node_ops = {
 	.proc_open = node_open,
 	.proc_read = node_read,
 	.proc_write = node_write,
-	.proc_poll = node_poll,
 };
 
 /* ------------------------------ Counts ------------------------------ */
