@@ -81,9 +81,9 @@ static void notrace note_switch(void *unused, bool preempt, struct task_struct *
 {
 	struct notes *mine = this_cpu_ptr(notes);
 
-	mine->ran[prev->tgid % NOTES] = READ_ONCE(generation);
-	mine->running = next->tgid;
-	mine->switches++;
+	WRITE_ONCE(mine->ran[prev->tgid % NOTES], READ_ONCE(generation));
+	WRITE_ONCE(mine->running, next->tgid);
+	WRITE_ONCE(mine->switches, mine->switches + 1);
 }
 
 static void find_switch_tracepoint(struct tracepoint *tracepoint, void *unused)
@@ -92,16 +92,20 @@ static void find_switch_tracepoint(struct tracepoint *tracepoint, void *unused)
 		switch_tracepoint = tracepoint;
 }
 
-/* A switch at the very moment when the generation changes may be missed. The next one is not. */
-static bool ran_in(u16 which, pid_t process)
+/*
+ * True if the process ran in generation `which` or since. The one after that has begun, and what
+ * switches all the time has overwritten its note with it. A switch at the very moment when the
+ * generation changes may be missed. The next one is not.
+ */
+static bool ran_since(u16 which, pid_t process)
 {
 	int cpu;
 
 	for_each_possible_cpu(cpu) {
 		const struct notes *of_cpu = per_cpu_ptr(notes, cpu);
+		const u16 age = READ_ONCE(of_cpu->ran[process % NOTES]) - which;
 
-		if (READ_ONCE(of_cpu->ran[process % NOTES]) == which ||
-		    READ_ONCE(of_cpu->running) == process)
+		if (age <= 1 || READ_ONCE(of_cpu->running) == process)
 			return true;
 	}
 	return false;
@@ -439,7 +443,7 @@ static int next_process(struct sampler *s, int *id, struct vestra_process *proce
 		if (!thread_group_leader(task))
 			continue;
 		s->processes++;
-		if (!READ_ONCE(every_process) && !ran_in(s->before, task->tgid))
+		if (!READ_ONCE(every_process) && !ran_since(s->before, task->tgid))
 			continue;
 		get_task_comm(process->name, task);
 		if (!vestra_filter_reports(&s->settings.filter, task->tgid, process->name))
