@@ -175,6 +175,24 @@ static unsigned int overlap(unsigned int cpu, unsigned int core, unsigned int cp
 	return end > begin ? end - begin : 0;
 }
 
+struct cpu_times {
+	u64 user, system, idle, iowait; /* ns */
+};
+
+static struct cpu_times read_cpu(int cpu)
+{
+	struct kernel_cpustat times;
+	const u64 *stat = times.cpustat;
+
+	kcpustat_cpu_fetch(&times, cpu);
+	return (struct cpu_times){
+		.user = stat[CPUTIME_USER] + stat[CPUTIME_NICE],
+		.system = stat[CPUTIME_SYSTEM] + stat[CPUTIME_IRQ] + stat[CPUTIME_SOFTIRQ],
+		.idle = idle_ns(cpu, get_cpu_idle_time_us, stat[CPUTIME_IDLE]),
+		.iowait = idle_ns(cpu, get_cpu_iowait_time_us, stat[CPUTIME_IOWAIT]),
+	};
+}
+
 static void read_cores(struct vestra_machine *machine, int temperature)
 {
 	struct vestra_core sum[VESTRA_CORES] = {};
@@ -183,15 +201,16 @@ static void read_cores(struct vestra_machine *machine, int temperature)
 	int cpu, core;
 
 	for_each_present_cpu(cpu) {
-		struct kernel_cpustat times;
-		u64 user, system, idle, iowait;
-		u64 *stat = times.cpustat;
+		/*
+		 * A machine of 32 bits reads a counter in halves, and may be 2^32 ns ahead of it.
+		 * Of two readings, the lower one is not.
+		 */
+		const struct cpu_times one = read_cpu(cpu), two = read_cpu(cpu);
+		const u64 user = to_ticks(min(one.user, two.user));
+		const u64 system = to_ticks(min(one.system, two.system));
+		const u64 idle = to_ticks(min(one.idle, two.idle));
+		const u64 iowait = to_ticks(min(one.iowait, two.iowait));
 
-		kcpustat_cpu_fetch(&times, cpu);
-		user = to_ticks(stat[CPUTIME_USER] + stat[CPUTIME_NICE]);
-		system = to_ticks(stat[CPUTIME_SYSTEM] + stat[CPUTIME_IRQ] + stat[CPUTIME_SOFTIRQ]);
-		idle = to_ticks(idle_ns(cpu, get_cpu_idle_time_us, stat[CPUTIME_IDLE]));
-		iowait = to_ticks(idle_ns(cpu, get_cpu_iowait_time_us, stat[CPUTIME_IOWAIT]));
 		for (core = 0; core < VESTRA_CORES; core++) {
 			const unsigned int share = overlap(i, core, cpus);
 
@@ -309,6 +328,20 @@ static void read_memory(struct sampler *s)
 
 /* ------------------------------ Processes ------------------------------ */
 
+/*
+ * A counter that its thread may be changing. Where it is read in halves, only the same value twice
+ * is one that it had.
+ */
+static u64 read_counter(const u64 *counter)
+{
+	u64 value = READ_ONCE(*counter);
+	u64 again;
+
+	while (!IS_ENABLED(CONFIG_64BIT) && (again = READ_ONCE(*counter)) != value)
+		value = again;
+	return value;
+}
+
 struct usage {
 	u64 run;	   /* ns: on a CPU, exactly */
 	u64 user, system;  /* ns: as the clock tick found it */
@@ -318,8 +351,8 @@ struct usage {
 static void add_io(struct usage *usage, const struct task_io_accounting *io)
 {
 #ifdef CONFIG_TASK_IO_ACCOUNTING
-	usage->read += io->read_bytes;
-	usage->written += io->write_bytes;
+	usage->read += read_counter(&io->read_bytes);
+	usage->written += read_counter(&io->write_bytes);
 #endif
 }
 
@@ -343,9 +376,9 @@ static void read_usage(struct task_struct *task, struct usage *usage)
 		};
 		add_io(usage, &signal->ioac);
 		for_each_thread(task, thread) {
-			usage->run += thread->se.sum_exec_runtime;
-			usage->user += thread->utime;
-			usage->system += thread->stime;
+			usage->run += read_counter(&thread->se.sum_exec_runtime);
+			usage->user += read_counter(&thread->utime);
+			usage->system += read_counter(&thread->stime);
 			add_io(usage, &thread->ioac);
 		}
 	} while (read_seqretry(&signal->stats_lock, seq) && --tries > 0);
@@ -523,12 +556,13 @@ static int run_sampler(void *data)
 {
 	struct sampler *s = data;
 	ktime_t next = ktime_get();
-	u64 used = current->se.sum_exec_runtime; /* brought up to date while the thread sleeps */
-	bool write = false;			 /* the first sample has nothing to compare with */
+	const u64 *run_time = &current->se.sum_exec_runtime; /* up to date after a sleep */
+	u64 used = read_counter(run_time);
+	bool write = false; /* the first sample has nothing to compare with */
 
 	while (!kthread_should_stop()) {
 		const u64 period = NSEC_PER_SEC / clamp(READ_ONCE(rate), 1U, 1000U);
-		const u64 cost = current->se.sum_exec_runtime - used;
+		const u64 cost = read_counter(run_time) - used;
 
 		used += cost;
 		sample(s, write);
