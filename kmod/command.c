@@ -130,7 +130,7 @@ static void add_name(struct vestra_filter *filter, const char *name)
 	}
 	if (kept == VESTRA_FILTERS) {
 		kept--;
-		memmove(filter->names[0], filter->names[1], kept * sizeof(filter->names[0]));
+		memmove(filter->names, filter->names + 1, kept * sizeof(filter->names[0]));
 	}
 	memcpy(filter->names[kept], name, sizeof(filter->names[kept]));
 	filter->name_count = kept + 1;
