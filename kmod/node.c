@@ -14,6 +14,7 @@
 #include <linux/proc_fs.h>
 #include <linux/sysfs.h>
 #include <linux/uaccess.h>
+#include <linux/version.h>
 
 #include "command.h"
 #include "ring.h"
@@ -127,8 +128,13 @@ struct count_file {
 	size_t offset; /* of its number in struct counts */
 };
 
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 14, 0)
+static ssize_t show_count(const struct module_attribute *attribute, struct module_kobject *module,
+			  char *out)
+#else
 static ssize_t show_count(struct module_attribute *attribute, struct module_kobject *module,
 			  char *out)
+#endif
 {
 	const struct count_file *file = container_of(attribute, struct count_file, attribute);
 	struct counts counts;
