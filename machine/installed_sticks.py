@@ -69,6 +69,7 @@ def play(recorder, setting):
     links_lead_nowhere(recorder, directory)
 
     box.run('systemctl restart vestrad')
+    judge.expect(recorder.answers(), 'the daemon does not answer after a restart')  # it has looked for sticks before
     first = Stick(directory / 'first.img', 'FIRST', 16)
     second = Stick(directory / 'second.img', 'SECOND', 16, partitioned=False)
     box.plug(first)
