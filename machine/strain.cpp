@@ -7,12 +7,20 @@
 //                                          them again if there is no room for all; prints how many are left, and why
 //   strain names SECONDS                   a process that changes its name all the time, to any bytes
 //   strain spin MS                         works that long
+//   strain restless                        works most of the time, and sleeps for a moment a thousand times a second
+//   strain threads                         lets one thread after the other work for a while and end
+//   strain swapped MIB DISK                has so much swapped out, and reads from the disk all the time
 //   strain look FILE...                    prints files, each between two lines of its name and the clock's nanoseconds
 //   strain measured FILE COMMAND...        runs a command; writes its largest memory and its CPU time into the file
 //   strain fuzz SECONDS SEED               writes commands, nearly commands and noise into the node; prints how many
 //                                          were taken and refused; fails if an answer is neither
+//   strain read SECONDS SEED               reads the node with buffers of any size until it is gone; prints how many frames and
+//                                          blocks it got; fails if an answer is not whole frames and the empty one
+//   strain watch                           watches the node with epoll until it has been gone for two seconds
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -29,6 +37,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -123,6 +132,32 @@ int spin(int64_t milliseconds) {
     while (now_ns() < end) {
     }
     return 0;
+}
+
+int restless() {
+    for (;; usleep(1)) {
+        const int64_t end = now_ns() + 300'000;
+        while (now_ns() < end) {
+        }
+    }
+}
+
+int threads() {
+    for (;; usleep(20'000)) std::thread([] { spin(5); }).join();
+}
+
+int swapped(size_t mib, const char *disk) {
+    constexpr size_t kPage = 4096;
+    const size_t size = mib << 20;
+    void *memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    const int file = open(disk, O_RDONLY | O_DIRECT | O_CLOEXEC);
+    if (memory == MAP_FAILED || file < 0) return fail(disk);
+    auto *bytes = static_cast<volatile unsigned char *>(memory);
+    for (size_t at = 0; at < size; at += kPage) bytes[at] = 1;
+    if (madvise(memory, size, MADV_PAGEOUT) != 0) return fail("MADV_PAGEOUT");
+    alignas(kPage) std::array<char, kPage> page{};
+    while (read(file, page.data(), page.size()) > 0) usleep(50'000);
+    return fail(disk);
 }
 
 int look(int count, char **paths) {
@@ -226,6 +261,63 @@ int fuzz(int64_t seconds, unsigned seed) {
     return 0;
 }
 
+// True if the bytes are records, of which the last is the empty one; counts the others.
+bool is_block(const unsigned char *bytes, size_t size, long *frames) {
+    size_t at = 0;
+    while (size - at >= 4) {
+        uint32_t length = 0;
+        for (size_t i = 0; i < 4; ++i) length |= static_cast<uint32_t>(bytes[at + i]) << (8 * i);
+        at += 4;
+        if (length == 0) return at == size;
+        if (length > size - at) return false;
+        at += length;
+        ++*frames;
+    }
+    return false;
+}
+
+int read_node(int64_t seconds, unsigned seed) {
+    constexpr size_t kBlockMost = 131072;
+    constexpr size_t kFrameMost = 2500;  // bytes, about; buffers without room for that may be refused
+    constexpr unsigned char kUntouched = 0xee;
+    std::mt19937 random(seed);
+    std::vector<unsigned char> bytes(2 * kBlockMost + 1);
+    const int node = open(kNode, O_RDONLY | O_CLOEXEC);
+    if (node < 0) return errno == ENOENT ? 0 : fail(kNode);
+    const int64_t end = now_ns() + seconds * 1'000'000'000;
+    long frames = 0;
+    long blocks = 0;
+    while (now_ns() < end) {
+        const size_t room = random() % (random() % 2 == 0 ? 2 * kFrameMost : 2 * kBlockMost);
+        bytes[room] = kUntouched;
+        const ssize_t size = read(node, bytes.data(), room);
+        if (size < 0 && (errno == ENODEV || errno == EIO)) break;
+        if (size < 0 && errno == EINVAL && room < kFrameMost) continue;
+        const long before = frames;
+        if (size <= 0 || static_cast<size_t>(size) > kBlockMost || bytes[room] != kUntouched ||
+            !is_block(bytes.data(), static_cast<size_t>(size), &frames)) {
+            std::fprintf(stderr, "read %zd of %zu bytes (%s)\n", size, room, std::strerror(errno));
+            return 1;
+        }
+        blocks += frames > before ? 1 : 0;
+    }
+    std::printf("frames_read %ld\nblocks %ld\n", frames, blocks);
+    return 0;
+}
+
+int watch() {
+    const int node = open(kNode, O_RDONLY | O_CLOEXEC);
+    const int watching = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    if (node < 0 || watching < 0 || epoll_ctl(watching, EPOLL_CTL_ADD, node, &event) != 0) return fail(kNode);
+    std::puts("watching");
+    std::fflush(stdout);
+    while (access(kNode, F_OK) == 0) usleep(100'000);
+    sleep(2);
+    return close(watching);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -235,10 +327,18 @@ int main(int argc, char **argv) {
     if (what == "crowd") return crowd(number(2, 1));
     if (what == "swarm") return swarm(number(2, 1), number(3, 0));
     if (what == "spin") return spin(number(2, 1));
+    if (what == "restless") return restless();
+    if (what == "threads") return threads();
+    if (what == "swapped" && argc > 3) return swapped(static_cast<size_t>(number(2, 1)), argv[3]);
     if (what == "look") return look(argc - 2, argv + 2);
     if (what == "measured" && argc > 3) return measured(argv[2], argv + 3);
     if (what == "names") return names(number(2, 1));
     if (what == "fuzz") return fuzz(number(2, 1), static_cast<unsigned>(number(3, 1)));
-    std::fputs("usage: strain pingpong|crowd|swarm|spin|look|measured|names|fuzz ARGUMENT...\n", stderr);
+    if (what == "read") return read_node(number(2, 1), static_cast<unsigned>(number(3, 1)));
+    if (what == "watch") return watch();
+    std::fputs(
+        "usage: strain pingpong|crowd|swarm|spin|restless|threads|swapped|look|measured|names|fuzz|read|watch "
+        "ARGUMENT...\n",
+        stderr);
     return 2;
 }

@@ -16,7 +16,11 @@ def judge(judge):
     judge.expect(made >= WANTED, f'only {made:.0f} processes could be made')
     counts = judge.numbers('counts')
     judge.frames_add_up(counts)
-    rows = judge.table('processes', judge.results / 'blocks')
+    blocks = judge.results / 'blocks'
+    judge.clean(blocks)
+    frames = len(judge.table('frames', blocks))
+    judge.expect(frames == counts.get('frames_read'), f'{frames} frames were read, counted: {counts}')
+    rows = judge.table('processes', blocks)
     samples = Counter(row['time_ns'] for row in rows)
     most = max(samples.values(), default=0)
     pids = len({row['pid'] for row in rows})
