@@ -15,7 +15,8 @@ class Snapshot:
     def __init__(self, path):
         self.moments, self.took = {}, {}  # by the name of the file in /proc, for a process by its id
         self.names, self.ticks, self.resident = {}, {}, {}  # by the process's id
-        pieces = re.split(r'(?m)^(/proc/\S+) (\d+)\n', Path(path).read_text('latin1'))[1:]
+        self.of_process = {}  # by the process's id: the first word of each line of its status and io
+        pieces = re.split(r'(?m)^(/\S+) (\d+)\n', Path(path).read_text('latin1'))[1:]
         for name, before, text, _, after, _ in zip(*(pieces[i::6] for i in range(6))):
             name = name.removeprefix('/proc/')
             process = re.match(r'(\d+) \((.*)\) \S (.*)', text)
@@ -36,7 +37,14 @@ class Snapshot:
             user, nice, system, _, _, irq, softirq = (int(field) * TICKS / USER_HZ for field in fields['cpu'][:7])
             self.system = system + irq + softirq
             self.total = user + nice + self.system
+            # Of each processor: user, nice, system, idle, I/O wait, and times for interrupts.
+            self.processors = [[int(field) * TICKS / USER_HZ for field in fields[word][:7]] for word in sorted(fields)
+                               if re.fullmatch(r'cpu\d', word)]
             self.switches = int(fields['ctxt'][0])
+        elif name.endswith('counts/switches'):
+            self.counted = int(next(iter(fields)))
+        elif '/' in name:
+            self.of_process.setdefault(name.split('/')[0], {}).update((line[:-1], values[0]) for line, values in fields.items() if values)
         else:
             self.kib = {name[:-1]: int(values[0]) for name, values in fields.items()}
 
@@ -58,12 +66,14 @@ def in_stat(snapshots, value):
 
 
 def judge_processes(judge, rows, snapshots):
+    """For each process of whose stat there are looks. Returns its samples: moments and rows."""
+    all_samples = {}
     first, last = snapshots[0], snapshots[-1]
     for pid, name in last.names.items():
         begin, end = first.moments[pid], last.moments[pid]
         # Both times in /proc are rounded down, and a process may have run all the while that they were read.
         slack = 2 * TICKS / USER_HZ + 1 + TICKS * (first.took[pid] + last.took[pid]) / 2
-        samples = [(float(row['time_ns']) / 1e9, row) for row in rows if row['pid'] == pid]
+        samples = all_samples[pid] = [(float(row['time_ns']) / 1e9, row) for row in rows if row['pid'] == pid]
         judge.expect(samples, f'no sample of {name}')
         if not samples:
             continue
@@ -72,9 +82,10 @@ def judge_processes(judge, rows, snapshots):
         growth = last.ticks[pid] - first.ticks[pid]
         judge.close(f'{name}: CPU ticks', grown(ticks, begin, end), growth, 0.01, slack)
         judge.close(f'{name}: resident KiB', at(resident, end), last.resident[pid], 0.01, 300)
+    return all_samples
 
 
-def judge_vitals(judge, rows, snapshots):
+def judge_vitals(judge, rows, snapshots, processors=CORES):
     rows = [row for row in rows
             if snapshots[0].moments['stat'] + 1 < int(row['second']) < snapshots[-1].moments['stat'] - 1 and row['cpu_total']]
     judge.expect(len(rows) >= 3, 'fewer than three whole seconds of vitals')
@@ -83,7 +94,7 @@ def judge_vitals(judge, rows, snapshots):
     # A second's percentages end with its last sample, and begin with that of the second before.
     begin, end = int(rows[0]['second']) - 0.05, int(rows[-1]['second']) + 0.95
     inside = [snapshot for snapshot in snapshots if begin <= snapshot.moments['meminfo'] <= end]
-    percent = 100 / (TICKS * CORES * (end - begin))
+    percent = 100 / (TICKS * processors * (end - begin))
 
     def average(column):
         return sum(float(row[column]) for row in rows) / len(rows)

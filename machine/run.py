@@ -9,6 +9,7 @@ from pathlib import Path
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 import cost  # noqa: E402  (the path comes first)
+import figures  # noqa: E402
 import module  # noqa: E402
 import record  # noqa: E402
 import soak  # noqa: E402
@@ -27,7 +28,8 @@ GUEST = ROOT / 'machine/guest'
 #   ARCHITECTURES                the only ones that it is for
 #   add_files(files, place)      puts more into the guest's file system
 #   drive(machine)               works at the guest's console
-SCENARIOS = {'record': record, 'module': module, 'swarm': swarm, 'cost': cost, 'view': view, 'tests': tests, 'soak': soak}
+SCENARIOS = {'record': record, 'figures': figures, 'module': module, 'swarm': swarm, 'cost': cost, 'view': view, 'tests': tests,
+             'soak': soak}
 NAMED_ONLY = ('tests', 'soak')  # take long
 
 
