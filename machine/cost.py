@@ -8,6 +8,8 @@ PROCESSORS = 1
 OPTIONS = ('-icount', 'shift=0,sleep=off')
 CHAIN_MIB = 10
 SWITCHES = 10000  # a second
+PROBE_MOST = 200  # instructions of a switch
+MODULE_MOST = 1  # percent of a core
 
 
 def judge(judge):
@@ -30,6 +32,7 @@ def judge(judge):
         instructions = cost[f'{phase}_sampler_ns'] / cost[f'{phase}_samples']
         say(f'sampler: {instructions:.0f} instructions a sample {what}, {instructions * 20 / 1e7:.2f} % of a core')
     say(f'module at {SWITCHES} switches a second: {sampler + probe:.2f} % of a core')
+    judge.expect(0 < on - off <= PROBE_MOST and 0 < sampler + probe <= MODULE_MOST, 'the module costs more than it may')
     for phase in ('usual', 'full'):
         read = (cost[f'{phase}_bytes']) * messages / length
         say(f'daemon, {phase} input: {cost[f"{phase}_daemon_ns"] / cost[f"{phase}_ns"] * 100:.2f} % of a core, '
