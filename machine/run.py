@@ -103,6 +103,8 @@ def run(guest, name, minutes):
                 processors=getattr(scenario, 'PROCESSORS', 4), memory=getattr(scenario, 'MEMORY', 512),
                 options=getattr(scenario, 'OPTIONS', ()), drive=drive)
     judge = Judge(machine.results, ROOT / 'build/release/tools/vestra-dump', say)
+    judge.expect(judge.text('kernel.log'), 'the guest brought out no kernel log')
+    judge.expect('blocked for more than' not in judge.text('kernel.log'), 'the kernel has a task that hangs')
     scenario.judge(judge)
     for failure in judge.failures:
         say(f'FAILED: {failure}')
@@ -117,6 +119,7 @@ def main():
     parser.add_argument('scenario', nargs='*', help=f'without one: all but {" ".join(NAMED_ONLY)}')
     parser.add_argument('--minutes', type=int, default=60, help='of guest time, for soak (%(default)s)')
     parser.add_argument('--only', default='', help='for tests: a part of the names of the test programs to run')
+    parser.add_argument('--check', action='store_true', help='only look at the arguments')
     options = parser.parse_args()
     tests.only = options.only
     if options.machine.split('-')[0] not in KINDS:
@@ -124,6 +127,8 @@ def main():
     unknown = set(options.scenario) - set(SCENARIOS)
     if unknown:
         parser.error(f'no scenario {" ".join(sorted(unknown))}; there are: {" ".join(SCENARIOS)}')
+    if options.check:
+        return 0
     names = options.scenario or [name for name in SCENARIOS if name not in NAMED_ONLY]
     try:
         results = [run(options.machine, name, options.minutes) for name in names]
