@@ -99,6 +99,10 @@ class Box:
         """A file of the guest's, of a few megabytes at most."""
         return base64.b64decode(self.output(f'base64 {path}'))
 
+    def write(self, path, contents):
+        """Makes a file in the guest, of a hundred kilobytes at most."""
+        self.run(f'echo {base64.b64encode(contents).decode()} | base64 -d >{path}')
+
     def wait_for(self, command, limit=180):
         """Until a shell's condition holds in the guest. False if it does not within the limit."""
         script = (f'end=$(($(date +%s) + {limit})); '

@@ -9,6 +9,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 import installed  # noqa: E402  (the path comes first)
+import installed_autopkgtest  # noqa: E402
 import installed_cuts  # noqa: E402
 import installed_life  # noqa: E402
 import installed_sticks  # noqa: E402
@@ -23,7 +24,7 @@ from recorder import Recorder  # noqa: E402
 
 ROOT = Path(__file__).resolve().parents[1]
 SCENARIOS = {'stick': installed, 'sticks': installed_sticks, 'ways': installed_ways, 'life': installed_life,
-             'cuts': installed_cuts}
+             'autopkgtest': installed_autopkgtest, 'cuts': installed_cuts}
 USUAL = ('stick', 'sticks', 'ways', 'life')
 
 
