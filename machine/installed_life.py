@@ -86,9 +86,7 @@ def failed_upgrade(recorder):
 def removal(recorder, directory):
     box, judge = recorder.box, recorder.judge
     stick = Stick(directory / 'stick.img', 'STICK', 16)
-    box.plug(stick)
-    place = recorder.mounted()
-    judge.expect(place, 'the stick was not mounted')
+    place = recorder.plug(stick)
     result = box.run(f'{APT} remove vestrad', 900)
     judge.expect(result.status == 0, f'the removal failed: {result.output}{result.errors}')
     judge.expect(box.run(f'[ -e {place} ] || pidof vestrad').status != 0, f'removed, the daemon or {place} is still there')

@@ -6,9 +6,7 @@ DOD = 'issue_report_agent_DOD/Vestra'
 
 def dump_to(recorder, stick, what):
     """Plugs a stick, and presses the key until the daemon has found it and written to it. Returns where it was mounted."""
-    recorder.box.plug(stick)
-    place = recorder.mounted()
-    recorder.judge.expect(place, f'{what}: not mounted')
+    place = recorder.plug(stick)
     for press in ('first', 'second'):
         if not recorder.dump_by_key(f'{what}, {press} press'):
             break
@@ -33,8 +31,7 @@ def links_lead_nowhere(recorder, directory):
     (tree / DOD).symlink_to('/var/lib/elsewhere')
     stick = Stick(directory / 'links.img', 'LINKS', 16, tree=tree)
     box.run('mkdir /var/lib/elsewhere')
-    box.plug(stick)
-    place = recorder.mounted()
+    place = recorder.plug(stick)
     judge.expect(box.run(f'test -L {place}/{DOD} && touch {place}/beside').status == 0, 'the stick with a link is not there')
     written = box.run(f'touch {place}/{DOD}/dump; ls /var/lib/elsewhere').output
     judge.expect(not written, f'a link on a stick leads to other places of the machine: {written}')
@@ -72,8 +69,7 @@ def play(recorder, setting):
     judge.expect(recorder.answers(), 'the daemon does not answer after a restart')  # it has looked for sticks before
     first = Stick(directory / 'first.img', 'FIRST', 16)
     second = Stick(directory / 'second.img', 'SECOND', 16, partitioned=False)
-    box.plug(first)
-    place = recorder.mounted()
+    place = recorder.plug(first)
     box.plug(second)
     both = box.wait_for('[ $(grep -c " /run/media/vestra/" /proc/mounts) = 2 ]')
     judge.expect(both, 'not both sticks are mounted')

@@ -36,9 +36,7 @@ def history(recorder):
 def continuous(recorder, directory):
     box, judge = recorder.box, recorder.judge
     stick = Stick(directory / 'dod.img', 'DOD', 64)
-    box.plug(stick)
-    place = recorder.mounted()
-    judge.expect(place, 'the stick was not mounted')
+    place = recorder.plug(stick)
     box.run('systemctl restart vestrad')  # a stick that is there at the start is known
     judge.expect(recorder.answers(), 'the daemon does not answer after a restart')
     box.run('vestra-key set system/DOD/test_monitor 1')

@@ -42,10 +42,11 @@ class Recorder:
         self.judge.expect(done, f'{what}: the key was not handled; the journal ends with\n{self.journal("-n 20")}')
         return done
 
-    def mounted(self):
-        """Waits until a stick is mounted. Returns where, or an empty text."""
-        if not self.box.wait_for('grep -q " /run/media/vestra/" /proc/mounts'):
-            return ''
+    def plug(self, stick, *how):
+        """Plugs the stick, as Box.plug, and waits until one is mounted. Returns where, or an empty text and a failure."""
+        self.box.plug(stick, *how)
+        there = self.box.wait_for('grep -q " /run/media/vestra/" /proc/mounts')
+        self.judge.expect(there, f'{stick.path.name} was not mounted:\n{self.box.output("journalctl -b -n 30 --no-pager")}')
         return self.box.output("awk '$2 ~ \"^/run/media/vestra/\" { print $2 }' /proc/mounts").split('\n')[-1]
 
     def count(self, name):
