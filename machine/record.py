@@ -113,6 +113,9 @@ def judge_vitals(judge, rows, snapshots, processors=CORES):
         judge.close(f'CPU {column} %', average(f'cpu_{column}'), growth * percent, 0.01, 1.5)
     switches = grown(in_stat(snapshots, lambda s: s.switches), begin, end) / (end - begin)
     judge.close('context switches a second', average('context_switches'), switches, 0.1, 50)
+    judge.expect(inside, 'no look at meminfo in those seconds')
+    if not inside:
+        return
     for column, name in (('memory_free', 'MemFree'), ('memory_available', 'MemAvailable'), ('page_cache', 'Cached')):
         in_kernel = sum(snapshot.kib[name] for snapshot in inside) / len(inside)
         judge.close(f'{name} KiB', average(column), in_kernel, 0.01, 300)
