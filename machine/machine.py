@@ -85,8 +85,11 @@ class Machine:
             self._process.wait()
         if not done:
             raise MachineFailed(f'the guest ended before its end; see {self.directory}/serial.log and qemu.log')
-        with tarfile.open(self._disk) as archive:
-            archive.extractall(self.results)
+        try:
+            with tarfile.open(self._disk) as archive:
+                archive.extractall(self.results)
+        except tarfile.TarError as error:
+            raise MachineFailed(f'the results on the disk are not whole: {error}') from None
         self._disk.unlink()
 
     def connect(self, terminal):

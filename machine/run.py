@@ -16,6 +16,7 @@ import soak  # noqa: E402
 import swarm  # noqa: E402
 import tests  # noqa: E402
 import view  # noqa: E402
+from alone import alone  # noqa: E402
 from initramfs import Initramfs  # noqa: E402
 from judge import Judge  # noqa: E402
 from machine import KINDS, Machine, MachineFailed  # noqa: E402
@@ -131,8 +132,11 @@ def main():
         return 0
     names = options.scenario or [name for name in SCENARIOS if name not in NAMED_ONLY]
     try:
-        results = [run(options.machine, name, options.minutes) for name in names]
-    except MachineFailed as failure:
+        results = []
+        for name in names:
+            with alone(ROOT / 'build/machine' / options.machine / name):
+                results.append(run(options.machine, name, options.minutes))
+    except (MachineFailed, OSError) as failure:
         print(f'machine: {failure}', file=sys.stderr)
         return 1
     return 0 if all(results) else 1

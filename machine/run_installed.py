@@ -16,6 +16,7 @@ import installed_sticks  # noqa: E402
 import installed_ways  # noqa: E402
 import root_initramfs  # noqa: E402
 from agent import AgentFailed  # noqa: E402
+from alone import alone  # noqa: E402
 from box import Box  # noqa: E402
 from judge import Judge  # noqa: E402
 from machine import MachineFailed  # noqa: E402
@@ -43,9 +44,13 @@ class Setting:
         box.power_on(self.kernel, self.initramfs, drive or f'format=raw,snapshot=on,file={self.disk}')
 
 
-def run(architecture, name, options):
+def directory_of(name, options):
     # Cuts with several seeds may run side by side.
-    directory = ROOT / 'build/machine' / architecture / 'installed' / (name if options.seed == 1 else f'{name}-{options.seed}')
+    return ROOT / 'build/machine' / options.architecture / 'installed' / (name if options.seed == 1 else f'{name}-{options.seed}')
+
+
+def run(architecture, name, options):
+    directory = directory_of(name, options)
     shutil.rmtree(directory, ignore_errors=True)
     directory.mkdir(parents=True)
     begin = time.monotonic()
@@ -87,7 +92,15 @@ def main():
     unknown = set(options.scenario) - set(SCENARIOS)
     if unknown:
         parser.error(f'no scenario {" ".join(sorted(unknown))}; there are: {" ".join(SCENARIOS)}')
-    return 0 if all([run(options.architecture, name, options) for name in options.scenario or USUAL]) else 1
+    results = []
+    try:
+        for name in options.scenario or USUAL:
+            with alone(directory_of(name, options)):
+                results.append(run(options.architecture, name, options))
+    except (MachineFailed, OSError) as failure:
+        print(f'machine: {failure}', file=sys.stderr)
+        return 1
+    return 0 if all(results) else 1
 
 
 if __name__ == '__main__':
