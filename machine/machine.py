@@ -66,13 +66,13 @@ class Machine:
         self._qmp.unlink(missing_ok=True)
         with open(self._disk, 'wb') as disk:
             disk.truncate(RESULTS_SIZE)
-        # However this process ends, the machine ends with it.
+        # However this process ends, the machine ends with it. If the disk here is full, the guest goes on with an error instead of waiting.
         command = ['setpriv', '--pdeathsig', 'KILL', *self.kind.command, '-accel', self.kind.accelerator,
                    '-smp', str(processors), '-m', str(memory), '-nodefaults', '-display', 'none', '-no-reboot',
                    '-kernel', str(kernel), '-initrd', str(initramfs),
                    '-append', f'{self.kind.parameters} quiet panic=-1 oops=panic {parameters}',
                    '-chardev', 'stdio,id=serial,signal=off', '-serial', 'chardev:serial',
-                   '-drive', f'if=none,id=results,format=raw,file={self._disk.name}',
+                   '-drive', f'if=none,id=results,format=raw,werror=report,file={self._disk.name}',
                    '-device', f'{self.kind.disk},drive=results',
                    '-qmp', f'unix:{self._qmp.name},server=on,wait=off', *options]
         with open(self.directory / 'qemu.log', 'wb') as log:
@@ -131,16 +131,18 @@ class Machine:
 
     def _read_serial(self, lines):
         rest = b''
-        with open(self.directory / 'serial.log', 'wb') as log:
-            while chunk := self._process.stdout.read1():
-                log.write(chunk)
-                log.flush()
-                if terminal := self._terminal:
-                    terminal.sendall(chunk)
-                *whole, rest = (rest + chunk).split(b'\n')
-                for line in whole:
-                    lines.put(line.decode('latin1').strip())
-        lines.put(None)
+        try:
+            with open(self.directory / 'serial.log', 'wb') as log:
+                while chunk := self._process.stdout.read1():
+                    log.write(chunk)
+                    log.flush()
+                    if terminal := self._terminal:
+                        terminal.sendall(chunk)
+                    *whole, rest = (rest + chunk).split(b'\n')
+                    for line in whole:
+                        lines.put(line.decode('latin1').strip())
+        finally:  # also when the disk is full: nobody would read the line any more
+            lines.put(None)
 
     def _ask(self, command):
         """One QMP command. Returns its answer as a text; a machine that does not answer is no failure here."""

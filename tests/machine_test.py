@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""What interrupted runs of scripts/machine and those that run side by side leave. Nothing is emulated here."""
+"""What runs of scripts/machine do that are interrupted, run side by side or have no room. Nothing is emulated here."""
 import os
+import queue
 import shutil
 import subprocess
 import sys
@@ -12,14 +13,14 @@ ROOT = Path(__file__).resolve().parents[1]
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(ROOT / 'machine'))
 from alone import alone  # noqa: E402  (the path comes first)
-from machine import MachineFailed  # noqa: E402
+from machine import Machine, MachineFailed  # noqa: E402
 
 # They take what they find for a module.
 TOOLS = {'make': 'for word; do case $word in M=*) cat "${word#M=}"/*.c >"${word#M=}/orna_vestra_kmod.ko" ;; esac; done',
          'strip': 'while [ $# -gt 2 ]; do [ "$1" != -o ] || cp "$3" "$2"; shift; done'}
 
 
-class Machine(unittest.TestCase):
+class EmulatedMachine(unittest.TestCase):
     def setUp(self):
         directory = tempfile.TemporaryDirectory()
         self.addCleanup(directory.cleanup)
@@ -53,6 +54,15 @@ class Machine(unittest.TestCase):
                 shutil.rmtree(self.root)
         with alone(scenario):
             self.assertTrue(self.built.is_dir())
+
+    def test_a_full_disk_ends_the_run_at_once(self):
+        lines = queue.Queue()
+        machine = Machine('amd64', self.root)
+        with subprocess.Popen(['echo', 'a line'], stdout=subprocess.PIPE) as machine._process:
+            (self.root / 'serial.log').symlink_to('/dev/full')
+            with self.assertRaises(OSError):
+                machine._read_serial(lines)
+        self.assertIsNone(lines.get_nowait())
 
 
 if __name__ == '__main__':
