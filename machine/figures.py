@@ -5,6 +5,7 @@ LIMIT = 900  # seconds until the guest must be off
 PROCESSORS = 6
 MEMORY = 256
 SPAN = 28  # seconds that are compared, at least
+LOOKS = 5  # in these, at least; a machine that is too busy for them is no measure
 SLACK = 15  # ticks: /proc rounds each time of each processor
 SWAP_KIB = 20 << 10  # of one process
 LATE = 5  # ticks: a process is looked at a little after the sample's time
@@ -55,7 +56,9 @@ def judge(judge):
     snapshots = [Snapshot(path) for path in sorted((judge.results / 'proc').iterdir())]
     begin, end = snapshots[0].moments['stat'], snapshots[-1].moments['stat']
     judge.say(f'compared over {end - begin:.1f} s, {len(snapshots)} looks at /proc')
-    judge.expect(end - begin >= SPAN, 'too short')
+    judge.expect(end - begin >= SPAN and len(snapshots) >= LOOKS, 'too short, or too few looks')
+    if judge.failures:
+        return
     vitals = judge.table('vitals', blocks)
     judge_vitals(judge, vitals, snapshots, PROCESSORS)
     judge_cores(judge, list(core_counters(blocks.read_bytes())), snapshots)

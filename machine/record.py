@@ -100,25 +100,28 @@ def judge_vitals(judge, rows, snapshots, processors=CORES):
     judge.expect(len(rows) >= 3, 'fewer than three whole seconds of vitals')
     if not rows:
         return
-    # A second's percentages end with its last sample, and begin with that of the second before.
-    begin, end = int(rows[0]['second']) - 0.05, int(rows[-1]['second']) + 0.95
-    inside = [snapshot for snapshot in snapshots if begin <= snapshot.moments['meminfo'] <= end]
-    percent = 100 / (TICKS * processors * (end - begin))
+    # A second's percentages end with its last sample, and begin with that of the second before. A machine that the host stops for seconds
+    # has no sample in some; what the kernel counted in these does not belong into the comparison.
+    seconds = [(int(row['second']) - 0.05, int(row['second']) + 0.95) for row in rows]
+    inside = [snapshot for snapshot in snapshots if seconds[0][0] <= snapshot.moments['meminfo'] <= seconds[-1][1]]
+    judge.expect(inside, 'no look at /proc in the seconds that are compared')
+    if not inside:
+        return
+    percent = 100 / (TICKS * processors)
 
     def average(column):
         return sum(float(row[column]) for row in rows) / len(rows)
 
+    def in_kernel(value):
+        points = in_stat(snapshots, value)
+        return sum(grown(points, *second) for second in seconds) / len(seconds)
+
     for column in ('total', 'system'):
-        growth = grown(in_stat(snapshots, lambda s, column=column: getattr(s, column)), begin, end)
+        growth = in_kernel(lambda s, column=column: getattr(s, column))
         judge.close(f'CPU {column} %', average(f'cpu_{column}'), growth * percent, 0.01, 1.5)
-    switches = grown(in_stat(snapshots, lambda s: s.switches), begin, end) / (end - begin)
-    judge.close('context switches a second', average('context_switches'), switches, 0.1, 50)
-    judge.expect(inside, 'no look at meminfo in those seconds')
-    if not inside:
-        return
+    judge.close('context switches a second', average('context_switches'), in_kernel(lambda s: s.switches), 0.1, 50)
     for column, name in (('memory_free', 'MemFree'), ('memory_available', 'MemAvailable'), ('page_cache', 'Cached')):
-        in_kernel = sum(snapshot.kib[name] for snapshot in inside) / len(inside)
-        judge.close(f'{name} KiB', average(column), in_kernel, 0.01, 300)
+        judge.close(f'{name} KiB', average(column), sum(snapshot.kib[name] for snapshot in inside) / len(inside), 0.01, 300)
 
 
 def judge_dump(judge, dump):
