@@ -16,9 +16,9 @@ PARAMETERS = 'loglevel=5 systemd.show_status=1 mitigations=off panic=-1 oops=pan
 class Box:
     """`directory` gets serial.log, qemu.log, and in events what the guest writes to its port "vestra.events". No KVM."""
 
-    def __init__(self, architecture, directory, say, processors=1, memory=768):
+    def __init__(self, architecture, directory, say, memory=768):
         self.kind, self.directory, self.say = KINDS[architecture], Path(directory), say
-        self._processors, self._memory = processors, memory
+        self._memory = memory
         self._process = self._agent = self._qmp = None
         self.directory.mkdir(parents=True, exist_ok=True)
 
@@ -27,9 +27,9 @@ class Box:
         begin = time.monotonic()
         for name in ('agent', 'qmp'):
             (self.directory / name).unlink(missing_ok=True)
-        # However this process ends, the machine ends with it. A PS/2 keyboard would get the keys that are sent.
-        command = ['setpriv', '--pdeathsig', 'KILL', *self.kind.command, '-machine', 'i8042=off',
-                   '-accel', self.kind.accelerator, '-smp', str(self._processors), '-m', str(self._memory),
+        # However this process ends, the machine ends with it.
+        command = ['setpriv', '--pdeathsig', 'KILL', *self.kind.command, *self.kind.installed,
+                   '-accel', self.kind.accelerator, '-m', str(self._memory),
                    '-nodefaults', '-display', 'none', '-no-reboot',  # a kernel that panics would boot as if nothing had been
                    '-kernel', str(kernel), '-initrd', str(initramfs),
                    '-append', f'{self.kind.parameters} {PARAMETERS}',

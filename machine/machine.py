@@ -28,19 +28,23 @@ class Kind:
     parameters: str  # of the kernel
     disk: str
     library_directories: tuple
+    installed: tuple  # more options of qemu, for a machine with a system on its disk
 
 
 # qemu 7.2 with a thread for each processor may keep a breakpoint in its translation that the kernel sets and removes
 # while it switches a tracepoint: once in a few hundred switches, all x86 processors loop in the scheduler. With one
 # thread this has not been seen. A kernel that checks its timer panics where this machine is too busy to deliver it in time, and one that
-# waits 21 s for a processor calls it stalled.
+# waits 21 s for a processor calls it stalled. A PS/2 keyboard would get the keys that are sent. Debian's kernel for ARM has no addresses of
+# more than 32 bits, where qemu would put PCI.
 KINDS = {
     'amd64': Kind('release', ('qemu-system-x86_64', '-M', 'q35'), 'tcg,thread=single',
                   'console=ttyS0 no_timer_check rcupdate.rcu_cpu_stall_timeout=60', 'virtio-blk-pci',
-                  ('lib/x86_64-linux-gnu', 'usr/lib/x86_64-linux-gnu')),
+                  ('lib/x86_64-linux-gnu', 'usr/lib/x86_64-linux-gnu'),
+                  ('-machine', 'i8042=off', '-smp', '1')),
     'armhf': Kind('arm', ('qemu-system-arm', '-M', 'virt', '-cpu', 'cortex-a15'), 'tcg',
                   'console=ttyAMA0 rcupdate.rcu_cpu_stall_timeout=60', 'virtio-blk-device',
-                  ('lib/arm-linux-gnueabihf', 'usr/lib/arm-linux-gnueabihf')),
+                  ('lib/arm-linux-gnueabihf', 'usr/lib/arm-linux-gnueabihf'),
+                  ('-machine', 'highmem=off', '-smp', '4')),
 }
 
 

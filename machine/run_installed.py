@@ -19,7 +19,7 @@ from agent import AgentFailed  # noqa: E402
 from alone import alone  # noqa: E402
 from box import Box  # noqa: E402
 from judge import Judge  # noqa: E402
-from machine import MachineFailed  # noqa: E402
+from machine import KINDS, MachineFailed  # noqa: E402
 from qmp import QmpFailed  # noqa: E402
 from recorder import Recorder  # noqa: E402
 
@@ -80,8 +80,8 @@ def run(architecture, name, options):
 
 
 def main():
-    parser = argparse.ArgumentParser(prog='scripts/machine amd64 installed')
-    parser.add_argument('architecture', choices=['amd64'])
+    parser = argparse.ArgumentParser(prog='scripts/machine ARCHITECTURE installed')
+    parser.add_argument('architecture', choices=KINDS)
     parser.add_argument('--cuts', type=int, default=50, help='of the power, 50 without it')
     parser.add_argument('--looks', type=int, default=5, help='before each cut: what one would leave then, 5 without it')
     parser.add_argument('--seed', type=int, default=1, help='of the moments of the cuts, 1 without it')
