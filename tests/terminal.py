@@ -17,7 +17,8 @@ class Terminal:
         command = shlex.join(map(str, words)) + (f' <{stdin}' if stdin and ' ' not in stdin else '')
         if stdin and ' ' in stdin:
             command = f'{stdin} | {command}'
-        script = (f'export TERM={term} LC_ALL={locale}; before=$(stty -g); {command}; code=$?; '
+        # Ctrl-C is for the program, and not for the shell around it, which may end with it.
+        script = (f'trap : INT; export TERM={term} LC_ALL={locale}; before=$(stty -g); {command}; code=$?; '
                   'test "$before" = "$(stty -g)" && echo "ended $code, terminal as before"; sleep 600')
         self.tmux('-u', '-f', '/dev/null', 'new-session', '-d', '-x', columns, '-y', rows, script)
 
