@@ -11,7 +11,7 @@ STEPS = ('absurd buffers', 'loaded once', 'a buffer that is too small', 'fuzzed'
          'CPUs offline and back', '500 processes that end', 'loaded and unloaded')
 # What the kernel holds is looked at after 20 rounds and after the last.
 KIB_LEFT = 512
-OBJECTS_LEFT = 0.5  # for each round, in one slab cache
+OBJECTS_LEFT = 0.1  # for each round, in one slab cache
 
 
 def judge_fuzz(judge):
