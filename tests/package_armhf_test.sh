@@ -17,7 +17,7 @@ host=$(dpkg --print-architecture)
 for package in $(packages "$arm" armhf); do
     file=$(echo "$arm/${package}"_*_armhf.deb)
     diff <(names "$own/${package}"_*_"$host".deb) <(names "$file") >&2 || fail "$package depends on other packages than on this machine"
-    dpkg-deb -x "$file" "$work/root"
+    dpkg-deb -x "$file" "$work/tree"
 done
 
 programs=0
@@ -25,11 +25,11 @@ while read -r file; do
     [ "$(head -c 4 "$file" | tail -c 3)" = ELF ] || continue
     readelf -h "$file" | grep -q 'Version5 EABI, hard-float' || fail "$file is not for armhf: $(readelf -h "$file" | grep Flags)"
     programs=$((programs + 1))
-done < <(find "$work/root/usr/bin" "$work/root/usr/lib" -type f -not -path '*/debug/*')
+done < <(find "$work/tree/usr/bin" "$work/tree/usr/lib" -type f -not -path '*/debug/*')
 [ $programs -ge 7 ] || fail "only $programs programs and libraries"
 
 "$here/../scripts/arm-sysroot" "$here/../build/arm-sysroot"
-run() { qemu-arm -L "$here/../build/arm-sysroot" "$work/root/usr/bin/$1" "${@:2}"; }
+run() { qemu-arm -L "$here/../build/arm-sysroot" "$work/tree/usr/bin/$1" "${@:2}"; }
 mkdir "$work/own"
 dpkg-deb -x "$own"/vestra-tools_*_"$host".deb "$work/own"
 for command in info 'csv --processes' json; do
