@@ -12,28 +12,28 @@ for driver in DRIVERS; do /bin/busybox insmod /$driver.ko; done
 until [ -b /dev/vda ]; do /bin/busybox sleep 0.1; done
 '''
 # Starts the disk's init. Read-only, as Debian mounts it: then systemd checks it before it is written to.
-BOOT = '''/bin/busybox mount -t ext4 -o ro /dev/vda /root
-exec /bin/busybox switch_root /root /sbin/init
+BOOT = '''/bin/busybox mount -t ext4 -o ro /dev/vda /disk
+exec /bin/busybox switch_root /disk /sbin/init
 '''
 # Runs /setup/run on the disk "system"; /setup is the disk "setup". The third one brings the results out.
 SETUP = '''/bin/busybox --install -s /bin
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root
 sleep 1
 system=$(findfs LABEL=system) setup=$(findfs LABEL=setup)
-mount -t ext4 $system /root
-mkdir -p /root/setup /root/proc /root/sys /root/dev
-mount -t ext4 -o ro $setup /root/setup
-mount -t proc proc /root/proc
-mount -t sysfs sys /root/sys
-mount -o bind /dev /root/dev
+mount -t ext4 $system /disk
+mkdir -p /disk/setup /disk/proc /disk/sys /disk/dev
+mount -t ext4 -o ro $setup /disk/setup
+mount -t proc proc /disk/proc
+mount -t sysfs sys /disk/sys
+mount -o bind /dev /disk/dev
 ln -s /proc/self/fd /dev/fd
-mount -t tmpfs tmp /root/tmp
+mount -t tmpfs tmp /disk/tmp
 done=
-chroot /root /bin/sh /setup/run && done=yes
-tar -cf /tmp/results.tar -C /root var/log
-for mounted in tmp dev sys proc setup; do umount /root/$mounted; done
-rmdir /root/setup
-umount /root || done=
+chroot /disk /bin/sh /setup/run && done=yes
+tar -cf /tmp/results.tar -C /disk var/log
+for mounted in tmp dev sys proc setup; do umount /disk/$mounted; done
+rmdir /disk/setup
+umount /disk || done=
 for disk in /dev/vd?; do [ $disk = $system ] || [ $disk = $setup ] || cat /tmp/results.tar >$disk; done
 [ -z "$done" ] || echo "RESULTS"
 poweroff -f
@@ -51,6 +51,6 @@ def make(kernel, system, target, end=BOOT):
     for driver, name in zip(drivers, names):
         files.file(f'/{name}.ko', modules / f'{driver}.ko')
     files.text('/init', (LOAD + end).replace('DRIVERS', ' '.join(names)).replace('RESULTS', DONE), 0o755)
-    for directory in ('/dev', '/root', '/tmp'):
+    for directory in ('/dev', '/disk', '/tmp'):
         files.directory(directory)
     files.write(target)
